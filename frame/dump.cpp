@@ -1,0 +1,122 @@
+// Hexadecimal and packet dumps, and the log file that takes the header line of a packet dump.
+#include <ctime>
+
+#include "frame/log.h"
+#include "platform/os.h"
+
+FILE *g_CloudTunnelLogFile = nullptr;
+
+namespace {
+
+char *g_log_path = nullptr;  // owned: the path last given to CLOUDMGR_debug_open_file
+
+constexpr size_t kBytesPerLine = 32;
+
+// put_hex writes "%02x " and its terminating zero.
+void put_hex(char *to, uint8_t byte) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    to[0] = kDigits[byte >> 4];
+    to[1] = kDigits[byte & 0xf];
+    to[2] = ' ';
+    to[3] = '\0';
+}
+
+void close_log_file() {
+    if (!g_CloudTunnelLogFile) return;
+    fclose(g_CloudTunnelLogFile);
+    g_CloudTunnelLogFile = nullptr;
+}
+
+void print_packet_header() {
+    struct timeval now = {};
+    cloudtunnel_timer_get_time(&now);
+    const time_t seconds = now.tv_sec;
+    struct tm local = {};
+    char date[64] = "";
+    tzset();
+    if (!localtime_r(&seconds, &local) || !asctime_r(&local, date)) date[0] = '\0';
+    os_strrtrim(date);
+
+    char header[256];
+    os_snprintf(header, sizeof header, "[%s][%06u][%s]: \n***************** Data *****************\n", date,
+                static_cast<unsigned>(now.tv_usec),
+                cloudmgr_debug_level_str[static_cast<int>(LogLevel::package_detail)]);
+    if (g_CloudTunnelLogFile)
+        fputs(header, g_CloudTunnelLogFile);
+    else
+        printf("%s", header);
+}
+
+void print_packet_hex(char *line, const uint8_t *data, size_t len) {
+    for (size_t i = 0; i < len; i++) {
+        const size_t column = i % kBytesPerLine;
+        put_hex(line + column * 3, data[i]);
+        if (column + 1 == kBytesPerLine || i + 1 == len) LOG(package_detail, "%s", line);
+    }
+}
+
+void print_packet_text(char *line, const uint8_t *data, size_t len) {
+    for (size_t i = 0; i < len; i++) line[i] = data[i] ? static_cast<char>(data[i]) : ' ';
+    line[len] = '\0';
+    LOG(package_detail, "%s", line);
+}
+
+}  // namespace
+
+void printHex(const uint8_t *data, uint32_t len) {
+    if (!log_on(LogLevel::init) || (!data && len)) return;
+    size_t size = 0;
+    if (__builtin_mul_overflow(static_cast<size_t>(len), 3U, &size) || __builtin_add_overflow(size, 64U, &size)) return;
+    const Owned<char> text(static_cast<char *>(os_alloc(size)));
+    if (!text) return;
+    for (size_t i = 0; i < len; i++) put_hex(text.get() + i * 3, data[i]);
+    LOG(init, "buffer len [%d] detail [%s]", static_cast<int>(len), text.get());
+}
+
+void CLOUDMGR_debug_PrintPkt(const uint8_t *data, size_t len) {
+    if (cloudmgr_debug_level < static_cast<int32_t>(LogLevel::package_detail) || !data || len == 0) return;
+    size_t size = 0;
+    if (__builtin_add_overflow(len, 128U, &size) || __builtin_mul_overflow(size, 2U, &size)) return;
+    const Owned<char> line(static_cast<char *>(os_alloc(size)));
+    if (!line) return;
+
+    print_packet_header();
+    print_packet_hex(line.get(), data, len);
+    LOG(package_detail, "***************** String *****************");
+    print_packet_text(line.get(), data, len);
+    LOG(package_detail, "***************** End *****************");
+}
+
+int CLOUDMGR_debug_open_file(const char *path) {
+    if (!path) return 0;
+    if (os_strcmp(g_log_path, path) != 0) {
+        os_free(g_log_path);
+        g_log_path = os_strdup(path);
+    }
+    close_log_file();
+    if (g_log_path) g_CloudTunnelLogFile = fopen(path, "w");
+    if (!g_CloudTunnelLogFile) {
+        LOG(init, "Open log file failed.");
+        return -1;
+    }
+    setvbuf(g_CloudTunnelLogFile, nullptr, _IOLBF, 0);
+    LOG(init, "Open log file %s.", g_log_path);
+    return 0;
+}
+
+void CLOUDMGR_debug_CloseFile(void) {
+    if (!g_CloudTunnelLogFile) return;
+    close_log_file();
+    os_free(g_log_path);
+    g_log_path = nullptr;
+}
+
+void CLOUDMGR_debug_Removefile(void) {
+    if (!g_CloudTunnelLogFile) return;
+    close_log_file();
+    remove(g_log_path);
+}
+
+void CLOUDMGR_debug_SetStdout(void) {
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+}

@@ -1,0 +1,17 @@
+#include "frame/json.h"
+
+#include <json-c/json.h>
+
+const char *cloudtunnel_json_ObjectToString(json_object *object) {
+    return object ? json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN) : nullptr;
+}
+
+json_object *cloudtunnel_json_StringToObject(const char *text) {
+    return text ? json_tokener_parse(text) : nullptr;
+}
+
+json_object *cloudtunnel_json_GetObject(json_object *object, const char *key) {
+    json_object *member = nullptr;
+    if (!object || !key || !json_object_object_get_ex(object, key, &member)) return nullptr;
+    return member;
+}

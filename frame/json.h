@@ -1,0 +1,15 @@
+// Null-safe wrappers around json-c.
+#pragma once
+
+struct json_object;
+
+// cloudtunnel_json_ObjectToString returns the object as text without blanks, which belongs to the object; null for
+// null.
+const char *cloudtunnel_json_ObjectToString(json_object *object);
+
+// cloudtunnel_json_StringToObject parses a text; the caller releases the object with json_object_put. Null when the
+// text is null or no JSON.
+json_object *cloudtunnel_json_StringToObject(const char *text);
+
+// cloudtunnel_json_GetObject returns the member `key`, which belongs to the object; null when there is none.
+json_object *cloudtunnel_json_GetObject(json_object *object, const char *key);
