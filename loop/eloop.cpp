@@ -1,0 +1,181 @@
+// The epoll instance and the table of registered sockets. An event finds its handler by the descriptor it carries, so a
+// socket deleted meanwhile is skipped, and nothing is touched after a handler has run: it may have ended the loop.
+#include <cstring>
+
+#include "frame/list.h"
+#include "frame/log.h"
+#include "platform/os.h"
+
+namespace {
+
+constexpr int32_t kSocketMax = 128;
+
+struct CLOUDMGR_ELOOP {
+    int32_t epfd;
+    pthread_mutex_t lock;  // guards the list and the count
+    cloudtunnel_link sockets;
+    int32_t count;
+    bool open;  // `epfd` is this loop's: a zeroed state must not close descriptor 0
+};
+
+CLOUDMGR_ELOOP g_loop = {};
+
+CLOUDMGR_ELOOP_SOCK *find_locked(int fd) {
+    for (auto &node : Each<CLOUDMGR_ELOOP_SOCK>(g_loop.sockets)) {
+        if (node.fd == fd) return &node;
+    }
+    return nullptr;
+}
+
+bool full() {
+    const Lock hold(g_loop.lock);
+    return g_loop.count >= kSocketMax;
+}
+
+void node_free(CLOUDMGR_ELOOP_SOCK *node) {
+    os_free(node->extra);
+    os_free(node);
+}
+
+// sock_insert puts a new node at the tail of the table; null without memory.
+CLOUDMGR_ELOOP_SOCK *sock_insert(int fd, const struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler,
+                                 void *extra) {
+    auto *node = static_cast<CLOUDMGR_ELOOP_SOCK *>(os_alloc(sizeof(CLOUDMGR_ELOOP_SOCK)));
+    if (!node) {
+        LOG(error, "Malloc fo sock node failed.");
+        return nullptr;
+    }
+    node->fd = fd;
+    node->handler = handler;
+    node->event = *event;
+    node->extra = extra;
+    const Lock hold(g_loop.lock);
+    list_append(g_loop.sockets, node->link);
+    g_loop.count++;
+    return node;
+}
+
+// sock_undo takes a node back that epoll refused. `extra` stays the caller's: the call fails as a whole.
+void sock_undo(CLOUDMGR_ELOOP_SOCK *node, int result) {
+    LOG(error, "Add socket to epoll error %d.", result);
+    const Lock hold(g_loop.lock);
+    cloudmgr_dl_list_del(&node->link);
+    os_free(node);
+    g_loop.count--;
+}
+
+}  // namespace
+
+int CLOUDMGR_eloop_init(void) {
+    for (auto &node : Each<CLOUDMGR_ELOOP_SOCK>(g_loop.sockets)) node_free(&node);
+    g_loop = {};
+    list_init(g_loop.sockets);
+    pthread_mutex_init(&g_loop.lock, nullptr);
+    g_loop.epfd = epoll_create(1);
+    if (g_loop.epfd < 0) {
+        LOG(error, "Create epoll failed.");
+        return -1;
+    }
+    g_loop.open = true;
+    LOG(event, "Create epoll ok, epoll fd %d.", g_loop.epfd);
+    return g_loop.epfd;
+}
+
+void CLOUDMGR_eloop_deinit(void) {
+    if (g_loop.open) close(g_loop.epfd);
+    {
+        const Lock hold(g_loop.lock);
+        for (auto &node : Each<CLOUDMGR_ELOOP_SOCK>(g_loop.sockets)) {
+            cloudmgr_dl_list_del(&node.link);
+            node_free(&node);
+            g_loop.count--;
+        }
+    }
+    pthread_mutex_destroy(&g_loop.lock);
+    g_loop = {};
+    LOG(init, "Deinit epoll ok.");
+}
+
+CLOUDMGR_ELOOP_SOCK *cloudmgr_eloop_get_sock(int fd) {
+    if (fd == -1) return nullptr;
+    const Lock hold(g_loop.lock);
+    return find_locked(fd);
+}
+
+int CLOUDMGR_eloop_sock_add(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler) {
+    if (!event || !handler) return -1;
+    if (full()) {
+        LOG(error, "Create socket failed, reach the max count.");
+        return -1;
+    }
+    CLOUDMGR_ELOOP_SOCK *node = sock_insert(fd, event, handler, nullptr);
+    if (!node) return -1;
+    const int result = epoll_ctl(g_loop.epfd, EPOLL_CTL_ADD, fd, event);
+    // Printed before the result is looked at, also for a call that failed: it says what epoll was asked, and the next
+    // line what became of it.
+    LOG(connect, "epoll_ctl Add socket %d to epoll %d ok.operation %d %d %d ", fd, g_loop.epfd, EPOLL_CTL_ADD,
+        static_cast<int>(event->events), event->data.fd);
+    if (result != 0) {
+        sock_undo(node, result);
+        return -1;
+    }
+    LOG(connect, "Add socket %d to epoll %d ok.", fd, g_loop.epfd);
+    return 0;
+}
+
+int CLOUDMGR_eloop_sock_addex(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler, void *extra) {
+    if (!event || !handler) return -1;
+    if (g_loop.count >= kSocketMax) {  // read without the lock: one 32-bit word, and the loop has one thread
+        LOG(error, "Create socket failed, reach the max count.");
+        return -1;
+    }
+    CLOUDMGR_ELOOP_SOCK *node = sock_insert(fd, event, handler, extra);
+    if (!node) return -1;
+    const int result = epoll_ctl(g_loop.epfd, EPOLL_CTL_ADD, fd, event);
+    if (result != 0) {
+        sock_undo(node, result);
+        return -1;
+    }
+    LOG(connect, "Add socket %d to epoll ok.", fd);
+    return 0;
+}
+
+int CLOUDMGR_eloop_sock_modify(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler) {
+    CLOUDMGR_ELOOP_SOCK *node = cloudmgr_eloop_get_sock(fd);
+    if (!node || !event || !handler) return -1;
+    node->handler = handler;
+    node->event = *event;
+    const int result = epoll_ctl(g_loop.epfd, EPOLL_CTL_MOD, fd, event);
+    if (result != 0) {
+        LOG(error, "Modify socket %d to epoll error %d.", fd, result);
+        return -1;
+    }
+    LOG(connect, "Modify socket %d  to %d ok.", fd, g_loop.epfd);
+    return 0;
+}
+
+int CLOUDMGR_eloop_sock_del(int fd) {
+    if (fd == -1) return -1;
+    CLOUDMGR_ELOOP_SOCK *node = nullptr;
+    {
+        const Lock hold(g_loop.lock);
+        node = find_locked(fd);
+        if (!node) return -1;
+        cloudmgr_dl_list_del(&node->link);
+        g_loop.count--;
+    }
+    if (epoll_ctl(g_loop.epfd, EPOLL_CTL_DEL, fd, &node->event) != 0)
+        LOG(error, "Del socket %d from epoll failed.", fd);
+    else
+        LOG(connect, "Del socket %d from epoll ok.", fd);
+    node_free(node);
+    return 0;
+}
+
+int CLOUDTUNNEL_EPOLL_HandleMsg(int epfd) {
+    struct epoll_event event = {};
+    const int ready = epoll_wait(epfd, &event, 1, 0);
+    if (ready <= 0) return ready;
+    const CLOUDMGR_ELOOP_SOCK *node = cloudmgr_eloop_get_sock(event.data.fd);
+    return node ? node->handler(&event, node->fd) : 0;
+}
