@@ -1,0 +1,224 @@
+#include "conn/connection.h"
+
+#include <cstring>
+
+#include "conn/url.h"
+#include "frame/list.h"
+#include "frame/log.h"
+#include "platform/os.h"
+
+static_assert(offsetof(cloudtunnel_connect_node, connectedCallback) == 16 &&
+              offsetof(cloudtunnel_connect_node, modelName) == 40 && offsetof(cloudtunnel_connect_node, sock) == 76 &&
+              offsetof(cloudtunnel_connect_node, unclose) == 80 && offsetof(cloudtunnel_connect_node, buf) == 88 &&
+              offsetof(cloudtunnel_connect_node, bufLen) == 96 && offsetof(cloudtunnel_connect_node, ssl) == 104 &&
+              offsetof(cloudtunnel_connect_node, sslState) == 112 &&
+              offsetof(cloudtunnel_connect_node, delTimer) == 116 &&
+              offsetof(cloudtunnel_connect_node, connectTimer) == 120 &&
+              offsetof(cloudtunnel_connect_head, count) == 128 && offsetof(cloudtunnel_connect_head, lock) == 136);
+
+cloudtunnel_connect_head cloudtunnel_connectlist = {};
+
+namespace {
+
+ConnWatch *g_watches = nullptr;  // the innermost
+
+// conn_release frees a connection that is in no list any more.
+void conn_release(cloudtunnel_connect_node *node) {
+    ConnWatch::forget(node);
+    CLOUDMGR_ssl_Destory(node);
+    if (node->delTimer) cloudtunnel_timer_del(node->delTimer);
+    if (node->connectTimer) cloudtunnel_timer_del(node->connectTimer);
+    os_free(node->buf);
+    os_free(node);
+}
+
+void conn_unlink(cloudtunnel_connect_node *node) {
+    cloudmgr_dl_list_del(&node->link);
+    cloudtunnel_connectlist.count--;
+}
+
+// close_socket ends what lies under a connection that is gone.
+void close_socket(int sock, bool unclose) {
+    CLOUDMGR_eloop_sock_del(sock);
+    if (unclose) return;
+    LOG(connect, "Real close sock [%d] .", sock);
+    close(sock);
+}
+
+void set_timer(uint32_t *timer, uint32_t id) {
+    if (*timer) cloudtunnel_timer_del(*timer);
+    *timer = id;
+}
+
+}  // namespace
+
+ConnWatch::ConnWatch(cloudtunnel_connect_node *node) : node_(node), failure_(node->failureCallback), outer_(g_watches) {
+    os_strlcpy(model_, node->modelName, sizeof model_);
+    g_watches = this;
+}
+
+ConnWatch::~ConnWatch() {
+    g_watches = outer_;
+}
+
+void ConnWatch::forget(const cloudtunnel_connect_node *node) {
+    for (ConnWatch *watch = g_watches; watch; watch = watch->outer_) {
+        if (watch->node_ == node) watch->node_ = nullptr;
+    }
+}
+
+void ConnWatch::fail() {
+    if (node_) {
+        failure_ = node_->failureCallback;
+        CLOUDMGR_socket_closeBySock(node_->sock);
+    }
+    if (failure_) failure_(model_);
+}
+
+cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallbacks &callbacks) {
+    if (cloudtunnel_connectlist.count >= kConnectionMax) {
+        LOG(error, "Daemon socket connect reach max.");
+        return nullptr;
+    }
+    if (CLOUDMGR_socket_getCnctByModelName(model)) {
+        LOG(error, "Connect node of model [%s] is exist.", model);
+        return nullptr;
+    }
+    if (CLOUDMGR_socket_getCnctBySock(sock)) {
+        LOG(error, "Connect node of sock [%d] is exist", sock);
+        return nullptr;
+    }
+    auto *node = static_cast<cloudtunnel_connect_node *>(os_alloc(sizeof(cloudtunnel_connect_node)));
+    if (!node) {
+        LOG(error, "Malloc fo connect node failed.");
+        return nullptr;
+    }
+    node->connectedCallback = callbacks.connected;
+    node->failureCallback = callbacks.failure;
+    node->dataCallback = callbacks.data;
+    os_strlcpy(node->modelName, model, sizeof node->modelName);
+    node->sock = sock;
+    list_append(cloudtunnel_connectlist.head.link, node->link);
+    cloudtunnel_connectlist.count++;
+    LOG(connect, "Add socket connect node ok, model %s, socket %d.", node->modelName, sock);
+    return node;
+}
+
+void CLOUDMGR_socket_init(void) {
+    memset(&cloudtunnel_connectlist, 0, sizeof cloudtunnel_connectlist);
+    list_init(cloudtunnel_connectlist.head.link);
+    url_init();
+}
+
+void CLOUDMGR_socket_deinit(void) {
+    for (auto &node : Each<cloudtunnel_connect_node>(cloudtunnel_connectlist.head.link)) {
+        conn_unlink(&node);
+        conn_release(&node);
+    }
+    url_deinit();
+}
+
+cloudtunnel_connect_node *CLOUDMGR_socket_getCnctBySock(int sock) {
+    if (sock == -1) return nullptr;
+    for (auto &node : Each<cloudtunnel_connect_node>(cloudtunnel_connectlist.head.link)) {
+        if (node.sock == sock) return &node;
+    }
+    return nullptr;
+}
+
+cloudtunnel_connect_node *CLOUDMGR_socket_getCnctByModelName(const char *modelName) {
+    for (auto &node : Each<cloudtunnel_connect_node>(cloudtunnel_connectlist.head.link)) {
+        if (os_strcmp(node.modelName, modelName) == 0) return &node;
+    }
+    return nullptr;
+}
+
+const char *CLOUDMGR_socket_getModelNameBySock(int sock) {
+    const cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    return node ? node->modelName : nullptr;
+}
+
+int CLOUDMGR_socket_getSockByModelName(const char *modelName) {
+    const cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctByModelName(modelName);
+    return node ? node->sock : -1;
+}
+
+int CLOUDMGR_socket_connect_modify(int sock, cloudtunnel_data_fn *data, cloudtunnel_failure_fn *failure) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) {
+        LOG(error, "Modify socket connect node failed, sock %d.", sock);
+        return -1;
+    }
+    if (data) node->dataCallback = data;
+    if (failure) node->failureCallback = failure;
+    LOG(connect, "Modify socket connect node ok, sock %d.", sock);
+    return 0;
+}
+
+void CLOUDMGR_socket_connect_del(int sock) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return;
+    conn_unlink(node);
+    conn_release(node);
+    LOG(connect, "Del socket connect node ok, sock %d.", sock);
+}
+
+int CLOUDMGR_socket_closeBySock(int sock) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return 0;
+    const bool unclose = node->unclose != 0;
+    {
+        const Lock hold(cloudtunnel_connectlist.lock);
+        conn_unlink(node);
+    }
+    // Released outside the lock: this ends the TLS session, which writes to the socket.
+    conn_release(node);
+    LOG(connect, "Del socket connect node ok, sock %d.", sock);
+    close_socket(sock, unclose);
+    return 0;
+}
+
+int CLOUDMGR_socket_closeByModelName(const char *modelName) {
+    const cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctByModelName(modelName);
+    if (!node) return 0;
+    const int sock = node->sock;
+    const bool unclose = node->unclose != 0;
+    CLOUDMGR_socket_connect_del(sock);
+    close_socket(sock, unclose);
+    return 0;
+}
+
+void CLOUDMGR_socket_SetUnclose(int sock) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return;
+    node->unclose = 1;
+    LOG(connect, "Set sock [%d] unclose.", sock);
+}
+
+void CLOUDMGR_socket_ClearUnclose(int sock) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return;
+    node->unclose = 0;
+    LOG(connect, "Clear sock [%d] unclose.", sock);
+}
+
+uint32_t CLOUDMGR_socket_getDelTimerBySock(int sock) {
+    const cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    return node ? node->delTimer : 0;
+}
+
+int CLOUDMGR_socket_setDelTimerBySock(int sock, uint32_t timerId) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return -1;
+    set_timer(&node->delTimer, timerId);
+    return 0;
+}
+
+int cloudtunnel_socket_setConnectTimer(int sock, uint32_t timerId) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return -1;
+    set_timer(&node->connectTimer, timerId);
+    return 0;
+}
+
+void CLOUDMGR_v3_socketError(int) {}

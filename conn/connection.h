@@ -1,0 +1,47 @@
+// The table of connections. Only this room links, counts and frees them.
+#pragma once
+
+#include <cloudtunnel.h>
+
+constexpr uint32_t kConnectionMax = 1024;
+
+// What a new connection is made of.
+struct ConnCallbacks {
+    cloudtunnel_connected_fn *connected;
+    cloudtunnel_failure_fn *failure;
+    cloudtunnel_data_fn *data;
+};
+
+// conn_add puts a connection into the table; null, with the reason logged, when it has no place there.
+[[nodiscard]] cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallbacks &callbacks);
+
+// cloudtunnel_socket_setConnectTimer deletes the connect time-out that was set and stores the new id; 0 cancels. 0, or
+// -1 for an unknown socket.
+int cloudtunnel_socket_setConnectTimer(int sock, uint32_t timerId);
+
+// A connection kept in sight while something is called out that may close or replace it. Its name and failure callback
+// are copied for that case.
+class ConnWatch {
+  public:
+    explicit ConnWatch(cloudtunnel_connect_node *node);
+    ConnWatch(const ConnWatch &) = delete;
+    ConnWatch &operator=(const ConnWatch &) = delete;
+    ~ConnWatch();
+
+    // node is the connection, null when it is gone: another one may have its descriptor by now.
+    [[nodiscard]] cloudtunnel_connect_node *node() const { return node_; }
+    [[nodiscard]] const char *model() const { return model_; }
+
+    // fail closes the connection if it still stands, and tells its owner: the one whose failure callback stands in the
+    // node now, or stood there at first when the node is gone.
+    void fail();
+
+    // forget tells every watch that a node is about to be freed.
+    static void forget(const cloudtunnel_connect_node *node);
+
+  private:
+    cloudtunnel_connect_node *node_;
+    cloudtunnel_failure_fn *failure_;
+    char model_[33];
+    ConnWatch *outer_;
+};

@@ -1,0 +1,21 @@
+// Models: where each one's platform is, and what its connection carries.
+#pragma once
+
+#include <cloudtunnel.h>
+
+// The port that means a plain connection; every other port means TLS.
+constexpr uint16_t kPlainPort = 80;
+
+// cloudtunnel_socket_getUrlNodeByModelname returns the model's node, or null.
+cloudtunnel_url_node *cloudtunnel_socket_getUrlNodeByModelname(const char *model);
+
+// cloudtunnel_socket_getPortBySock returns the port of the model that owns connection `sock`; 80 when there is no such
+// connection or model, so that an unknown socket is treated as plain.
+uint16_t cloudtunnel_socket_getPortBySock(int sock);
+
+// url_put_data_type stores a model's data type without a word, to take a change back.
+void url_put_data_type(const char *model, uint32_t type);
+
+// url_init makes the table and the cache empty without freeing; url_deinit frees them.
+void url_init();
+void url_deinit();
