@@ -1,0 +1,97 @@
+// The close handshake (RFC 6455, section 7), which the modules drive.
+#include <cstring>
+
+#include "frame/log.h"
+#include "platform/os.h"
+#include "ws/frame_format.h"
+
+#include <cloudtunnel.h>
+
+const char closedstr[114] =
+    "A WebSocket text frame was received that could not be decoded to UTF-8 beause it contained invalid byte "
+    "sequences";
+
+namespace {
+
+constexpr size_t kStatusSize = 2;
+constexpr size_t kCloseBodyMax = 4096;
+constexpr int32_t kReasonMax = kCloseBodyMax - kStatusSize;
+constexpr int kSendAttempts = 100;
+constexpr uint64_t kCloseDelayMs = 1000;
+
+struct MsgFree {
+    void operator()(cloudmgr_ws_msg *msg) const { CLOUDMGR_ws_msg_destory(msg); }
+};
+using OwnedMsg = std::unique_ptr<cloudmgr_ws_msg, MsgFree>;
+
+// close_frame returns a close frame without a mask; null without memory.
+OwnedMsg close_frame(uint16_t status, const void *reason, size_t reason_length) {
+    uint8_t body[kCloseBodyMax] = {};
+    body[0] = static_cast<uint8_t>(status >> 8);
+    body[1] = static_cast<uint8_t>(status & 0xff);
+    if (reason_length) memcpy(body + kStatusSize, reason, reason_length);
+    OwnedMsg msg(CLOUDMGR_ws_msg_create());
+    if (!msg) return nullptr;
+    CLOUDMGR_ws_setoptcode(msg.get(), kOpcodeClose);
+    if (CLOUDMGR_ws_setbody(msg.get(), body, static_cast<int32_t>(kStatusSize + reason_length)) != 0) return nullptr;
+    return msg;
+}
+
+bool status_is_valid(int16_t status) {
+    return status == 0 || (status >= 1000 && status <= 1011) || status == 1015;
+}
+
+// read_status reads the status of a received close; false where it has none that is valid.
+bool read_status(const cloudmgr_ws_msg *msg, int16_t *status) {
+    if (!msg->body || msg->length < static_cast<int64_t>(kStatusSize)) return false;
+    *status = static_cast<int16_t>(msg->body[0] << 8 | msg->body[1]);
+    return status_is_valid(*status);
+}
+
+// answer sends a received close back and arms the timer that ends the connection. False: end it at once.
+bool answer(int sock, const char *model, const cloudmgr_ws_msg *msg, cloudtunnel_timer_fn *close_handler) {
+    int16_t status = 0;
+    if (!read_status(msg, &status)) return false;
+    const Owned<char> reason(os_strndup(reinterpret_cast<const char *>(msg->body) + kStatusSize,
+                                        static_cast<size_t>(msg->length) - kStatusSize));
+    if (!reason) return false;
+    LOG(connect, "[Model %s] rcv close msg, status %d, reason [%s].", model, status, reason.get());
+    Owned<int> block(static_cast<int *>(os_alloc(sizeof sock)));
+    if (!block) return false;
+    *block = sock;
+    CLOUDMGR_ws_CloseSend(sock, static_cast<uint16_t>(status), reason.get(),
+                          static_cast<int32_t>(os_strlen(reason.get())));
+    const int id = cloudtunnel_timer_add(0, 0, kCloseDelayMs, block.release(), close_handler);
+    if (id <= 0) return false;
+    CLOUDMGR_socket_setDelTimerBySock(sock, static_cast<uint32_t>(id));
+    return true;
+}
+
+}  // namespace
+
+int CLOUDMGR_ws_CloseSend(int sock, uint16_t status, const void *reason, int32_t reason_length) {
+    if (reason_length < 0 || reason_length > kReasonMax || (!reason && reason_length > 0)) return -1;
+    const OwnedMsg msg = close_frame(status, reason, static_cast<size_t>(reason_length));
+    if (!msg) return -1;
+    CLOUDMGR_ws_setmask(msg.get(), CLOUDMGR_ws_getMask());
+    CLOUDMGR_ws_send(sock, msg.get(), kSendAttempts);
+    LOG(connect, "[Socket %d]send close frame.", sock);
+    return 0;
+}
+
+void CLOUDMGR_ws_closed(int sock, uint16_t status) {
+    // No mask key is set: this close goes out unmasked under a header that says masked, as the platform knows it.
+    const OwnedMsg msg = close_frame(status, closedstr, os_strlen(closedstr));
+    if (!msg) return;
+    LOG(package, "Send websocket close msg.");
+    CLOUDMGR_ws_send(sock, msg.get(), kSendAttempts);
+}
+
+void CLOUDMGR_ws_CloseRcv(int sock, const cloudmgr_ws_msg *msg, cloudtunnel_timer_fn *close_handler) {
+    const char *model = CLOUDMGR_socket_getModelNameBySock(sock);
+    if (!model || !msg || !close_handler || CLOUDMGR_socket_getDelTimerBySock(sock) != 0) return;
+    if (answer(sock, model, msg, close_handler)) return;
+    LOG(connect, "[Model %s]Close socket %d.", model, sock);
+    int number = sock;
+    close_handler(0, &number);
+}
