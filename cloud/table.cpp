@@ -1,0 +1,131 @@
+#include "cloud/table.h"
+
+#include <iterator>
+
+#include "frame/list.h"
+#include "frame/log.h"
+#include "platform/os.h"
+
+static_assert(offsetof(cloudmgr_v3wscnct_node, connectedCallback) == 16 &&
+              offsetof(cloudmgr_v3wscnct_node, cloudModelName) == 40 &&
+              offsetof(cloudmgr_v3wscnct_node, deviceModelName) == 73 &&
+              offsetof(cloudmgr_v3wscnct_node, state) == 108 && offsetof(cloudmgr_v3wscnct_node, timerId) == 112 &&
+              offsetof(cloudmgr_v3wscnct_node, key) == 120);
+
+cloudmgr_v3wscnct_head wscnctlist = {};
+
+namespace {
+
+constexpr uint32_t kSetupMax = 32;
+
+struct StateRow {
+    SetupState state;
+    const char *name;
+};
+constexpr StateRow kStates[] = {
+    {.state = SetupState::init, .name = "WS_INIT"},
+    {.state = SetupState::handshake, .name = "WS_HANDSHAKE"},
+    {.state = SetupState::connect, .name = "WS_CONNECT"},
+};
+consteval bool rows_in_order() {
+    uint32_t at = 0;
+    for (const StateRow &row : kStates) {
+        if (static_cast<uint32_t>(row.state) != at++) return false;
+    }
+    return true;
+}
+static_assert(rows_in_order());
+
+void node_remove(cloudmgr_v3wscnct_node *node) {
+    cloudmgr_dl_list_del(&node->link);
+    os_free(node->key);
+    os_free(node);
+    wscnctlist.count--;
+}
+
+}  // namespace
+
+void CLOUDMGR_v3wscnct_init(void) {
+    wscnctlist = {};
+    list_init(wscnctlist.link);
+}
+
+void CLOUDMGR_v3wscnct_deinit(void) {
+    for (auto &node : Each<cloudmgr_v3wscnct_node>(wscnctlist.link)) node_remove(&node);
+}
+
+void CLOUDMGR_v3wscnct_node_del(const char *cloudModelName) {
+    cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeByName(cloudModelName);
+    if (!node) return;
+    char name[sizeof node->cloudModelName];
+    os_strlcpy(name, node->cloudModelName, sizeof name);
+    node_remove(node);
+    LOG(connect, "Del ws connect node ok, name %s.", name);
+}
+
+cloudmgr_v3wscnct_node *setup_add(const char *cloud_model, const char *device_model, const SetupCallbacks &callbacks) {
+    if (wscnctlist.count >= kSetupMax) {
+        LOG(error, "Daemon ws connect reach max.");
+        return nullptr;
+    }
+    if (setup_find_stored(cloud_model)) {
+        LOG(error, "Model %s ws connect is exist.", cloud_model);
+        return nullptr;
+    }
+    auto *node = static_cast<cloudmgr_v3wscnct_node *>(os_alloc(sizeof(cloudmgr_v3wscnct_node)));
+    if (!node) {
+        LOG(error, "Malloc fo ws connect node failed.");
+        return nullptr;
+    }
+    node->connectedCallback = callbacks.connected;
+    node->failureCallback = callbacks.failure;
+    node->receiveCallback = callbacks.receive;
+    os_strlcpy(node->cloudModelName, cloud_model, sizeof node->cloudModelName);
+    os_strlcpy(node->deviceModelName, device_model, sizeof node->deviceModelName);
+    list_append(wscnctlist.link, node->link);
+    wscnctlist.count++;
+    LOG(connect, "Add ws connect node ok,  cloud model [%s] dev model [%s].", node->cloudModelName,
+        node->deviceModelName);
+    return node;
+}
+
+cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeByName(const char *cloud_model) {
+    for (auto &node : Each<cloudmgr_v3wscnct_node>(wscnctlist.link)) {
+        if (os_strcmp(node.cloudModelName, cloud_model) == 0) return &node;
+    }
+    return nullptr;
+}
+
+cloudmgr_v3wscnct_node *setup_find_stored(const char *cloud_model) {
+    char stored[sizeof(cloudmgr_v3wscnct_node::cloudModelName)];
+    os_strlcpy(stored, cloud_model, sizeof stored);
+    return cloudmgr_v3wscnct_getNodeByName(stored);
+}
+
+cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeBySock(int sock) {
+    return cloudmgr_v3wscnct_getNodeByName(CLOUDMGR_socket_getModelNameBySock(sock));
+}
+
+uint32_t cloudmgr_v3wscnct_getTimerBySock(int sock) {
+    const cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
+    return node ? node->timerId : 0;
+}
+
+void cloudmgr_v3wscnct_setTimerBySock(int sock, uint32_t timer_id) {
+    cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
+    if (!node) return;
+    if (node->timerId != timer_id) cloudtunnel_timer_del(node->timerId);
+    node->timerId = timer_id;
+}
+
+void cloudmgr_v3wscnct_fsmTrigger(int sock) {
+    cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
+    if (!node || node->state + 1 >= std::size(kStates)) return;
+    const char *from = setup_state_name(node);
+    node->state++;
+    LOG(fsm, "[Model %s]v3 connect fsm trigger from [%s] to [%s].", node->cloudModelName, from, setup_state_name(node));
+}
+
+const char *setup_state_name(const cloudmgr_v3wscnct_node *node) {
+    return node->state < std::size(kStates) ? kStates[node->state].name : "";
+}
