@@ -1,0 +1,245 @@
+#include "client/daemon.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "client/wire.h"
+#include "frame/list.h"
+#include "frame/log.h"
+#include "loop/timer.h"
+#include "platform/os.h"
+
+int32_t g_iCloudClientReConnTimeFd = -1;
+
+namespace {
+
+constexpr char kDaemonPath[] = "/tmp/cloudmgr_subconn.sock";
+constexpr time_t kReplyTimeoutS = 20;
+constexpr uint64_t kReconnectMs = 10000;
+constexpr size_t kMessageMax = 2048;
+
+int g_own_fd = -1;  // the descriptor this room connected last: the exported one can be written by others
+
+bool reconnect_armed() {
+    return g_iCloudClientReConnTimeFd != -1 &&
+           timer_armed(static_cast<uint32_t>(g_iCloudClientReConnTimeFd), cloudtunnel_cl_reConnTimerProc);
+}
+
+// reconnect_disarm forgets the timer, and deletes it unless the id is another timer's by now.
+void reconnect_disarm() {
+    if (reconnect_armed()) cloudtunnel_timer_del(static_cast<uint32_t>(g_iCloudClientReConnTimeFd));
+    g_iCloudClientReConnTimeFd = -1;
+}
+
+// drop_forgotten_link closes a link that an earlier init made and a later one dropped from the event loop: nobody would
+// ever read it, and it would stand in the way of the reconnection.
+void drop_forgotten_link() {
+    if (g_iCloudClientConnFd == -1 || g_iCloudClientConnFd != g_own_fd) return;
+    if (cloudmgr_eloop_get_sock(g_iCloudClientConnFd)) return;
+    close(g_iCloudClientConnFd);
+    g_iCloudClientConnFd = g_own_fd = -1;
+}
+
+struct sockaddr_un address_of(const char *path, socklen_t *len) {
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    os_strlcpy(address.sun_path, path, sizeof address.sun_path);
+    *len = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + os_strlen(address.sun_path));
+    return address;
+}
+
+int call(int (*callback)(void)) {
+    return callback && callback() != 0 ? 1 : 0;
+}
+
+// A message as it was read. The zero byte behind it ends every text that its field does not end.
+union Message {
+    uint8_t bytes[kMessageMax + 1];
+    WireNotification notification;
+};
+
+// text_at returns the text that begins at a field. It ends at the first zero byte, in the field or behind it: a model's
+// name may be longer than its field.
+const char *text_at(const Message &message, size_t offset) {
+    return reinterpret_cast<const char *>(message.bytes + offset);
+}
+
+const char *model_of(const Message &message) {
+    return text_at(message, offsetof(WireNotification, model));
+}
+
+int take_tunnel_data(const Message &message) {
+    const char *model = model_of(message);
+    CLOUDTUNNEL_MODULE_NODE *module = cloudmgr_module_getmodNodeByName(model);
+    if (!module) {
+        LOG(error, "getmodNodeByName is NULL");
+        return 1;
+    }
+    CLOUDTUNNEL_MAIN_TUNNEL_INFO info = {};
+    memcpy(&info, message.notification.main_tunnel_info, sizeof info);
+    const char *cookie = text_at(message, offsetof(WireNotification, cookie));
+    cloudtunnel_dev_setMainTunnelInfo(&info, cookie);
+    // Older copies are not freed: modules read them without knowing when they change.
+    module->url_host = os_strdup(text_at(message, offsetof(WireNotification, url_host)));
+    module->url_path = os_strdup(text_at(message, offsetof(WireNotification, url_path)));
+    module->tunnel_value = message.notification.tunnel_value;
+    module->port = message.notification.port;
+    cloudmgr_v3_setTokenID(text_at(message, offsetof(WireNotification, token)));
+    cloudmgr_v3_setCookie(cookie);
+    LOG(event, "token %s cookie %s", CLOUDMGR_TUNNEL_GetToken(), cloudmgr_v3_getCookie());
+    CLOUDMGR_socket_urllist_set(model, module->url_host, module->url_path, CLOUDTUNNEL_DATATYPE_HTTP, module->port);
+    module = cloudmgr_module_getmodNodeByName(model);
+    if (!module) {
+        LOG(error, "pstModule == NULL");
+        return 1;
+    }
+    return call(module->tunnel_open_cb);
+}
+
+int take_notification(const Message &message) {
+    const uint32_t sub_type = message.notification.header.sub_type;
+    if (sub_type == kTunnelData) return take_tunnel_data(message);
+    if (sub_type != kTunnelClosed && sub_type != kThirdKind) return 0;
+    const CLOUDTUNNEL_MODULE_NODE *module = cloudmgr_module_getmodNodeByName(model_of(message));
+    if (!module) return 1;
+    return call(sub_type == kTunnelClosed ? module->tunnel_close_cb : module->tunnel_third_cb);
+}
+
+void take_message(const Message &message, size_t len) {
+    if (len < sizeof(WireHeader)) {
+        LOG(error, "[libcloudtunnel client] proc server send msg failed, datalen smaller than header size.");
+        return;
+    }
+    printHex(message.bytes, static_cast<uint32_t>(len));
+    const uint32_t type = message.notification.header.type;
+    int result = 0;
+    switch (type) {
+        case kTypeNotification:
+            result = take_notification(message);
+            break;
+        case kTypeRegistration:
+        case kTypeReserved:
+            break;
+        default:
+            LOG(error, "[libcloudtunnel client] unexcept msg type to proc");
+            break;
+    }
+    LOG(error, "[libcloudtunnel client] proc recv msg [type = 0x%x, ret = %ld].", type, static_cast<long>(result));
+}
+
+bool something_to_read(int fd) {
+    struct pollfd ready = {.fd = fd, .events = POLLIN, .revents = 0};
+    return poll(&ready, 1, 0) > 0;
+}
+
+// read_message reads once; again after EINTR, and after EAGAIN as long as there is something to read, so that a wake-up
+// for nothing does not spin.
+ssize_t read_message(int fd, Message *message) {
+    for (;;) {
+        const ssize_t got = recv(fd, message->bytes, kMessageMax, MSG_DONTWAIT);
+        if (got >= 0) return got;
+        if (errno == EINTR || (errno == EAGAIN && something_to_read(fd))) continue;
+        return got;
+    }
+}
+
+void link_broken() {
+    const int fd = g_iCloudClientConnFd;
+    if (CLOUDMGR_eloop_sock_del(fd) != 0) {
+        LOG(error, "[libcloudtunnel client] connect fd del from epoll failed when epoll err | hup.");
+        return;
+    }
+    close(fd);
+    g_iCloudClientConnFd = -1;
+    for (const auto &module : Each<CLOUDTUNNEL_MODULE_NODE>(cloudtunnel_module_list.link)) {
+        (void)call(module.tunnel_close_cb);
+        LOG(event, "[libcloudtunnel client]epoll error call tunnel_close_cb %s.", printable(module.name));
+    }
+    cloudtunnel_cl_startReconnect();
+    LOG(error, "[libcloudtunnel client] start reconnecting to server because epoll error.");
+}
+
+}  // namespace
+
+int cloudtunnel_cl_procServerMsg(const struct epoll_event *event, int fd) {
+    if (!event) return 0;
+    const uint32_t events = event->events;
+    Message message = {};
+    if (fd != g_iCloudClientConnFd)
+        LOG(error, "[libcloudtunnel client] the fd[%d] in epoll is not equal with connect fd[%d].", fd,
+            g_iCloudClientConnFd);
+    if (events & EPOLLIN) {
+        const ssize_t got = read_message(fd, &message);
+        if (got > 0) take_message(message, static_cast<size_t>(got));
+    }
+    // After the read: one event can bring the last message and the end of the link.
+    if (events & (EPOLLERR | EPOLLHUP)) link_broken();
+    return 0;
+}
+
+int cloudtunnel_cl_connect(const char *path) {
+    Fd fd(socket(AF_UNIX, SOCK_STREAM, 0));
+    if (fd.get() < 0) {
+        LOG(error, "[libcloudtunnel client] connect server error, create sock failed");
+        return 1;
+    }
+    socklen_t len = 0;
+    const struct sockaddr_un address = address_of(path, &len);
+    const struct timeval timeout = {.tv_sec = kReplyTimeoutS, .tv_usec = 0};
+    if (setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0) {
+        LOG(error, "[libcloudtunnel client] setsockopt error : %s", strerror(errno));
+        return 1;
+    }
+    if (connect(fd.get(), reinterpret_cast<const struct sockaddr *>(&address), len) != 0) {
+        LOG(error, "[libcloudtunnel client]connect kyrcloud error:%s\n", strerror(errno));
+        return 1;
+    }
+    struct epoll_event event = {};
+    event.events = EPOLLIN | EPOLLERR | EPOLLHUP;
+    event.data.fd = fd.get();
+    if (CLOUDMGR_eloop_sock_add(fd.get(), &event, cloudtunnel_cl_procServerMsg) != 0) {
+        LOG(error, "[libcloudtunnel client] client fd add socket eloop error\n");
+        return 1;
+    }
+    g_iCloudClientConnFd = g_own_fd = fd.release();
+    cloudtunnel_module_reg2Server();
+    return 0;
+}
+
+int cloudtunnel_cl_startReconnect() {
+    if (g_iCloudClientConnFd != -1) {
+        LOG(error, "[libcloudtunnel client] connection fd exist, no need reconnect.\n");
+        reconnect_disarm();
+        return 0;
+    }
+    if (reconnect_armed()) {
+        LOG(error, "[libcloudtunnel client] reconnection timer exist, no create new tiemr job.\n");
+        return 0;
+    }
+    g_iCloudClientReConnTimeFd = cloudtunnel_timer_add(0, 1, kReconnectMs, nullptr, cloudtunnel_cl_reConnTimerProc);
+    return g_iCloudClientReConnTimeFd == -1 ? 1 : 0;
+}
+
+int cloudtunnel_cl_reConnTimerProc(uint32_t, void *) {
+    const int result = cloudtunnel_cl_connect(kDaemonPath);
+    if (result != 0) return result;
+    reconnect_disarm();
+    return -1;
+}
+
+int CLOUDTUNNEL_client_Init(void) {
+    drop_forgotten_link();
+    if (cloudtunnel_cl_connect(kDaemonPath) == 0) return 0;
+    return cloudtunnel_cl_startReconnect() == 0 ? 0 : -1;
+}
+
+void CLOUDTUNNEL_client_Fini(void) {
+    reconnect_disarm();
+    if (g_iCloudClientConnFd == -1) return;
+    close(g_iCloudClientConnFd);
+    g_iCloudClientConnFd = g_own_fd = -1;
+}
