@@ -1,0 +1,42 @@
+# The library itself: one object library, linked as a shared and as a static one.
+find_package(OpenSSL REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(JSONC REQUIRED IMPORTED_TARGET json-c)
+
+add_library(cloudtunnel_objects OBJECT
+  platform/os.cpp
+  frame/list.cpp frame/log.cpp frame/dump.cpp frame/json.cpp frame/device.cpp frame/module.cpp frame/lifecycle.cpp
+  loop/clock.cpp loop/eloop.cpp loop/timer.cpp
+  conn/url.cpp conn/tls.cpp conn/connection.cpp conn/connect.cpp conn/send.cpp conn/receive.cpp conn/dispatch.cpp
+  http/message.cpp http/request.cpp http/response.cpp
+  ws/message.cpp ws/object.cpp ws/key.cpp ws/send.cpp ws/receive.cpp ws/close.cpp
+  cloud/table.cpp cloud/setup.cpp cloud/registration.cpp
+  client/link.cpp client/daemon.cpp)
+
+# OpenSSL 3 calls the SHA-1 functions deprecated; asking for the interface of 1.1 keeps both releases quiet.
+target_compile_definitions(cloudtunnel_objects PRIVATE OPENSSL_API_COMPAT=0x10100000L _GNU_SOURCE)
+target_include_directories(cloudtunnel_objects
+  PUBLIC ${PROJECT_SOURCE_DIR}/include
+  PRIVATE ${PROJECT_SOURCE_DIR})
+# No C++ run-time library on the device: no exceptions, no RTTI, no guarded statics.
+target_compile_options(cloudtunnel_objects PRIVATE
+  -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility=hidden -fvisibility-inlines-hidden)
+set_target_properties(cloudtunnel_objects PROPERTIES POSITION_INDEPENDENT_CODE ON)
+target_link_libraries(cloudtunnel_objects PRIVATE cloudtunnel_warnings OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
+
+add_library(cloudtunnel_static STATIC $<TARGET_OBJECTS:cloudtunnel_objects>)
+set_target_properties(cloudtunnel_static PROPERTIES OUTPUT_NAME cloudtunnel LINKER_LANGUAGE C)
+target_include_directories(cloudtunnel_static INTERFACE ${PROJECT_SOURCE_DIR}/include)
+target_link_libraries(cloudtunnel_static INTERFACE OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
+
+# Linked by the C compiler: a stray need for the C++ run-time library fails here (-z defs), not on the device. The
+# library's own calls stay inside it, whatever names the process that loads it defines.
+add_library(cloudtunnel SHARED $<TARGET_OBJECTS:cloudtunnel_objects>)
+set_target_properties(cloudtunnel PROPERTIES SOVERSION 1 VERSION ${PROJECT_VERSION} LINKER_LANGUAGE C)
+target_include_directories(cloudtunnel INTERFACE ${PROJECT_SOURCE_DIR}/include)
+target_link_libraries(cloudtunnel PRIVATE OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
+target_link_options(cloudtunnel PRIVATE -Wl,-Bsymbolic-functions -Wl,--as-needed)
+if(NOT CLOUDTUNNEL_SANITIZE)
+  target_link_options(cloudtunnel PRIVATE -Wl,-z,defs)
+endif()
+add_dependencies(cloudtunnel cloudtunnel_static)
