@@ -1,0 +1,104 @@
+#include "daemon.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include <unistd.h>
+
+#include "text.h"
+
+namespace sim {
+
+using Protocol = asio::local::stream_protocol;
+
+Daemon::Daemon(asio::io_context &io, const Timeline &timeline, Bell &bell, DaemonPolicy policy, std::string path)
+    : io_(io), timeline_(timeline), bell_(bell), policy_(std::move(policy)), path_(std::move(path)), acceptor_(io) {}
+
+void Daemon::start() {
+    remove_stale_file();
+    error_code error;
+    acceptor_.open(Protocol(), error);
+    if (!error) acceptor_.bind(Protocol::endpoint(path_), error);
+    if (!error) acceptor_.listen(asio::socket_base::max_listen_connections, error);
+    if (error) {
+        error_code ignored;
+        acceptor_.close(ignored);
+        throw std::runtime_error(cat("daemon cannot listen on ", path_, ": ", error.message()));
+    }
+    if (::stat(path_.c_str(), &own_file_) != 0) own_file_ = {};
+    timeline_.say("daemon", cat("listening on ", path_));
+    co_spawn(io_, accept(), asio::detached);
+}
+
+void Daemon::remove_stale_file() const {
+    struct stat file;
+    if (::lstat(path_.c_str(), &file) != 0) return;
+    if (!S_ISSOCK(file.st_mode)) throw std::runtime_error(cat(path_, " exists and is no socket"));
+    error_code error;
+    Protocol::socket probe(io_);
+    probe.connect(Protocol::endpoint(path_), error);
+    if (!error) throw std::runtime_error(cat("another daemon listens on ", path_));
+    if (error != asio::error::connection_refused) {
+        throw std::runtime_error(cat(path_, " cannot be probed: ", error.message()));
+    }
+    timeline_.say("daemon", cat("removing the stale socket file ", path_));
+    ::unlink(path_.c_str());
+}
+
+void Daemon::stop() {
+    if (!running()) return;
+    error_code ignored;
+    acceptor_.close(ignored);
+    for (const auto &link : links_) link->close_now();
+    struct stat file;
+    const bool own =
+        ::stat(path_.c_str(), &file) == 0 && file.st_ino == own_file_.st_ino && file.st_dev == own_file_.st_dev;
+    if (own) ::unlink(path_.c_str());
+    timeline_.say("daemon", "stopped");
+}
+
+awaitable<void> Daemon::accept() {
+    for (;;) {
+        error_code error;
+        Protocol::socket socket = co_await acceptor_.async_accept(asio::redirect_error(use_awaitable, error));
+        if (error == asio::error::operation_aborted) co_return;  // stopped; a new start accepts for itself
+        if (error) {
+            timeline_.say("daemon", cat("accept failed: ", error.message()));
+            co_return;
+        }
+        auto link = std::make_shared<DaemonLink>(io_, timeline_, bell_, policy_, std::move(socket), ++last_id_);
+        links_.push_back(link);
+        co_spawn(
+            io_,
+            [this, link]() -> awaitable<void> {
+                co_await link->run();
+                std::erase(links_, link);
+            },
+            asio::detached);
+    }
+}
+
+bool Daemon::has(const std::string &model) const {
+    return std::ranges::any_of(links_, [&](const auto &link) { return !link->ended() && link->has(model); });
+}
+
+bool Daemon::notify(const std::string &model, Notice notice) {
+    bool found = false;
+    for (const auto &link : links_) {
+        if (link->ended() || !link->has(model)) continue;
+        link->notify(model, notice);
+        found = true;
+    }
+    return found;
+}
+
+bool Daemon::idle() const {
+    return std::ranges::all_of(links_, [](const auto &link) { return link->ended() || link->idle(); });
+}
+
+void Daemon::tell_status() const {
+    timeline_.tell("status", running() ? cat("daemon: listening on ", path_) : "daemon: stopped");
+    for (const auto &link : links_) timeline_.tell("status", link->describe());
+}
+
+}  // namespace sim

@@ -1,0 +1,55 @@
+// The daemon: the unix socket that module processes connect to, and the links to them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <sys/stat.h>
+
+#include "daemon_link.h"
+
+namespace sim {
+
+class Daemon {
+  public:
+    Daemon(asio::io_context &io, const Timeline &timeline, Bell &bell, DaemonPolicy policy, std::string path);
+
+    // start listens. A socket file that nobody listens on is taken away first. Throws std::runtime_error when the
+    // daemon cannot listen.
+    void start();
+
+    // stop ends every link and removes the socket file, if it is still the daemon's own.
+    void stop();
+
+    [[nodiscard]] bool running() const { return acceptor_.is_open(); }
+
+    // has tells whether a connected module process has registered that model, or any for an empty text.
+    [[nodiscard]] bool has(const std::string &model) const;
+
+    // notify queues a notification to every module process that registered the model; false when there is none.
+    bool notify(const std::string &model, Notice notice);
+
+    // idle is true once all that was queued is written.
+    [[nodiscard]] bool idle() const;
+
+    // empty is true when no link is left.
+    [[nodiscard]] bool empty() const { return links_.empty(); }
+
+    void tell_status() const;
+
+  private:
+    awaitable<void> accept();
+    void remove_stale_file() const;
+
+    asio::io_context &io_;
+    const Timeline &timeline_;
+    Bell &bell_;
+    DaemonPolicy policy_;
+    std::string path_;
+    asio::local::stream_protocol::acceptor acceptor_;
+    struct stat own_file_ = {};
+    std::vector<std::shared_ptr<DaemonLink>> links_;
+    int last_id_ = 0;
+};
+
+}  // namespace sim

@@ -1,0 +1,194 @@
+#include "daemon_link.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "text.h"
+
+namespace sim {
+namespace {
+
+constexpr auto kQuiet = std::chrono::milliseconds(100);
+
+// A field need not end in a zero byte when a client is broken.
+template <std::size_t N>
+std::string field_text(const char (&field)[N]) {
+    return std::string(field, strnlen(field, N));
+}
+
+template <std::size_t N>
+void put_text(char (&field)[N], const std::string &text) {
+    text.copy(field, N - 1);  // the field was zeroed: its last byte ends the text
+}
+
+template <class Record>
+std::string bytes_of(const Record &record) {
+    return std::string(reinterpret_cast<const char *>(&record), sizeof record);
+}
+
+const char *notice_name(Notice notice) {
+    switch (notice) {
+        case Notice::tunnel_data:
+            return "tunnel data";
+        case Notice::closed:
+            return "closed notice";
+        case Notice::third:
+            return "third notice";
+    }
+    return "";
+}
+
+}  // namespace
+
+DaemonLink::DaemonLink(asio::io_context &io, const Timeline &timeline, Bell &bell, const DaemonPolicy &policy,
+                       Socket socket, int id)
+    : io_(io),
+      timeline_(timeline),
+      desk_bell_(bell),
+      policy_(policy),
+      socket_(std::move(socket)),
+      outbox_(io, bell),
+      pending_bell_(io),
+      id_(id) {}
+
+void DaemonLink::say(std::string_view what) const {
+    timeline_.say("daemon", what);
+}
+
+bool DaemonLink::has(const std::string &model) const {
+    return model.empty() ? !models_.empty() : std::ranges::find(models_, model) != models_.end();
+}
+
+std::string DaemonLink::describe() const {
+    std::string names;
+    for (const std::string &model : models_) names += cat(names.empty() ? "" : ", ", "'", model, "'");
+    return cat("link ", id_, ": modules ", names.empty() ? "none" : names);
+}
+
+awaitable<void> DaemonLink::run() {
+    say(cat("link ", id_, " opened by a module process"));
+    const auto self = shared_from_this();
+    co_spawn(
+        io_,
+        [self]() -> awaitable<void> {
+            try {
+                co_await self->outbox_.run([&](const std::string &bytes) -> awaitable<void> {
+                    co_await asio::async_write(self->socket_, asio::buffer(bytes), use_awaitable);
+                });
+            } catch (const system_error &) {
+                // The reader meets the same broken link.
+            }
+        },
+        asio::detached);
+    co_spawn(
+        io_, [self] { return self->send_notifications(); }, asio::detached);
+
+    std::string why = "closed by the module process";
+    try {
+        co_await read_registrations();
+        why = "closed: no registration, the bytes are of another kind";
+    } catch (const system_error &error) {
+        if (error.code() == asio::error::operation_aborted)
+            why = "closed by the daemon";
+        else if (error.code() != asio::error::eof)
+            why = cat("broken: ", error.code().message());
+    }
+    say(cat("link ", id_, " ", why));
+    close_now();
+}
+
+void DaemonLink::close_now() {
+    ended_ = true;
+    pending_.clear();
+    pending_bell_.ring();
+    outbox_.close();
+    error_code ignored;
+    socket_.close(ignored);
+    desk_bell_.ring();
+}
+
+awaitable<void> DaemonLink::read_registrations() {
+    std::string in;
+    std::array<char, 4096> area;
+    for (;;) {
+        const std::size_t size = co_await socket_.async_read_some(asio::buffer(area), use_awaitable);
+        in.append(area.data(), size);
+        for (; in.size() >= sizeof(WireRegistration); in.erase(0, sizeof(WireRegistration))) {
+            WireRegistration registration;
+            std::memcpy(&registration, in.data(), sizeof registration);
+            if (registration.header.type != kRegistrationType) co_return;
+            on_registration(registration);
+        }
+    }
+}
+
+void DaemonLink::on_registration(const WireRegistration &registration) {
+    const std::string model = field_text(registration.name);
+    say(cat("module '", printable(model), "' registered (sub-name '", printable(field_text(registration.sub_name)),
+            "')"));
+    if (model != field_text(registration.name_again)) {
+        say(cat("registration failed its check: the second name is '", printable(field_text(registration.name_again)),
+                "'"));
+    }
+    outbox_.post(bytes_of(WireReply{}));
+    last_traffic_ = Clock::now();
+
+    // The library announces all its modules again with each new one; only the first time is news.
+    if (!model.empty() && has(model)) return;
+    models_.push_back(model);
+    desk_bell_.ring();
+    const auto &served = policy_.models;
+    const bool known = served.empty() || std::ranges::find(served, model) != served.end();
+    if (!known)
+        say(cat("module '", printable(model), "' is none of the models served here"));
+    else if (policy_.announce)
+        notify(model, Notice::tunnel_data);
+}
+
+void DaemonLink::notify(const std::string &model, Notice notice) {
+    pending_.push_back({model, notice});
+    pending_bell_.ring();
+}
+
+awaitable<void> DaemonLink::send_notifications() {
+    const auto self = shared_from_this();
+    while (!ended_) {
+        const auto due = last_traffic_ + kQuiet;
+        if (pending_.empty()) {
+            co_await pending_bell_.wait();
+        } else if (Clock::now() < due) {
+            co_await pending_bell_.wait_until(due);
+        } else {
+            const Pending next = pending_.front();
+            pending_.pop_front();
+            outbox_.post(encode(next));
+            last_traffic_ = Clock::now();
+            const Offer &offer = policy_.offer;
+            const bool data = next.notice == Notice::tunnel_data;
+            say(cat(notice_name(next.notice), " sent to module '", printable(next.model), "'",
+                    data ? cat(": host ", offer.host, ", port ", offer.port, ", path ", offer.path) : ""));
+        }
+    }
+}
+
+std::string DaemonLink::encode(const Pending &pending) const {
+    WireNotification out;
+    out.header.notice = static_cast<std::uint32_t>(pending.notice);
+    put_text(out.model, pending.model);
+    if (pending.notice == Notice::tunnel_data) {
+        const Offer &offer = policy_.offer;
+        put_text(out.host, offer.host);
+        put_text(out.path, offer.path);
+        out.tunnel_value = offer.tunnel_value;
+        out.port = offer.port;
+        out.last_down_reason = offer.last_down.reason;
+        out.last_down_error_code = offer.last_down.error_code;
+        out.last_down_socket_errno = offer.last_down.socket_errno;
+        put_text(out.cookie, offer.cookie);
+        put_text(out.token, offer.token);
+    }
+    return bytes_of(out);
+}
+
+}  // namespace sim

@@ -1,0 +1,74 @@
+// One module process on the daemon's socket.
+//
+// The library waits for a reply after each registration, takes the next bytes for it whatever they are, and later takes
+// all that one read yields for one notification. So a reply goes out at once, and a notification only after the link
+// was quiet for a while: they never meet in one read, and no notification falls into a wait for a reply.
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bell.h"
+#include "daemon_wire.h"
+#include "offer.h"
+#include "outbox.h"
+#include "timeline.h"
+
+namespace sim {
+
+// What the daemon tells a link about itself; it outlives every link.
+struct DaemonPolicy {
+    const Offer &offer;
+    bool announce = true;             // send tunnel data to every model that registers
+    std::vector<std::string> models;  // the models that get tunnel data; empty: all
+};
+
+class DaemonLink : public std::enable_shared_from_this<DaemonLink> {
+  public:
+    using Socket = asio::local::stream_protocol::socket;
+
+    DaemonLink(asio::io_context &io, const Timeline &timeline, Bell &bell, const DaemonPolicy &policy, Socket socket,
+               int id);
+
+    // run serves the link until it ends; it throws nothing.
+    awaitable<void> run();
+
+    // notify queues a notification.
+    void notify(const std::string &model, Notice notice);
+
+    void close_now();
+
+    [[nodiscard]] bool has(const std::string &model) const;
+    [[nodiscard]] bool idle() const { return pending_.empty() && outbox_.empty(); }
+    [[nodiscard]] std::string describe() const;
+    [[nodiscard]] bool ended() const { return ended_; }
+
+  private:
+    struct Pending {
+        std::string model;
+        Notice notice;
+    };
+
+    awaitable<void> read_registrations();
+    awaitable<void> send_notifications();
+    void on_registration(const WireRegistration &registration);
+    [[nodiscard]] std::string encode(const Pending &pending) const;
+    void say(std::string_view what) const;
+
+    asio::io_context &io_;
+    const Timeline &timeline_;
+    Bell &desk_bell_;
+    const DaemonPolicy &policy_;
+    Socket socket_;
+    Outbox outbox_;
+    Bell pending_bell_;
+    std::deque<Pending> pending_;
+    std::vector<std::string> models_;  // in the order of their first registration
+    Clock::time_point last_traffic_ = Clock::now();
+    int id_;
+    bool ended_ = false;
+};
+
+}  // namespace sim

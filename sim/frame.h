@@ -1,0 +1,57 @@
+// WebSocket frames as the two ends of a tunnel write them.
+//
+// The platform writes RFC 6455. The library reads that and writes a dialect of its own:
+//   - a payload over 65535 bytes has length code 127, its length as 32 bits in bytes 2 to 5, and zeros in bytes 6 to 9;
+//   - the MASK bit is always set, also on a message that has no mask key. Then no key follows: the payload starts
+//     where the key would stand. The library's own close message is such a frame, a module may send others.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace sim {
+
+enum class Opcode : std::uint8_t { continuation = 0, text = 1, binary = 2, close = 8, ping = 9, pong = 10 };
+
+// opcode_name is the name of a known opcode, null for all others.
+const char *opcode_name(Opcode opcode);
+
+struct Frame {
+    bool fin = true;
+    Opcode opcode = Opcode::text;
+    bool keyless = false;  // read with the MASK bit and without a key
+    std::string payload;   // unmasked
+};
+
+enum class Key { follows, left_out };
+
+struct Decoded {
+    enum class Result { done, need_more, only_key_missing, bad };
+    Result result = Result::need_more;
+    std::size_t used = 0;         // done: bytes the frame took
+    const char *fault = nullptr;  // bad: what is wrong with it
+    Frame frame;
+};
+
+// decode_frame reads the library's dialect from the front of `in`. Whether a key follows the header cannot be seen in
+// the frame. Asked with Key::follows and given exactly the bytes of a frame without one, it answers only_key_missing:
+// more bytes may be on their way, or the frame is to be read with Key::left_out.
+Decoded decode_frame(std::string_view in, Key key);
+
+// encode_frame writes RFC 6455, masked with `mask` when there is one.
+std::string encode_frame(const Frame &frame, std::optional<std::array<unsigned char, 4>> mask = std::nullopt);
+
+// A close frame's body: a status in two big-endian bytes, then the reason. An empty body has no status.
+struct CloseBody {
+    std::optional<std::uint16_t> status;
+    std::string reason;
+};
+
+CloseBody decode_close(std::string_view payload);
+std::string encode_close(const CloseBody &body);
+
+}  // namespace sim

@@ -1,0 +1,79 @@
+// cloudtunnel-sim: the platform and the daemon on a desk. See --help.
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+
+#include "runner.h"
+#include "text.h"
+
+namespace sim {
+namespace {
+
+constexpr auto kFarewellTime = std::chrono::milliseconds(300);  // for closed connections to end their coroutines
+
+// Life is what can end the program from outside of its steps.
+int serve(Desk &desk, const Options &options) {
+    Runner runner(desk, options);
+    int status = 0;
+    const auto end = [&](int with) {
+        status = with;
+        desk.io.stop();
+    };
+    const auto cut_short = [&](const char *by) {
+        if (runner.running_steps()) complain(cat("ended by ", by, " before the last step"));
+        desk.timeline.say("sim", cat("ended by ", by));
+        end(runner.running_steps() ? 1 : 0);
+    };
+
+    asio::signal_set signals(desk.io, SIGINT, SIGTERM);
+    signals.async_wait([&](error_code cancelled, int) {
+        if (!cancelled) cut_short("a signal");
+    });
+    desk.start();  // from here on it can be seen, and so ended, from outside
+    asio::steady_timer life(desk.io, options.life);
+    life.async_wait([&](error_code cancelled) {
+        if (!cancelled) cut_short("--seconds");
+    });
+    co_spawn(desk.io, runner.run(), [&](std::exception_ptr failure, int with) {
+        if (failure) std::rethrow_exception(failure);
+        end(with);
+    });
+
+    desk.io.run();
+    desk.stop();
+    desk.io.restart();
+    const auto latest = Clock::now() + kFarewellTime;
+    while (!desk.empty() && desk.io.run_one_until(latest) > 0) {
+    }
+    return status;
+}
+
+int run(const std::vector<std::string> &arguments) {
+    const Options options = parse_options(arguments);
+    if (options.help) {
+        std::fputs(help_text().c_str(), stdout);
+        return 0;
+    }
+    if (options.version) {
+        std::puts("cloudtunnel-sim " CLOUDTUNNEL_SIM_VERSION);
+        return 0;
+    }
+    Desk desk(options);
+    return serve(desk, options);
+}
+
+}  // namespace
+}  // namespace sim
+
+int main(int argc, char **argv) {
+    try {
+        return sim::run({argv + 1, argv + argc});
+    } catch (const sim::BadOption &bad) {
+        sim::complain(bad.what());
+        return 2;
+    } catch (const std::exception &error) {
+        sim::complain(error.what());
+        return 1;
+    }
+}

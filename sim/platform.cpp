@@ -1,0 +1,103 @@
+#include "platform.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "certificate.h"
+#include "text.h"
+
+namespace sim {
+namespace {
+
+constexpr std::uint16_t kPlainPort = 80;  // the library speaks plain on this port and TLS on every other
+
+const char *tls_name(int version) {
+    return version == TLS1_3_VERSION ? "1.3" : "1.2";
+}
+
+}  // namespace
+
+Platform::Platform(const Surroundings &around, const PlatformOptions &options)
+    : around_(around), options_(options), acceptor_(around.io) {}
+
+std::uint16_t Platform::start() {
+    if (!options_.plain) {
+        SSL_CTX *const context = tls_.native_handle();
+        SSL_CTX_set_min_proto_version(context, options_.tls_min);
+        SSL_CTX_set_max_proto_version(context, options_.tls_max);
+        use_fresh_certificate(context, around_.offer.host);
+    }
+    error_code error;
+    const auto address = asio::ip::make_address(options_.address, error);
+    if (error) throw std::runtime_error(cat("'", options_.address, "' is not an IP address"));
+    const tcp::endpoint end(address, options_.port);
+    acceptor_.open(end.protocol(), error);
+    if (!error) acceptor_.set_option(asio::socket_base::reuse_address(true), error);
+    if (!error) acceptor_.bind(end, error);
+    if (!error) acceptor_.listen(asio::socket_base::max_listen_connections, error);
+    if (error) throw std::runtime_error(cat("platform cannot listen on ", end, ": ", error.message()));
+
+    const tcp::endpoint bound = acceptor_.local_endpoint();
+    const std::string how =
+        options_.plain ? "plain" : cat("TLS ", tls_name(options_.tls_min), " to ", tls_name(options_.tls_max));
+    around_.timeline.say("platform", cat("listening on ", bound, ", ", how));
+    if (options_.plain != (bound.port() == kPlainPort)) {
+        around_.timeline.say("platform", "note: the library speaks plain on port 80 and TLS on every other port");
+    }
+    co_spawn(around_.io, accept(), asio::detached);
+    return bound.port();
+}
+
+awaitable<void> Platform::accept() {
+    for (;;) {
+        error_code error;
+        tcp::socket socket = co_await acceptor_.async_accept(asio::redirect_error(use_awaitable, error));
+        if (!acceptor_.is_open()) co_return;
+        if (error) {
+            around_.timeline.say("platform", cat("accept failed: ", error.message()));
+            co_return;
+        }
+        socket.set_option(tcp::no_delay(true), error);  // a module waits for each of these frames
+        Stream stream = options_.plain ? Stream(std::move(socket)) : Stream(std::move(socket), tls_);
+        auto tunnel = std::make_shared<Tunnel>(around_, std::move(stream), ++last_id_);
+        tunnels_.push_back(tunnel);
+        co_spawn(
+            around_.io,
+            [this, tunnel]() -> awaitable<void> {
+                co_await tunnel->run();
+                std::erase(tunnels_, tunnel);
+            },
+            asio::detached);
+    }
+}
+
+void Platform::stop() {
+    error_code ignored;
+    acceptor_.close(ignored);
+    for (const auto &tunnel : tunnels_) tunnel->close_now();
+}
+
+std::shared_ptr<Tunnel> Platform::newest_open(const std::string &model) const {
+    for (auto i = tunnels_.rbegin(); i != tunnels_.rend(); ++i) {
+        if ((*i)->state() == Tunnel::State::open && (model.empty() || (*i)->model() == model)) return *i;
+    }
+    return nullptr;
+}
+
+std::shared_ptr<Tunnel> Platform::newest() const {
+    return tunnels_.empty() ? nullptr : tunnels_.back();
+}
+
+std::shared_ptr<Tunnel> Platform::find(int id) const {
+    const auto found = std::ranges::find_if(tunnels_, [id](const auto &tunnel) { return tunnel->id() == id; });
+    return found == tunnels_.end() ? nullptr : *found;
+}
+
+void Platform::tell_status() const {
+    error_code error;
+    const tcp::endpoint bound = acceptor_.local_endpoint(error);
+    around_.timeline.tell("status", error ? "platform: not listening" : cat("platform: listening on ", bound));
+    for (const auto &tunnel : tunnels_) around_.timeline.tell("status", tunnel->describe());
+}
+
+}  // namespace sim

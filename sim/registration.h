@@ -1,0 +1,24 @@
+// OPT1: the JSON text with which a tunnel registers, and the platform's answer to it.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "behaviour.h"
+#include "offer.h"
+
+namespace sim {
+
+struct Registration {
+    std::string model;         // the tunnel's cloud model name
+    std::string device_model;  // the module's name for itself
+    std::string serial;
+    std::vector<std::string> problems;  // all that is not as the library sends it for the offer; empty is good
+};
+
+Registration check_registration(const std::string &text, const Offer &offer);
+
+// registration_answer is the body of the answer: JSON, except where the behaviour wants it malformed.
+std::string registration_answer(const Behaviour &behaviour);
+
+}  // namespace sim

@@ -1,0 +1,46 @@
+// The bytes of one tunnel, over TLS or plain; the rest of the platform does not care which.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "asio.h"
+
+namespace sim {
+
+class Stream {
+  public:
+    explicit Stream(tcp::socket socket) : stream_(std::move(socket)) {}
+    Stream(tcp::socket socket, asio::ssl::context &context)
+        : stream_(std::in_place_type<Tls>, std::move(socket), context) {}
+
+    // handshake does the server's side of TLS and returns what was agreed; a plain stream has nothing to do.
+    awaitable<std::string> handshake();
+
+    // read waits for the next bytes. The end of the stream and every error come as system_error.
+    awaitable<std::string> read();
+
+    // write sends everything; over TLS one call with up to 16 KiB makes one record.
+    awaitable<void> write(std::string_view bytes);
+
+    // finish ends the stream politely: the TLS close alert, then the end of the TCP stream. It waits for the peer's own
+    // alert, so the caller bounds it with close.
+    awaitable<void> finish();
+
+    // close ends it at once. reset does too, and lets the peer see a TCP reset in place of an end.
+    void close();
+    void reset();
+
+    [[nodiscard]] std::string peer() const;
+
+  private:
+    using Tls = asio::ssl::stream<tcp::socket>;
+
+    tcp::socket &socket();
+    [[nodiscard]] const tcp::socket &socket() const;
+
+    std::variant<tcp::socket, Tls> stream_;
+};
+
+}  // namespace sim

@@ -1,0 +1,403 @@
+#include "tunnel.h"
+
+#include <algorithm>
+
+#include <openssl/rand.h>
+
+#include "registration.h"
+#include "text.h"
+#include "upgrade.h"
+
+namespace sim {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kSetUpTime = 60s;       // longer than the library waits for any step, so that its time-outs show
+constexpr auto kKeyTime = 500ms;       // a key that has not come by then was left out
+constexpr auto kModuleCloseTime = 3s;  // the library's close handler runs a second after the echo
+constexpr auto kFinishTime = 1s;       // for the peer's TLS close alert
+constexpr std::size_t kRequestMax = 65535;
+constexpr std::uint16_t kProtocolError = 1002;
+
+std::string show(const CloseBody &body) {
+    if (!body.status) return "no status";
+    return cat("status ", *body.status, ", reason '", printable(body.reason), "'");
+}
+
+std::string reason_of(const system_error &error) {
+    const error_code code = error.code();
+    if (code == asio::error::eof) return "connection closed by the module";
+    if (code == asio::ssl::error::stream_truncated) return "connection closed by the module, without a TLS close";
+    if (code == asio::error::connection_reset) return "connection reset by the module";
+    if (code == asio::error::operation_aborted) return "connection closed by the platform";
+    return cat("connection failed: ", code.message());
+}
+
+}  // namespace
+
+const char *state_name(Tunnel::State state) {
+    switch (state) {
+        case Tunnel::State::connecting:
+            return "connecting";
+        case Tunnel::State::registering:
+            return "registering";
+        case Tunnel::State::open:
+            return "open";
+        case Tunnel::State::closing:
+            return "closing";
+        case Tunnel::State::ended:
+            return "ended";
+    }
+    return "";
+}
+
+Tunnel::Tunnel(const Surroundings &around, Stream stream, int id)
+    : around_(around),
+      stream_(std::move(stream)),
+      outbox_(around.io, around.bell),
+      deadline_(around.io),
+      key_timer_(around.io),
+      id_(id) {}
+
+void Tunnel::say(std::string_view what) const {
+    around_.timeline.say(cat("tunnel ", id_), model_.empty() ? std::string(what) : cat("[", model_, "] ", what));
+}
+
+void Tunnel::become(State state) {
+    if (state_ != State::ended) state_ = state;
+    around_.bell.ring();
+}
+
+std::string Tunnel::describe() const {
+    return cat("tunnel ", id_, ": model ", model_.empty() ? "unknown" : cat("'", model_, "'"), ", ",
+               state_name(state_));
+}
+
+// The road of one tunnel.
+
+awaitable<void> Tunnel::run() {
+    const auto self = shared_from_this();
+    try {
+        say(cat("connected from ", stream_.peer()));
+        finish_within(kSetUpTime);
+        co_await open();
+        co_await read_frames();
+    } catch (const system_error &error) {
+        if (!in_.empty() && state_ != State::connecting && !drain(Key::left_out)) {
+            say(cat("left ", in_.size(), " bytes of an unfinished frame"));
+        }
+        if (ending_.empty()) ending_ = reason_of(error);
+    }
+    become(State::ended);
+    say(cat("ended: ", ending_));
+    deadline_.cancel();
+    key_timer_.cancel();
+    outbox_.close();
+    stream_.close();
+}
+
+awaitable<void> Tunnel::open() {
+    const std::string agreed = co_await stream_.handshake();
+    say(cat("TLS: ", agreed));
+    const std::string request = co_await read_request();
+    co_spawn(
+        around_.io,
+        [self = shared_from_this()]() -> awaitable<void> {
+            try {
+                co_await self->outbox_.run([&](const std::string &bytes) { return self->stream_.write(bytes); });
+                co_await self->stream_.finish();
+            } catch (const system_error &) {
+                // The reader meets the same broken stream and tells why.
+            }
+            self->stream_.close();
+        },
+        asio::detached);
+    answer_upgrade(request);
+}
+
+awaitable<std::string> Tunnel::read_request() {
+    for (;;) {
+        if (const auto end = in_.find("\r\n\r\n"); end != std::string::npos) {
+            std::string request = in_.substr(0, end + 4);
+            in_.erase(0, end + 4);
+            co_return request;
+        }
+        if (in_.size() > kRequestMax) {
+            say(cat("upgrade request failed its check: no end within ", kRequestMax, " bytes"));
+            throw system_error(asio::error::message_size);
+        }
+        in_ += co_await stream_.read();
+    }
+}
+
+void Tunnel::answer_upgrade(const std::string &text) {
+    const UpgradeRequest request = parse_upgrade(text);
+    const Behaviour &behaviour = around_.behaviour;
+    say(cat("upgrade request: ", printable(request.line), ", Host ", printable(request.header("Host"))));
+    const auto problems = check_upgrade(request, around_.offer);
+    for (const std::string &problem : problems) say(cat("upgrade request failed its check: ", problem));
+    if (problems.empty()) say("upgrade request checked: as expected");
+
+    int status = behaviour.answer_status;
+    if (!problems.empty() && !behaviour.lenient) {
+        status = 400;
+    } else if (behaviour.upgrade == UpgradeAnswer::silence) {
+        say("upgrade left without an answer");
+        return;
+    } else if (behaviour.upgrade == UpgradeAnswer::close) {
+        say("upgrade answered by closing the connection");
+        ending_ = "connection closed by the platform";
+        outbox_.close();
+        return;
+    }
+    const bool wrong = behaviour.upgrade == UpgradeAnswer::wrong_accept;
+    const std::string accept = accept_for(cat(wrong ? "wrong" : "", request.header("Sec-WebSocket-Key")));
+    outbox_.post(upgrade_answer(status, accept));
+    say(cat("upgrade answered: ", status_text(status), wrong ? ", with a wrong accept" : ""));
+    if (status == 101) {
+        become(State::registering);
+    } else {
+        become(State::closing);
+        finish_within(kModuleCloseTime);
+    }
+}
+
+awaitable<void> Tunnel::read_frames() {
+    for (;;) {
+        in_ += co_await stream_.read();
+        key_timer_.cancel();
+        if (state_ == State::connecting) {
+            say(cat("received ", in_.size(), " bytes where nothing was expected"));
+            in_.clear();
+        } else {
+            drain(Key::follows);
+        }
+    }
+}
+
+// drain handles every whole frame in hand; true when no byte is left.
+bool Tunnel::drain(Key key) {
+    while (!in_.empty() && state_ != State::ended) {
+        Decoded decoded = decode_frame(in_, key);
+        switch (decoded.result) {
+            case Decoded::Result::need_more:
+                return false;
+            case Decoded::Result::only_key_missing:
+                wait_for_key();
+                return false;
+            case Decoded::Result::bad:
+                in_.clear();
+                protocol_error(decoded.fault);
+                return true;
+            case Decoded::Result::done:
+                break;
+        }
+        in_.erase(0, decoded.used);
+        on_frame(std::move(decoded.frame));
+    }
+    return in_.empty();
+}
+
+void Tunnel::wait_for_key() {
+    key_timer_.expires_after(kKeyTime);
+    key_timer_.async_wait([self = shared_from_this(), size = in_.size()](error_code cancelled) {
+        if (!cancelled && self->in_.size() == size) self->drain(Key::left_out);
+    });
+}
+
+// What the module sends.
+
+void Tunnel::on_frame(Frame frame) {
+    if (frame.keyless) say(cat("read a ", opcode_name(frame.opcode), " frame that has the MASK bit and no key"));
+    if (frame.opcode == Opcode::close) {
+        on_close(frame);
+    } else if (state_ == State::registering) {
+        on_registration(frame);
+    } else if (frame.opcode == Opcode::ping) {
+        say(cat("received ping: '", printable(frame.payload), "'"));
+        post({.opcode = Opcode::pong, .payload = frame.payload});
+        say(cat("sent pong: '", printable(frame.payload), "'"));
+    } else if (frame.opcode == Opcode::pong) {
+        say(cat("received pong: '", printable(frame.payload), "'"));
+        pongs.push_back(std::move(frame.payload));
+        around_.bell.ring();
+    } else {
+        on_data(std::move(frame));
+    }
+}
+
+void Tunnel::on_registration(const Frame &frame) {
+    const Behaviour &behaviour = around_.behaviour;
+    if (frame.opcode != Opcode::text || !frame.fin) {
+        protocol_error(cat("expected OPT1 as one text frame, got a ", opcode_name(frame.opcode), " frame"));
+        return;
+    }
+    const Registration registration = check_registration(frame.payload, around_.offer);
+    model_ = printable(registration.model);
+    say(cat("OPT1 received: ", printable(frame.payload, 1000)));
+    for (const std::string &problem : registration.problems) say(cat("OPT1 failed its check: ", problem));
+    const bool good = registration.problems.empty();
+    if (good) {
+        say(cat("OPT1 checked: model '", model_, "', device model '", printable(registration.device_model),
+                "', serial number '", printable(registration.serial), "', token as handed out"));
+    }
+
+    if (behaviour.registration == RegistrationAnswer::silence) {
+        say("OPT1 left without an answer");
+        return;
+    }
+    if (behaviour.registration == RegistrationAnswer::close) {
+        say("OPT1 answered by closing the connection");
+        ending_ = "connection closed by the platform";
+        outbox_.close();
+        return;
+    }
+    Behaviour answering = behaviour;
+    if (!good && !behaviour.lenient) answering.ret_code = 1;
+    const bool binary = behaviour.registration == RegistrationAnswer::binary;
+    const std::string answer = registration_answer(answering);
+    post({.opcode = binary ? Opcode::binary : Opcode::text, .payload = answer});
+
+    const bool accepted = answering.ret_code == 0 && (answering.opt_type & 0xff) == 1 &&  // the library looks at 8 bits
+                          behaviour.registration == RegistrationAnswer::text;
+    say(cat("OPT1 answered: ", answer, binary ? " as a binary frame" : ""));
+    if (accepted) {
+        deadline_.cancel();
+        become(State::open);
+        say("registration accepted: the tunnel is up");
+    } else {
+        say("registration refused");
+        become(State::closing);
+        finish_within(kModuleCloseTime);
+    }
+}
+
+void Tunnel::on_data(Frame frame) {
+    if (state_ == State::closing) return;  // crossed our close on the way
+    if (frame.opcode == Opcode::continuation) {
+        if (!assembly_) return protocol_error("continuation without a first fragment");
+        assembly_->body += frame.payload;
+        fragments_++;
+    } else {
+        if (assembly_) return protocol_error("new message inside a fragmented one");
+        assembly_ = Message{frame.opcode, std::move(frame.payload)};
+        fragments_ = 1;
+    }
+    if (!frame.fin) return;
+
+    const Message &whole = *assembly_;
+    const char *kind = opcode_name(whole.opcode);
+    if (fragments_ > 1) {
+        say(cat("received fragmented ", kind, ": ", whole.body.size(), " bytes in ", fragments_, " fragments"));
+    } else {
+        say(cat("received ", kind, ": ", printable(whole.body)));
+    }
+    inbox.push_back(std::move(*assembly_));
+    assembly_.reset();
+    around_.bell.ring();
+}
+
+void Tunnel::on_close(const Frame &frame) {
+    if (close_received_) return;  // one is enough
+    close_received_ = decode_close(frame.payload);
+    say(cat("received close: ", show(*close_received_)));
+    if (!close_sent_) {
+        close_sent_ = CloseBody{.status = close_received_->status, .reason = {}};
+        post({.opcode = Opcode::close, .payload = encode_close(*close_sent_)});
+        say(cat("sent close: ", show(*close_sent_)));
+    }
+    say("close handshake done");
+    become(State::closing);
+    finish_within(kModuleCloseTime);
+}
+
+void Tunnel::protocol_error(const std::string &why) {
+    say(cat("protocol error: ", why));
+    if (ending_.empty()) ending_ = cat("protocol error: ", why);
+    if (!close_sent_) send_close({.status = kProtocolError, .reason = why});
+    outbox_.close();
+    finish_within(kFinishTime);
+}
+
+// What the platform sends.
+
+std::string Tunnel::encode(const Frame &frame) const {
+    if (!around_.behaviour.mask) return encode_frame(frame);
+    std::array<unsigned char, 4> key;
+    if (RAND_bytes(key.data(), static_cast<int>(key.size())) != 1) key = {0x12, 0x34, 0x56, 0x78};
+    return encode_frame(frame, key);
+}
+
+void Tunnel::post(const Frame &frame) {
+    outbox_.post(encode(frame));
+}
+
+void Tunnel::send_message(Opcode opcode, const std::string &body) {
+    post({.opcode = opcode, .payload = body});
+    say(cat("sent ", opcode_name(opcode), ": ", printable(body)));
+}
+
+void Tunnel::send_fragments(const std::string &body, std::size_t fragment_size) {
+    std::size_t at = 0;
+    int count = 0;
+    do {
+        const std::size_t size = std::min(fragment_size, body.size() - at);
+        post({.fin = at + size == body.size(),
+              .opcode = at == 0 ? Opcode::text : Opcode::continuation,
+              .payload = body.substr(at, size)});
+        at += size;
+        count++;
+    } while (at < body.size());
+    say(cat("sent fragmented text: ", body.size(), " bytes in ", count, " fragments"));
+}
+
+void Tunnel::send_burst(const std::vector<std::string> &bodies) {
+    std::string bytes;
+    for (const std::string &body : bodies) bytes += encode({.payload = body});
+    outbox_.post(bytes);
+    say(cat("sent burst: ", bodies.size(), " text frames in one write of ", bytes.size(), " bytes"));
+}
+
+void Tunnel::send_ping(const std::string &body) {
+    post({.opcode = Opcode::ping, .payload = body});
+    say(cat("sent ping: '", printable(body), "'"));
+}
+
+void Tunnel::send_close(const CloseBody &body) {
+    close_sent_ = body;
+    post({.opcode = Opcode::close, .payload = encode_close(body)});
+    say(cat("sent close: ", show(body)));
+    become(State::closing);
+}
+
+void Tunnel::send_raw(const std::string &bytes) {
+    outbox_.post(bytes);
+    say(cat("sent raw: ", bytes.size(), " bytes"));
+}
+
+void Tunnel::drop() {
+    say("dropping: TCP reset");
+    ending_ = "connection reset by the platform";
+    stream_.reset();
+}
+
+void Tunnel::close_now() {
+    if (ending_.empty()) ending_ = "connection closed by the platform";
+    outbox_.close();
+    stream_.close();
+}
+
+// finish_within lets the other side act first, then ends the tunnel from here.
+void Tunnel::finish_within(Clock::duration time) {
+    deadline_.expires_after(time);
+    deadline_.async_wait([self = shared_from_this()](error_code cancelled) {
+        if (cancelled || self->state_ == State::ended) return;
+        if (self->state_ == State::connecting || self->state_ == State::registering) {
+            self->say("still not registered: giving up");
+        }
+        self->close_now();
+    });
+}
+
+}  // namespace sim

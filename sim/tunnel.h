@@ -1,0 +1,112 @@
+// One tunnel on the platform's side: TLS, the upgrade, the registration, and frames both ways until it ends.
+//
+// A tunnel lives by itself: run() reads and reacts, the senders queue, and every change rings the desk's bell so that
+// whoever waits for something can look again.
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <optional>
+
+#include "behaviour.h"
+#include "frame.h"
+#include "offer.h"
+#include "outbox.h"
+#include "stream.h"
+#include "timeline.h"
+
+namespace sim {
+
+// What a tunnel needs of its surroundings; all of it outlives every tunnel.
+struct Surroundings {
+    asio::io_context &io;
+    const Timeline &timeline;
+    Bell &bell;
+    const Offer &offer;
+    const Behaviour &behaviour;
+};
+
+class Tunnel : public std::enable_shared_from_this<Tunnel> {
+  public:
+    enum class State {
+        connecting,   // TLS handshake and upgrade
+        registering,  // upgrade answered, OPT1 expected or refused
+        open,         // registration accepted
+        closing,      // close frame sent or received
+        ended,
+    };
+
+    // One message of the module, its fragments joined.
+    struct Message {
+        Opcode opcode;
+        std::string body;
+    };
+
+    Tunnel(const Surroundings &around, Stream stream, int id);
+
+    // run serves the tunnel until it ends; it throws nothing.
+    awaitable<void> run();
+
+    // The senders queue frames. Meant for an open tunnel; on an ended one they do nothing.
+    void send_message(Opcode opcode, const std::string &body);
+    void send_fragments(const std::string &body, std::size_t fragment_size);
+    void send_burst(const std::vector<std::string> &bodies);  // all frames in one write
+    void send_ping(const std::string &body);
+    void send_close(const CloseBody &body);
+    void send_raw(const std::string &bytes);
+
+    // drop resets the TCP connection.
+    void drop();
+
+    // close_now ends the connection without a word, for the end of the program.
+    void close_now();
+
+    [[nodiscard]] int id() const { return id_; }
+    [[nodiscard]] State state() const { return state_; }
+    [[nodiscard]] const std::string &model() const { return model_; }  // empty before OPT1
+    [[nodiscard]] const std::string &ending() const { return ending_; }
+    [[nodiscard]] const std::optional<CloseBody> &close_received() const { return close_received_; }
+    [[nodiscard]] bool written() const { return outbox_.empty(); }
+    [[nodiscard]] std::string describe() const;
+
+    std::deque<Message> inbox;      // messages nobody has taken yet
+    std::deque<std::string> pongs;  // bodies of pongs nobody has taken yet
+
+  private:
+    awaitable<void> open();
+    awaitable<std::string> read_request();
+    awaitable<void> read_frames();
+    void answer_upgrade(const std::string &request);
+    bool drain(Key key);
+    void wait_for_key();
+    void on_frame(Frame frame);
+    void on_registration(const Frame &frame);
+    void on_data(Frame frame);
+    void on_close(const Frame &frame);
+    void protocol_error(const std::string &why);
+    void post(const Frame &frame);
+    std::string encode(const Frame &frame) const;
+    void finish_within(Clock::duration time);
+    void become(State state);
+    void say(std::string_view what) const;
+
+    Surroundings around_;
+    Stream stream_;
+    Outbox outbox_;
+    asio::steady_timer deadline_;   // for the set-up, later for the end
+    asio::steady_timer key_timer_;  // runs while a frame is four bytes short of one with a key
+    int id_;
+    State state_ = State::connecting;
+    std::string model_;
+    std::string in_;  // bytes read and not yet decoded
+    std::optional<Message> assembly_;
+    int fragments_ = 0;
+    std::optional<CloseBody> close_sent_;
+    std::optional<CloseBody> close_received_;
+    std::string ending_;  // why it ended; the first reason stays
+};
+
+// state_name is the state in words.
+const char *state_name(Tunnel::State state);
+
+}  // namespace sim

@@ -1,0 +1,35 @@
+// The HTTP upgrade: what the library must ask for, and what the platform answers.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "offer.h"
+
+namespace sim {
+
+struct UpgradeRequest {
+    std::string line;  // the request line
+    std::vector<std::pair<std::string, std::string>> headers;
+
+    // header returns the value of the first header of that name, in any case; an empty text when there is none.
+    [[nodiscard]] std::string header(std::string_view name) const;
+};
+
+// parse_upgrade reads the text up to the empty line.
+UpgradeRequest parse_upgrade(std::string_view text);
+
+// check_upgrade lists all that is not as the library sends it for `offer`; an empty list is a good request.
+std::vector<std::string> check_upgrade(const UpgradeRequest &request, const Offer &offer);
+
+// accept_for makes the Sec-WebSocket-Accept value that belongs to a Sec-WebSocket-Key.
+std::string accept_for(std::string_view key);
+
+// status_text is the code with its usual words, "404 Not Found".
+std::string status_text(int status);
+
+// upgrade_answer writes the whole answer; `accept` goes into it only for status 101.
+std::string upgrade_answer(int status, std::string_view accept);
+
+}  // namespace sim

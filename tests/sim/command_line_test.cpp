@@ -1,0 +1,315 @@
+// The program's command line, its steps and its ways to end.
+#include <csignal>
+#include <fstream>
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "tests/sim/desk_module.h"
+#include "tests/sim/sim_process.h"
+
+using simtest::fresh_path;
+using simtest::lines;
+using simtest::SimProcess;
+using simtest::Wire;
+using Words = std::vector<std::string>;
+
+namespace {
+
+// A file that is removed with its test.
+struct ScriptFile {
+    explicit ScriptFile(const std::string &text) : path(fresh_path(".script")) { std::ofstream(path) << text; }
+    ~ScriptFile() { unlink(path.c_str()); }
+    std::string path;
+};
+
+// leave_socket_file binds a unix socket and goes away without removing it.
+void leave_socket_file(const std::string &path) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    close(fd);
+}
+
+}  // namespace
+
+TEST(sim_command_line, help_names_every_option_and_every_step) {
+    SimProcess sim({"--help"});
+    EXPECT_EQ(sim.finish(), 0);
+    EXPECT_EQ(sim.errors(), "");
+    for (const char *name : {"--address",
+                             "--port",
+                             "--plain",
+                             "--tls",
+                             "--upgrade",
+                             "--answer-status",
+                             "--opt1",
+                             "--ret-code",
+                             "--opt-type",
+                             "--lenient",
+                             "--mask",
+                             "--any-answer",
+                             "--no-platform",
+                             "--socket",
+                             "--announce",
+                             "--no-announce",
+                             "--models",
+                             "--no-daemon",
+                             "--host",
+                             "--path",
+                             "--token",
+                             "--cookie",
+                             "--tunnel-value",
+                             "--last-down",
+                             "--do",
+                             "--script",
+                             "--stay",
+                             "--timeout",
+                             "--seconds",
+                             "--quiet",
+                             "--version",
+                             "--help",
+                             "wait-module",
+                             "wait-tunnel",
+                             "wait-close",
+                             "use",
+                             "request",
+                             "binary",
+                             "requests",
+                             "large",
+                             "fragmented",
+                             "burst",
+                             "ping",
+                             "expect",
+                             "close",
+                             "close-frame",
+                             "drop",
+                             "raw",
+                             "tunnel",
+                             "closed",
+                             "third",
+                             "daemon stop",
+                             "daemon start",
+                             "daemon restart",
+                             "set",
+                             "sleep",
+                             "status",
+                             "help",
+                             "quit"}) {
+        EXPECT_NE(sim.output().find(std::string("\n  ") + name + " "), std::string::npos) << name;
+    }
+    EXPECT_NE(sim.output().find("Examples:"), std::string::npos);
+}
+
+TEST(sim_command_line, version_is_one_line) {
+    SimProcess sim({"--version"});
+    EXPECT_EQ(sim.finish(), 0);
+    EXPECT_EQ(lines(sim.output()), 1u);
+    EXPECT_EQ(sim.output().find("cloudtunnel-sim "), 0u);
+}
+
+TEST(sim_command_line, a_wrong_command_line_gets_one_line_and_status_2) {
+    const ScriptFile script("sleep 1\n\nnonsense\n");
+    const Words cases[] = {
+        {"--unknown"},
+        {"stray"},
+        {"-p", "1"},
+        {"--port"},
+        {"--port", "65536"},
+        {"--port", "-1"},
+        {"--port", "80x"},
+        {"--port", ""},
+        {"--plain=yes"},
+        {"--tls", "1.1"},
+        {"--tls", "1.3-1.2"},
+        {"--upgrade", "maybe"},
+        {"--answer-status", "99"},
+        {"--opt1", "maybe"},
+        {"--ret-code", "many"},
+        {"--opt-type", "2147483648"},
+        {"--socket", ""},
+        {"--socket", std::string(108, 'x')},
+        {"--host", std::string(128, 'x')},
+        {"--host", ""},
+        {"--path", "no-slash"},
+        {"--token", std::string(128, 'x')},
+        {"--cookie", std::string(128, 'x')},
+        {"--tunnel-value", "4294967296"},
+        {"--last-down", "1,2"},
+        {"--last-down", "1,2,x"},
+        {"--timeout", "0"},
+        {"--seconds", "0"},
+        {"--no-daemon", "--no-platform"},
+        {"--no-platform"},
+        {"--script", "/nonexistent/script"},
+        {"--script", script.path},
+        {"--do", "nonsense"},
+        {"--do", "request"},
+        {"--do", "quit now"},
+        {"--do", "requests many"},
+        {"--do", "burst 501"},
+        {"--do", "ping " + std::string(126, 'x')},
+        {"--do", "close 65536"},
+        {"--do", "close 1000 " + std::string(124, 'x')},
+        {"--do", "close-frame"},
+        {"--do", "raw 8"},
+        {"--do", "raw xy"},
+        {"--do", "set ret-code"},
+        {"--do", "set weather fine"},
+        {"--do", "daemon"},
+    };
+    for (const Words &words : cases) {
+        SimProcess sim(words);
+        EXPECT_EQ(sim.finish(), 2) << testing::PrintToString(words);
+        EXPECT_EQ(sim.errors().find("cloudtunnel-sim: "), 0u) << sim.errors();
+        EXPECT_EQ(lines(sim.errors()), 1u) << sim.errors();
+        EXPECT_EQ(sim.output(), "");
+    }
+}
+
+TEST(sim_command_line, a_bad_line_of_a_script_is_named_by_its_number) {
+    const ScriptFile script("sleep 1\n\nnonsense\n");
+    SimProcess sim({"--script", script.path});
+    EXPECT_EQ(sim.finish(), 2);
+    EXPECT_NE(sim.errors().find("line 3"), std::string::npos);
+}
+
+TEST(sim_command_line, steps_run_in_their_order_and_then_the_program_ends) {
+    const ScriptFile script("# a comment\n  sleep 1\nstatus\n");
+    SimProcess sim({"--do", "sleep 0", "--script", script.path, "--do", "sleep 2"});
+    EXPECT_TRUE(sim.wait_for("step      sleep 0"));
+    EXPECT_TRUE(sim.wait_for("step      sleep 1"));
+    EXPECT_TRUE(sim.wait_for("status    platform: listening on"));
+    EXPECT_TRUE(sim.wait_for("step      sleep 2"));
+    EXPECT_EQ(sim.finish(), 0);
+    EXPECT_EQ(sim.errors(), "");
+}
+
+TEST(sim_command_line, a_step_that_waits_in_vain_ends_the_program_with_one_line) {
+    SimProcess sim({"--timeout", "1", "--do", "wait-module base", "--do", "sleep 0"});
+    EXPECT_EQ(sim.finish(), 1);
+    EXPECT_EQ(sim.errors(),
+              "cloudtunnel-sim: step 'wait-module base' failed: waited 1 s for a module of model 'base'\n");
+    EXPECT_EQ(sim.output().find("sleep 0"), std::string::npos);
+}
+
+TEST(sim_command_line, steps_without_their_object_fail) {
+    const Words cases[] = {
+        {"--do", "request hello"},
+        {"--do", "requests 2"},
+        {"--do", "wait-close"},
+        {"--do", "use 7"},
+        {"--do", "drop"},
+        {"--do", "tunnel base"},
+        {"--do", "daemon start"},
+        {"--do", "closed base"},
+        {"--no-daemon", "--do", "daemon stop"},
+        {"--no-daemon", "--do", "wait-module"},
+        {"--no-platform", "--port", "1", "--do", "wait-tunnel"},
+    };
+    for (const Words &words : cases) {
+        SimProcess sim(words);
+        EXPECT_EQ(sim.finish(), 1) << testing::PrintToString(words);
+        EXPECT_EQ(lines(sim.errors()), 1u) << sim.errors();
+    }
+}
+
+TEST(sim_command_line, typed_steps_are_carried_out_until_quit) {
+    SimProcess sim({});
+    sim.type("help");
+    EXPECT_TRUE(sim.wait_for("quit"));
+    sim.type("status");
+    EXPECT_TRUE(sim.wait_for("status    daemon: listening on"));
+    sim.type("quit");
+    EXPECT_EQ(sim.finish(), 0);
+}
+
+TEST(sim_command_line, a_failed_step_from_a_pipe_ends_the_program) {
+    SimProcess sim({});
+    sim.type("nonsense");
+    EXPECT_EQ(sim.finish(), 1);
+    EXPECT_EQ(lines(sim.errors()), 1u);
+}
+
+TEST(sim_command_line, stay_takes_typed_steps_behind_those_of_the_command_line) {
+    SimProcess sim({"--do", "sleep 0", "--stay"});
+    EXPECT_TRUE(sim.wait_for("sleep 0"));
+    sim.type("quit");
+    EXPECT_EQ(sim.finish(), 0);
+}
+
+TEST(sim_command_line, quiet_shows_only_what_was_asked_for) {
+    SimProcess sim({"--quiet", "--do", "status"});
+    EXPECT_EQ(sim.finish(), 0);
+    EXPECT_EQ(lines(sim.output()), 2u) << sim.output();
+}
+
+TEST(sim_command_line, a_signal_ends_it_cleanly) {
+    for (const int number : {SIGTERM, SIGINT}) {
+        SimProcess sim({});
+        ASSERT_TRUE(sim.wait_for("daemon    listening on"));
+        EXPECT_EQ(access(sim.socket_path().c_str(), F_OK), 0);
+        sim.signal(number);
+        EXPECT_EQ(sim.finish(), 0);
+        EXPECT_NE(access(sim.socket_path().c_str(), F_OK), 0);
+    }
+}
+
+TEST(sim_command_line, a_signal_before_the_last_step_is_a_failure) {
+    SimProcess sim({"--do", "wait-module"});
+    ASSERT_TRUE(sim.wait_for("wait-module"));
+    sim.signal(SIGTERM);
+    EXPECT_EQ(sim.finish(), 1);
+    EXPECT_EQ(lines(sim.errors()), 1u);
+}
+
+TEST(sim_command_line, its_life_is_bounded) {
+    SimProcess sim({"--seconds", "1"});
+    EXPECT_TRUE(sim.wait_for("ended by --seconds"));
+    EXPECT_EQ(sim.finish(), 0);
+}
+
+TEST(sim_command_line, a_socket_file_nobody_listens_on_is_taken_away) {
+    const std::string path = fresh_path(".sock");
+    leave_socket_file(path);
+    SimProcess sim({"--socket", path, "--do", "status"});
+    EXPECT_EQ(sim.finish(), 0) << sim.errors();
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+}
+
+TEST(sim_command_line, a_socket_somebody_listens_on_stays) {
+    SimProcess first({});
+    ASSERT_TRUE(first.wait_for("daemon    listening on"));
+    SimProcess second({"--socket", first.socket_path()});
+    EXPECT_EQ(second.finish(), 1);
+    EXPECT_EQ(second.errors(), "cloudtunnel-sim: another daemon listens on " + first.socket_path() + "\n");
+    Wire link;
+    EXPECT_TRUE(link.connect_unix(first.socket_path()));
+}
+
+TEST(sim_command_line, a_file_that_is_no_socket_stays) {
+    const ScriptFile file("precious");
+    SimProcess sim({"--socket", file.path});
+    EXPECT_EQ(sim.finish(), 1);
+    EXPECT_EQ(lines(sim.errors()), 1u);
+    EXPECT_EQ(access(file.path.c_str(), F_OK), 0);
+}
+
+TEST(sim_command_line, a_port_in_use_is_told_in_one_line) {
+    SimProcess first({});
+    const std::string port = std::to_string(first.port());
+    SimProcess second({"--port", port});
+    EXPECT_EQ(second.finish(), 1);
+    EXPECT_EQ(lines(second.errors()), 1u);
+    EXPECT_NE(second.errors().find("127.0.0.1:" + port), std::string::npos) << second.errors();
+}
+
+TEST(sim_command_line, an_address_that_is_none_is_told_in_one_line) {
+    SimProcess sim({"--address", "nowhere"});
+    EXPECT_EQ(sim.finish(), 1);
+    EXPECT_EQ(lines(sim.errors()), 1u);
+}
