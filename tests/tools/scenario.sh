@@ -1,0 +1,233 @@
+#!/bin/bash
+# Whole scenarios: cloudtunnel-module, or the example, against cloudtunnel-sim.
+# Usage: scenario.sh SCENARIO SIM MODULE EXAMPLE. The functions at the end are the scenarios.
+set -u
+scenario=$1 sim=$2 module=$3 example=$4
+work=$(mktemp -d)
+sim_pid='' program_pid=''
+
+# Each of both is ended here on every road out; KILL also reaches a stopped one.
+clean_up() {
+    for pid in $program_pid $sim_pid; do kill -KILL "$pid" 2>/dev/null; done
+    rm -rf "$work"
+}
+trap clean_up EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+fail() {
+    echo "$scenario: $1"
+    for file in "$work"/*; do
+        echo "--- ${file##*/}"
+        cat "$file"
+    done
+    exit 1
+}
+
+exec 9>/tmp/cloudmgr_subconn.lock
+flock -w 100 9 || fail 'another demo or test holds /tmp/cloudmgr_subconn.lock'
+
+# wait_for FILE TEXT: until the text stands in the file, ten seconds at most.
+wait_for() {
+    for _ in $(seq 200); do
+        grep -q -e "$2" "$work/$1" 2>/dev/null && return
+        sleep 0.05
+    done
+    fail "'$2' did not appear in $1"
+}
+
+# start_sim ARGUMENT...: arguments that begin with a dash are options, each other one is a step.
+start_sim() {
+    local arguments=() argument
+    for argument in "$@"; do
+        [[ $argument == -* ]] || arguments+=(--do)
+        arguments+=("$argument")
+    done
+    "$sim" --seconds 60 "${arguments[@]}" </dev/null >"$work/sim" 2>"$work/sim.errors" 9>&- &
+    sim_pid=$!
+    wait_for sim 'daemon .* listening on '
+}
+
+start_program() {
+    "$@" </dev/null >"$work/program" 2>"$work/program.errors" 9>&- &
+    program_pid=$!
+}
+
+start_module() { start_program "$module" --seconds 60 "$@"; }
+
+# sim_ends and program_ends STATUS wait for an end of their process.
+sim_ends() {
+    wait "$sim_pid" || fail 'a step of the stand-in failed'
+    sim_pid=''
+}
+program_ends() {
+    wait "$program_pid"
+    local status=$?
+    program_pid=''
+    [ $status -eq "$1" ] || fail "the program ended with status $status, expected $1"
+}
+stop_program() {
+    kill -TERM "$program_pid"
+    program_ends 0
+}
+
+# module_told TEXT...: each text stands in the module's timeline behind the one before it.
+module_told() {
+    local line=0 found text
+    for text in "$@"; do
+        found=$(tail -n +$((line + 1)) "$work/program" | grep -n -m 1 -e "$text") ||
+            fail "'$text' is missing in the timeline, or not in its place"
+        line=$((line + ${found%%:*}))
+    done
+}
+
+exchanges() {
+    start_sim wait-tunnel 'requests 3' wait-close
+    start_module --exchanges 3
+    sim_ends
+    program_ends 0
+    wait_for sim 'received close: status 1000'
+    module_told 'daemon link up' 'tunnel data received: host 127.0.0.1, path /tunnel, port ' 'resolve: 127.0.0.1' \
+        'tunnel data stored: token of 10 ' 'set-up started' 'TCP: connecting to 127.0.0.1' 'TCP: connected' \
+        'TLS: established' 'upgrade: request sent' 'upgrade: answer accepted' 'OPT1: registration sent' \
+        'hand-over' 'request 1 received: request 1 of 3' 'answer 1 sent' 'answer 3 sent' 'all goals are met' \
+        'close sent: status 1000' 'close received: status 1000, the answer to ours' 'tunnel closed' \
+        '3 requests answered, 1 tunnels, 1 daemon links'
+}
+
+# 16376 and 8 bytes are twice the fragment size: a body that the library's cutter would not send whole.
+long_messages() {
+    start_sim --mask wait-tunnel 'large 8184' 'large 8185' 'large 16376' 'large 100000' 'fragmented 1' \
+        'fragmented 8192' 'fragmented 300000' 'binary abc' 'request after all that'
+    start_module
+    sim_ends
+    stop_program
+    module_told 'fragmented message begins: 300000 bytes announced' 'fragmented message complete: 300000 bytes in' \
+        'request 9 received: after all that'
+}
+
+burst() {
+    start_sim wait-tunnel 'burst 50' 'request after the burst'
+    start_module --log "$work/log" --log-level 9
+    sim_ends
+    stop_program
+    wait_for log '^PACKAGE DETAIL '
+}
+
+refused_then_accepted() {
+    start_sim --ret-code=5 wait-module 'sleep 400' 'set ret-code 0' 'set upgrade wrong-accept' 'sleep 1500' \
+        'set upgrade accept' wait-tunnel 'request hello'
+    start_module
+    sim_ends
+    stop_program
+    module_told 'set-up failed: .*error ret code 5' 'next start in' 'set-up failed: .*Rcv acception error' \
+        'next start in' 'hand-over' 'answer 1 sent'
+}
+
+lost() {
+    start_sim wait-tunnel drop wait-close wait-tunnel 'ping still there' 'request hello'
+    start_module
+    sim_ends
+    stop_program
+    module_told 'tunnel lost: ' 'next start in' 'hand-over' 'ping answered' 'answer 1 sent'
+}
+
+tunnels() {
+    start_sim wait-tunnel 'close 1001' wait-close wait-tunnel drop
+    start_module --tunnels 2
+    program_ends 0
+    module_told 'close received: status 1001' 'tunnel closed' 'tunnel lost: ' 'all goals are met' ', 2 tunnels, '
+}
+
+close_now() {
+    start_sim wait-tunnel 'close-frame 3000 unknown status' wait-close wait-tunnel 'request hello'
+    start_module
+    sim_ends
+    stop_program
+    module_told 'close received: status 3000' 'tunnel closed' 'next start in' 'hand-over'
+    ! grep -q 'close answered' "$work/program" || fail 'a close that is not answered was said to be'
+}
+
+close_twice() {
+    start_sim wait-tunnel 'raw 880203e8 880203e8' wait-close wait-tunnel 'request hello'
+    start_module
+    sim_ends
+    stop_program
+    module_told 'close received: status 1000' 'close answered' 'tunnel closed' 'hand-over'
+    [ "$(grep -c 'close received: status 1000$' "$work/program")" -eq 1 ] || fail 'the second close was not ignored'
+}
+
+protocol_error() {
+    start_sim wait-tunnel 'raw 800161' wait-close wait-tunnel 'raw 8300' wait-close wait-tunnel 'request hello'
+    start_module
+    sim_ends
+    stop_program
+    module_told 'frame refused: continuation without a first fragment' 'close sent: status 1002' 'tunnel closed' \
+        'frame refused: opcode 3' 'close sent: status 1002' 'tunnel closed' 'answer 1 sent'
+}
+
+# A text frame "length:2000\n".
+too_long() {
+    start_sim wait-tunnel 'raw 810c 6c656e6774683a323030300a' wait-close wait-tunnel 'request hello'
+    start_module --max-message 1999
+    sim_ends
+    stop_program
+    module_told 'frame refused: announced message too long' 'close sent: status 1009' 'tunnel closed' 'answer 1 sent'
+}
+
+end_by_signal() {
+    start_sim wait-tunnel wait-close
+    start_module
+    wait_for program 'hand-over'
+    stop_program
+    sim_ends
+    module_told 'ending: signal 15' 'close sent: status 1000' 'tunnel closed'
+}
+
+# The daemon's data come while the tunnel is open, and while it is being set up.
+same_data_again() {
+    start_sim wait-tunnel 'tunnel desk' 'request hello' 'set opt1 silence' 'close' wait-close 'sleep 1800' 'tunnel desk' \
+        'sleep 200' 'status'
+    start_module
+    sim_ends
+    stop_program
+    module_told 'hand-over' 'the tunnel stands' 'answer 1 sent' 'OPT1: registration sent' 'the tunnel stands'
+}
+
+closed_by_daemon() {
+    start_sim wait-tunnel 'closed desk' wait-close 'third desk' 'sleep 100' 'tunnel desk' wait-tunnel 'request hello'
+    start_module
+    sim_ends
+    stop_program
+    module_told 'the daemon has closed the model' 'close sent: status 1000, closed by the daemon' 'tunnel closed' \
+        'waiting for tunnel data' "the daemon's third notice" 'hand-over' 'answer 1 sent'
+}
+
+# The daemon takes the link and never answers the registration: the library waits, a signal must end it all the same.
+silent_daemon() {
+    start_sim
+    kill -STOP "$sim_pid"
+    start_module
+    wait_for program "module 'desk'"
+    sleep 0.3
+    stop_program
+}
+
+no_daemon() {
+    start_program "$module" --seconds 1 --links 1
+    program_ends 1
+    module_told 'no daemon yet' 'ending: time is up'
+    [ "$(grep '^cloudtunnel-module' "$work/program.errors")" = \
+        'cloudtunnel-module: a goal was not met within --seconds' ] || fail 'the reason is missing'
+}
+
+# The C example does the same in its own few lines.
+example() {
+    start_sim wait-tunnel 'request hello' 'fragmented 20000' 'ping hello' 'tunnel base' 'request once more' 'close 1000 bye' \
+        wait-close wait-tunnel 'request again'
+    start_program "$example" base
+    sim_ends
+    stop_program
+}
+
+$scenario

@@ -1,0 +1,23 @@
+// SIGINT and SIGTERM ask the program to end; SIGPIPE is ignored, since a send on a broken connection raises it.
+#pragma once
+
+#include <csignal>
+
+namespace module {
+
+void catch_signals();
+
+// asked_to_end is the number of the signal that came, 0 when none did. A second one ends the process at once.
+int asked_to_end();
+
+// MayWait marks, for its lifetime, a call of the library that can wait for the daemon without end. A signal ends such a
+// wait by shutting the link down.
+class MayWait {
+  public:
+    MayWait();
+    ~MayWait();
+    MayWait(const MayWait &) = delete;
+    MayWait &operator=(const MayWait &) = delete;
+};
+
+}  // namespace module

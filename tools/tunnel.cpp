@@ -1,0 +1,380 @@
+#include "tunnel.h"
+
+#include <memory>
+#include <random>
+
+#include "library_log.h"
+
+namespace module {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr uint8_t kText = 1;
+constexpr uint8_t kClose = 8;
+constexpr uint8_t kPing = 9;
+constexpr uint8_t kPong = 10;
+constexpr size_t kControlMax = 125;  // bytes in a ping, pong or close
+constexpr uint16_t kNormal = 1000;
+constexpr uint16_t kProtocolError = 1002;
+constexpr int kSendAttempts = 100;
+constexpr uint32_t kFragmentPause_us = 1000;  // lets a slow connection take one fragment before the next
+constexpr auto kCloseTime = 3s;               // for the platform's answer, or the library's timer, after a close
+constexpr uint32_t kRegistered = 2;           // state of a set-up that waits for the answer to OPT1
+
+Tunnel *g_tunnel = nullptr;
+
+struct MessageFree {
+    void operator()(cloudmgr_ws_msg *message) const { CLOUDMGR_ws_msg_destory(message); }
+};
+using OwnedMessage = std::unique_ptr<cloudmgr_ws_msg, MessageFree>;
+
+const char *state_name(Tunnel::State state) {
+    switch (state) {
+        case Tunnel::State::waiting:
+            return "waiting";
+        case Tunnel::State::pausing:
+            return "pausing";
+        case Tunnel::State::set_up:
+            return "set-up";
+        case Tunnel::State::open:
+            return "open";
+        case Tunnel::State::closing:
+            return "closing";
+        case Tunnel::State::ended:
+            return "ended";
+    }
+    return "";
+}
+
+double random_fraction() {
+    static std::mt19937 engine{std::random_device{}()};
+    return std::uniform_real_distribution<>(0, 1)(engine);
+}
+
+std::string_view text_of(const char *text) {
+    return text ? text : std::string_view();
+}
+
+std::string reason_text() {
+    const std::string error = first_error();
+    return error.empty() ? "no reason given" : error;
+}
+
+}  // namespace
+
+Tunnel::Tunnel(const Options &options, Timeline &timeline)
+    : options_(options),
+      timeline_(timeline),
+      retry_(random_fraction),
+      assembly_(static_cast<size_t>(options.max_message)) {
+    g_tunnel = this;
+    enter(State::waiting);
+}
+
+Tunnel::~Tunnel() {
+    g_tunnel = nullptr;
+}
+
+// The library's callbacks.
+
+int Tunnel::connected(int sock) {
+    return g_tunnel->on_connected(sock);
+}
+
+int Tunnel::failed(const char *) {
+    g_tunnel->on_failed();
+    return 0;
+}
+
+int Tunnel::received(int, void *message) {
+    return g_tunnel->on_message(*static_cast<const cloudmgr_ws_msg *>(message));
+}
+
+int Tunnel::close_due(uint32_t, void *sock) {
+    g_tunnel->on_close_due(*static_cast<const int *>(sock));
+    return 0;
+}
+
+// States.
+
+void Tunnel::enter(State state) {
+    state_ = state;
+    due_ = Clock::time_point::max();
+    timeline_.enter(state_name(state));
+}
+
+void Tunnel::pause() {
+    const auto time = retry_.next();
+    enter(State::pausing);
+    due_ = Clock::now() + time;
+    timeline_.say("next start in %.1f s", std::chrono::duration<double>(time).count());
+}
+
+void Tunnel::start() {
+    target_ = current_target();
+    enter(State::set_up);
+    timeline_.say("set-up started");
+    begin_attempt();
+    // A failure, of this call too, comes to failed().
+    CLOUDMGR_v3wscnct_start(options_.model.c_str(), options_.device_model.c_str(), connected, failed, received);
+}
+
+// abandon ends a set-up or a tunnel without a word to the platform; no callback tells of it.
+void Tunnel::abandon() {
+    CLOUDMGR_v3wscnct_node_del(options_.model.c_str());
+    CLOUDMGR_socket_closeByModelName(options_.model.c_str());
+    if (state_ == State::open || state_ == State::closing) tunnels_++;
+    sock_ = -1;
+}
+
+// settle chooses what comes after a tunnel or a set-up has ended.
+void Tunnel::settle() {
+    sock_ = -1;
+    if (finishing_) {
+        enter(State::ended);
+    } else if (!wanted_) {
+        enter(State::waiting);
+        timeline_.say("waiting for tunnel data");
+    } else {
+        pause();
+    }
+}
+
+void Tunnel::step() {
+    if (restart_) {
+        restart_ = false;
+        timeline_.say("tunnel data have changed: starting over");
+        abandon();
+        start();
+    }
+    if (Clock::now() < due_) return;
+    if (state_ == State::pausing) {
+        start();
+    } else if (state_ == State::closing) {
+        timeline_.say("no answer to the close");
+        timeline_.say("tunnel closed");
+        abandon();
+        settle();
+    }
+}
+
+void Tunnel::finish() {
+    if (finishing_) return;
+    finishing_ = true;
+    restart_ = false;
+    if (state_ == State::open) {
+        close(kNormal, "module ends");
+    } else if (state_ != State::closing) {
+        if (state_ == State::set_up) abandon();
+        settle();
+    }
+}
+
+// What the daemon says.
+
+Tunnel::Target Tunnel::current_target() const {
+    const CLOUDTUNNEL_MODULE_NODE *node = cloudmgr_module_getmodNodeByName(options_.model.c_str());
+    if (!node) return {};
+    return {
+        .host = std::string(text_of(node->url_host)), .path = std::string(text_of(node->url_path)), .port = node->port};
+}
+
+void Tunnel::data_came() {
+    timeline_.say("tunnel data stored: token of %zu characters, cookie of %zu",
+                  text_of(CLOUDMGR_TUNNEL_GetToken()).size(), text_of(cloudmgr_v3_getCookie()).size());
+    if (finishing_) return;
+    wanted_ = true;
+    switch (state_) {
+        case State::waiting:
+        case State::pausing:
+            enter(State::pausing);
+            due_ = Clock::now();
+            break;
+        case State::set_up:
+        case State::open:
+            restart_ = current_target() != target_;
+            if (!restart_) keep_data_type();
+            break;
+        case State::closing:
+            keep_data_type();
+            break;
+        case State::ended:
+            break;
+    }
+}
+
+// The daemon's data set the model's data type back to HTTP. A tunnel that already speaks WebSocket would take its next
+// frame for an HTTP answer.
+void Tunnel::keep_data_type() const {
+    bool websocket = state_ == State::open || state_ == State::closing;
+    for (cloudtunnel_link *at = wscnctlist.link.next; !CLOUDMGR_DL_IsEndOfQ(&wscnctlist.link, at); at = at->next) {
+        const auto *node = reinterpret_cast<const cloudmgr_v3wscnct_node *>(at);
+        if (options_.model == node->cloudModelName && node->state == kRegistered) websocket = true;
+    }
+    if (!websocket) return;
+    CLOUDMGR_socket_urllist_set(options_.model.c_str(), nullptr, nullptr, CLOUDTUNNEL_DATATYPE_WS, 0);
+    timeline_.say("the tunnel stands: the data count from its next start");
+}
+
+void Tunnel::model_closed() {
+    wanted_ = false;
+    restart_ = false;
+    timeline_.say("the daemon has closed the model");
+    if (state_ == State::open) {
+        close(kNormal, "closed by the daemon");
+    } else if (state_ == State::set_up || state_ == State::pausing) {
+        if (state_ == State::set_up) abandon();
+        settle();
+    }
+}
+
+// The tunnel's life, as the library tells it.
+
+int Tunnel::on_connected(int sock) {
+    sock_ = sock;
+    close_sent_ = false;
+    assembly_.clear();
+    retry_.reset();
+    begin_attempt();
+    enter(State::open);
+    timeline_.say("hand-over: the tunnel is open");
+    return 0;
+}
+
+void Tunnel::on_failed() {
+    switch (state_) {
+        case State::set_up:
+            timeline_.say("set-up failed: %s", reason_text().c_str());
+            break;
+        case State::open:
+            tunnels_++;
+            timeline_.say("tunnel lost: %s", reason_text().c_str());
+            break;
+        case State::closing:
+            tunnels_++;
+            timeline_.say("tunnel closed");
+            break;
+        default:
+            return;
+    }
+    settle();
+}
+
+// The second after a received close is over, or the close was not one that is answered.
+void Tunnel::on_close_due(int sock) {
+    CLOUDMGR_socket_closeBySock(sock);
+    tunnels_++;
+    timeline_.say("tunnel closed");
+    settle();
+}
+
+// Messages. A result of -1 makes the library close the connection and call failed().
+
+int Tunnel::on_message(const cloudmgr_ws_msg &message) {
+    const std::string_view body =
+        message.body && message.length > 0
+            ? std::string_view(reinterpret_cast<const char *>(message.body), static_cast<size_t>(message.length))
+            : std::string_view();
+    const unsigned opcode = message.opcode;
+    if (opcode == kClose) {
+        take_close(message, body);
+    } else if (state_ != State::open) {
+        return 0;  // crossed the close on its way
+    } else if (opcode <= 2) {
+        return take_data(opcode, body);
+    } else if (opcode == kPing && body.size() <= kControlMax) {
+        return answer_ping(body);
+    } else if (opcode == kPong) {
+        timeline_.say("pong received");
+    } else {
+        timeline_.say("frame refused: opcode %u, %zu bytes", opcode, body.size());
+        close(kProtocolError, "unexpected frame");
+    }
+    return 0;
+}
+
+int Tunnel::take_data(unsigned opcode, std::string_view body) {
+    const Taken taken = assembly_.take(opcode, body);
+    switch (taken.kind) {
+        case Taken::Kind::message:
+            timeline_.say("request %ld received: %s", ++requests_, printable(body).c_str());
+            return answer_request(body);
+        case Taken::Kind::more:
+            if (assembly_.fragments() == 1) {
+                timeline_.say("fragmented message begins: %zu bytes announced", assembly_.announced());
+            }
+            return 0;
+        case Taken::Kind::assembled:
+            timeline_.say("fragmented message complete: %zu bytes in %u fragments", assembly_.announced(),
+                          assembly_.fragments());
+            requests_++;
+            return answer_request(std::to_string(assembly_.payload().size()) + " bytes");
+        case Taken::Kind::refused:
+            timeline_.say("frame refused: %s", taken.reason);
+            close(taken.status, taken.reason);
+            return 0;
+    }
+    return 0;
+}
+
+int Tunnel::answer_request(std::string_view body) {
+    const std::string answer = "answer: " + std::string(body);
+    if (!send(kText, answer)) {
+        timeline_.say("answer %ld could not be sent", requests_);
+        return -1;
+    }
+    answers_++;
+    timeline_.say("answer %ld sent: %s", requests_, printable(answer).c_str());
+    return 0;
+}
+
+int Tunnel::answer_ping(std::string_view body) {
+    timeline_.say("ping received: '%s'", printable(body).c_str());
+    if (!send(kPong, body)) return -1;
+    timeline_.say("ping answered");
+    return 0;
+}
+
+void Tunnel::take_close(const cloudmgr_ws_msg &message, std::string_view body) {
+    if (state_ == State::closing && !close_sent_) return;  // one is enough
+    unsigned status = 0;
+    if (body.size() >= 2) status = static_cast<uint8_t>(body[0]) * 256U + static_cast<uint8_t>(body[1]);
+    timeline_.say("close received: status %u%s", status, close_sent_ ? ", the answer to ours" : "");
+    if (close_sent_) {
+        on_close_due(sock_);
+        return;
+    }
+    enter(State::closing);
+    due_ = Clock::now() + kCloseTime;
+    CLOUDMGR_ws_CloseRcv(sock_, &message, close_due);
+    if (state_ == State::closing) timeline_.say("close answered");  // else it was closed at once
+}
+
+void Tunnel::close(uint16_t status, std::string_view reason) {
+    enter(State::closing);
+    due_ = Clock::now() + kCloseTime;
+    close_sent_ = true;
+    CLOUDMGR_ws_CloseSend(sock_, status, reason.data(), static_cast<int32_t>(reason.size()));
+    timeline_.say("close sent: status %u, %.*s", status, static_cast<int>(reason.size()), reason.data());
+}
+
+// The library's two cutters lose the last fragment of a body that is an exact multiple of their size; such a body goes
+// as one frame.
+bool Tunnel::send(uint8_t opcode, std::string_view body) {
+    const OwnedMessage message(CLOUDMGR_ws_msg_create());
+    if (!message) return false;
+    CLOUDMGR_ws_setoptcode(message.get(), opcode);
+    CLOUDMGR_ws_setmask(message.get(), CLOUDMGR_ws_getMask());
+    if (!body.empty() && CLOUDMGR_ws_setbody(message.get(), body.data(), static_cast<int32_t>(body.size())) != 0) {
+        return false;
+    }
+    const auto fragment = static_cast<size_t>(options_.fragment_size);
+    if (body.size() <= fragment || body.size() % fragment == 0) {
+        return CLOUDMGR_ws_send(sock_, message.get(), kSendAttempts) == 0;
+    }
+    const auto cutter = fragment == 8192 ? CLOUDMGR_ws_send_byFrag : CLOUDMGR_ws_sendlarge_byFrag;
+    return cutter(sock_, message.get(), kSendAttempts, kFragmentPause_us) == 0;
+}
+
+}  // namespace module

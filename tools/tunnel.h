@@ -1,0 +1,105 @@
+// The tunnel of one model, from the daemon's tunnel data to its end and the next start.
+//
+// The library's callbacks only note what happened or answer on the socket in hand; starting, closing for good and
+// pausing are done by step(), from the program's own loop.
+#pragma once
+
+#include <cloudtunnel.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "assembly.h"
+#include "module_options.h"
+#include "retry.h"
+#include "timeline.h"
+
+namespace module {
+
+class Tunnel {
+  public:
+    enum class State {
+        waiting,  // for tunnel data of the daemon
+        pausing,  // until the next start is due
+        set_up,   // from the start to the hand-over
+        open,     // handed over: the platform's messages come here
+        closing,  // a close frame was sent or answered; the connection still stands
+        ended,    // finish is through
+    };
+
+    // There is one tunnel at a time in a process: the library's callbacks carry no argument to tell two apart.
+    Tunnel(const Options &options, Timeline &timeline);
+    ~Tunnel();
+    Tunnel(const Tunnel &) = delete;
+    Tunnel &operator=(const Tunnel &) = delete;
+
+    // data_came: the daemon has sent tunnel data. Meant for the module's open callback.
+    void data_came();
+
+    // model_closed: the daemon wants no tunnel of this model any more, until it sends tunnel data again.
+    void model_closed();
+
+    // step does what is due: a start, the end of a close that got no answer.
+    void step();
+
+    // finish closes an open tunnel and starts none any more.
+    void finish();
+
+    // due is the next moment at which step has something to do; Clock::time_point::max() when there is none.
+    [[nodiscard]] Clock::time_point due() const { return due_; }
+    [[nodiscard]] bool ended() const { return state_ == State::ended; }
+    [[nodiscard]] long answers() const { return answers_; }        // requests answered, over all tunnels
+    [[nodiscard]] long tunnels_ended() const { return tunnels_; }  // that had been open
+
+  private:
+    struct Target {  // where the daemon's data point to
+        std::string host;
+        std::string path;
+        uint16_t port = 0;
+        bool operator==(const Target &) const = default;
+    };
+
+    // The library's callbacks, and the members that they lead to.
+    static int connected(int sock);
+    static int failed(const char *model);
+    static int received(int sock, void *message);
+    static int close_due(uint32_t timer, void *sock);
+    int on_connected(int sock);
+    void on_failed();
+    int on_message(const cloudmgr_ws_msg &message);
+    void on_close_due(int sock);
+
+    void enter(State state);
+    void pause();
+    void start();
+    void abandon();
+    void settle();
+    Target current_target() const;
+    void keep_data_type() const;
+
+    int take_data(unsigned opcode, std::string_view body);
+    int answer_request(std::string_view body);
+    int answer_ping(std::string_view body);
+    void take_close(const cloudmgr_ws_msg &message, std::string_view body);
+    void close(uint16_t status, std::string_view reason);
+    bool send(uint8_t opcode, std::string_view body);
+
+    const Options &options_;
+    Timeline &timeline_;
+    Retry retry_;
+    Assembly assembly_;
+    State state_ = State::waiting;
+    Clock::time_point due_ = Clock::time_point::max();
+    Target target_;         // of the tunnel that was started last
+    int sock_ = -1;         // of an open or closing tunnel
+    bool restart_ = false;  // the data point elsewhere now
+    bool wanted_ = false;   // the daemon wants this tunnel
+    bool finishing_ = false;
+    bool close_sent_ = false;
+    long requests_ = 0;
+    long answers_ = 0;
+    long tunnels_ = 0;
+};
+
+}  // namespace module
