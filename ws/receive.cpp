@@ -98,7 +98,7 @@ int save_partial(Incoming &in, Owned<uint8_t> body, int got, int result) {
     const auto header = static_cast<size_t>(in.header_len);
     auto *block = static_cast<uint8_t *>(realloc(body.get(), header + static_cast<size_t>(in.length) + 1));
     if (!block) return hard_failure();
-    body.release();
+    (void)body.release();  // realloc has taken it
     memmove(block + header, block, static_cast<size_t>(got));
     memcpy(block, in.header, header);
     saved_adopt(in.conn, block, in.header_len + got);
