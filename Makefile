@@ -1,0 +1,63 @@
+# The front door. CMake does the work, in build/<preset>; each target installs the Debian packages it needs.
+.DEFAULT_GOAL := help
+.PHONY: help demo test test-release test-sanitize test-clang coverage format format-check lint clean packages \
+	packages-lint packages-coverage
+
+BUILD_PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev
+LINT_PACKAGES := clang clang-format clang-tidy
+COVERAGE_PACKAGES := gcovr
+
+help: ## What can be made
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  %-14s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
+
+demo: packages ## Build, and watch a tunnel come up, work and close
+	cmake --preset release
+	cmake --build --preset release --target demo_programs
+	tools/demo.sh build/release
+
+test: test-release test-sanitize ## Build and run all tests, and once more under the sanitizers
+
+test-release: packages ## The tests of what is shipped
+	cmake --preset release
+	cmake --build --preset release
+	ctest --preset release
+
+test-sanitize: packages ## The tests under the address and undefined-behaviour sanitizers
+	cmake --preset sanitize
+	cmake --build --preset sanitize
+	ctest --preset sanitize
+
+test-clang: packages packages-lint ## The tests, built with clang
+	cmake --preset clang
+	cmake --build --preset clang
+	ctest --preset clang
+
+coverage: packages packages-coverage ## Line and branch coverage of the library
+	cmake --preset coverage
+	cmake --build --preset coverage
+	find build/coverage -name '*.gcda' -delete
+	ctest --preset coverage
+	gcovr --config gcovr.cfg --txt
+	gcovr --config gcovr.cfg --branches --txt
+
+format: packages-lint ## Format every source file
+	scripts/format.sh
+
+format-check: packages-lint ## Fail where a source file is not formatted
+	scripts/format.sh --check
+
+lint: packages packages-lint ## clang-tidy over the library and the programs
+	cmake --preset clang
+	scripts/lint.sh build/clang
+
+clean: ## Remove everything that was built
+	rm -rf build
+
+packages:
+	@scripts/install-packages.sh $(BUILD_PACKAGES)
+
+packages-lint:
+	@scripts/install-packages.sh $(LINT_PACKAGES)
+
+packages-coverage:
+	@scripts/install-packages.sh $(COVERAGE_PACKAGES)
