@@ -3,6 +3,7 @@
 #include <cloudtunnel.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <string.h>
 
 static const char *model = "desk";
@@ -12,9 +13,7 @@ static uint64_t start_at;        /* uptime in seconds of the next start; 0: when
 static uint64_t pause_s = 1;     /* before the next start: 1, 2, 4 ... 60; a fleet of devices would add a jitter */
 static long announced, received; /* bytes of the message in fragments */
 static volatile sig_atomic_t stop;
-static void on_signal(int number) {
-    stop = number;
-}
+static void on_signal(int number) { stop = number; }
 
 static int start_later(void) {
     running = 0;
@@ -55,12 +54,15 @@ static int on_data(const cloudmgr_ws_msg *frame) {
     const char *body = frame->body ? (const char *)frame->body : "";
     int head = 0;
     if (frame->opcode != 0) {
-        announced = received = 0;
-        if (sscanf(body, "length:%7ld%n", &announced, &head) != 1 || body[head++] != '\n') {
+        char *end = NULL;
+        received = 0;
+        announced = strncmp(body, "length:", 7) == 0 ? strtol(body + 7, &end, 10) : 0;
+        if (announced <= 0 || *end != '\n') {
             if (frame->length > (int64_t)sizeof answer - 8) return -1; /* too long for this example */
             memcpy(answer + 8, body, (size_t)frame->length);
             return send_frame(1, answer, 8 + frame->length);
         }
+        head = (int)(end + 1 - body);
     }
     received += (long)frame->length - head; /* a real module would keep the bytes */
     if (received != announced) return received < announced ? 0 : -1;
@@ -91,9 +93,7 @@ static int on_tunnel_data(void) {
     return 0;
 }
 
-static int on_notice(void) {
-    return 0;
-} /* the daemon closed the model or is gone: the tunnel stands without it */
+static int on_notice(void) { return 0; } /* the daemon closed the model or is gone: the tunnel stands without it */
 
 int main(int argc, char **argv) {
     if (argc > 1) model = argv[1];
