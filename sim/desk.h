@@ -11,6 +11,9 @@ namespace sim {
 
 struct Desk {
     explicit Desk(const Options &options);
+    ~Desk() { stop(); }
+    Desk(const Desk &) = delete;
+    Desk &operator=(const Desk &) = delete;
 
     // start opens the platform's listener first: the daemon hands its port out. Throws std::runtime_error.
     void start();

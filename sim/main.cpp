@@ -12,8 +12,11 @@ namespace {
 
 constexpr auto kFarewellTime = std::chrono::milliseconds(300);  // for closed connections to end their coroutines
 
-// Life is what can end the program from outside of its steps.
-int serve(Desk &desk, const Options &options) {
+// serve runs the desk until the steps, a signal or the end of its time stop it; it returns the status to exit with.
+int serve(const Options &options) {
+    Desk desk(options);
+    asio::signal_set signals(desk.io, SIGINT, SIGTERM);  // first: a signal must never leave the socket file behind
+    desk.start();
     Runner runner(desk, options);
     int status = 0;
     const auto end = [&](int with) {
@@ -26,11 +29,9 @@ int serve(Desk &desk, const Options &options) {
         end(runner.running_steps() ? 1 : 0);
     };
 
-    asio::signal_set signals(desk.io, SIGINT, SIGTERM);
     signals.async_wait([&](error_code cancelled, int) {
         if (!cancelled) cut_short("a signal");
     });
-    desk.start();  // from here on it can be seen, and so ended, from outside
     asio::steady_timer life(desk.io, options.life);
     life.async_wait([&](error_code cancelled) {
         if (!cancelled) cut_short("--seconds");
@@ -59,8 +60,7 @@ int run(const std::vector<std::string> &arguments) {
         std::puts("cloudtunnel-sim " CLOUDTUNNEL_SIM_VERSION);
         return 0;
     }
-    Desk desk(options);
-    return serve(desk, options);
+    return serve(options);
 }
 
 }  // namespace
