@@ -52,9 +52,7 @@ struct sockaddr_un address_of(const char *path, socklen_t *len) {
     return address;
 }
 
-int call(int (*callback)(void)) {
-    return callback && callback() != 0 ? 1 : 0;
-}
+int call(int (*callback)(void)) { return callback && callback() != 0 ? 1 : 0; }
 
 // A message as it was read. The zero byte behind it ends every text that its field does not end.
 union Message {
@@ -68,9 +66,7 @@ const char *text_at(const Message &message, size_t offset) {
     return reinterpret_cast<const char *>(message.bytes + offset);
 }
 
-const char *model_of(const Message &message) {
-    return text_at(message, offsetof(WireNotification, model));
-}
+const char *model_of(const Message &message) { return text_at(message, offsetof(WireNotification, model)); }
 
 int take_tunnel_data(const Message &message) {
     const char *model = model_of(message);

@@ -12,9 +12,7 @@ namespace {
 constexpr int kSendRetries = 10;  // failures in a row that end the attempt
 constexpr size_t kReplyMax = 1024;
 
-bool try_again(int error) {
-    return error == EINTR || error == EAGAIN;
-}
+bool try_again(int error) { return error == EINTR || error == EAGAIN; }
 
 // send_all sends `len` bytes; a daemon that is gone raises no signal.
 bool send_all(int fd, const uint8_t *data, size_t len) {

@@ -57,9 +57,7 @@ ConnWatch::ConnWatch(cloudtunnel_connect_node *node) : node_(node), failure_(nod
     g_watches = this;
 }
 
-ConnWatch::~ConnWatch() {
-    g_watches = outer_;
-}
+ConnWatch::~ConnWatch() { g_watches = outer_; }
 
 void ConnWatch::forget(const cloudtunnel_connect_node *node) {
     for (ConnWatch *watch = g_watches; watch; watch = watch->outer_) {

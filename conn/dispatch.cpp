@@ -19,9 +19,7 @@ bool draining(int sock) {
     return loop && loop->handler == cloudtunnel_socket_dataProc && (loop->event.events & EPOLLOUT);
 }
 
-bool readable(uint32_t events, int sock) {
-    return (events & EPOLLIN) || ((events & EPOLLOUT) && draining(sock));
-}
+bool readable(uint32_t events, int sock) { return (events & EPOLLIN) || ((events & EPOLLOUT) && draining(sock)); }
 
 int dispatch_http(cloudtunnel_connect_node *conn) {
     cloudtunnel_http_resp *resp = cloudtunnel_http_resp_create();

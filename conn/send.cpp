@@ -28,9 +28,7 @@ void pause_before_attempt(const Outgoing &out) {
     if (out.wait_us) usleep(out.wait_us);
 }
 
-bool try_again(int error) {
-    return error == EINTR || error == EAGAIN;
-}
+bool try_again(int error) { return error == EINTR || error == EAGAIN; }
 
 // TextView lends the outgoing bytes as a terminated text for the log: themselves where a zero byte stands among them,
 // else a copy.

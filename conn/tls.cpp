@@ -18,9 +18,7 @@ struct CtxFree {
     void operator()(SSL_CTX *ctx) const { SSL_CTX_free(ctx); }
 };
 
-const char *error_text() {
-    return ERR_error_string(ERR_get_error(), nullptr);
-}
+const char *error_text() { return ERR_error_string(ERR_get_error(), nullptr); }
 
 // session_make fills the connection's empty TLS node.
 bool session_make(cloudtunnel_connect_node *conn) {

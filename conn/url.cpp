@@ -275,27 +275,11 @@ const char *CLOUDMGR_socket_getPathByModelname(const char *modelName) {
     return node ? node->path : nullptr;
 }
 
-int CLOUDMGR_socket_setLinkPortV2(const char *port) {
-    return set_port(&g_link_ports.v2, port);
-}
-int CLOUDMGR_socket_setLinkPortV3(const char *port) {
-    return set_port(&g_link_ports.v3, port);
-}
-int CLOUDMGR_socket_setUserConfigPort(const char *port) {
-    return set_port(&g_link_ports.user, port);
-}
-int CLOUDMGR_socket_setLinkPortCas(const char *port) {
-    return set_port(&g_link_ports.cas, port);
-}
-uint16_t CLOUDMGR_socket_getLinkPortV2(void) {
-    return g_link_ports.v2;
-}
-uint16_t CLOUDMGR_socket_getLinkPortV3(void) {
-    return g_link_ports.v3;
-}
-uint16_t CLOUDMGR_socket_getUserConfigPort(void) {
-    return g_link_ports.user;
-}
-uint16_t CLOUDMGR_socket_getLinkPortCas(void) {
-    return g_link_ports.cas;
-}
+int CLOUDMGR_socket_setLinkPortV2(const char *port) { return set_port(&g_link_ports.v2, port); }
+int CLOUDMGR_socket_setLinkPortV3(const char *port) { return set_port(&g_link_ports.v3, port); }
+int CLOUDMGR_socket_setUserConfigPort(const char *port) { return set_port(&g_link_ports.user, port); }
+int CLOUDMGR_socket_setLinkPortCas(const char *port) { return set_port(&g_link_ports.cas, port); }
+uint16_t CLOUDMGR_socket_getLinkPortV2(void) { return g_link_ports.v2; }
+uint16_t CLOUDMGR_socket_getLinkPortV3(void) { return g_link_ports.v3; }
+uint16_t CLOUDMGR_socket_getUserConfigPort(void) { return g_link_ports.user; }
+uint16_t CLOUDMGR_socket_getLinkPortCas(void) { return g_link_ports.cas; }

@@ -63,15 +63,9 @@ void cloudtunnel_dev_setMainTunnelInfo(const CLOUDTUNNEL_MAIN_TUNNEL_INFO *info,
 // Called where a tunnel goes down; what went wrong is told by the daemon alone.
 void cloudmgr_dev_settunnellastdownerror(void) {}
 
-int32_t cloudmgr_dev_gettunnellastdownreason(void) {
-    return g_store.info.last_down_reason;
-}
-int32_t cloudmgr_dev_gettunnellastdownerrcode(void) {
-    return g_store.info.last_down_error_code;
-}
-int32_t cloudmgr_dev_gettunnellastdownerrno(void) {
-    return g_store.info.last_down_socket_errno;
-}
+int32_t cloudmgr_dev_gettunnellastdownreason(void) { return g_store.info.last_down_reason; }
+int32_t cloudmgr_dev_gettunnellastdownerrcode(void) { return g_store.info.last_down_error_code; }
+int32_t cloudmgr_dev_gettunnellastdownerrno(void) { return g_store.info.last_down_socket_errno; }
 
 void cloudmgr_v3_setTokenID(const char *text) {
     if (text) os_strlcpy(g_store.token, text, kSecretSize);
@@ -81,12 +75,8 @@ void cloudmgr_v3_setCookie(const char *text) {
     if (text) os_strlcpy(g_store.cookie, text, kSecretSize);
 }
 
-const char *CLOUDMGR_TUNNEL_GetToken(void) {
-    return g_store.token;
-}
-const char *cloudmgr_v3_getCookie(void) {
-    return g_store.cookie;
-}
+const char *CLOUDMGR_TUNNEL_GetToken(void) { return g_store.token; }
+const char *cloudmgr_v3_getCookie(void) { return g_store.cookie; }
 
 void cloudmgr_v3_basic_add(json_object *object, const char *cloud_model, const char *device_model) {
     if (!object) return;

@@ -117,6 +117,4 @@ void CLOUDMGR_debug_Removefile(void) {
     remove(g_log_path);
 }
 
-void CLOUDMGR_debug_SetStdout(void) {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-}
+void CLOUDMGR_debug_SetStdout(void) { setvbuf(stdout, nullptr, _IOLBF, 0); }

@@ -6,9 +6,7 @@ const char *cloudtunnel_json_ObjectToString(json_object *object) {
     return object ? json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN) : nullptr;
 }
 
-json_object *cloudtunnel_json_StringToObject(const char *text) {
-    return text ? json_tokener_parse(text) : nullptr;
-}
+json_object *cloudtunnel_json_StringToObject(const char *text) { return text ? json_tokener_parse(text) : nullptr; }
 
 json_object *cloudtunnel_json_GetObject(json_object *object, const char *key) {
     json_object *member = nullptr;

@@ -1,9 +1,7 @@
 // The order in which the library comes up and goes down, and nothing else.
 #include "frame/log.h"
 
-void cloudtunnel_initLibData(const CLOUDTUNNEL_LIB_INIT_DATA *data) {
-    CLOUDMGR_debug_Init(data);
-}
+void cloudtunnel_initLibData(const CLOUDTUNNEL_LIB_INIT_DATA *data) { CLOUDMGR_debug_Init(data); }
 
 namespace {
 

@@ -7,13 +7,9 @@
 #include <cstddef>
 #include <type_traits>
 
-inline void list_init(cloudtunnel_link &head) {
-    head.next = head.prev = &head;
-}
+inline void list_init(cloudtunnel_link &head) { head.next = head.prev = &head; }
 
-inline bool list_empty(const cloudtunnel_link &head) {
-    return !head.next || head.next == &head;
-}
+inline bool list_empty(const cloudtunnel_link &head) { return !head.next || head.next == &head; }
 
 // list_insert_after puts `node` behind `place`, a head or a node in a list.
 inline void list_insert_after(cloudtunnel_link &place, cloudtunnel_link &node) {

@@ -16,6 +16,4 @@ inline bool log_on(LogLevel level) {
     } while (0)
 
 // printable stands in for a text that may be missing.
-inline const char *printable(const char *text) {
-    return text ? text : "(null)";
-}
+inline const char *printable(const char *text) { return text ? text : "(null)"; }

@@ -112,17 +112,11 @@ const char *name_at(const char *const (&names)[N], uint32_t index) {
 
 }  // namespace
 
-const char *http_method_name(uint32_t index) {
-    return name_at(kMethods, index);
-}
-const char *http_version_name(uint32_t index) {
-    return name_at(kVersions, index);
-}
+const char *http_method_name(uint32_t index) { return name_at(kMethods, index); }
+const char *http_version_name(uint32_t index) { return name_at(kVersions, index); }
 
 // The end marker is left out: "MAX" must match no status line.
-std::span<const HttpStatus> http_statuses() {
-    return std::span(kStatuses).first(std::size(kStatuses) - 1);
-}
+std::span<const HttpStatus> http_statuses() { return std::span(kStatuses).first(std::size(kStatuses) - 1); }
 
 cloudtunnel_http_req *cloudtunnel_http_req_create(void) {
     auto *req = static_cast<cloudtunnel_http_req *>(os_alloc(sizeof(cloudtunnel_http_req)));

@@ -30,9 +30,7 @@ Text text_of(const uint8_t *data, size_t len) {
     return {at, strnlen(at, len)};
 }
 
-ptrdiff_t find(Text text, const char *what) {
-    return os_datapos(text.at, text.len, what, strlen(what));
-}
+ptrdiff_t find(Text text, const char *what) { return os_datapos(text.at, text.len, what, strlen(what)); }
 
 // value_of finds the value of `key` in a header line: what stands between the key, wherever it is, and the line's end.
 bool value_of(Text line, const char *key, Text *value) {
@@ -103,9 +101,7 @@ struct ChunksFree {
 };
 using OwnedChunks = std::unique_ptr<Chunk, ChunksFree>;
 
-Chunk *chunk_make() {
-    return static_cast<Chunk *>(os_alloc(sizeof(Chunk)));
-}
+Chunk *chunk_make() { return static_cast<Chunk *>(os_alloc(sizeof(Chunk))); }
 
 // append_body grows the body by one chunk. A Content-Length that stood beside "chunked" counts as that many bytes that
 // were there before: they are zero.
@@ -130,9 +126,7 @@ struct Decoding {
     int count;
 };
 
-int shown(size_t n) {
-    return static_cast<int>(n);
-}
+int shown(size_t n) { return static_cast<int>(n); }
 
 // decode_chunk takes one chunk. `*end` is set by the chunk of size 0, which takes "0" and its CR LF: the empty line
 // behind it stays for the next call.

@@ -80,6 +80,4 @@ int cloudtunnel_timer_boot_cloudap_time(char *text) {
     return 0;
 }
 
-int cloudtunnel_timer_get_time(struct timeval *now) {
-    return now ? gettimeofday(now, nullptr) : -1;
-}
+int cloudtunnel_timer_get_time(struct timeval *now) { return now ? gettimeofday(now, nullptr) : -1; }

@@ -300,9 +300,7 @@ void cloudtunnel_timer_stoptimer(void) {
     LOG(init, "Daemon timer stop ok.");
 }
 
-void CLOUDTUNNEL_TIMER_Stop(void) {
-    cloudtunnel_timer_stoptimer();
-}
+void CLOUDTUNNEL_TIMER_Stop(void) { cloudtunnel_timer_stoptimer(); }
 
 // Runs as a signal handler: it may only set a flag.
 void cloudtunnel_timer_timerout(int signal_number) {

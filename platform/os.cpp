@@ -7,17 +7,11 @@
 #include <cstdlib>
 #include <cstring>
 
-void *os_alloc(size_t size) {
-    return calloc(1, size ? size : 1);
-}
+void *os_alloc(size_t size) { return calloc(1, size ? size : 1); }
 
-void os_free(void *block) {
-    free(block);
-}
+void os_free(void *block) { free(block); }
 
-char *os_strdup(const char *text) {
-    return text ? os_strndup(text, strlen(text)) : nullptr;
-}
+char *os_strdup(const char *text) { return text ? os_strndup(text, strlen(text)) : nullptr; }
 
 char *os_strndup(const char *text, size_t max) {
     if (!text) return nullptr;
@@ -44,13 +38,9 @@ int os_snprintf(char *to, size_t size, const char *format, ...) {
     return len;
 }
 
-size_t os_strlen(const char *text) {
-    return text ? strlen(text) : 0;
-}
+size_t os_strlen(const char *text) { return text ? strlen(text) : 0; }
 
-int os_strcmp(const char *a, const char *b) {
-    return a && b ? strcmp(a, b) : -1;
-}
+int os_strcmp(const char *a, const char *b) { return a && b ? strcmp(a, b) : -1; }
 
 void os_strltrim(char *text) {
     const char *from = text;

@@ -37,9 +37,7 @@ OwnedMsg close_frame(uint16_t status, const void *reason, size_t reason_length) 
     return msg;
 }
 
-bool status_is_valid(int16_t status) {
-    return status == 0 || (status >= 1000 && status <= 1011) || status == 1015;
-}
+bool status_is_valid(int16_t status) { return status == 0 || (status >= 1000 && status <= 1011) || status == 1015; }
 
 // read_status reads the status of a received close; false where it has none that is valid.
 bool read_status(const cloudmgr_ws_msg *msg, int16_t *status) {

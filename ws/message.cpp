@@ -24,9 +24,7 @@ void CLOUDMGR_ws_setoptcode(cloudmgr_ws_msg *msg, uint8_t opcode) {
     if (msg) msg->opcode = opcode;
 }
 
-uint8_t CLOUDMGR_ws_getoptcode(const cloudmgr_ws_msg *msg) {
-    return msg ? msg->opcode : 0;
-}
+uint8_t CLOUDMGR_ws_getoptcode(const cloudmgr_ws_msg *msg) { return msg ? msg->opcode : 0; }
 
 void CLOUDMGR_ws_setmask(cloudmgr_ws_msg *msg, const uint8_t *key) {
     if (!msg) return;

@@ -89,6 +89,4 @@ void KYRCLOUD_ws_SetTgt(cloudmgr_ws_owner *owner, const char *target) {
     CLOUDMGR_ws_SetPara(owner, kTarget, target, 0);
 }
 
-char *KYRCLOUD_ws_GetTgt(cloudmgr_ws_owner *owner) {
-    return static_cast<char *>(CLOUDMGR_ws_GetPara(owner, kTarget));
-}
+char *KYRCLOUD_ws_GetTgt(cloudmgr_ws_owner *owner) { return static_cast<char *>(CLOUDMGR_ws_GetPara(owner, kTarget)); }

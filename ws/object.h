@@ -4,6 +4,4 @@
 #include <cloudtunnel.h>
 
 // ws_of returns the ws object that an owner holds, null where either is missing.
-inline cloudmgr_ws_object *ws_of(const cloudmgr_ws_owner *owner) {
-    return owner ? owner->ws : nullptr;
-}
+inline cloudmgr_ws_object *ws_of(const cloudmgr_ws_owner *owner) { return owner ? owner->ws : nullptr; }

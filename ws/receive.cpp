@@ -25,9 +25,7 @@ struct Incoming {
     int64_t length = 0;  // of the payload
 };
 
-bool incomplete(int result) {
-    return result == kIncomplete || result == kIncompleteToo;
-}
+bool incomplete(int result) { return result == kIncomplete || result == kIncompleteToo; }
 
 int hard_failure() {
     cloudmgr_dev_settunnellastdownerror();

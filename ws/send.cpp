@@ -154,9 +154,7 @@ int send_fragments(int sock, const cloudmgr_ws_msg *msg, int attempts, uint32_t 
 
 }  // namespace
 
-uint32_t cloudmgr_ws_htonl(uint32_t value) {
-    return __builtin_bswap32(value);
-}
+uint32_t cloudmgr_ws_htonl(uint32_t value) { return __builtin_bswap32(value); }
 
 size_t cloudmgr_ws_setHead(uint8_t *to, const cloudmgr_ws_msg *msg, Fragment position, int64_t length) {
     const FirstBytes first = first_bytes(msg, position, length);
