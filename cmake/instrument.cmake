@@ -2,6 +2,9 @@
 if(CLOUDTUNNEL_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
+  if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    add_link_options(-fsanitize-link-c++-runtime) # for the C programs that link an instrumented library
+  endif()
 endif()
 if(CLOUDTUNNEL_COVERAGE)
   add_compile_options(--coverage -fprofile-update=atomic)
