@@ -68,6 +68,12 @@ const char *text_at(const Message &message, size_t offset) {
 
 const char *model_of(const Message &message) { return text_at(message, offsetof(WireNotification, model)); }
 
+// note_text stores a copy of a text that is new. The older copy is not freed: modules read it without knowing when it
+// changes. A daemon that repeats itself costs nothing.
+void note_text(char **field, const char *text) {
+    if (os_strcmp(*field, text) != 0) *field = os_strdup(text);
+}
+
 int take_tunnel_data(const Message &message) {
     const char *model = model_of(message);
     CLOUDTUNNEL_MODULE_NODE *module = cloudmgr_module_getmodNodeByName(model);
@@ -79,9 +85,8 @@ int take_tunnel_data(const Message &message) {
     memcpy(&info, message.notification.main_tunnel_info, sizeof info);
     const char *cookie = text_at(message, offsetof(WireNotification, cookie));
     cloudtunnel_dev_setMainTunnelInfo(&info, cookie);
-    // Older copies are not freed: modules read them without knowing when they change.
-    module->url_host = os_strdup(text_at(message, offsetof(WireNotification, url_host)));
-    module->url_path = os_strdup(text_at(message, offsetof(WireNotification, url_path)));
+    note_text(&module->url_host, text_at(message, offsetof(WireNotification, url_host)));
+    note_text(&module->url_path, text_at(message, offsetof(WireNotification, url_path)));
     module->tunnel_value = message.notification.tunnel_value;
     module->port = message.notification.port;
     cloudmgr_v3_setTokenID(text_at(message, offsetof(WireNotification, token)));
