@@ -5,14 +5,14 @@
 
 #include <cerrno>
 
+#include "platform/os.h"
+
 int32_t g_iCloudClientConnFd = -1;
 
 namespace {
 
 constexpr int kSendRetries = 10;  // failures in a row that end the attempt
 constexpr size_t kReplyMax = 1024;
-
-bool try_again(int error) { return error == EINTR || error == EAGAIN; }
 
 // send_all sends `len` bytes; a daemon that is gone raises no signal.
 bool send_all(int fd, const uint8_t *data, size_t len) {
@@ -23,7 +23,7 @@ bool send_all(int fd, const uint8_t *data, size_t len) {
             data += sent;
             len -= static_cast<size_t>(sent);
             failures = 0;
-        } else if (!try_again(errno) || ++failures == kSendRetries) {
+        } else if (!os_try_again(errno) || ++failures == kSendRetries) {
             return false;
         }
     }
@@ -34,7 +34,7 @@ bool send_all(int fd, const uint8_t *data, size_t len) {
 // the waiting.
 void wait_for_reply(int fd) {
     uint8_t reply[kReplyMax] = {};
-    while (recv(fd, reply, sizeof reply, 0) < 0 && try_again(errno)) {
+    while (recv(fd, reply, sizeof reply, 0) < 0 && os_try_again(errno)) {
     }
 }
 

@@ -7,17 +7,13 @@
 #include "frame/log.h"
 #include "platform/os.h"
 #include "ws/frame_format.h"
+#include "ws/message.h"
 
 namespace {
 
 constexpr int kSendAttempts = 100;
 constexpr int kOptRegister = 1;
 constexpr int kOptBits = 0xff;  // of "optType", only these are compared
-
-struct MsgFree {
-    void operator()(cloudmgr_ws_msg *msg) const { CLOUDMGR_ws_msg_destory(msg); }
-};
-using OwnedMsg = std::unique_ptr<cloudmgr_ws_msg, MsgFree>;
 
 struct JsonFree {
     void operator()(json_object *object) const { json_object_put(object); }

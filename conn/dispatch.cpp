@@ -5,14 +5,12 @@
 #include "conn/dispatch.h"
 
 #include "conn/connection.h"
+#include "conn/receive.h"
 #include "conn/tls.h"
 #include "conn/url.h"
 #include "frame/log.h"
 
 namespace {
-
-constexpr int kIncomplete = -2;  // the reader saved what there is and is called again
-constexpr int kIncompleteToo = -3;
 
 bool draining(int sock) {
     const CLOUDMGR_ELOOP_SOCK *loop = cloudmgr_eloop_get_sock(sock);
@@ -31,7 +29,7 @@ int dispatch_http(cloudtunnel_connect_node *conn) {
     int result = cloudtunnel_http_rcv(conn->sock, resp);
     if (result == 0)
         result = conn->dataCallback(conn->sock, resp);
-    else if (result == kIncomplete || result == kIncompleteToo)
+    else if (incomplete(result))
         result = 0;
     cloudtunnel_http_resp_destory(resp);
     return result;
@@ -47,7 +45,7 @@ int dispatch_ws(cloudtunnel_connect_node *conn) {
     int result = CLOUDMGR_ws_rcv(conn->sock, msg);
     if (result == 0) {
         result = conn->dataCallback(conn->sock, msg);
-    } else if (result == kIncomplete || result == kIncompleteToo) {
+    } else if (incomplete(result)) {
         result = 0;
     } else {
         LOG(package, "[Model %s]Rcv websocket error.", conn->modelName);

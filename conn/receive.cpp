@@ -19,14 +19,11 @@
 
 namespace {
 
-constexpr int kIncomplete = -2;
-constexpr int kIncompleteToo = -3;
-
 int receive_plain(int sock, const char *model, uint8_t *dst, uint32_t len) {
     const ssize_t got = recv(sock, dst, len, MSG_DONTWAIT);
     if (got > 0) return static_cast<int>(got);
     const int error = errno;
-    if (got < 0 && (error == EINTR || error == EAGAIN)) {
+    if (got < 0 && os_try_again(error)) {
         LOG(connect, "[Model %s][Socket %d]Recv incomplete.", model, sock);
         return kIncomplete;
     }
@@ -64,7 +61,7 @@ int receive_tls(int sock, const char *model, uint8_t *dst, uint32_t len) {
 int read_missing(int sock, uint8_t *dst, int need, int *got) {
     const int n = CLOUDMGR_socket_rcvData(sock, dst, static_cast<uint32_t>(need));
     *got = n > 0 ? n : 0;
-    if (n == kIncomplete || n == kIncompleteToo) return n;
+    if (incomplete(n)) return n;
     if (n <= 0) return -1;
     if (n >= need) return 0;
     LOG(package, "Socket %d msg rcv length %d not enough %d.", sock, n, need);
@@ -132,7 +129,7 @@ int saved_read(int sock, cloudtunnel_connect_node *conn, int total) {
     int got = 0;
     const int result = read_missing(sock, conn->buf + conn->bufLen, total - conn->bufLen, &got);
     conn->bufLen += got;
-    if (result == kIncomplete || result == kIncompleteToo) saved_log(conn);
+    if (incomplete(result)) saved_log(conn);
     return result;
 }
 

@@ -1,8 +1,16 @@
-// The bytes of an incomplete message: how a reader that gets one large message in many pieces adds to them without
-// copying what is there each time.
+// Reading: the answers of all readers, and the bytes of an incomplete message: how a reader that gets one large message
+// in many pieces adds to them without copying what is there each time.
 #pragma once
 
 #include <cloudtunnel.h>
+
+// What readers answer besides 0, a complete message. Incomplete means: what there is was saved, call again when more
+// data arrive.
+constexpr int kReadError = -1;
+constexpr int kIncomplete = -2;
+constexpr int kIncompleteToo = -3;
+
+inline bool incomplete(int result) { return result == kIncomplete || result == kIncompleteToo; }
 
 // saved_adopt makes `block`, from malloc, of which `len` bytes count, the connection's saved bytes. The old ones are
 // freed.

@@ -28,8 +28,6 @@ void pause_before_attempt(const Outgoing &out) {
     if (out.wait_us) usleep(out.wait_us);
 }
 
-bool try_again(int error) { return error == EINTR || error == EAGAIN; }
-
 // TextView lends the outgoing bytes as a terminated text for the log: themselves where a zero byte stands among them,
 // else a copy.
 class TextView {
@@ -56,7 +54,7 @@ int send_plain(const Outgoing &out) {
         pause_before_attempt(out);
         sent = send(out.sock, out.data, static_cast<size_t>(out.len), 0);
         if (sent != -1) return static_cast<int>(sent);
-        if (!try_again(errno)) return -1;
+        if (!os_try_again(errno)) return -1;
     }
     const int error = errno;
     LOG(error, "[Socket %d]Send http message retry count reach max, result %d, message [%s].", out.sock,

@@ -106,14 +106,6 @@ cloudtunnel_url_node *node_add(const char *model) {
     return node.release();
 }
 
-// replace_text puts a copy of `text` in place of an owned text; it may be that very text.
-bool replace_text(char **field, const char *text) {
-    char *copy = os_strdup(text);
-    os_free(*field);
-    *field = copy;
-    return copy != nullptr;
-}
-
 // resolve gives the node the addresses of its host, from the cache where that holds them. False: the old ones stay.
 bool resolve(cloudtunnel_url_node *node, int64_t now) {
     char host[kHostSize];
@@ -135,7 +127,7 @@ bool resolve(cloudtunnel_url_node *node, int64_t now) {
 
 // store_url returns false when the set fails; a host that cannot even be copied takes the whole model with it.
 bool store_url(cloudtunnel_url_node *node, const char *url, int64_t now) {
-    if (!replace_text(&node->url, url)) {
+    if (!os_replace(&node->url, url)) {
         LOG(error, "Set url host error.");
         CLOUDMGR_socket_urllist_del(node->modelName);
         return false;
@@ -200,7 +192,7 @@ int CLOUDMGR_socket_urllist_set(const char *modelName, const char *url, const ch
     if (!node) return -1;
 
     if (url && !store_url(node, url, now)) return -1;
-    if (path && !replace_text(&node->path, path)) {
+    if (path && !os_replace(&node->path, path)) {
         LOG(error, "Set url path error.");
         CLOUDMGR_socket_urllist_del(node->modelName);
         return -1;
@@ -237,7 +229,7 @@ int CLOUDMGR_Socket_Analysis_Set_Addr(const char *serverName) {
         LOG(error, "Set Addr error, ret =%d.", result);
         return result;
     }
-    replace_text(&cloudtunnel_urlanalysis.serverName, host);
+    os_replace(&cloudtunnel_urlanalysis.serverName, host);
     if (cloudtunnel_urlanalysis.addrList) freeaddrinfo(cloudtunnel_urlanalysis.addrList);
     cloudtunnel_urlanalysis.addrList = list;
     LOG(connect, "Set Addr Success, servername = %s.", host);

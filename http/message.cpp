@@ -54,12 +54,6 @@ consteval bool statuses_in_order() {
 }
 static_assert(statuses_in_order());
 
-void replace_text(char **field, const char *text) {
-    char *copy = os_strdup(text);
-    os_free(*field);
-    *field = copy;
-}
-
 // text_field returns the field of a text header, null for ids that are none.
 char **text_field(cloudtunnel_http_req *req, uint32_t id) {
     switch (id) {
@@ -158,7 +152,7 @@ void cloudtunnel_http_resp_destory(cloudtunnel_http_resp *resp) {
 int cloudtunnel_http_hdr_set(cloudtunnel_http_req *req, uint32_t id, const void *value) {
     if (!req) return -1;
     if (char **field = text_field(req, id)) {
-        replace_text(field, static_cast<const char *>(value));
+        os_replace(field, static_cast<const char *>(value));
         return 0;
     }
     if (id > CLOUDTUNNEL_HTTP_WS_VERSION) return 0;
@@ -169,7 +163,7 @@ int cloudtunnel_http_hdr_set(cloudtunnel_http_req *req, uint32_t id, const void 
 
 int cloudtunnel_http_body_set(cloudtunnel_http_body *body, int32_t item, const char *text) {
     if (!body) return -1;
-    if (item == 0) replace_text(&body->content_type, text);
-    if (item == 1) replace_text(&body->text, text);
+    if (item == 0) os_replace(&body->content_type, text);
+    if (item == 1) os_replace(&body->text, text);
     return 0;
 }

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "conn/receive.h"
 #include "frame/log.h"
 #include "http/chunks.h"
 #include "http/message.h"
@@ -11,9 +12,6 @@
 
 namespace {
 
-constexpr int kError = -1;
-constexpr int kIncomplete = -2;
-constexpr int kIncompleteToo = -3;
 constexpr size_t kAreaSize = 65535;  // what one call can look at; a header line is cut there, too
 
 constexpr char kLineEnd[] = "\r\n";
@@ -207,7 +205,7 @@ struct Area {
 // the middle of the stream.
 int keep_all(const Area &area, int result) {
     const int kept = CLOUDMGR_socket_bufUpdata(area.conn, area.bytes.get(), static_cast<uint32_t>(area.len));
-    return kept == 0 ? result : kError;
+    return kept == 0 ? result : kReadError;
 }
 
 // hand_back leaves to the connection what was not consumed.
@@ -224,7 +222,7 @@ int fill_area(int sock, Area *area) {
     if (conn->buf && conn->bufLen > 0) area->len = static_cast<size_t>(conn->bufLen);
     const size_t size = area->len > kAreaSize ? area->len : kAreaSize;
     area->bytes.reset(static_cast<uint8_t *>(os_alloc(size + 1)));
-    if (!area->bytes) return kError;
+    if (!area->bytes) return kReadError;
     if (area->len) {
         memcpy(area->bytes.get(), conn->buf, area->len);
         LOG(package, "[Model %s]msg buf last time:", conn->modelName);
@@ -233,8 +231,8 @@ int fill_area(int sock, Area *area) {
     if (area->len >= kAreaSize) return 0;
     const int got =
         CLOUDMGR_socket_rcvData(sock, area->bytes.get() + area->len, static_cast<uint32_t>(kAreaSize - area->len));
-    if (got == kIncomplete || got == kIncompleteToo) return got;
-    if (got < 1) return kError;
+    if (incomplete(got)) return got;
+    if (got < 1) return kReadError;
     area->len += static_cast<size_t>(got);
     return 0;
 }
@@ -244,7 +242,7 @@ int read_plain_body(const Area &area, size_t headers, cloudtunnel_http_resp *res
     const uint8_t *body = area.bytes.get() + headers;
     if (resp->content_length > 0) {
         const int length = cloudtunnel_http_body_decode(body, resp);
-        return length < 0 ? keep_all(area, kError) : hand_back(area, headers + static_cast<size_t>(length));
+        return length < 0 ? keep_all(area, kReadError) : hand_back(area, headers + static_cast<size_t>(length));
     }
     if (area.len == headers) return CLOUDMGR_socket_bufClean(area.conn, static_cast<uint32_t>(headers));
     // No length was given: everything that came with the headers is the body.
@@ -266,9 +264,9 @@ int read_chunked_body(const Area &area, size_t headers, cloudtunnel_http_resp *r
             return keep_all(area, kIncomplete);
         case Chunks::error:
             LOG(package, "[Model %s]msg rcv chunked body error.", model);
-            return kError;
+            return kReadError;
     }
-    return kError;
+    return kReadError;
 }
 
 }  // namespace
@@ -341,7 +339,7 @@ int cloudtunnel_http_body_decode(const uint8_t *data, cloudtunnel_http_resp *res
 
 int cloudtunnel_http_rcv(int sock, cloudtunnel_http_resp *resp) {
     Area area = {.conn = CLOUDMGR_socket_getCnctBySock(sock), .bytes = nullptr, .len = 0};
-    if (!area.conn || !resp) return kError;
+    if (!area.conn || !resp) return kReadError;
     const int filled = fill_area(sock, &area);
     if (filled != 0) return filled;
     LOG(package, "[Model %s]msg rcv merge:", area.conn->modelName);
@@ -350,7 +348,7 @@ int cloudtunnel_http_rcv(int sock, cloudtunnel_http_resp *resp) {
     const int block = cloudtunnel_http_hdr_decode(area.bytes.get(), static_cast<uint32_t>(area.len), resp);
     if (block < 1) return keep_all(area, kIncomplete);
     const auto headers = static_cast<size_t>(block);
-    if (resp->content_length < 0) return kError;
+    if (resp->content_length < 0) return kReadError;
     if (area.len - headers < static_cast<size_t>(resp->content_length)) return keep_all(area, kIncomplete);
     return resp->chunked ? read_chunked_body(area, headers, resp) : read_plain_body(area, headers, resp);
 }

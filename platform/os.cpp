@@ -23,6 +23,13 @@ char *os_strndup(const char *text, size_t max) {
     return copy;
 }
 
+bool os_replace(char **field, const char *text) {
+    char *copy = os_strdup(text);
+    os_free(*field);
+    *field = copy;
+    return copy != nullptr;
+}
+
 void os_strlcpy(char *to, const char *from, size_t size) {
     if (!to || size == 0) return;
     const size_t len = from ? strnlen(from, size - 1) : 0;

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -18,6 +19,10 @@ void os_free(void *block);
 // copies at most `max` bytes and reads no further.
 [[nodiscard]] char *os_strdup(const char *text);
 [[nodiscard]] char *os_strndup(const char *text, size_t max);
+
+// os_replace frees an owned text and puts a copy of `text` in its place, which may be that very text. False without
+// memory: the field is null then.
+bool os_replace(char **field, const char *text);
 
 // os_strlcpy copies at most `size` - 1 characters and terminates the copy. The areas may overlap; a null text copies as
 // an empty one.
@@ -47,6 +52,9 @@ int os_getcommand(const char *command, char *out, size_t size);
 
 // os_atoi reads a decimal number as atoi does, from at most `len` bytes; what does not fit an int is cut to its limits.
 int os_atoi(const char *text, size_t len);
+
+// os_try_again tells whether a failed call is worth repeating as it was.
+inline bool os_try_again(int error) { return error == EINTR || error == EAGAIN; }
 
 struct OsFree {
     void operator()(void *block) const { os_free(block); }

@@ -4,8 +4,7 @@
 #include "frame/log.h"
 #include "platform/os.h"
 #include "ws/frame_format.h"
-
-#include <cloudtunnel.h>
+#include "ws/message.h"
 
 const char closedstr[114] =
     "A WebSocket text frame was received that could not be decoded to UTF-8 beause it contained invalid byte "
@@ -18,11 +17,6 @@ constexpr size_t kCloseBodyMax = 4096;
 constexpr int32_t kReasonMax = kCloseBodyMax - kStatusSize;
 constexpr int kSendAttempts = 100;
 constexpr uint64_t kCloseDelayMs = 1000;
-
-struct MsgFree {
-    void operator()(cloudmgr_ws_msg *msg) const { CLOUDMGR_ws_msg_destory(msg); }
-};
-using OwnedMsg = std::unique_ptr<cloudmgr_ws_msg, MsgFree>;
 
 // close_frame returns a close frame without a mask; null without memory.
 OwnedMsg close_frame(uint16_t status, const void *reason, size_t reason_length) {

@@ -30,12 +30,6 @@ char **text_field(cloudmgr_ws_object *ws, uint32_t index) {
     }
 }
 
-void set_text(char **field, const char *value) {
-    char *copy = os_strdup(value);
-    os_free(*field);
-    *field = copy;
-}
-
 void set_data(cloudmgr_ws_object *ws, const void *value, int32_t length) {
     if (length < 0) return;
     auto *copy = static_cast<uint8_t *>(os_alloc(static_cast<size_t>(length) + 1));
@@ -71,7 +65,7 @@ int CLOUDMGR_ws_SetPara(cloudmgr_ws_owner *owner, uint32_t index, const void *va
     cloudmgr_ws_object *ws = ws_of(owner);
     if (!ws || !value) return 0;
     if (index == kData) set_data(ws, value, length);
-    if (char **field = text_field(ws, index)) set_text(field, static_cast<const char *>(value));
+    if (char **field = text_field(ws, index)) os_replace(field, static_cast<const char *>(value));
     if (index == kToken) cloudmgr_v3_setTokenID(ws->token);
     if (index == kCookie) cloudmgr_v3_setCookie(ws->cookie);
     return 0;

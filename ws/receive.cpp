@@ -11,10 +11,6 @@
 
 namespace {
 
-constexpr int kError = -1;
-constexpr int kIncomplete = -2;
-constexpr int kIncompleteToo = -3;
-
 // A frame while it is read.
 struct Incoming {
     int sock;
@@ -25,11 +21,9 @@ struct Incoming {
     int64_t length = 0;  // of the payload
 };
 
-bool incomplete(int result) { return result == kIncomplete || result == kIncompleteToo; }
-
 int hard_failure() {
     cloudmgr_dev_settunnellastdownerror();
-    return kError;
+    return kReadError;
 }
 
 // read_header reads the next `need` bytes of the header. Where they are not all there, those that are go back.
@@ -141,7 +135,7 @@ int read_payload(Incoming &in) {
 
 int CLOUDMGR_ws_rcv(int sock, cloudmgr_ws_msg *msg) {
     Incoming in = {.sock = sock, .conn = CLOUDMGR_socket_getCnctBySock(sock), .msg = msg};
-    if (!msg || !in.conn) return kError;
+    if (!msg || !in.conn) return kReadError;
 
     int result = read_header(in, static_cast<int>(kBaseHeader));
     if (result != 0) return result;

@@ -1,0 +1,11 @@
+// A ws message that is destroyed on every road out.
+#pragma once
+
+#include <cloudtunnel.h>
+
+#include <memory>
+
+struct MsgFree {
+    void operator()(cloudmgr_ws_msg *msg) const { CLOUDMGR_ws_msg_destory(msg); }
+};
+using OwnedMsg = std::unique_ptr<cloudmgr_ws_msg, MsgFree>;
