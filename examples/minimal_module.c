@@ -23,8 +23,7 @@ static int start_later(void) {
     return 0;
 }
 
-/* The set-up failed, or the tunnel broke. */
-static int on_failure(const char *name) {
+static int on_failure(const char *name) { /* of the set-up, or of the open tunnel */
     printf("tunnel of %s failed\n", name);
     return start_later();
 }
@@ -58,6 +57,7 @@ static int on_data(const cloudmgr_ws_msg *frame) {
         received = 0;
         announced = strncmp(body, "length:", 7) == 0 ? strtol(body + 7, &end, 10) : 0;
         if (announced <= 0 || *end != '\n') {
+            announced = 0;
             if (frame->length > (int64_t)sizeof answer - 8) return -1; /* too long for this example */
             memcpy(answer + 8, body, (size_t)frame->length);
             return send_frame(1, answer, 8 + frame->length);
@@ -71,10 +71,9 @@ static int on_data(const cloudmgr_ws_msg *frame) {
 
 /* Called a second after a close frame was answered. */
 static int on_close(uint32_t timer, void *closing) {
-    (void)timer;
     printf("tunnel closed\n");
     CLOUDMGR_socket_closeBySock(*(int *)closing);
-    return start_later();
+    return (void)timer, start_later();
 }
 
 /* A result of -1 makes the library close the connection and call on_failure. */
@@ -101,7 +100,8 @@ int main(int argc, char **argv) {
     signal(SIGINT, on_signal);
     signal(SIGTERM, on_signal);
     CLOUDMGR_debug_SetStdout();
-    const CLOUDTUNNEL_LIB_INIT_DATA init = {0, NULL}; /* no print callback: the library says nothing */
+    cloudmgr_debug_level = 0; /* the library says nothing */
+    const CLOUDTUNNEL_LIB_INIT_DATA init = {0, NULL};
     const CLOUDTUNNEL_MODULE_REG self = {model, "minimal", on_tunnel_data, on_notice, on_notice};
     const int epfd = CLOUDTUNNEL_LIB_Init(&init);
     if (epfd < 0 || CLOUDTUNNEL_MODULE_Register(&self) != 0) return 1;
