@@ -27,6 +27,11 @@ SECONDS=0
 work=$(mktemp -d) || fail "no temporary directory"
 sim_pid='' module_pid='' reader_pid=''
 
+# reason FILE: what a program said about its failure, in its one line.
+reason() {
+    grep '^cloudtunnel-' "$work/$1" | tail -n 1 | grep . || echo 'it gave no reason'
+}
+
 # end PID: ask, and insist when it does not end within two seconds.
 end() {
     kill "$1" 2>/dev/null || return
@@ -69,7 +74,7 @@ sim_pid=$!
 
 tries=$((start_time * 20))
 until grep -q '^daemon .* listening on ' "$work/record" 2>/dev/null; do
-    kill -0 "$sim_pid" 2>/dev/null || fail "the platform did not start: $(tail -n 1 "$work/sim.err")"
+    kill -0 "$sim_pid" 2>/dev/null || fail "the platform did not start: $(reason sim.err)"
     [ $((tries -= 1)) -gt 0 ] || fail "the platform did not start within $start_time s"
     sleep 0.05
 done
@@ -80,12 +85,12 @@ module_pid=$!
 # The module ends by itself once its link to the daemon came up a second time. The other one ends early if a step fails.
 wait -n "$sim_pid" "$module_pid"
 if ! kill -0 "$sim_pid" 2>/dev/null; then
-    fail "the platform's script failed: $(tail -n 1 "$work/sim.err")"
+    fail "the platform's script failed: $(reason sim.err)"
 fi
-wait "$module_pid" || fail "the module failed: $(tail -n 1 "$work/module.err")"
+wait "$module_pid" || fail "the module failed: $(reason module.err)"
 module_pid=''
 end "$sim_pid"
-wait "$sim_pid" || fail "the platform failed: $(tail -n 1 "$work/sim.err")"
+wait "$sim_pid" || fail "the platform failed: $(reason sim.err)"
 sim_pid=''
 wait "$reader_pid"
 reader_pid=''

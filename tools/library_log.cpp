@@ -42,9 +42,7 @@ void tell_resolved(va_list &args) {
     g_log.timeline->say("resolve: %s has an address", printable(va_arg(args, const char *)).c_str());
 }
 
-void tell_unresolved(va_list &args) {
-    g_log.timeline->say("resolve failed: code %d", va_arg(args, int));
-}
+void tell_unresolved(va_list &args) { g_log.timeline->say("resolve failed: code %d", va_arg(args, int)); }
 
 void tell_connecting(va_list &args) {
     va_arg(args, int);  // the family
@@ -60,18 +58,10 @@ void tell_tcp(va_list &) {
     g_log.timeline->say("TCP: connected");
 }
 
-void tell_tls(va_list &) {
-    g_log.timeline->say("TLS: established");
-}
-void tell_upgrade_sent(va_list &) {
-    g_log.timeline->say("upgrade: request sent");
-}
-void tell_upgrade_accepted(va_list &) {
-    g_log.timeline->say("upgrade: answer accepted");
-}
-void tell_registration(va_list &) {
-    g_log.timeline->say("OPT1: registration sent");
-}
+void tell_tls(va_list &) { g_log.timeline->say("TLS: established"); }
+void tell_upgrade_sent(va_list &) { g_log.timeline->say("upgrade: request sent"); }
+void tell_upgrade_accepted(va_list &) { g_log.timeline->say("upgrade: answer accepted"); }
+void tell_registration(va_list &) { g_log.timeline->say("OPT1: registration sent"); }
 
 constexpr Step kSteps[] = {
     {"urllist_set modelname. %s %s %s %d %d", tell_tunnel_data},
@@ -132,9 +122,7 @@ bool open_library_log(const Timeline &timeline, const Options &options) {
     return !shown || options.log == "-" || CLOUDMGR_debug_open_file(options.log.c_str()) == 0;
 }
 
-void close_library_log() {
-    CLOUDMGR_debug_CloseFile();
-}
+void close_library_log() { CLOUDMGR_debug_CloseFile(); }
 
 int print_library_message(uint32_t level, const char *format, ...) {
     va_list args;
@@ -152,8 +140,6 @@ void begin_attempt() {
     g_log.first_error.clear();
 }
 
-std::string first_error() {
-    return g_log.first_error;
-}
+std::string first_error() { return g_log.first_error; }
 
 }  // namespace module

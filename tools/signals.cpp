@@ -27,15 +27,9 @@ void catch_signals() {
     sigaction(SIGPIPE, &action, nullptr);
 }
 
-int asked_to_end() {
-    return g_asked;
-}
+int asked_to_end() { return g_asked; }
 
-MayWait::MayWait() {
-    g_waits = 1;
-}
-MayWait::~MayWait() {
-    g_waits = 0;
-}
+MayWait::MayWait() { g_waits = 1; }
+MayWait::~MayWait() { g_waits = 0; }
 
 }  // namespace module

@@ -52,9 +52,7 @@ double random_fraction() {
     return std::uniform_real_distribution<>(0, 1)(engine);
 }
 
-std::string_view text_of(const char *text) {
-    return text ? text : std::string_view();
-}
+std::string_view text_of(const char *text) { return text ? text : std::string_view(); }
 
 std::string reason_text() {
     const std::string error = first_error();
@@ -72,15 +70,11 @@ Tunnel::Tunnel(const Options &options, Timeline &timeline)
     enter(State::waiting);
 }
 
-Tunnel::~Tunnel() {
-    g_tunnel = nullptr;
-}
+Tunnel::~Tunnel() { g_tunnel = nullptr; }
 
 // The library's callbacks.
 
-int Tunnel::connected(int sock) {
-    return g_tunnel->on_connected(sock);
-}
+int Tunnel::connected(int sock) { return g_tunnel->on_connected(sock); }
 
 int Tunnel::failed(const char *) {
     g_tunnel->on_failed();
