@@ -11,6 +11,8 @@ namespace sim {
 
 using Protocol = asio::local::stream_protocol;
 
+static constexpr auto kAcceptPause = std::chrono::seconds(1);  // for descriptors to become free again
+
 Daemon::Daemon(asio::io_context &io, const Timeline &timeline, Bell &bell, DaemonPolicy policy, std::string path)
     : io_(io), timeline_(timeline), bell_(bell), policy_(std::move(policy)), path_(std::move(path)), acceptor_(io) {}
 
@@ -27,7 +29,7 @@ void Daemon::start() {
     }
     if (::stat(path_.c_str(), &own_file_) != 0) own_file_ = {};
     timeline_.say("daemon", cat("listening on ", path_));
-    co_spawn(io_, accept(), asio::detached);
+    co_spawn(io_, accept(++starts_), asio::detached);
 }
 
 void Daemon::remove_stale_file() const {
@@ -57,14 +59,16 @@ void Daemon::stop() {
     timeline_.say("daemon", "stopped");
 }
 
-awaitable<void> Daemon::accept() {
-    for (;;) {
+awaitable<void> Daemon::accept(int start_number) {
+    while (running() && start_number == starts_) {
         error_code error;
         Protocol::socket socket = co_await acceptor_.async_accept(asio::redirect_error(use_awaitable, error));
-        if (error == asio::error::operation_aborted) co_return;  // stopped; a new start accepts for itself
+        if (!running() || start_number != starts_) co_return;  // stopped meanwhile; a new start accepts for itself
         if (error) {
             timeline_.say("daemon", cat("accept failed: ", error.message()));
-            co_return;
+            asio::steady_timer pause(io_, kAcceptPause);
+            co_await pause.async_wait(use_awaitable);
+            continue;
         }
         auto link = std::make_shared<DaemonLink>(io_, timeline_, bell_, policy_, std::move(socket), ++last_id_);
         links_.push_back(link);

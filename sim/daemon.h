@@ -38,7 +38,7 @@ class Daemon {
     void tell_status() const;
 
   private:
-    awaitable<void> accept();
+    awaitable<void> accept(int start_number);
     void remove_stale_file() const;
 
     asio::io_context &io_;
@@ -50,6 +50,7 @@ class Daemon {
     struct stat own_file_ = {};
     std::vector<std::shared_ptr<DaemonLink>> links_;
     int last_id_ = 0;
+    int starts_ = 0;
 };
 
 }  // namespace sim

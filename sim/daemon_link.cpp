@@ -52,9 +52,7 @@ DaemonLink::DaemonLink(asio::io_context &io, const Timeline &timeline, Bell &bel
       pending_bell_(io),
       id_(id) {}
 
-void DaemonLink::say(std::string_view what) const {
-    timeline_.say("daemon", what);
-}
+void DaemonLink::say(std::string_view what) const { timeline_.say("daemon", what); }
 
 bool DaemonLink::has(const std::string &model) const {
     return model.empty() ? !models_.empty() : std::ranges::find(models_, model) != models_.end();

@@ -22,8 +22,6 @@ void Desk::stop() {
     if (daemon) daemon->stop();
 }
 
-bool Desk::empty() const {
-    return (!platform || platform->empty()) && (!daemon || daemon->empty());
-}
+bool Desk::empty() const { return (!platform || platform->empty()) && (!daemon || daemon->empty()); }
 
 }  // namespace sim

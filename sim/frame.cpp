@@ -23,9 +23,7 @@ void put_big_endian(std::string &out, std::uint64_t value, unsigned width) {
     for (unsigned i = width; i-- > 0;) out += static_cast<char>(value >> (8 * i) & 0xff);
 }
 
-bool is_control(Opcode opcode) {
-    return opcode == Opcode::close || opcode == Opcode::ping || opcode == Opcode::pong;
-}
+bool is_control(Opcode opcode) { return opcode == Opcode::close || opcode == Opcode::ping || opcode == Opcode::pong; }
 
 // The key is any range of four bytes; a frame's first payload byte meets the first of them.
 template <class Bytes>

@@ -9,11 +9,10 @@
 namespace sim {
 namespace {
 
-constexpr std::uint16_t kPlainPort = 80;  // the library speaks plain on this port and TLS on every other
+constexpr std::uint16_t kPlainPort = 80;                // the library speaks plain on this port and TLS on every other
+constexpr auto kAcceptPause = std::chrono::seconds(1);  // for descriptors to become free again
 
-const char *tls_name(int version) {
-    return version == TLS1_3_VERSION ? "1.3" : "1.2";
-}
+const char *tls_name(int version) { return version == TLS1_3_VERSION ? "1.3" : "1.2"; }
 
 }  // namespace
 
@@ -55,7 +54,9 @@ awaitable<void> Platform::accept() {
         if (!acceptor_.is_open()) co_return;
         if (error) {
             around_.timeline.say("platform", cat("accept failed: ", error.message()));
-            co_return;
+            asio::steady_timer pause(around_.io, kAcceptPause);
+            co_await pause.async_wait(use_awaitable);
+            continue;
         }
         socket.set_option(tcp::no_delay(true), error);  // a module waits for each of these frames
         Stream stream = options_.plain ? Stream(std::move(socket)) : Stream(std::move(socket), tls_);
@@ -84,9 +85,7 @@ std::shared_ptr<Tunnel> Platform::newest_open(const std::string &model) const {
     return nullptr;
 }
 
-std::shared_ptr<Tunnel> Platform::newest() const {
-    return tunnels_.empty() ? nullptr : tunnels_.back();
-}
+std::shared_ptr<Tunnel> Platform::newest() const { return tunnels_.empty() ? nullptr : tunnels_.back(); }
 
 std::shared_ptr<Tunnel> Platform::find(int id) const {
     const auto found = std::ranges::find_if(tunnels_, [id](const auto &tunnel) { return tunnel->id() == id; });

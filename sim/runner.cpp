@@ -28,9 +28,7 @@ std::string sized_text(std::size_t size) {
     return out;
 }
 
-std::string of_model(const std::string &model) {
-    return model.empty() ? "" : cat(" of model '", model, "'");
-}
+std::string of_model(const std::string &model) { return model.empty() ? "" : cat(" of model '", model, "'"); }
 
 CloseBody close_body(const Step &step) {
     return {.status = static_cast<std::uint16_t>(step.count), .reason = step.text};
@@ -182,9 +180,7 @@ awaitable<void> Runner::pause(Clock::duration time) {
     co_await timer.async_wait(use_awaitable);
 }
 
-awaitable<void> Runner::sleep(const Step &step) {
-    return pause(std::chrono::milliseconds(step.count));
-}
+awaitable<void> Runner::sleep(const Step &step) { return pause(std::chrono::milliseconds(step.count)); }
 
 // Steps of the platform.
 
@@ -222,13 +218,9 @@ awaitable<void> Runner::wait_close(const Step &) {
     co_await wait_for([&] { return tunnel.state() == Tunnel::State::ended; }, what);
 }
 
-awaitable<void> Runner::request(const Step &step) {
-    co_await exchange(open_tunnel(), Opcode::text, step.text);
-}
+awaitable<void> Runner::request(const Step &step) { co_await exchange(open_tunnel(), Opcode::text, step.text); }
 
-awaitable<void> Runner::binary(const Step &step) {
-    co_await exchange(open_tunnel(), Opcode::binary, step.text);
-}
+awaitable<void> Runner::binary(const Step &step) { co_await exchange(open_tunnel(), Opcode::binary, step.text); }
 
 awaitable<void> Runner::requests(const Step &step) {
     Tunnel &on = open_tunnel();
@@ -358,17 +350,11 @@ awaitable<void> Runner::wait_module(const Step &step) {
     co_await wait_for([&] { return all.has(step.text); }, what);
 }
 
-awaitable<void> Runner::tunnel(const Step &step) {
-    return notify(step.text, Notice::tunnel_data);
-}
+awaitable<void> Runner::tunnel(const Step &step) { return notify(step.text, Notice::tunnel_data); }
 
-awaitable<void> Runner::closed(const Step &step) {
-    return notify(step.text, Notice::closed);
-}
+awaitable<void> Runner::closed(const Step &step) { return notify(step.text, Notice::closed); }
 
-awaitable<void> Runner::third(const Step &step) {
-    return notify(step.text, Notice::third);
-}
+awaitable<void> Runner::third(const Step &step) { return notify(step.text, Notice::third); }
 
 awaitable<void> Runner::notify(const std::string &model, Notice notice) {
     Daemon &all = daemon();

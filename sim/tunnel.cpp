@@ -329,9 +329,7 @@ std::string Tunnel::encode(const Frame &frame) const {
     return encode_frame(frame, key);
 }
 
-void Tunnel::post(const Frame &frame) {
-    outbox_.post(encode(frame));
-}
+void Tunnel::post(const Frame &frame) { outbox_.post(encode(frame)); }
 
 void Tunnel::send_message(Opcode opcode, const std::string &body) {
     post({.opcode = opcode, .payload = body});

@@ -30,13 +30,9 @@ struct Desk {
 };
 
 // The library's own reads: at most 1024 bytes for a reply, at most 2048 for a notification.
-std::string read_reply(Wire &link) {
-    return link.read_once(1024);
-}
+std::string read_reply(Wire &link) { return link.read_once(1024); }
 
-std::string read_notification(Wire &link) {
-    return link.read_once(2048);
-}
+std::string read_notification(Wire &link) { return link.read_once(2048); }
 
 }  // namespace
 

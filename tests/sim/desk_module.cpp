@@ -13,9 +13,7 @@
 
 namespace simtest {
 
-Wire::~Wire() {
-    close();
-}
+Wire::~Wire() { close(); }
 
 void Wire::close() {
     SSL_free(ssl_);

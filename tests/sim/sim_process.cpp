@@ -43,9 +43,7 @@ std::string fresh_path(const std::string &ending) {
     return "/tmp/cloudtunnel-sim-test." + std::to_string(getpid()) + "." + std::to_string(++number) + ending;
 }
 
-size_t lines(const std::string &text) {
-    return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
-}
+size_t lines(const std::string &text) { return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')); }
 
 SimProcess::SimProcess(std::vector<std::string> options) : socket_path_(fresh_path(".sock")) {
     std::vector<std::string> words = {CLOUDTUNNEL_SIM_PATH, "--socket", socket_path_, "--seconds", "60"};
@@ -116,9 +114,7 @@ void SimProcess::type(const std::string &step) {
     }
 }
 
-void SimProcess::signal(int number) {
-    kill(pid_, number);
-}
+void SimProcess::signal(int number) { kill(pid_, number); }
 
 int SimProcess::finish() {
     if (pid_ < 0) return status_;
