@@ -345,7 +345,8 @@ CLOUDTUNNEL_EXPORT int cloudtunnel_timer_add(int32_t id, uint32_t periodic, uint
                                              cloudtunnel_timer_fn *callback);
 
 /* cloudtunnel_timer_del deletes a timer: it does not fire any more, its id is free at once, its memory is released by
- * the next pass. Always 0; unknown ids are ignored. */
+ * the next pass. Always 0; unknown ids are ignored. Until that pass a new timer with the same id can stand behind the
+ * deleted one and is not found: it lives on and fires. */
 CLOUDTUNNEL_EXPORT int cloudtunnel_timer_del(uint32_t id);
 
 /* cloudtunnel_timer_refresh starts the timer's period again. 0, also for an unknown id; -1 for id 0 and when the uptime

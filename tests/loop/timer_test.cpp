@@ -1,0 +1,499 @@
+#include "loop/timer.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <thread>
+
+#include "tests/support/fault.h"
+#include "tests/support/fixture.h"
+#include "tests/support/quiet.h"
+
+namespace {
+
+using support::kError;
+using support::kInit;
+using support::kTimer;
+using support::kTimerDetail;
+
+constexpr int kMax = 200;
+
+std::vector<uint32_t> g_fired;
+std::function<void(uint32_t, void *)> g_during;
+
+int on_timer(uint32_t id, void *arg) {
+    g_fired.push_back(id);
+    if (g_during) g_during(id, arg);
+    return 17;  // ignored
+}
+
+class TimerTest : public support::LibraryTest {
+  protected:
+    TimerTest() {
+        g_fired.clear();
+        g_during = nullptr;
+    }
+    ~TimerTest() override { g_during = nullptr; }
+
+    static int add(int id = 0, uint32_t periodic = 0, uint64_t period_ms = 1000, void *arg = nullptr) {
+        return cloudtunnel_timer_add(id, periodic, period_ms, arg, on_timer);
+    }
+    static std::vector<uint32_t> ids() {
+        std::vector<uint32_t> found;
+        for (cloudtunnel_link *at = cloudtunnel_timerlist.link.next; at && at != &cloudtunnel_timerlist.link;
+             at = at->next)
+            found.push_back(reinterpret_cast<cloudtunnel_timer_node *>(at)->id);
+        return found;
+    }
+    static void *block() { return std::calloc(1, 4); }
+    using Ids = std::vector<uint32_t>;
+};
+
+TEST_F(TimerTest, dynamic_ids_begin_at_100_and_are_given_anew_at_once) {
+    EXPECT_EQ(add(), 100);
+    EXPECT_EQ(add(), 101);
+    EXPECT_EQ(cloudtunnel_timer_del(100), 0);
+    EXPECT_EQ(add(), 100);
+    EXPECT_EQ(cloudtunnel_timerlist.count, 3U);  // the deleted one still waits for a pass
+}
+
+TEST_F(TimerTest, the_first_timer_stays_first_and_later_ones_stand_behind_it_newest_in_front) {
+    for (int id = 1; id <= 4; id++) add(id);
+    EXPECT_EQ(ids(), (Ids{1, 4, 3, 2}));
+    pass_time(1);
+    EXPECT_EQ(g_fired, (Ids{1, 4, 3, 2}));
+}
+
+TEST_F(TimerTest, a_node_holds_what_the_timer_was_added_with) {
+    void *arg = block();
+    add(7, 3, 2500, arg);
+    const auto *node = reinterpret_cast<cloudtunnel_timer_node *>(cloudtunnel_timerlist.link.next);
+    EXPECT_EQ(node->id, 7U);
+    EXPECT_EQ(node->periodic, 3U);
+    EXPECT_EQ(node->period_ms, 2500U);
+    EXPECT_EQ(node->arg, arg);
+    EXPECT_EQ(node->last_s, static_cast<uint64_t>(clock.uptime()));
+    EXPECT_EQ(node->deleted, 0U);
+    EXPECT_EQ(node->callback, on_timer);
+}
+
+TEST_F(TimerTest, a_one_shot_fires_once_and_a_periodic_one_every_period) {
+    add(1, 0, 2000);
+    add(2, 1, 2000);
+    pass_time(1);
+    EXPECT_EQ(g_fired, Ids{});
+    pass_time(1);
+    EXPECT_EQ(g_fired, (Ids{1, 2}));
+    pass_time(1);
+    pass_time(1);
+    EXPECT_EQ(g_fired, (Ids{1, 2, 2}));
+    EXPECT_EQ(ids(), Ids{2});
+}
+
+TEST_F(TimerTest, periods_count_in_whole_seconds) {
+    add(1, 1, 0);
+    add(2, 1, 999);
+    add(3, 1, 1500);
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, (Ids{1, 2}));
+    g_fired.clear();
+    pass_time(1);
+    EXPECT_EQ(g_fired, (Ids{1, 3, 2}));
+}
+
+TEST_F(TimerTest, an_uptime_that_jumps_back_makes_a_timer_due) {
+    add(1, 1, 1000000);
+    clock.set_uptime(clock.uptime() - 1);
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, Ids{1});  // the difference is unsigned
+}
+
+TEST_F(TimerTest, a_one_shots_id_is_free_before_its_callback_and_its_argument_lives_until_the_next_pass) {
+    void *arg = block();
+    ASSERT_EQ(add(0, 0, 1000, arg), 100);
+    g_during = [&](uint32_t, void *given) {
+        EXPECT_EQ(given, arg);
+        std::memset(given, 1, 4);
+        g_during = nullptr;
+        EXPECT_EQ(add(0, 0, 5000), 100);
+    };
+    pass_time(1);
+    EXPECT_EQ(g_fired, Ids{100});
+    EXPECT_EQ(cloudtunnel_timerlist.count, 2U);
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(cloudtunnel_timerlist.count, 1U);
+}
+
+TEST_F(TimerTest, the_201st_timer_is_refused_and_its_argument_freed) {
+    for (int n = 0; n < kMax; n++) ASSERT_EQ(add(), 100 + n);
+    log.clear();
+    EXPECT_EQ(add(0, 0, 1000, block()), -1);
+    EXPECT_TRUE(log.said_once(kTimer, "Daemon user timer reach max count, create failed."));
+    cloudtunnel_timer_del(100);
+    EXPECT_EQ(add(0, 0, 1000, block()), -1);  // flagged nodes count until a pass
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(add(), 100);
+}
+
+TEST_F(TimerTest, a_live_fixed_id_keeps_its_timer_and_frees_the_new_argument) {
+    EXPECT_EQ(add(5, 1, 3000), 5);
+    EXPECT_EQ(cloudtunnel_timer_add(5, 0, 1, block(), nullptr), 5);
+    EXPECT_TRUE(log.said_once(kTimer, "Timer 5 is already exit."));
+    EXPECT_EQ(cloudtunnel_timerlist.count, 1U);
+    pass_time(3);
+    EXPECT_EQ(g_fired, Ids{5});
+}
+
+TEST_F(TimerTest, a_deleted_fixed_id_is_taken_over_where_it_stands_and_its_old_argument_is_not_freed) {
+    void *old_arg = block();
+    add(1);
+    add(5, 0, 1000, old_arg);
+    add(6);
+    cloudtunnel_timer_del(5);
+    EXPECT_EQ(add(5, 1, 2000), 5);
+    EXPECT_EQ(ids(), (Ids{1, 6, 5}));
+    EXPECT_EQ(cloudtunnel_timerlist.count, 3U);
+    pass_time(2);
+    EXPECT_EQ(g_fired, (Ids{1, 6, 5}));
+    std::free(old_arg);  // still whole: the reuse only forgot it
+}
+
+TEST_F(TimerTest, an_id_of_any_size_is_taken_unchanged) {
+    EXPECT_EQ(add(4000), 4000);
+    EXPECT_EQ(add(-7), -7);
+    EXPECT_EQ(ids(), (Ids{4000, static_cast<uint32_t>(-7)}));
+}
+
+TEST_F(TimerTest, adding_says_which_ids_are_taken_before_and_after) {
+    log.clear();
+    add();
+    EXPECT_TRUE(log.in_order({{kTimerDetail, " Dynamic Timer pool before add."},
+                              {kTimerDetail, " DynamicTest: pool[0] = 0x00"},
+                              {kTimerDetail, " DynamicTest: pool[31] = 0x00"},
+                              {kTimerDetail, " Dynamic Timer pool after add."},
+                              {kTimerDetail, " DynamicTest: pool[0] = 0x01"},
+                              {kTimerDetail, " DynamicTest: pool[31] = 0x00"},
+                              {kTimer, "Add user timer ok, timer id 100."}}));
+    EXPECT_EQ(log.count(kTimerDetail), 2 + 64);
+    log.clear();
+    add(9);
+    EXPECT_EQ(log.count(kTimerDetail), 0);
+    EXPECT_TRUE(log.said_once(kTimer, "Add user timer ok, timer id 9."));
+}
+
+TEST_F(TimerTest, deleting_says_which_ids_are_taken_before_and_after) {
+    add();
+    log.clear();
+    cloudtunnel_timer_del(100);
+    EXPECT_TRUE(log.in_order({{kTimer, "Del user timer ok, timer id 100."},
+                              {kTimerDetail, " Dynamic Timer pool before del."},
+                              {kTimerDetail, " DynamicTest: pool[0] = 0x01"},
+                              {kTimerDetail, " Dynamic Timer pool after del."},
+                              {kTimerDetail, " DynamicTest: pool[0] = 0x00"}}));
+    EXPECT_EQ(log.count(kTimerDetail), 2 + 64);
+    log.clear();
+    EXPECT_EQ(cloudtunnel_timer_del(100), 0);  // flagged already
+    EXPECT_TRUE(log.all().empty());
+}
+
+TEST_F(TimerTest, deleting_a_fixed_id_says_no_more_than_that) {
+    add(99);
+    log.clear();
+    cloudtunnel_timer_del(99);
+    EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{{kTimer, "Del user timer ok, timer id 99."}}));
+}
+
+TEST_F(TimerTest, ids_outside_the_pool_are_told_when_they_are_deleted) {
+    add(356);
+    add(-7);
+    log.clear();
+    cloudtunnel_timer_del(356);
+    EXPECT_TRUE(log.in_order({{kTimer, "Del user timer ok, timer id 356."},
+                              {kTimerDetail, " Dynamic Timer pool before del."},
+                              {kTimer, "Invalid dynamic timer id 356, bytecnt 32, bitcnt 0."}}));
+    EXPECT_EQ(log.count(kTimerDetail, " Dynamic Timer pool after del."), 0);
+    log.clear();
+    cloudtunnel_timer_del(static_cast<uint32_t>(-7));
+    EXPECT_TRUE(log.said_once(kTimer, "Invalid dynamic timer id -7."));
+    EXPECT_EQ(log.count(kTimerDetail), 0);
+}
+
+TEST_F(TimerTest, deleting_what_is_not_there_is_no_failure) {
+    EXPECT_EQ(cloudtunnel_timer_del(0), 0);
+    EXPECT_TRUE(log.texts(kTimer).empty());
+    EXPECT_EQ(cloudtunnel_timer_del(77), 0);
+    EXPECT_TRUE(log.said_once(kTimer, "Del timer id 77 is not exist."));
+}
+
+TEST_F(TimerTest, refresh_starts_the_whole_period_again) {
+    add(1, 0, 3000);
+    pass_time(2);
+    EXPECT_EQ(cloudtunnel_timer_refresh(1), 0);
+    EXPECT_TRUE(log.said_once(kTimer, "Refresh user timer ok, timer id 1."));
+    pass_time(2);
+    EXPECT_EQ(g_fired, Ids{});
+    pass_time(1);
+    EXPECT_EQ(g_fired, Ids{1});
+}
+
+TEST_F(TimerTest, refresh_of_nothing_is_minus_one_and_of_an_unknown_id_nothing) {
+    EXPECT_EQ(cloudtunnel_timer_refresh(0), -1);
+    log.clear();
+    EXPECT_EQ(cloudtunnel_timer_refresh(4), 0);
+    EXPECT_TRUE(log.all().empty());
+}
+
+TEST_F(TimerTest, without_an_uptime_nothing_is_added_refreshed_or_fired) {
+    add(1, 1, 0);
+    const support::Fault broken("sysinfo", {.times = support::kAlways, .error = EFAULT});
+    log.clear();
+    EXPECT_EQ(add(0, 0, 0, block()), -1);
+    EXPECT_TRUE(log.in_order({{kError, "Get run time nobuf error, errno [14] msg [Bad address]."},
+                              {kError, "Get run time error when add timer."}}));
+    EXPECT_EQ(cloudtunnel_timer_refresh(0), -1);
+    EXPECT_EQ(cloudtunnel_timer_refresh(1), -1);
+    EXPECT_EQ(log.count(kError, "Get run time error when refresh timer."), 2);
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, Ids{});
+    EXPECT_EQ(cloudtunnel_timerlist.count, 1U);
+}
+
+TEST_F(TimerTest, without_memory_the_argument_is_freed_and_no_id_is_taken) {
+    const int failed = support::fail_each_allocation([&](const support::FailAlloc &fail) {
+        void *arg = nullptr;
+        {
+            const support::Quiet mine;
+            arg = block();
+        }
+        log.clear();
+        const int id = add(0, 0, 1000, arg);
+        EXPECT_EQ(id, fail.hit() ? -1 : 100);
+        EXPECT_EQ(log.count(kError, "Timer malloc failed."), fail.hit() ? 1 : 0);
+    });
+    EXPECT_EQ(failed, 1);
+    EXPECT_EQ(cloudtunnel_timerlist.count, 1U);
+}
+
+TEST_F(TimerTest, a_pass_tells_what_it_compares_and_what_is_due) {
+    clock.set_uptime(500);
+    add(1, 0, 2000);
+    log.clear();
+    pass_time(2);
+    EXPECT_TRUE(log.in_order({{kTimerDetail, " Timer check last timer 500."},
+                              {kTimerDetail, " Timer check now timer 502."},
+                              {kTimerDetail, " Timer check period 2000."},
+                              {kTimer, "Del user timer ok, timer id 1."},
+                              {kTimer, "Timer 1 reach time out."}}));
+}
+
+TEST_F(TimerTest, a_pass_over_an_empty_pool_does_not_even_look_at_the_clock) {
+    const support::Calls clock_reads("sysinfo");
+    EXPECT_EQ(cloudtunnel_timer_slotnow(), 0);
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(clock_reads(), 0);
+    add();
+    EXPECT_EQ(cloudtunnel_timer_slotnow(), 1);
+}
+
+TEST_F(TimerTest, a_node_without_an_id_is_skipped) {
+    add(1, 1, 0);
+    auto *node = reinterpret_cast<cloudtunnel_timer_node *>(cloudtunnel_timerlist.link.next);
+    node->id = 0;
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, Ids{});
+    EXPECT_EQ(cloudtunnel_timerlist.count, 1U);
+}
+
+TEST_F(TimerTest, a_timer_without_a_callback_only_ends) {
+    EXPECT_EQ(cloudtunnel_timer_add(1, 0, 0, block(), nullptr), 1);
+    CLOUDTUNNEL_TIMER_Proc();
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
+}
+
+TEST_F(TimerTest, de_init_frees_all_and_leaves_the_ids_taken_until_the_next_init) {
+    add(0, 0, 1000, block());
+    add(0, 1, 1000, block());
+    EXPECT_EQ(CLOUDMGR_timer_deinit(), 0);
+    EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
+    EXPECT_EQ(ids(), Ids{});
+    EXPECT_EQ(add(), 102);
+    CLOUDMGR_timer_deinit();
+    CLOUDMGR_timer_init();
+    EXPECT_EQ(add(), 100);
+}
+
+TEST_F(TimerTest, when_every_id_is_taken_the_search_ends) {
+    for (int n = 0; n < 130; n++) ASSERT_NE(add(), -1);
+    CLOUDMGR_timer_deinit();
+    for (int n = 130; n < 256; n++) ASSERT_EQ(add(), 100 + n);
+    log.clear();
+    EXPECT_EQ(add(0, 0, 1000, block()), -1);
+    EXPECT_TRUE(log.said_once(kTimer, "Daemon user timer reach max count, create failed."));
+    EXPECT_EQ(cloudtunnel_timerlist.count, 126U);
+}
+
+TEST_F(TimerTest, a_pool_of_zeros_takes_calls_of_every_kind) {
+    CLOUDMGR_timer_deinit();
+    cloudtunnel_timerlist = {};
+    cloudtunnel_timer_proc();
+    EXPECT_EQ(cloudtunnel_timer_del(5), 0);
+    EXPECT_EQ(cloudtunnel_timer_refresh(5), 0);
+    EXPECT_EQ(CLOUDMGR_timer_deinit(), 0);
+    EXPECT_EQ(add(5, 1, 0), 5);
+    cloudtunnel_timer_proc();
+    EXPECT_EQ(g_fired, Ids{5});
+}
+
+TEST_F(TimerTest, timers_added_by_a_callback_wait_for_the_next_pass) {
+    add(1, 1, 0);
+    g_during = [](uint32_t id, void *) {
+        if (id == 1) add(2, 1, 0);
+    };
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, Ids{1});
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, (Ids{1, 1, 2}));
+}
+
+TEST_F(TimerTest, a_callback_may_delete_the_timer_that_comes_next) {
+    for (int id = 1; id <= 3; id++) add(id, 1, 0, block());
+    g_during = [](uint32_t, void *) { cloudtunnel_timer_del(3); };
+    CLOUDTUNNEL_TIMER_Proc();  // 1, then 3 is taken out, then 2
+    EXPECT_EQ(g_fired, (Ids{1, 2}));
+    EXPECT_EQ(ids(), (Ids{1, 2}));
+}
+
+TEST_F(TimerTest, a_callback_may_delete_its_own_timer) {
+    add(1, 1, 0, block());
+    g_during = [](uint32_t id, void *) { cloudtunnel_timer_del(id); };
+    CLOUDTUNNEL_TIMER_Proc();
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, Ids{1});
+    EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
+}
+
+TEST_F(TimerTest, a_pass_inside_a_pass_touches_no_freed_node_and_the_running_argument_lives_on) {
+    for (int id = 1; id <= 4; id++) add(id, 0, 0, block());
+    int depth = 0;
+    g_during = [&](uint32_t id, void *arg) {
+        if (++depth == 1) {
+            for (int n = 0; n < 3; n++) CLOUDTUNNEL_TIMER_Proc();  // fires the others and takes them out
+            EXPECT_EQ(ids(), Ids{id});
+            std::memset(arg, 2, 4);
+        }
+    };
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, (Ids{1, 4, 3, 2}));
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
+}
+
+TEST_F(TimerTest, a_timer_that_fires_inside_itself_and_ends_the_pool_there_keeps_its_argument_to_the_last) {
+    add(1, 1, 0, block());
+    int depth = 0;
+    g_during = [&](uint32_t, void *arg) {
+        if (++depth < 3)
+            CLOUDTUNNEL_TIMER_Proc();
+        else
+            CLOUDMGR_timer_deinit();
+        std::memset(arg, 3, 4);
+    };
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, (Ids{1, 1, 1}));
+    EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
+}
+
+TEST_F(TimerTest, a_callback_may_end_the_pool_and_start_it_again) {
+    for (int id = 1; id <= 3; id++) add(id, 1, 0, block());
+    g_during = [](uint32_t id, void *arg) {
+        CLOUDMGR_timer_deinit();
+        CLOUDMGR_timer_init();
+        add(static_cast<int>(id) + 10, 1, 0, block());
+        std::memset(arg, 4, 4);
+    };
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, Ids{1});
+    EXPECT_EQ(ids(), Ids{11});
+}
+
+TEST_F(TimerTest, a_callback_may_end_the_library) {
+    for (int id = 1; id <= 3; id++) add(id, 0, 0, block());
+    g_during = [](uint32_t, void *arg) {
+        CLOUDTUNNEL_LIB_Fini();
+        std::memset(arg, 5, 4);
+    };
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, Ids{1});
+}
+
+TEST_F(TimerTest, an_armed_timer_is_known_by_id_and_callback_until_it_is_deleted) {
+    EXPECT_FALSE(timer_armed(100, on_timer));
+    add();
+    EXPECT_TRUE(timer_armed(100, on_timer));
+    EXPECT_FALSE(timer_armed(100, nullptr));
+    cloudtunnel_timer_del(100);
+    EXPECT_FALSE(timer_armed(100, on_timer));
+}
+
+TEST_F(TimerTest, two_threads_may_add_refresh_and_delete) {
+    const auto work = [] {
+        for (int n = 0; n < 500; n++) {
+            const int id = cloudtunnel_timer_add(0, 0, 100000, std::calloc(1, 4), on_timer);
+            if (id <= 0) continue;
+            cloudtunnel_timer_refresh(static_cast<uint32_t>(id));
+            cloudtunnel_timer_del(static_cast<uint32_t>(id));
+        }
+    };
+    cloudmgr_debug_level = 0;
+    std::thread one(work);
+    std::thread two(work);
+    one.join();
+    two.join();
+    EXPECT_EQ(ids().size(), cloudtunnel_timerlist.count);
+    pass_time(200);
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
+}
+
+TEST_F(TimerTest, deleting_finds_the_older_timer_of_an_id_that_still_waits_for_its_removal) {
+    EXPECT_EQ(add(), 100);
+    cloudtunnel_timer_del(100);
+    EXPECT_EQ(add(), 100);
+    log.clear();
+    cloudtunnel_timer_del(100);
+    EXPECT_TRUE(log.all().empty());
+    pass_time(1);
+    EXPECT_EQ(g_fired, Ids{100});  // the newer one was not deleted
+}
+
+TEST_F(TimerTest, the_hosts_pace_is_a_tenth_of_a_second) {
+    EXPECT_EQ(cloudtunnel_timer_settimer(), 0);
+    EXPECT_TRUE(log.said_once(kInit, "Daemon timer create ok."));
+    CLOUDTUNNEL_TIMER_Stop();
+    EXPECT_TRUE(log.said_once(kInit, "Daemon timer stop ok."));
+    const auto &set = clock.interval_timers();
+    ASSERT_EQ(set.size(), 2U);
+    EXPECT_EQ(set[0].which, ITIMER_REAL);
+    EXPECT_EQ(set[0].value.it_value.tv_sec, 0);
+    EXPECT_EQ(set[0].value.it_value.tv_usec, 100000);
+    EXPECT_EQ(set[0].value.it_interval.tv_usec, 100000);
+    EXPECT_EQ(set[1].value.it_value.tv_usec, 0);
+    EXPECT_EQ(set[1].value.it_interval.tv_usec, 0);
+}
+
+TEST_F(TimerTest, a_pace_that_cannot_be_set_is_told) {
+    const support::Fault broken("setitimer", {.error = EINVAL});
+    EXPECT_EQ(cloudtunnel_timer_settimer(), -1);
+    EXPECT_TRUE(log.said_once(kInit, "Daemon timer create failed."));
+}
+
+TEST_F(TimerTest, the_signal_handler_only_notes_the_signal) {
+    for (const int number : {SIGALRM, SIGVTALRM, SIGTERM, 0, -1}) cloudtunnel_timer_timerout(number);
+    add(1, 1, 0);
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, Ids{1});
+}
+
+}  // namespace
