@@ -9,12 +9,6 @@
 
 namespace {
 
-using support::Callbacks;
-using support::kConnect;
-using support::kError;
-using support::kFsm;
-using support::Wire;
-
 class TableTest : public TunnelSteps<support::LibraryTest> {
   protected:
     static cloudmgr_v3wscnct_node *add(const std::string &model, const std::string &device = "device") {
@@ -22,8 +16,8 @@ class TableTest : public TunnelSteps<support::LibraryTest> {
             model.c_str(), device.c_str(),
             {.connected = Callbacks::on_connected, .failure = Callbacks::on_failure, .receive = Callbacks::on_frame});
     }
-    static std::vector<std::string> names() {
-        std::vector<std::string> found;
+    static Names names() {
+        Names found;
         for (cloudtunnel_link *link = wscnctlist.link.next; link != &wscnctlist.link; link = link->next)
             found.emplace_back(reinterpret_cast<cloudmgr_v3wscnct_node *>(link)->cloudModelName);
         return found;
@@ -46,7 +40,7 @@ TEST_F(TableTest, a_table_of_zeros_reads_as_empty_and_takes_its_first_node) {
     const cloudmgr_v3wscnct_node *const node = add("model");
     ASSERT_NE(node, nullptr);
     EXPECT_EQ(cloudmgr_v3wscnct_getNodeByName("model"), node);
-    EXPECT_EQ(names(), std::vector<std::string>{"model"});
+    EXPECT_EQ(names(), Names{"model"});
     EXPECT_EQ(wscnctlist.count, 1U);
 }
 
@@ -61,13 +55,12 @@ TEST_F(TableTest, a_new_node_holds_what_it_was_started_with_and_nothing_else) {
     EXPECT_EQ(node->state, 0U);
     EXPECT_EQ(node->timerId, 0U);
     EXPECT_EQ(node->key, nullptr);
-    EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{
-                             {kConnect, "Add ws connect node ok,  cloud model [cloud] dev model [dev]."}}));
+    EXPECT_EQ(log.all(), (Messages{{kConnect, "Add ws connect node ok,  cloud model [cloud] dev model [dev]."}}));
 }
 
 TEST_F(TableTest, nodes_stand_in_the_order_of_their_start) {
     for (const char *model : {"one", "two", "three"}) ASSERT_NE(add(model), nullptr);
-    EXPECT_EQ(names(), (std::vector<std::string>{"one", "two", "three"}));
+    EXPECT_EQ(names(), (Names{"one", "two", "three"}));
     EXPECT_EQ(wscnctlist.count, 3U);
 }
 
@@ -87,10 +80,10 @@ TEST_F(TableTest, names_keep_32_characters_and_a_zero_byte) {
 
 TEST_F(TableTest, the_33rd_node_is_refused_and_the_others_stay) {
     for (int i = 0; i < 32; ++i) ASSERT_NE(add("model" + std::to_string(i)), nullptr);
-    const std::vector<std::string> before = names();
+    const Names before = names();
     log.clear();
     EXPECT_EQ(add("one more"), nullptr);
-    EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{{kError, "Daemon ws connect reach max."}}));
+    EXPECT_EQ(log.all(), (Messages{{kError, "Daemon ws connect reach max."}}));
     EXPECT_EQ(names(), before);
     EXPECT_EQ(wscnctlist.count, 32U);
     CLOUDMGR_v3wscnct_node_del("model7");
@@ -101,14 +94,14 @@ TEST_F(TableTest, a_full_table_is_the_reason_also_for_a_model_that_is_in_it) {
     for (int i = 0; i < 32; ++i) ASSERT_NE(add("model" + std::to_string(i)), nullptr);
     log.clear();
     EXPECT_EQ(add("model3"), nullptr);
-    EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{{kError, "Daemon ws connect reach max."}}));
+    EXPECT_EQ(log.all(), (Messages{{kError, "Daemon ws connect reach max."}}));
 }
 
 TEST_F(TableTest, a_model_that_is_in_the_table_is_refused) {
     ASSERT_NE(add("model"), nullptr);
     log.clear();
     EXPECT_EQ(add("model"), nullptr);
-    EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{{kError, "Model model ws connect is exist."}}));
+    EXPECT_EQ(log.all(), (Messages{{kError, "Model model ws connect is exist."}}));
     EXPECT_EQ(wscnctlist.count, 1U);
     EXPECT_NE(add("Model"), nullptr) << "names differ in case";
 }
@@ -123,7 +116,7 @@ TEST_F(TableTest, names_that_are_stored_alike_are_one_model) {
 TEST_F(TableTest, without_memory_there_is_no_node) {
     const support::FailAlloc fail(0);
     EXPECT_EQ(add("model"), nullptr);
-    EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{{kError, "Malloc fo ws connect node failed."}}));
+    EXPECT_EQ(log.all(), (Messages{{kError, "Malloc fo ws connect node failed."}}));
     EXPECT_EQ(wscnctlist.count, 0U);
 }
 
@@ -132,8 +125,8 @@ TEST_F(TableTest, deleting_takes_one_node_out_and_frees_its_key) {
     cloudmgr_v3wscnct_getNodeByName("two")->key = ::strdup("a key");
     log.clear();
     CLOUDMGR_v3wscnct_node_del("two");
-    EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{{kConnect, "Del ws connect node ok, name two."}}));
-    EXPECT_EQ(names(), (std::vector<std::string>{"one", "three"}));
+    EXPECT_EQ(log.all(), (Messages{{kConnect, "Del ws connect node ok, name two."}}));
+    EXPECT_EQ(names(), (Names{"one", "three"}));
     EXPECT_EQ(wscnctlist.count, 2U);
 }
 
@@ -237,9 +230,8 @@ TEST_F(TableTest, the_machine_moves_forward_one_state_at_a_time_and_stops_at_the
         cloudmgr_v3wscnct_fsmTrigger(tunnel.sock);
         EXPECT_EQ(node->state, expected);
     }
-    EXPECT_EQ(log.texts(kFsm),
-              (std::vector<std::string>{"[Model model]v3 connect fsm trigger from [WS_INIT] to [WS_HANDSHAKE].",
-                                        "[Model model]v3 connect fsm trigger from [WS_HANDSHAKE] to [WS_CONNECT]."}));
+    EXPECT_EQ(log.texts(kFsm), (Names{"[Model model]v3 connect fsm trigger from [WS_INIT] to [WS_HANDSHAKE].",
+                                      "[Model model]v3 connect fsm trigger from [WS_HANDSHAKE] to [WS_CONNECT]."}));
     cloudmgr_v3wscnct_fsmTrigger(-1);
     EXPECT_EQ(log.count(kFsm), 2);
 }

@@ -37,6 +37,12 @@ struct Tunnel {
 template <class Base>
 class TunnelSteps : public Base {
   protected:
+    using enum support::Level;
+    using Wire = support::Wire;
+    using Callbacks = support::Callbacks;
+    using Names = std::vector<std::string>;
+    using Messages = std::vector<support::LogMessage>;
+
     TunnelSteps() {
         callbacks.during_failure = [this](const std::string &model) {
             mark("told: failure " + model);
@@ -45,11 +51,11 @@ class TunnelSteps : public Base {
         callbacks.during_connected = [](int) { mark("told: connected"); };
     }
 
-    static void mark(const std::string &text) { g_stLibInitData.pfnPrint(support::kInit, "%s", text.c_str()); }
+    static void mark(const std::string &text) { g_stLibInitData.pfnPrint(kInit, "%s", text.c_str()); }
 
     // A model that leads to a server of its own. All plain ones lead to the server of the last call: their way to a
     // port of the test's own is one setting for all.
-    static Tunnel lead(support::Wire wire, const std::string &model = "model") {
+    static Tunnel lead(Wire wire, const std::string &model = "model") {
         Tunnel tunnel = {.model = model, .server = std::make_unique<support::Server>(wire)};
         const uint16_t port = prepare_port(*tunnel.server);
         CLOUDMGR_socket_urllist_set(model.c_str(), "127.0.0.1", "/path", CLOUDTUNNEL_DATATYPE_HTTP, port);
@@ -65,8 +71,8 @@ class TunnelSteps : public Base {
     }
 
     static int start(const std::string &model, const std::string &device = "device") {
-        return CLOUDMGR_v3wscnct_start(model.c_str(), device.c_str(), support::Callbacks::on_connected,
-                                       support::Callbacks::on_failure, support::Callbacks::on_frame);
+        return CLOUDMGR_v3wscnct_start(model.c_str(), device.c_str(), Callbacks::on_connected, Callbacks::on_failure,
+                                       Callbacks::on_frame);
     }
     static int start(Tunnel &tunnel) { return tunnel.sock = start(tunnel.model); }
 
@@ -76,7 +82,7 @@ class TunnelSteps : public Base {
         tunnel.request = tunnel.server->take_all();
         pass_time(0);  // as a host makes a pass in every turn of its loop: deleted timers leave the list
     }
-    Tunnel begin(support::Wire wire, const std::string &model = "model") {
+    Tunnel begin(Wire wire, const std::string &model = "model") {
         Tunnel tunnel = lead(wire, model);
         if (start(tunnel) < 0) throw std::runtime_error("the start was refused");
         await_request(tunnel);
@@ -110,12 +116,12 @@ class TunnelSteps : public Base {
             throw std::runtime_error("the tunnel is not handed over");
     }
 
-    Tunnel begin_registration(support::Wire wire, const std::string &model = "model") {
+    Tunnel begin_registration(Wire wire, const std::string &model = "model") {
         Tunnel tunnel = begin(wire, model);
         upgrade(tunnel);
         return tunnel;
     }
-    Tunnel open(support::Wire wire, const std::string &model = "model") {
+    Tunnel open(Wire wire, const std::string &model = "model") {
         Tunnel tunnel = begin_registration(wire, model);
         accept(tunnel);
         return tunnel;
@@ -147,14 +153,15 @@ class TunnelSteps : public Base {
     static bool descriptor_open(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
 
     void expect_told_once(const Tunnel &tunnel) {
-        EXPECT_EQ(callbacks.failures, std::vector<std::string>{tunnel.model});
+        EXPECT_EQ(callbacks.failures, Names{tunnel.model});
         EXPECT_FALSE(told_too_early_) << "told while the node or the connection was still there";
         EXPECT_EQ(setup_node(tunnel.model), nullptr);
         EXPECT_EQ(CLOUDMGR_socket_getCnctByModelName(tunnel.model.c_str()), nullptr);
         EXPECT_FALSE(descriptor_open(tunnel.sock));
         EXPECT_TRUE(callbacks.connected.empty());
         pass_time(200);
-        settle();
+        while (turn()) {
+        }
         EXPECT_EQ(callbacks.failures.size(), 1U) << "told again, later";
     }
     // The tunnel is open, and what the platform says reaches the module.
@@ -175,6 +182,7 @@ class TunnelSteps : public Base {
     using Base::pass_time;
     using Base::run_until;
     using Base::settle;
+    using Base::turn;
 
     bool told_too_early_ = false;
 };
