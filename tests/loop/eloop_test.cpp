@@ -188,7 +188,8 @@ TEST_F(EloopTest, without_memory_nothing_is_added) {
     struct epoll_event event = watching(fd);
     const int failed = support::fail_each_allocation([&](const support::FailAlloc &fail) {
         log.clear();
-        EXPECT_EQ(CLOUDMGR_eloop_sock_add(fd, &event, on_ready), fail.hit() ? -1 : 0);
+        const int added = CLOUDMGR_eloop_sock_add(fd, &event, on_ready);
+        EXPECT_EQ(added, fail.hit() ? -1 : 0);
         EXPECT_EQ(log.count(kError, "Malloc fo sock node failed."), fail.hit() ? 1 : 0);
         EXPECT_EQ(CLOUDMGR_eloop_sock_del(fd), fail.hit() ? -1 : 0);
     });
