@@ -20,6 +20,7 @@
 namespace {
 
 int receive_plain(int sock, const char *model, uint8_t *dst, uint32_t len) {
+    errno = 0;  // the end of the stream sets none: the log must not show an older one
     const ssize_t got = recv(sock, dst, len, MSG_DONTWAIT);
     if (got > 0) return static_cast<int>(got);
     const int error = errno;
