@@ -125,8 +125,12 @@ void Daemon::answer_with(Answer answer, std::string bytes) {
 }
 
 void Daemon::close_link() {
-    const std::lock_guard<std::mutex> hold(lock_);
-    link_.reset();
+    const Quiet quiet;
+    {
+        const std::lock_guard<std::mutex> hold(lock_);
+        link_.reset();
+    }
+    wake();  // the thread's poll holds the socket until it ends
 }
 
 bool Daemon::wait_connected() {
