@@ -110,7 +110,8 @@ void release_id_locked(uint32_t id) {
     LOG(timer_detail, " Dynamic Timer pool before del.");
     dump_pool_locked();
     if (i >= kDynamicIds) {
-        LOG(timer, "Invalid dynamic timer id %d, bytecnt %d, bitcnt %d.", signed_id, static_cast<int>(i / 8),
+        // The number told is the place beyond the pool, not the id.
+        LOG(timer, "Invalid dynamic timer id %d, bytecnt %d, bitcnt %d.", static_cast<int>(i), static_cast<int>(i / 8),
             static_cast<int>(i % 8));
         return;
     }
