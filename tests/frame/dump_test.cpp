@@ -1,0 +1,193 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "tests/support/fault.h"
+#include "tests/support/fixture.h"
+
+namespace {
+
+using support::kInit;
+using support::kPackageDetail;
+
+constexpr const char *kString = "***************** String *****************";
+constexpr const char *kEnd = "***************** End *****************";
+
+std::string hex(size_t count) {
+    std::string text;
+    for (size_t n = 0; n < count; n++) text += "41 ";
+    return text;
+}
+
+class DumpTest : public support::LibraryTest {
+  protected:
+    DumpTest() {
+        setenv("TZ", "UTC", 1);
+        log.clear();
+    }
+    ~DumpTest() override {
+        CLOUDMGR_debug_CloseFile();
+        unlink(path.c_str());
+        unlink(other.c_str());
+    }
+    // dump returns what went to standard output.
+    static std::string dump(std::string_view bytes) {
+        testing::internal::CaptureStdout();
+        CLOUDMGR_debug_PrintPkt(support::Connection::bytes(bytes), bytes.size());
+        std::fflush(stdout);
+        return testing::internal::GetCapturedStdout();
+    }
+    static std::string content(const std::string &name) {
+        std::ifstream file(name);
+        std::stringstream text;
+        text << file.rdbuf();
+        return text.str();
+    }
+    static bool exists(const std::string &name) { return access(name.c_str(), F_OK) == 0; }
+
+    std::string path = "/tmp/dump_test." + std::to_string(getpid()) + ".log";
+    std::string other = path + ".other";
+    const std::string header =
+        "[Tue Nov 14 22:13:20 2023][000042][PACKAGE DETAIL]: \n"
+        "***************** Data *****************\n";
+};
+
+TEST_F(DumpTest, hex_is_one_message_at_init) {
+    printHex(support::Connection::bytes(std::string_view("\x00\x9f\xff", 3)), 3);
+    EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{{kInit, "buffer len [3] detail [00 9f ff ]"}}));
+    log.clear();
+    printHex(support::Connection::bytes(""), 0);
+    printHex(nullptr, 0);
+    EXPECT_EQ(log.count(kInit, "buffer len [0] detail []"), 2);
+    printHex(nullptr, 5);
+    EXPECT_EQ(log.all().size(), 2U);
+}
+
+TEST_F(DumpTest, hex_without_memory_is_silent) {
+    const support::FailAlloc fail(0);
+    printHex(support::Connection::bytes("abc"), 3);
+    EXPECT_TRUE(fail.hit());
+    EXPECT_TRUE(log.all().empty());
+}
+
+TEST_F(DumpTest, nothing_is_printed_at_level_0_and_below_and_hex_alone_at_1) {
+    for (const int32_t level : {0, -1, INT32_MIN, 1}) {
+        cloudmgr_debug_level = level;
+        log.clear();
+        printHex(support::Connection::bytes("A"), 1);
+        EXPECT_EQ(dump("A"), "");
+        EXPECT_EQ(log.all().size(), level == 1 ? 1U : 0U);
+    }
+}
+
+TEST_F(DumpTest, a_packet_has_a_header_lines_of_32_bytes_and_its_text) {
+    clock.set_time_of_day(1700000000, 42);
+    for (const size_t size : {1U, 31U, 32U, 33U, 64U, 65U}) {
+        log.clear();
+        const std::string bytes(size, 'A');
+        EXPECT_EQ(dump(bytes), header);
+        std::vector<support::LogMessage> expected;
+        for (size_t at = 0; at < size; at += 32)
+            expected.push_back({kPackageDetail, hex(std::min<size_t>(32, size - at))});
+        expected.push_back({kPackageDetail, kString});
+        expected.push_back({kPackageDetail, bytes});
+        expected.push_back({kPackageDetail, kEnd});
+        EXPECT_EQ(log.all(), expected) << size;
+    }
+}
+
+TEST_F(DumpTest, zero_bytes_of_a_packet_show_as_blanks) {
+    dump(std::string_view("a\0\xff\n", 4));
+    EXPECT_TRUE(
+        log.in_order({{kPackageDetail, "61 00 ff 0a "}, {kPackageDetail, kString}, {kPackageDetail, "a \xff\n"}}));
+}
+
+TEST_F(DumpTest, the_header_comes_without_a_callback_and_nothing_else_does) {
+    const CLOUDTUNNEL_LIB_INIT_DATA quiet = {};
+    CLOUDMGR_debug_Init(&quiet);
+    clock.set_time_of_day(1700000000, 42);
+    EXPECT_EQ(dump("A"), header);
+}
+
+TEST_F(DumpTest, absurd_packets_print_nothing) {
+    EXPECT_EQ(dump(""), "");
+    testing::internal::CaptureStdout();
+    CLOUDMGR_debug_PrintPkt(nullptr, 5);
+    for (const size_t size : {SIZE_MAX, SIZE_MAX - 128, SIZE_MAX / 2})
+        CLOUDMGR_debug_PrintPkt(support::Connection::bytes("A"), size);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    const support::FailAlloc fail(0);
+    EXPECT_EQ(dump("A"), "");
+    EXPECT_TRUE(log.all().empty());
+}
+
+TEST_F(DumpTest, an_open_log_file_takes_the_header_alone) {
+    clock.set_time_of_day(1700000000, 42);
+    EXPECT_EQ(CLOUDMGR_debug_open_file(path.c_str()), 0);
+    EXPECT_TRUE(log.said_once(kInit, "Open log file " + path + "."));
+    EXPECT_NE(g_CloudTunnelLogFile, nullptr);
+    EXPECT_EQ(dump("A"), "");
+    EXPECT_EQ(content(path), header);  // there at once: line-buffered
+    CLOUDMGR_debug_CloseFile();
+    EXPECT_EQ(g_CloudTunnelLogFile, nullptr);
+    EXPECT_EQ(dump("A"), header);
+    EXPECT_EQ(content(path), header);
+}
+
+TEST_F(DumpTest, opening_again_cuts_the_file_and_a_null_path_changes_nothing) {
+    CLOUDMGR_debug_open_file(path.c_str());
+    dump("A");
+    EXPECT_NE(content(path), "");
+    EXPECT_EQ(CLOUDMGR_debug_open_file(nullptr), 0);
+    EXPECT_NE(g_CloudTunnelLogFile, nullptr);
+    const support::FailAlloc none(0);  // the stored path is kept: no copy is made by the library
+    EXPECT_EQ(CLOUDMGR_debug_open_file(path.c_str()), 0);
+    EXPECT_FALSE(none.hit());
+    EXPECT_EQ(content(path), "");
+}
+
+TEST_F(DumpTest, another_path_takes_over) {
+    CLOUDMGR_debug_open_file(path.c_str());
+    EXPECT_EQ(CLOUDMGR_debug_open_file(other.c_str()), 0);
+    dump("A");
+    EXPECT_EQ(content(path), "");
+    EXPECT_NE(content(other), "");
+}
+
+TEST_F(DumpTest, a_file_that_cannot_be_opened_leaves_none_open) {
+    CLOUDMGR_debug_open_file(path.c_str());
+    log.clear();
+    EXPECT_EQ(CLOUDMGR_debug_open_file("/nowhere/at/all"), -1);
+    EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{{kInit, "Open log file failed."}}));
+    EXPECT_EQ(g_CloudTunnelLogFile, nullptr);
+    const support::FailAlloc fail(0);
+    EXPECT_EQ(CLOUDMGR_debug_open_file(path.c_str()), -1);
+    EXPECT_EQ(g_CloudTunnelLogFile, nullptr);
+}
+
+TEST_F(DumpTest, closing_and_removing_twice_frees_once) {
+    CLOUDMGR_debug_CloseFile();
+    CLOUDMGR_debug_Removefile();
+    CLOUDMGR_debug_open_file(path.c_str());
+    CLOUDMGR_debug_CloseFile();
+    CLOUDMGR_debug_CloseFile();
+    EXPECT_TRUE(exists(path));
+    EXPECT_EQ(CLOUDMGR_debug_open_file(path.c_str()), 0);
+    CLOUDMGR_debug_Removefile();
+    EXPECT_FALSE(exists(path));
+    EXPECT_EQ(g_CloudTunnelLogFile, nullptr);
+    CLOUDMGR_debug_Removefile();
+    EXPECT_EQ(CLOUDMGR_debug_open_file(path.c_str()), 0);  // the path was kept
+    CLOUDMGR_debug_Removefile();
+}
+
+TEST_F(DumpTest, standard_output_becomes_line_buffered) {
+    CLOUDMGR_debug_SetStdout();
+    EXPECT_EQ(std::ferror(stdout), 0);
+}
+
+}  // namespace

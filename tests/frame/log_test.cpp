@@ -1,0 +1,64 @@
+#include "frame/log.h"
+
+#include "tests/support/fixture.h"
+
+namespace {
+
+class LogTest : public support::LibraryTest {};
+
+int ignore(uint32_t, const char *, ...) { return -1; }
+
+TEST_F(LogTest, a_message_passes_when_its_level_does) {
+    for (int level = -1; level <= 10; level++) {
+        cloudmgr_debug_level = level;
+        log.clear();
+        LOG(init, "at %d", 1);
+        LOG(fsm, "at %d", 4);
+        LOG(timer_detail, "at %d", 9);
+        EXPECT_EQ(log.count(1), level >= 1);
+        EXPECT_EQ(log.count(4), level >= 4);
+        EXPECT_EQ(log.count(9), level >= 9);
+    }
+}
+
+TEST_F(LogTest, arguments_of_a_message_that_does_not_pass_are_not_worked_out) {
+    int worked_out = 0;
+    cloudmgr_debug_level = 2;
+    LOG(event, "%d", ++worked_out);
+    EXPECT_EQ(worked_out, 0);
+    LOG(error, "%d", ++worked_out);
+    EXPECT_EQ(worked_out, 1);
+}
+
+TEST_F(LogTest, the_init_data_are_copied_and_a_null_callback_prints_nothing) {
+    const CLOUDTUNNEL_LIB_INIT_DATA data = {.usReserved = 7, .pfnPrint = ignore};
+    CLOUDMGR_debug_Init(&data);
+    EXPECT_EQ(g_stLibInitData.usReserved, 7);
+    EXPECT_EQ(g_stLibInitData.pfnPrint, ignore);
+    CLOUDMGR_debug_Init(nullptr);
+    CLOUDMGR_debug_Fini();
+    EXPECT_EQ(g_stLibInitData.pfnPrint, ignore);
+    const CLOUDTUNNEL_LIB_INIT_DATA quiet = {.usReserved = 9, .pfnPrint = nullptr};
+    cloudtunnel_initLibData(&quiet);
+    EXPECT_EQ(g_stLibInitData.usReserved, 9);
+    EXPECT_EQ(g_stLibInitData.pfnPrint, nullptr);
+    LOG(init, "nobody hears this");
+    EXPECT_FALSE(log.contains("nobody"));
+}
+
+TEST_F(LogTest, levels_have_their_names) {
+    const char *const names[] = {"INVALID", "INIT",           "ERROR", "EVENT",        "FSM", "CONNECT",
+                                 "PACKAGE", "PACKAGE DETAIL", "TIMER", "TIMER DETAIL", "MAX"};
+    for (size_t level = 0; level < std::size(names); level++)
+        EXPECT_STREQ(cloudmgr_debug_level_str[level], names[level]);
+    EXPECT_STREQ(g_szDebugModuleName, "CLOUD_TUNNEL");
+    EXPECT_EQ(g_cloudmgrprintLock, 0U);
+    EXPECT_EQ(g_bCallerOpenFile, 0);
+}
+
+TEST_F(LogTest, a_missing_text_is_printable) {
+    EXPECT_STREQ(printable(nullptr), "(null)");
+    EXPECT_STREQ(printable("x"), "x");
+}
+
+}  // namespace
