@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "frame/list.h"
 #include "frame/log.h"
@@ -191,6 +192,8 @@ int CLOUDMGR_socket_urllist_set(const char *modelName, const char *url, const ch
     if (!node) node = node_add(modelName);
     if (!node) return -1;
 
+    // The old host lives until the end: the path may be that very text.
+    const Owned<char> old_url(url ? std::exchange(node->url, nullptr) : nullptr);
     if (url && !store_url(node, url, now)) return -1;
     if (path && !os_replace(&node->path, path)) {
         LOG(error, "Set url path error.");

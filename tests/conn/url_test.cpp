@@ -198,6 +198,13 @@ TEST_F(UrlTest, a_text_of_the_model_itself_may_be_set_again) {
     EXPECT_STREQ(node()->path, "/path");
 }
 
+TEST_F(UrlTest, host_and_path_of_the_model_itself_may_change_places) {
+    CLOUDMGR_socket_urllist_set("model", kHost, "/path", 0, 443);
+    EXPECT_EQ(CLOUDMGR_socket_urllist_set("model", node()->path, node()->url, 0, 0), 0);
+    EXPECT_STREQ(node()->url, "/path");
+    EXPECT_STREQ(node()->path, kHost);
+}
+
 TEST_F(UrlTest, a_model_is_forgotten_with_the_words_of_an_add) {
     CLOUDMGR_socket_urllist_set("model", kHost, "/path", 0, 443);
     log.clear();
