@@ -601,6 +601,30 @@ TEST_F(HangUpTest, a_full_timer_pool_leaves_the_link_down) {
     pair.a.release();
 }
 
+TEST_F(HangUpTest, it_goes_the_same_way_when_nothing_is_printed) {
+    add<1>("model");
+    const auto all_kinds = [&] {
+        for (const std::string &bytes : {std::string("short"), header(9, 0), tunnel_data("model").bytes(),
+                                         tunnel_data("other").bytes(), notice(2, "model").bytes()}) {
+            support::send_all(pair.b.get(), bytes);
+            EXPECT_EQ(handle(EPOLLIN, link), 0);
+        }
+        EXPECT_EQ(handle(EPOLLHUP, 9999), 0) << "not the link: told where there is a log";
+    };
+    log.clear();
+    cloudmgr_debug_level = 0;
+    CLOUDMGR_eloop_sock_del(link);
+    all_kinds();
+    EXPECT_TRUE(log.all().empty());
+    cloudmgr_debug_level = support::kTimerDetail;
+    g_stLibInitData.pfnPrint = nullptr;
+    all_kinds();
+    EXPECT_EQ(modules.calls, (Names{"open 1", "close 1", "open 1", "close 1"}));
+    EXPECT_EQ(g_iCloudClientConnFd, link);
+    g_iCloudClientConnFd = -1;
+    g_stLibInitData = support::Log::init_data();
+}
+
 TEST_F(HangUpTest, a_module_may_end_the_client_while_it_is_told) {
     add<1>("one");
     add<2>("two");
@@ -806,6 +830,36 @@ TEST_F(ReconnectTest, a_timer_of_somebody_else_with_that_id_does_not_count_as_ar
     EXPECT_TRUE(reconnecting());
 }
 
+TEST_F(ReconnectTest, an_init_never_closes_a_descriptor_that_is_not_the_clients) {
+    const support::Pair pair = support::unix_pair();
+    g_iCloudClientConnFd = pair.a.get();
+    EXPECT_EQ(CLOUDTUNNEL_client_Init(), 0);
+    EXPECT_EQ(g_iCloudClientConnFd, pair.a.get());
+    EXPECT_NE(::fcntl(pair.a.get(), F_GETFD), -1);
+    g_iCloudClientConnFd = -1;
+}
+
+TEST_F(ReconnectTest, it_goes_the_same_way_when_nothing_is_printed) {
+    g_stLibInitData.pfnPrint = nullptr;
+    for (const int32_t level : {0, 9}) {
+        cloudmgr_debug_level = level;
+        ASSERT_EQ(CLOUDTUNNEL_client_Init(), 0);
+        EXPECT_EQ(cloudtunnel_cl_startReconnect(), 0);
+        EXPECT_TRUE(reconnecting());
+        for (const char *call : {"socket", "setsockopt", "connect"}) {
+            const Fault broken(call, {.error = ENOMEM});
+            EXPECT_EQ(cloudtunnel_cl_connect(support::kDaemonPath), 1);
+        }
+        const support::Pair pair = support::unix_pair();
+        g_iCloudClientConnFd = pair.a.get();
+        EXPECT_EQ(cloudtunnel_cl_startReconnect(), 0);
+        EXPECT_FALSE(reconnecting());
+        g_iCloudClientConnFd = -1;
+    }
+    g_stLibInitData = support::Log::init_data();
+    EXPECT_TRUE(log.all().empty());
+}
+
 TEST_F(ReconnectTest, fini_ends_the_reconnection_and_may_be_repeated) {
     CLOUDTUNNEL_client_Fini();
     ASSERT_EQ(CLOUDTUNNEL_client_Init(), 0);
@@ -978,6 +1032,16 @@ TEST_F(LinkedTest, fini_closes_the_link_and_leaves_the_loop_to_its_own_end) {
     EXPECT_NE(cloudmgr_eloop_get_sock(link), nullptr);
     CLOUDTUNNEL_client_Fini();
     CLOUDMGR_eloop_sock_del(link);
+}
+
+TEST_F(LinkedTest, a_second_init_in_the_same_loop_leaves_the_first_link_to_the_loop) {
+    ASSERT_EQ(CLOUDTUNNEL_client_Init(), 0);
+    const int first = g_iCloudClientConnFd;
+    EXPECT_EQ(CLOUDTUNNEL_client_Init(), 0);
+    EXPECT_NE(g_iCloudClientConnFd, first);
+    EXPECT_NE(cloudmgr_eloop_get_sock(first), nullptr);
+    CLOUDMGR_eloop_sock_del(first);
+    EXPECT_EQ(::close(first), 0);
 }
 
 TEST_F(LinkedTest, a_second_init_with_a_new_loop_takes_the_place_of_a_link_that_the_loop_forgot) {

@@ -242,8 +242,30 @@ TEST_F(RegistrationTest, a_frame_that_is_broken_ends_the_set_up_once) {
     expect_told_once(tunnel);
 }
 
-// ------------------------------------------------------------------------------------------------- judged past the
-// wire
+TEST_F(RegistrationTest, it_goes_the_same_way_when_nothing_is_printed) {
+    in_silence([this] {
+        for (const std::string body :
+             {"", "{}", R"({"optType":2})", R"({"optType":1})", R"({"optType":1,"retCode":1})"}) {
+            callbacks.clear();
+            Tunnel tunnel = begin_registration(Wire::plain);
+            tunnel.server->send(frame(support::kText, body));
+            EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); })) << body;
+            expect_told_once(tunnel);
+        }
+        callbacks.clear();
+        const Tunnel binary = begin_registration(Wire::plain);
+        binary.server->send(frame(support::kBinary, kAccepted));
+        EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }));
+        const Tunnel unsent = begin(Wire::plain);
+        const Fault broken("send", {.error = EPIPE});
+        EXPECT_FALSE(cloudmgr_v3wscnct_sendRegist(unsent.sock, setup_node("model")));
+        CLOUDMGR_v3wscnct_node_del("model");
+        CLOUDMGR_socket_closeBySock(unsent.sock);
+    });
+    EXPECT_TRUE(callbacks.connected.empty());
+}
+
+// ------------------------------------------------------------------------------------------------- past the wire
 
 TEST_F(RegistrationTest, no_message_and_no_connection_change_nothing) {
     const Tunnel tunnel = begin_registration(Wire::plain);

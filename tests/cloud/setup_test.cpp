@@ -343,11 +343,8 @@ TEST_F(SetupTest, a_full_timer_pool_leaves_the_step_without_a_time_out) {
 }
 
 TEST_F(SetupTest, a_request_that_cannot_be_written_ends_the_set_up) {
-    const Tunnel tunnel = [this] {
-        Tunnel made = lead(Wire::plain);
-        start(made);
-        return made;
-    }();
+    Tunnel tunnel = lead(Wire::plain);
+    ASSERT_GE(start(tunnel), 0);
     log.clear();
     const Fault growing("realloc");
     run_until([&] { return !callbacks.failures.empty(); });
@@ -374,6 +371,15 @@ TEST_F(SetupTest, without_a_key_the_request_goes_out_and_its_answer_is_refused_w
     EXPECT_EQ(log.texts(kError), (Names{"Socket data proc error,[model model][sock " + std::to_string(tunnel.sock) +
                                         "][event 1][ret -1]"}));
     expect_told_once(tunnel);
+}
+
+TEST_F(SetupTest, there_is_no_request_without_a_connection) {
+    Tunnel tunnel = lead(Wire::plain);
+    ASSERT_GE(start(tunnel), 0);
+    cloudtunnel_connected_fn *const request = CLOUDMGR_socket_getCnctBySock(tunnel.sock)->connectedCallback;
+    log.clear();
+    for (const int sock : {-1, 0, 9999}) EXPECT_EQ(request(sock), -1);
+    EXPECT_TRUE(log.all().empty());
 }
 
 TEST_F(SetupTest, a_set_up_deleted_before_the_connection_is_up_sends_its_request_all_the_same) {
@@ -610,11 +616,8 @@ TEST_F(SetupTest, a_connection_that_does_not_come_up_ends_after_120_seconds) {
 }
 
 TEST_F(SetupTest, a_tls_handshake_that_stalls_ends_after_120_seconds) {
-    const Tunnel tunnel = [this] {
-        Tunnel made = lead(Wire::tls);
-        start(made);
-        return made;
-    }();
+    Tunnel tunnel = lead(Wire::tls);
+    ASSERT_GE(start(tunnel), 0);
     settle();
     EXPECT_EQ(CLOUDMGR_socket_getCnctBySock(tunnel.sock)->sslState, 1U);
     pass_time(119);
@@ -758,6 +761,41 @@ TEST_F(SetupTest, a_module_may_start_again_when_the_start_is_refused) {
     again.server = std::move(tunnel.server);
     finish(again);
     expect_open(again);
+}
+
+// ------------------------------------------------------------------------------------------------- without a log
+
+TEST_F(SetupTest, a_set_up_goes_the_same_way_when_nothing_is_printed) {
+    in_silence([this] {
+        callbacks.clear();
+        Tunnel tunnel = begin(Wire::plain);
+        EXPECT_EQ(start("model"), -1);
+        tunnel.server->send("HTTP/1.1 404 Not Found\r\n\r\n");
+        EXPECT_TRUE(run_until([&] { return callbacks.failures.size() == 2; }));
+        tunnel = begin(Wire::plain);
+        tunnel.server->send("HTTP/1.1 101 Switching Protocols\r\n\r\n");
+        EXPECT_TRUE(run_until([&] { return callbacks.failures.size() == 3; }));
+        tunnel = begin(Wire::plain);
+        pass_time(30);
+        EXPECT_EQ(callbacks.failures.size(), 4U);
+        tunnel = lead(Wire::plain);
+        {
+            const support::FailAlloc fail(0);
+            EXPECT_EQ(start(tunnel), -1);
+        }
+        ASSERT_GE(start(tunnel), 0);
+        {
+            const Fault growing("realloc");
+            EXPECT_TRUE(run_until([&] { return callbacks.failures.size() == 6; }));
+        }
+        fill_table();
+        EXPECT_EQ(start("model"), -1);
+        CLOUDMGR_v3wscnct_deinit();
+        tunnel = open(Wire::plain);
+        expect_open(tunnel);
+        CLOUDMGR_socket_closeBySock(tunnel.sock);
+        EXPECT_EQ(callbacks.failures, Names(7, "model"));
+    });
 }
 
 // ------------------------------------------------------------------------------------------------- short of memory

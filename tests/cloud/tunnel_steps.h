@@ -15,6 +15,7 @@
 
 #include <fcntl.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -51,7 +52,19 @@ class TunnelSteps : public Base {
         callbacks.during_connected = [](int) { mark("told: connected"); };
     }
 
-    static void mark(const std::string &text) { g_stLibInitData.pfnPrint(kInit, "%s", text.c_str()); }
+    static void mark(const std::string &text) {
+        if (g_stLibInitData.pfnPrint) g_stLibInitData.pfnPrint(kInit, "%s", text.c_str());
+    }
+
+    // Runs a body twice: with the level at 0, and without a print callback. Nothing is printed, all else is the same.
+    void in_silence(const std::function<void()> &body) {
+        cloudmgr_debug_level = 0;
+        body();
+        cloudmgr_debug_level = support::kTimerDetail;
+        g_stLibInitData.pfnPrint = nullptr;
+        body();
+        g_stLibInitData = support::Log::init_data();
+    }
 
     // A model that leads to a server of its own. All plain ones lead to the server of the last call: their way to a
     // port of the test's own is one setting for all.
