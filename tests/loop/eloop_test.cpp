@@ -1,9 +1,11 @@
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
 
 #include "tests/support/fault.h"
 #include "tests/support/fixture.h"
@@ -109,6 +111,35 @@ TEST_F(EloopTest, a_node_keeps_the_event_of_the_platforms_own_size) {
     EXPECT_EQ(node->extra, nullptr);
 }
 
+TEST_F(EloopTest, an_event_is_copied_with_its_own_size_and_no_more) {
+    // A block of exactly that size: the address checker sees the byte behind it.
+    const auto event = std::make_unique<struct epoll_event>(watching(fd));
+    EXPECT_EQ(CLOUDMGR_eloop_sock_add(fd, event.get(), on_ready), 0);
+    EXPECT_EQ(CLOUDMGR_eloop_sock_modify(fd, event.get(), on_ready), 0);
+    EXPECT_EQ(CLOUDMGR_eloop_sock_del(fd), 0);
+    EXPECT_EQ(CLOUDMGR_eloop_sock_addex(fd, event.get(), on_ready, nullptr), 0);
+}
+
+TEST_F(EloopTest, a_handler_sees_what_happened_to_its_socket) {
+    add(fd);
+    pair.b.reset();
+    CLOUDTUNNEL_EPOLL_HandleMsg(epfd);
+    EXPECT_EQ(g_events, std::vector<uint32_t>{EPOLLIN | EPOLLHUP});
+}
+
+TEST_F(EloopTest, a_socket_that_is_added_again_keeps_its_first_handler) {
+    add(fd);
+    log.clear();
+    struct epoll_event event = watching(fd);
+    EXPECT_EQ(CLOUDMGR_eloop_sock_add(fd, &event, other_handler), -1);
+    EXPECT_EQ(CLOUDMGR_eloop_sock_addex(fd, &event, other_handler, nullptr), -1);
+    EXPECT_EQ(log.count(kError, "Add socket to epoll error -1."), 2);
+    make_ready();
+    EXPECT_EQ(CLOUDTUNNEL_EPOLL_HandleMsg(epfd), 5);
+    EXPECT_EQ(CLOUDMGR_eloop_sock_del(fd), 0);
+    EXPECT_EQ(CLOUDMGR_eloop_sock_del(fd), -1);  // one node it was
+}
+
 TEST_F(EloopTest, a_ready_socket_calls_its_handler_and_gives_its_result) {
     add(fd);
     EXPECT_EQ(CLOUDTUNNEL_EPOLL_HandleMsg(epfd), 0);
@@ -185,15 +216,16 @@ TEST_F(EloopTest, what_epoll_refuses_leaves_no_node_behind) {
 }
 
 TEST_F(EloopTest, without_memory_nothing_is_added) {
-    struct epoll_event event = watching(fd);
-    const int failed = support::fail_each_allocation([&](const support::FailAlloc &fail) {
-        log.clear();
-        const int added = CLOUDMGR_eloop_sock_add(fd, &event, on_ready);
-        EXPECT_EQ(added, fail.hit() ? -1 : 0);
-        EXPECT_EQ(log.count(kError, "Malloc fo sock node failed."), fail.hit() ? 1 : 0);
-        EXPECT_EQ(CLOUDMGR_eloop_sock_del(fd), fail.hit() ? -1 : 0);
-    });
-    EXPECT_EQ(failed, 1);
+    for (const auto &one : {add, +[](int socket) { return addex(socket, nullptr); }}) {
+        const int failed = support::fail_each_allocation([&](const support::FailAlloc &fail) {
+            log.clear();
+            const int added = one(fd);
+            EXPECT_EQ(added, fail.hit() ? -1 : 0);
+            EXPECT_EQ(log.count(kError, "Malloc fo sock node failed."), fail.hit() ? 1 : 0);
+            EXPECT_EQ(CLOUDMGR_eloop_sock_del(fd), fail.hit() ? -1 : 0);
+        });
+        EXPECT_EQ(failed, 1);
+    }
 }
 
 TEST_F(EloopTest, the_extra_block_goes_with_its_node) {
@@ -282,6 +314,44 @@ TEST_F(EloopTest, a_handler_may_delete_its_own_socket) {
     EXPECT_EQ(g_ready.size(), 1U);
 }
 
+TEST_F(EloopTest, a_handler_may_delete_another_ready_socket) {
+    const support::Pair second = support::unix_pair();
+    add(fd);
+    add(second.a.get());
+    make_ready();
+    support::send_all(second.b.get(), "x");
+    g_during = [&](int socket) { return CLOUDMGR_eloop_sock_del(socket == fd ? second.a.get() : fd); };
+    EXPECT_EQ(CLOUDTUNNEL_EPOLL_HandleMsg(epfd), 0);
+    const int first = g_ready.at(0);
+    g_during = nullptr;
+    CLOUDTUNNEL_EPOLL_HandleMsg(epfd);
+    EXPECT_EQ(g_ready, (std::vector<int>{first, first}));
+}
+
+TEST_F(EloopTest, a_handler_may_add_and_modify_sockets) {
+    const support::Pair second = support::unix_pair();
+    add(fd);
+    make_ready();
+    g_during = [&](int socket) {
+        struct epoll_event event = watching(socket);
+        return add(second.a.get()) + CLOUDMGR_eloop_sock_modify(socket, &event, other_handler);
+    };
+    EXPECT_EQ(CLOUDTUNNEL_EPOLL_HandleMsg(epfd), 0);
+    EXPECT_NE(cloudmgr_eloop_get_sock(second.a.get()), nullptr);
+    EXPECT_EQ(CLOUDTUNNEL_EPOLL_HandleMsg(epfd), 6);
+}
+
+TEST_F(EloopTest, a_handler_may_end_the_loop) {
+    addex(fd, std::malloc(8));
+    make_ready();
+    g_during = [](int) {
+        CLOUDMGR_eloop_deinit();
+        return 4;
+    };
+    EXPECT_EQ(CLOUDTUNNEL_EPOLL_HandleMsg(epfd), 4);
+    EXPECT_EQ(CLOUDTUNNEL_EPOLL_HandleMsg(epfd), -1);  // its descriptor is closed
+}
+
 TEST_F(EloopTest, a_handler_may_handle_another_event_end_the_loop_and_start_it_again) {
     add(fd);
     make_ready();
@@ -305,6 +375,43 @@ TEST_F(EloopTest, a_handler_may_end_the_library) {
         return 0;
     };
     EXPECT_EQ(CLOUDTUNNEL_EPOLL_HandleMsg(epfd), 0);
+}
+
+TEST_F(EloopTest, the_end_of_a_loop_that_is_over_does_not_close_descriptor_0) {
+    CLOUDMGR_eloop_deinit();
+    log.clear();
+    const int before = fcntl(STDIN_FILENO, F_GETFD);
+    const support::Calls closes("close");
+    CLOUDMGR_eloop_deinit();
+    EXPECT_EQ(closes(), 0);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), before);
+    EXPECT_TRUE(log.said_once(kInit, "Deinit epoll ok."));
+}
+
+TEST_F(EloopTest, a_loop_whose_descriptor_is_0_closes_it) {
+    CLOUDMGR_eloop_deinit();
+    const support::Fd kept(dup(STDIN_FILENO));
+    close(STDIN_FILENO);
+    EXPECT_EQ(CLOUDMGR_eloop_init(), 0);
+    CLOUDMGR_eloop_deinit();
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    dup2(kept.get(), STDIN_FILENO);
+}
+
+TEST_F(EloopTest, the_end_of_a_loop_leaves_its_sockets_open) {
+    add(fd);
+    CLOUDMGR_eloop_deinit();
+    EXPECT_EQ(write(fd, "x", 1), 1);
+    EXPECT_EQ(cloudmgr_eloop_get_sock(fd), nullptr);
+}
+
+TEST_F(EloopTest, a_second_init_starts_with_an_empty_table) {
+    addex(fd, std::malloc(8));
+    const support::Fd first(epfd);  // the library does not know it any more
+    epfd = CLOUDMGR_eloop_init();
+    EXPECT_NE(epfd, first.get());
+    EXPECT_EQ(cloudmgr_eloop_get_sock(fd), nullptr);
+    EXPECT_EQ(add(fd), 0);
 }
 
 TEST_F(EloopTest, without_a_loop_everything_fails_quietly) {

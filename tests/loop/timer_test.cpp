@@ -1,5 +1,7 @@
 #include "loop/timer.h"
 
+#include <pthread.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +11,8 @@
 #include "tests/support/fault.h"
 #include "tests/support/fixture.h"
 #include "tests/support/quiet.h"
+
+extern pthread_mutex_t cloudtunnel_timerlistLock;  // the pool's own
 
 namespace {
 
@@ -68,6 +72,21 @@ TEST_F(TimerTest, dynamic_ids_begin_at_100_and_are_given_anew_at_once) {
     EXPECT_EQ(cloudtunnel_timerlist.count, 3U);  // the deleted one still waits for a pass
 }
 
+TEST_F(TimerTest, a_new_timer_gets_the_lowest_free_id) {
+    for (int n = 0; n < 24; n++) add();
+    for (const uint32_t id : {122, 109, 115}) cloudtunnel_timer_del(id);
+    EXPECT_EQ(add(), 109);
+    EXPECT_EQ(add(), 115);
+    EXPECT_EQ(add(), 122);
+    EXPECT_EQ(add(), 124);
+}
+
+TEST_F(TimerTest, a_dynamic_id_asked_for_by_number_is_not_marked_as_taken) {
+    EXPECT_EQ(add(100), 100);
+    EXPECT_EQ(add(), 100);
+    EXPECT_EQ(ids(), (Ids{100, 100}));
+}
+
 TEST_F(TimerTest, the_first_timer_stays_first_and_later_ones_stand_behind_it_newest_in_front) {
     for (int id = 1; id <= 4; id++) add(id);
     EXPECT_EQ(ids(), (Ids{1, 4, 3, 2}));
@@ -112,6 +131,12 @@ TEST_F(TimerTest, periods_count_in_whole_seconds) {
     EXPECT_EQ(g_fired, (Ids{1, 3, 2}));
 }
 
+TEST_F(TimerTest, a_period_beyond_all_time_is_never_due) {
+    add(1, 1, UINT64_MAX);
+    pass_time(INT32_MAX);
+    EXPECT_EQ(g_fired, Ids{});
+}
+
 TEST_F(TimerTest, an_uptime_that_jumps_back_makes_a_timer_due) {
     add(1, 1, 1000000);
     clock.set_uptime(clock.uptime() - 1);
@@ -146,6 +171,15 @@ TEST_F(TimerTest, the_201st_timer_is_refused_and_its_argument_freed) {
     EXPECT_EQ(add(), 100);
 }
 
+TEST_F(TimerTest, a_full_pool_refuses_fixed_ids_too_those_it_holds_included) {
+    for (int id = 1; id <= kMax; id++) ASSERT_EQ(add(id), id);
+    cloudtunnel_timer_del(2);
+    log.clear();
+    for (const int id : {1, 2, 201}) EXPECT_EQ(add(id, 0, 1000, block()), -1) << id;
+    EXPECT_EQ(log.count(kTimer, "Daemon user timer reach max count, create failed."), 3);
+    EXPECT_EQ(log.all().size(), 3U);
+}
+
 TEST_F(TimerTest, a_live_fixed_id_keeps_its_timer_and_frees_the_new_argument) {
     EXPECT_EQ(add(5, 1, 3000), 5);
     EXPECT_EQ(cloudtunnel_timer_add(5, 0, 1, block(), nullptr), 5);
@@ -176,34 +210,40 @@ TEST_F(TimerTest, an_id_of_any_size_is_taken_unchanged) {
 }
 
 TEST_F(TimerTest, adding_says_which_ids_are_taken_before_and_after) {
+    for (int n = 0; n < 8; n++) add();
     log.clear();
     add();
-    EXPECT_TRUE(log.in_order({{kTimerDetail, " Dynamic Timer pool before add."},
-                              {kTimerDetail, " DynamicTest: pool[0] = 0x00"},
-                              {kTimerDetail, " DynamicTest: pool[31] = 0x00"},
-                              {kTimerDetail, " Dynamic Timer pool after add."},
-                              {kTimerDetail, " DynamicTest: pool[0] = 0x01"},
-                              {kTimerDetail, " DynamicTest: pool[31] = 0x00"},
-                              {kTimer, "Add user timer ok, timer id 100."}}));
-    EXPECT_EQ(log.count(kTimerDetail), 2 + 64);
+    std::vector<support::LogMessage> expected = {{kTimerDetail, " Dynamic Timer pool before add."}};
+    append_dump(expected, {0xff});
+    expected.push_back({kTimerDetail, " Dynamic Timer pool after add."});
+    append_dump(expected, {0xff, 0x01});
+    expected.push_back({kTimer, "Add user timer ok, timer id 108."});
+    EXPECT_EQ(log.all(), expected);
+}
+
+TEST_F(TimerTest, adding_a_fixed_id_leaves_the_pool_alone) {
     log.clear();
-    add(9);
-    EXPECT_EQ(log.count(kTimerDetail), 0);
-    EXPECT_TRUE(log.said_once(kTimer, "Add user timer ok, timer id 9."));
+    add(99);
+    EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{{kTimer, "Add user timer ok, timer id 99."}}));
 }
 
 TEST_F(TimerTest, deleting_says_which_ids_are_taken_before_and_after) {
+    for (int n = 0; n < 10; n++) add();
+    log.clear();
+    cloudtunnel_timer_del(109);
+    std::vector<support::LogMessage> expected = {{kTimer, "Del user timer ok, timer id 109."},
+                                                 {kTimerDetail, " Dynamic Timer pool before del."}};
+    append_dump(expected, {0xff, 0x03});
+    expected.push_back({kTimerDetail, " Dynamic Timer pool after del."});
+    append_dump(expected, {0xff, 0x01});
+    EXPECT_EQ(log.all(), expected);
+}
+
+TEST_F(TimerTest, deleting_again_is_no_failure_and_says_nothing) {
     add();
-    log.clear();
     cloudtunnel_timer_del(100);
-    EXPECT_TRUE(log.in_order({{kTimer, "Del user timer ok, timer id 100."},
-                              {kTimerDetail, " Dynamic Timer pool before del."},
-                              {kTimerDetail, " DynamicTest: pool[0] = 0x01"},
-                              {kTimerDetail, " Dynamic Timer pool after del."},
-                              {kTimerDetail, " DynamicTest: pool[0] = 0x00"}}));
-    EXPECT_EQ(log.count(kTimerDetail), 2 + 64);
     log.clear();
-    EXPECT_EQ(cloudtunnel_timer_del(100), 0);  // flagged already
+    EXPECT_EQ(cloudtunnel_timer_del(100), 0);
     EXPECT_TRUE(log.all().empty());
 }
 
@@ -260,6 +300,24 @@ TEST_F(TimerTest, refresh_starts_the_whole_period_again) {
     EXPECT_EQ(g_fired, Ids{});
     pass_time(1);
     EXPECT_EQ(g_fired, Ids{1});
+}
+
+TEST_F(TimerTest, refresh_of_a_deleted_timer_does_not_bring_it_back) {
+    add(1);
+    cloudtunnel_timer_del(1);
+    log.clear();
+    EXPECT_EQ(cloudtunnel_timer_refresh(1), 0);
+    EXPECT_TRUE(log.said_once(kTimer, "Refresh user timer ok, timer id 1."));
+    pass_time(9);
+    EXPECT_EQ(g_fired, Ids{});
+    EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
+}
+
+TEST_F(TimerTest, delete_and_refresh_of_id_0_do_not_wait_for_the_lock) {
+    ASSERT_EQ(pthread_mutex_lock(&cloudtunnel_timerlistLock), 0);
+    EXPECT_EQ(cloudtunnel_timer_del(0), 0);
+    EXPECT_EQ(cloudtunnel_timer_refresh(0), -1);
+    pthread_mutex_unlock(&cloudtunnel_timerlistLock);
 }
 
 TEST_F(TimerTest, refresh_of_nothing_is_minus_one_and_of_an_unknown_id_nothing) {
@@ -371,15 +429,69 @@ TEST_F(TimerTest, a_pool_of_zeros_takes_calls_of_every_kind) {
     EXPECT_EQ(g_fired, Ids{5});
 }
 
+TEST_F(TimerTest, a_callback_holds_no_lock) {
+    add(1, 0, 0);
+    int result = -1;
+    g_during = [&](uint32_t, void *) {
+        result = pthread_mutex_trylock(&cloudtunnel_timerlistLock);
+        if (result == 0) pthread_mutex_unlock(&cloudtunnel_timerlistLock);
+    };
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(result, 0);
+}
+
+TEST_F(TimerTest, a_callback_may_refresh_the_timer_that_comes_next) {
+    add(1, 1, 2000);
+    add(2, 1, 2000);
+    g_during = [](uint32_t id, void *) { cloudtunnel_timer_refresh(id == 1 ? 2 : 1); };
+    pass_time(2);
+    EXPECT_EQ(g_fired, Ids{1});
+    pass_time(2);
+    EXPECT_EQ(g_fired, (Ids{1, 1}));
+}
+
+TEST_F(TimerTest, a_callback_may_arm_its_own_fixed_id_again_and_use_its_argument_to_the_end) {
+    void *old_arg = block();
+    void *new_arg = block();
+    add(5, 0, 1000, old_arg);
+    g_during = [&](uint32_t id, void *given) {
+        if (given != old_arg) return;
+        EXPECT_EQ(add(static_cast<int>(id), 0, 1000, new_arg), 5);
+        std::memset(given, 1, 4);
+    };
+    pass_time(1);
+    EXPECT_EQ(g_fired, Ids{5});
+    EXPECT_EQ(cloudtunnel_timerlist.count, 1U);
+    pass_time(1);
+    EXPECT_EQ(g_fired, (Ids{5, 5}));
+    std::free(old_arg);  // the pool only forgot it
+}
+
+TEST_F(TimerTest, a_callback_may_arm_its_own_fixed_id_again_and_end_the_pool) {
+    void *old_arg = block();
+    add(5, 0, 0, old_arg);
+    g_during = [&](uint32_t id, void *given) {
+        add(static_cast<int>(id), 0, 0, block());
+        CLOUDMGR_timer_deinit();
+        std::memset(given, 1, 4);
+    };
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, Ids{5});
+    EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
+    std::free(old_arg);
+}
+
 TEST_F(TimerTest, timers_added_by_a_callback_wait_for_the_next_pass) {
     add(1, 1, 0);
+    add(3, 1, 0);
     g_during = [](uint32_t id, void *) {
         if (id == 1) add(2, 1, 0);
     };
     CLOUDTUNNEL_TIMER_Proc();
-    EXPECT_EQ(g_fired, Ids{1});
+    EXPECT_EQ(g_fired, (Ids{1, 3}));  // 2 went in front of 3, which was next already
+    g_fired.clear();
     CLOUDTUNNEL_TIMER_Proc();
-    EXPECT_EQ(g_fired, (Ids{1, 1, 2}));
+    EXPECT_EQ(g_fired, (Ids{1, 2, 3}));
 }
 
 TEST_F(TimerTest, a_callback_may_delete_the_timer_that_comes_next) {
@@ -443,6 +555,48 @@ TEST_F(TimerTest, a_callback_may_end_the_pool_and_start_it_again) {
     EXPECT_EQ(ids(), Ids{11});
 }
 
+TEST_F(TimerTest, an_init_in_a_callback_ends_the_pass_and_forgets_the_timers_unfreed) {
+    for (int id = 1; id <= 3; id++) add(id, 1, 0);
+    std::vector<cloudtunnel_link *> forgotten;
+    g_during = [&](uint32_t, void *) {
+        for (cloudtunnel_link *at = cloudtunnel_timerlist.link.next; at != &cloudtunnel_timerlist.link; at = at->next)
+            forgotten.push_back(at);
+        CLOUDMGR_timer_init();
+        add(9, 1, 0);
+    };
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, Ids{1});
+    EXPECT_EQ(ids(), Ids{9});
+    for (cloudtunnel_link *node : forgotten) std::free(node);
+}
+
+TEST_F(TimerTest, the_pool_may_end_inside_a_pass_inside_a_pass) {
+    for (int id = 1; id <= 4; id++) add(id, 1, 0, block());
+    g_during = [&](uint32_t id, void *arg) {
+        if (id == 1 && g_fired.size() == 1) CLOUDTUNNEL_TIMER_Proc();
+        if (id == 3) CLOUDMGR_timer_deinit();
+        std::memset(arg, 6, 4);
+    };
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, (Ids{1, 1, 4, 3}));
+    EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
+}
+
+TEST_F(TimerTest, an_id_given_anew_while_its_old_timer_runs_belongs_to_the_new_one_only) {
+    add(0, 0, 0, block());
+    g_during = [](uint32_t id, void *arg) {
+        if (g_fired.size() == 1) {
+            EXPECT_EQ(add(0, 0, 0, block()), static_cast<int>(id));
+            for (int n = 0; n < 3; n++) CLOUDTUNNEL_TIMER_Proc();  // fires the new one, once
+        }
+        std::memset(arg, 7, 4);
+    };
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(g_fired, (Ids{100, 100}));
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
+}
+
 TEST_F(TimerTest, a_callback_may_end_the_library) {
     for (int id = 1; id <= 3; id++) add(id, 0, 0, block());
     g_during = [](uint32_t, void *arg) {
@@ -503,9 +657,11 @@ TEST_F(TimerTest, the_hosts_pace_is_a_tenth_of_a_second) {
     EXPECT_EQ(set[0].which, ITIMER_REAL);
     EXPECT_EQ(set[0].value.it_value.tv_sec, 0);
     EXPECT_EQ(set[0].value.it_value.tv_usec, 100000);
+    EXPECT_EQ(set[0].value.it_interval.tv_sec, 0);
     EXPECT_EQ(set[0].value.it_interval.tv_usec, 100000);
-    EXPECT_EQ(set[1].value.it_value.tv_usec, 0);
-    EXPECT_EQ(set[1].value.it_interval.tv_usec, 0);
+    EXPECT_EQ(set[1].which, ITIMER_REAL);
+    const struct itimerval stopped = {};
+    EXPECT_EQ(std::memcmp(&set[1].value, &stopped, sizeof stopped), 0);
 }
 
 TEST_F(TimerTest, a_pace_that_cannot_be_set_is_told) {
