@@ -22,6 +22,7 @@ const char *error_text() { return ERR_error_string(ERR_get_error(), nullptr); }
 
 // session_make fills the connection's empty TLS node.
 bool session_make(cloudtunnel_connect_node *conn) {
+    ERR_clear_error();  // what is told of a failure below is its own reason, not one that was left there before
     OPENSSL_init_ssl(0, nullptr);
     OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
 

@@ -119,6 +119,7 @@ TEST_F(TlsTest, a_handshake_that_is_done_carries_on_like_a_plain_connection) {
         callbacks.clear();
         ASSERT_TRUE(run_until([&] { return !callbacks.connected.empty(); }, *conn.server));
         const std::string name = "[Model model][Socket " + std::to_string(conn.sock) + "] connect success.";
+        EXPECT_TRUE(log.contains("[model model]Ssl connect ret 1, errcode 0 [error:00000000"));
         EXPECT_TRUE(log.in_order({{kEvent, "[Model model]Succeeded in connecting ssl server."},
                                   {kConnect, modified(conn, epfd)},
                                   {kEvent, name}}));
@@ -177,7 +178,7 @@ TEST_F(TlsTest, without_memory_for_the_session_the_step_fails) {
     EXPECT_EQ(conn.node()->sslState, 0U);
 }
 
-struct SetUp {
+struct BrokenStep {
     const char *function;
     long result;
     const char *message;
@@ -185,14 +186,14 @@ struct SetUp {
 };
 
 TEST_F(TlsTest, a_session_that_cannot_be_set_up_is_destroyed_once_and_can_be_tried_again) {
-    const SetUp cases[] = {
+    const BrokenStep cases[] = {
         {"SSL_CTX_new", 0, "[model model]Create ssl ctx error ", 0},
         {"SSL_new", 0, "[model model] create ssl error ", 0},
         {"SSL_set_fd", 0, "[model model] ssl set fd error ", 1},
         {"SSL_set_fd", -1, "[model model] ssl set fd error ", 1},
     };
     const Connection conn = connected_tcp();
-    for (const SetUp &one : cases) {
+    for (const BrokenStep &one : cases) {
         SCOPED_TRACE(one.function);
         log.clear();
         const Calls shutdowns("SSL_shutdown");
@@ -256,7 +257,7 @@ TEST_F(TlsTest, a_server_that_speaks_no_tls_fails_the_connect_with_openssls_reas
     EXPECT_EQ(message.find("[Model model]Ssl connect ret -1, errcode 1 [error:"), 0U) << message;
     EXPECT_NE(message.find("wrong version number]"), std::string::npos) << message;
     EXPECT_TRUE(log.contains("[model model]Ssl connect ret -1, errcode 1 [error:"));
-    EXPECT_TRUE(log.said(kError, "Connect proc failed, event 1, ret -1 iErr 0 msg Success."));
+    EXPECT_TRUE(log.contains("ret -1 iErr 0 msg Success."));
 }
 
 TEST_F(TlsTest, a_server_that_ends_or_resets_during_the_handshake_fails_the_connect) {
