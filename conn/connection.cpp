@@ -67,6 +67,9 @@ void ConnWatch::forget(const cloudtunnel_connect_node *node) {
 
 void ConnWatch::fail() {
     if (node_) {
+        for (ConnWatch *outer = outer_; outer; outer = outer->outer_) {
+            if (outer->node_ == node_) outer->failure_ = nullptr;
+        }
         failure_ = node_->failureCallback;
         CLOUDMGR_socket_closeBySock(node_->sock);
     }

@@ -33,7 +33,8 @@ class ConnWatch {
     [[nodiscard]] const char *model() const { return model_; }
 
     // fail closes the connection if it still stands, and tells its owner: the one whose failure callback stands in the
-    // node now, or stood there at first when the node is gone.
+    // node now, or stood there at first when the node is gone. An owner is told once: a watch further out, in which a
+    // callback turned the loop, has nothing to tell any more.
     void fail();
 
     // forget tells every watch that a node is about to be freed.

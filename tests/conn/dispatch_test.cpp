@@ -289,6 +289,19 @@ TEST_F(DispatchTest, a_callback_may_turn_the_loop_and_end_the_library) {
     EXPECT_EQ(bodies(), (std::vector<std::string>{"one", "two"}));
 }
 
+TEST_F(DispatchTest, an_owner_is_told_once_where_its_connection_fails_while_its_callback_turns_the_loop) {
+    for (const int result : {0, -1}) {
+        const support::Connection conn = connect(Wire::plain);
+        callbacks.data_result = result;
+        callbacks.during_data = [&](int) { settle(); };
+        conn.server->send(frame(kText, "one"));
+        conn.server->close();
+        EXPECT_TRUE(turn(kWaitMs));
+        EXPECT_EQ(conn.node(), nullptr);
+        EXPECT_EQ(callbacks.failures, std::vector<std::string>{"model"});
+    }
+}
+
 TEST_F(DispatchTest, a_failure_callback_may_connect_again) {
     support::Connection conn = connect(Wire::plain);
     support::Connection again = offer(Wire::plain);
