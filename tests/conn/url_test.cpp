@@ -387,6 +387,28 @@ TEST_F(UrlTest, each_failed_copy_has_its_own_words) {
     EXPECT_EQ(node(), nullptr);
 }
 
+TEST_F(UrlTest, each_message_keeps_to_its_level) {
+    for (const int level : {5, 2, 0}) {
+        cloudmgr_debug_level = level;
+        log.clear();
+        CLOUDMGR_socket_urllist_set(nullptr, nullptr, nullptr, 0, 0);
+        CLOUDMGR_socket_urllist_set("model", kHost, "/path", 0, 443);
+        CLOUDMGR_Socket_Analysis_Set_Addr(nullptr);
+        set_host("unknown.example", "second");
+        for (int n = 0; n < 3; n++) {  // a new model, its host, its path
+            if (n == 1) CLOUDMGR_socket_urllist_set("third", nullptr, nullptr, 0, 0);
+            const support::FailAlloc fail(n == 2 ? 2 : 0);
+            CLOUDMGR_socket_urllist_set("third", n == 1 ? kHost : nullptr, "/path", 0, 0);
+        }
+        CLOUDMGR_socket_urllist_del("model");
+        for (uint32_t n = 0; n <= kMax; n++)
+            CLOUDMGR_socket_urllist_set(std::to_string(n).c_str(), nullptr, nullptr, 0, 0);
+        for (const uint32_t said : {kError, kConnect})
+            EXPECT_EQ(log.count(said) > 0, static_cast<int>(said) <= level) << said << " at " << level;
+        CLOUDMGR_socket_deinit();
+    }
+}
+
 class CopyTest : public UrlTest {
   protected:
     static void free_list(struct addrinfo *list) {  // as a caller does

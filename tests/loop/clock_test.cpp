@@ -32,6 +32,8 @@ TEST_F(ClockTest, uptime_reads_as_days_hours_minutes_and_seconds) {
     } cases[] = {
         {0, "00D:00H:00M:00S"},
         {59, "00D:00H:00M:59S"},
+        {kDay - 1, "00D:23H:59M:59S"},
+        {kDay, "01D:00H:00M:00S"},
         {3 * kDay + 4 * 3600 + 5 * 60 + 6, "03D:04H:05M:06S"},
         {1234 * kDay + 23 * 3600 + 59 * 60 + 59, "1234D:23H:59M:59S"},
     };
@@ -86,6 +88,15 @@ TEST_F(ClockTest, a_year_beyond_all_calendars_is_minus_one) {
     clock.set_time_of_day(INT64_MAX);
     EXPECT_EQ(cloudtunnel_timer_boot_time(text), -1);
     EXPECT_EQ(cloudtunnel_timer_boot_cloudap_time(text), -1);
+}
+
+TEST_F(ClockTest, a_year_of_five_digits_fits_the_report_but_not_the_boot_time) {
+    clock.set_uptime(0);
+    clock.set_time_of_day(253402300800);
+    EXPECT_EQ(cloudtunnel_timer_boot_time(text), -1);
+    EXPECT_STREQ(text, "");
+    EXPECT_EQ(cloudtunnel_timer_boot_cloudap_time(text), 0);
+    EXPECT_STREQ(text, "10000-01-01 08:00:00");
 }
 
 TEST_F(ClockTest, null_buffers_are_minus_one) {

@@ -388,6 +388,31 @@ TEST_F(EloopTest, the_end_of_a_loop_that_is_over_does_not_close_descriptor_0) {
     EXPECT_TRUE(log.said_once(kInit, "Deinit epoll ok."));
 }
 
+TEST_F(EloopTest, each_message_keeps_to_its_level) {
+    for (const int level : {5, 3, 2, 1, 0}) {
+        cloudmgr_debug_level = level;
+        log.clear();
+        CLOUDMGR_eloop_deinit();
+        epfd = CLOUDMGR_eloop_init();
+        struct epoll_event event = watching(fd);
+        for (int refused = 0; refused < 2; refused++) {
+            {
+                const support::Fault ctl("epoll_ctl", {.times = 2 * refused});
+                add(fd);
+                addex(fd, nullptr);
+            }
+            const support::Fault ctl("epoll_ctl", {.times = 2 * refused});
+            CLOUDMGR_eloop_sock_modify(fd, &event, on_ready);
+            CLOUDMGR_eloop_sock_del(fd);
+            addex(fd, nullptr);
+        }
+        const support::FailAlloc fail(0);
+        add(fd);
+        for (const uint32_t said : {kInit, kError, kEvent, kConnect})
+            EXPECT_EQ(log.count(said) > 0, static_cast<int>(said) <= level) << said << " at " << level;
+    }
+}
+
 TEST_F(EloopTest, a_loop_whose_descriptor_is_0_closes_it) {
     CLOUDMGR_eloop_deinit();
     const support::Fd kept(dup(STDIN_FILENO));

@@ -74,7 +74,7 @@ TEST_F(TimerTest, dynamic_ids_begin_at_100_and_are_given_anew_at_once) {
 
 TEST_F(TimerTest, a_new_timer_gets_the_lowest_free_id) {
     for (int n = 0; n < 24; n++) add();
-    for (const uint32_t id : {122, 109, 115}) cloudtunnel_timer_del(id);
+    for (const uint32_t id : {122U, 109U, 115U}) cloudtunnel_timer_del(id);
     EXPECT_EQ(add(), 109);
     EXPECT_EQ(add(), 115);
     EXPECT_EQ(add(), 122);
@@ -645,6 +645,40 @@ TEST_F(TimerTest, deleting_finds_the_older_timer_of_an_id_that_still_waits_for_i
     EXPECT_TRUE(log.all().empty());
     pass_time(1);
     EXPECT_EQ(g_fired, Ids{100});  // the newer one was not deleted
+}
+
+TEST_F(TimerTest, each_message_keeps_to_its_level) {
+    for (const int level : {9, 8, 2, 1, 0}) {
+        cloudmgr_debug_level = level;
+        log.clear();
+        for (const int id : {5, 5, 356, -7, 0}) add(id);
+        for (const int id : {5, 356, -7, 100, 77}) cloudtunnel_timer_del(static_cast<uint32_t>(id));
+        add();
+        cloudtunnel_timer_refresh(100);
+        pass_time(1);
+        pass_time(0);
+        {
+            const support::FailAlloc fail(0);
+            add();
+        }
+        for (int n = 0; n <= kMax; n++) add(0, 0, 9000);
+        CLOUDMGR_timer_deinit();
+        for (int n = 0; n <= kMax; n++) add();
+        CLOUDMGR_timer_deinit();
+        CLOUDMGR_timer_init();
+        for (int n = 0; n < 2; n++) {
+            const support::Fault no_pace("setitimer", {.times = n});
+            const support::Fault no_uptime("sysinfo", {.times = 2 * n});
+            cloudtunnel_timer_settimer();
+            cloudtunnel_timer_stoptimer();
+            add();
+            cloudtunnel_timer_refresh(100);
+        }
+        CLOUDMGR_timer_deinit();
+        CLOUDMGR_timer_init();
+        for (const uint32_t said : {kInit, kError, kTimer, kTimerDetail})
+            EXPECT_EQ(log.count(said) > 0, static_cast<int>(said) <= level) << said << " at " << level;
+    }
 }
 
 TEST_F(TimerTest, the_hosts_pace_is_a_tenth_of_a_second) {
