@@ -115,6 +115,41 @@ TEST_F(SendTest, a_tls_send_in_three_writes_needs_three_attempts) {
     EXPECT_EQ(conn.server->take(10), "abcdefghij");
 }
 
+TEST_F(SendTest, a_tls_send_goes_out_record_by_record_and_each_is_an_attempt) {
+    const support::Connection conn = connect(Wire::tls);
+    const std::string three_records(40000, 'x');
+    EXPECT_EQ(send(conn, three_records, 2), 2 * 16384);
+    EXPECT_EQ(send(conn, three_records, 3), 40000);
+    EXPECT_EQ(conn.server->take(2 * 16384 + 40000).size(), 2 * 16384U + 40000U);
+}
+
+TEST_F(SendTest, a_peer_that_does_not_read_stops_both_roads) {
+    const std::string much(100000, 'x');
+    int sent = 1;
+    const support::Connection plain = connect(Wire::plain, "plain");
+    for (int n = 0; n < 1000 && sent > 0; n++) sent = send(plain, much, 2);
+    EXPECT_EQ(sent, -2);
+    sent = 1;
+    const support::Connection secure = connect(Wire::tls, "secure");
+    for (int n = 0; n < 1000 && sent > 0; n++) sent = send(secure, much);
+    EXPECT_EQ(sent, -1);
+    EXPECT_TRUE(clock.sleeps().empty());  // no pause was asked for
+}
+
+TEST_F(SendTest, no_lock_is_held_while_bytes_are_written) {
+    for (const Wire wire : {Wire::plain, Wire::tls}) {
+        const support::Connection conn = connect(wire, wire == Wire::plain ? "plain" : "tls");
+        int tried = EBUSY;
+        const auto look = [&] {
+            tried = pthread_mutex_trylock(&cloudtunnel_connectlist.lock);
+            if (tried == 0) pthread_mutex_unlock(&cloudtunnel_connectlist.lock);
+        };
+        const support::Fault write(wire == Wire::plain ? "send" : "SSL_write", {.before = look, .real = true});
+        EXPECT_EQ(send(conn, "abc"), 3);
+        EXPECT_EQ(tried, 0);
+    }
+}
+
 TEST_F(SendTest, a_tls_write_that_fails_is_the_end_of_it) {
     const support::Connection conn = connect(Wire::tls);
     const support::Fault drip("SSL_write", {.at_most = 2});
@@ -167,9 +202,12 @@ TEST_F(SendTest, the_log_reads_no_byte_behind_the_data) {
     ASSERT_NE(area, MAP_FAILED);
     ASSERT_EQ(mprotect(area + page, page, PROT_NONE), 0);
     std::memcpy(area + page - 3, "end", 3);
-    const support::Connection conn = connect(Wire::plain);
-    EXPECT_EQ(CLOUDMGR_socket_sendData(conn.sock, area + page - 3, 3, 1, 0), 3);
-    EXPECT_TRUE(log.said_once(kPackage, "normal port send content:\nend"));
+    for (const Wire wire : {Wire::plain, Wire::tls}) {
+        const support::Connection conn = connect(wire, wire == Wire::plain ? "plain" : "tls");
+        EXPECT_EQ(CLOUDMGR_socket_sendData(conn.sock, area + page - 3, 3, 1, 0), 3);
+        const char *const name = wire == Wire::plain ? "normal" : "ssl";
+        EXPECT_TRUE(log.said_once(kPackage, std::string(name) + " port send content:\nend"));
+    }
     munmap(area, 2 * page);
 }
 
