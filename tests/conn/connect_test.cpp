@@ -773,4 +773,47 @@ TEST_F(ConnectTest, a_connection_without_a_connected_callback_is_up_without_a_wo
     EXPECT_TRUE(log.said_once(kEvent, on(sock, " connect success.")));
 }
 
+// ------------------------------------------------------------------------------------------------- without a log
+
+TEST_F(ConnectTest, at_level_0_a_connect_says_nothing_and_goes_the_same_ways) {
+    resolver.add("six.example", {"2001:db8::1"});
+    cloudmgr_debug_level = 0;
+    EXPECT_EQ(start("nowhere"), -1);
+    CLOUDMGR_socket_urllist_set("six", "six.example", nullptr, 1, 443);
+    EXPECT_EQ(start("six"), -1);
+    Connection conn = offer(Wire::plain);
+    for (const char *function : {"socket", "ioctl", "epoll_ctl"}) {
+        const Fault fault(function);
+        EXPECT_EQ(start(), -1);
+    }
+    CLOUDMGR_socket_setUserConfigPort("80");
+    {
+        const Fault fault("connect", {.error = EACCES});
+        EXPECT_EQ(start(), -1);
+    }
+    EXPECT_EQ(callbacks.failures, (Names{"nowhere", "six", "model", "model", "model", "model"}));
+    callbacks.clear();
+
+    CLOUDMGR_socket_setUserConfigPort(conn.server->port_text().c_str());
+    int sock = start_connect(conn);
+    EXPECT_EQ(cloudtunnel_socket_connectTimeout(99, &sock), 0);
+    EXPECT_EQ(happens(sock, EPOLLHUP), 0);
+    EXPECT_EQ(cloudtunnel_socket_connectTimeout(99, &sock), 0);
+    start_connect(conn);
+    pass_time(120);
+    EXPECT_EQ(callbacks.failures, (Names{"model", "model"}));
+    callbacks.clear();
+
+    start_connect(conn);
+    callbacks.connected_result = -1;
+    EXPECT_EQ(happens(conn.sock, EPOLLOUT), 0);
+    expect_gone(conn.sock);
+    callbacks.connected_result = 0;
+    start_connect(conn);
+    EXPECT_EQ(happens(conn.sock, EPOLLOUT), 0);
+    EXPECT_NE(conn.node(), nullptr);
+    EXPECT_EQ(CLOUDMGR_ssl_connect(kFar), -1);
+    EXPECT_TRUE(log.all().empty());
+}
+
 }  // namespace

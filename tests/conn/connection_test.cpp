@@ -396,4 +396,27 @@ TEST_F(ConnectionTest, a_failure_without_an_owner_is_told_to_nobody) {
     EXPECT_EQ(count(), 0U);
 }
 
+TEST_F(ConnectionTest, at_level_0_the_table_says_nothing_and_does_the_same) {
+    cloudmgr_debug_level = 0;
+    ASSERT_NE(add(kFar), nullptr);
+    EXPECT_EQ(add(kFar + 1), nullptr);
+    EXPECT_EQ(add(kFar, "other"), nullptr);
+    {
+        const support::FailAlloc fail(0);
+        EXPECT_EQ(add(kFar + 1, "other"), nullptr);
+    }
+    for (int i = 1; i < 1024; i++) ASSERT_NE(add(kFar + i, std::to_string(i)), nullptr);
+    EXPECT_EQ(add(kFar + 1024, "other"), nullptr);
+    EXPECT_EQ(CLOUDMGR_socket_connect_modify(kFar, other_data, nullptr), 0);
+    EXPECT_EQ(CLOUDMGR_socket_connect_modify(-1, other_data, nullptr), -1);
+    CLOUDMGR_socket_SetUnclose(kFar);
+    EXPECT_EQ(CLOUDMGR_socket_getCnctBySock(kFar)->unclose, 1);
+    CLOUDMGR_socket_ClearUnclose(kFar);
+    EXPECT_EQ(CLOUDMGR_socket_getCnctBySock(kFar)->unclose, 0);
+    CLOUDMGR_socket_connect_del(kFar);
+    CLOUDMGR_socket_closeBySock(kFar + 1);
+    EXPECT_EQ(count(), 1022U);
+    EXPECT_TRUE(log.all().empty());
+}
+
 }  // namespace

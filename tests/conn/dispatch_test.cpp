@@ -324,4 +324,25 @@ TEST_F(DispatchTest, a_descriptor_marked_to_stay_open_outlives_its_connection) {
     close(conn.sock);
 }
 
+TEST_F(DispatchTest, at_level_0_data_mode_says_nothing_and_does_the_same) {
+    cloudmgr_debug_level = 0;
+    for (const uint32_t type : {CLOUDTUNNEL_DATATYPE_HTTP, CLOUDTUNNEL_DATATYPE_WS}) {
+        for (const bool without_memory : {false, true}) {
+            const support::Connection conn = connect(Wire::plain, "model", type);
+            conn.server->send(type == CLOUDTUNNEL_DATATYPE_HTTP ? "HTTP/1.1 200 OK\r\n\r\n" : frame(kText, "one"));
+            ASSERT_TRUE(turn(kWaitMs));
+            EXPECT_EQ(callbacks.responses.size() + callbacks.frames.size(), 1U);
+            if (without_memory) {
+                const support::FailAlloc fail(0);
+                EXPECT_EQ(dispatch(conn.sock, EPOLLIN), 0);
+            } else {
+                conn.server->close();
+                settle();
+            }
+            EXPECT_EQ(callbacks.failures, std::vector<std::string>{"model"});
+        }
+    }
+    EXPECT_TRUE(log.all().empty());
+}
+
 }  // namespace

@@ -304,4 +304,31 @@ TEST_F(ReceiveTest, without_room_for_the_saved_bytes_the_read_is_an_error) {
     EXPECT_EQ(saved(conn), "ab");
 }
 
+TEST_F(ReceiveTest, a_session_that_is_empty_is_an_error) {
+    const support::Connection conn = connect(Wire::tls);
+    CLOUDMGR_ssl_Destory(conn.node());
+    conn.node()->ssl = static_cast<cloudtunnel_ssl_node *>(calloc(1, sizeof(cloudtunnel_ssl_node)));
+    EXPECT_EQ(CLOUDMGR_socket_rcvData(conn.sock, area, 4), -1);
+    EXPECT_EQ(CLOUDMGR_socket_sendData(conn.sock, area, 4, 1, 0), -1);
+}
+
+TEST_F(ReceiveTest, at_level_0_a_read_says_nothing_and_does_the_same) {
+    cloudmgr_debug_level = 0;
+    EXPECT_EQ(CLOUDMGR_socket_rcvData(999, area, 4), -1);
+    for (const Wire wire : {Wire::plain, Wire::tls}) {
+        const support::Connection conn = connect(wire, wire == Wire::plain ? "plain" : "tls");
+        EXPECT_EQ(CLOUDMGR_socket_rcvData(conn.sock, area, 4), -2);
+        arrive(conn, "abcd");
+        EXPECT_EQ(get(conn, 10).result, -2);
+        EXPECT_EQ(save(conn, "abcd"), 0);
+        conn.server->close();
+        EXPECT_TRUE(support::wait_readable(conn.sock));
+        EXPECT_EQ(get(conn, 10).result, -1);
+    }
+    const support::Connection conn = connect(Wire::plain);
+    const support::Fault broken("recv", {.error = ECONNRESET});
+    EXPECT_EQ(CLOUDMGR_socket_rcvData(conn.sock, area, 4), -1);
+    EXPECT_TRUE(log.all().empty());
+}
+
 }  // namespace

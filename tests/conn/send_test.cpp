@@ -246,4 +246,17 @@ TEST_F(SendTest, a_failed_write_of_one_session_does_not_break_anothers) {
     EXPECT_EQ(second.server->take(3), "abc");
 }
 
+TEST_F(SendTest, at_level_0_a_send_says_nothing_and_does_the_same) {
+    cloudmgr_debug_level = 0;
+    for (const Wire wire : {Wire::plain, Wire::tls}) {
+        const support::Connection conn = connect(wire, wire == Wire::plain ? "plain" : "tls");
+        EXPECT_EQ(send(conn, "abc"), 3);
+        EXPECT_EQ(conn.server->take(3), "abc");
+        EXPECT_EQ(send(conn, "abc", 0), 0);
+        const support::Fault broken(wire == Wire::plain ? "send" : "SSL_write", {.error = EPIPE});
+        EXPECT_EQ(send(conn, "abc"), -1);
+    }
+    EXPECT_TRUE(log.all().empty());
+}
+
 }  // namespace

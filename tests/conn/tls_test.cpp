@@ -397,4 +397,20 @@ TEST_F(TlsTest, held_bytes_are_those_that_were_received_and_not_read) {
     EXPECT_FALSE(tls_pending(conn.node()));
 }
 
+TEST_F(TlsTest, at_level_0_a_handshake_says_nothing_and_goes_the_same_ways) {
+    cloudmgr_debug_level = 0;
+    const Connection conn = connected_tcp();
+    for (const char *function : {"SSL_CTX_new", "SSL_new", "SSL_set_fd", "calloc"}) {
+        const Fault fault(function, {.result = 0});
+        EXPECT_EQ(CLOUDMGR_ssl_connect(conn.sock), -1);
+        EXPECT_EQ(conn.node()->ssl, nullptr);
+    }
+    for (const int code : {SSL_ERROR_SYSCALL, SSL_ERROR_WANT_WRITE, SSL_ERROR_WANT_READ}) {
+        const Fault why("SSL_get_error", {.result = code});
+        EXPECT_EQ(CLOUDMGR_ssl_connect(conn.sock), code == SSL_ERROR_SYSCALL ? -1 : 0);
+    }
+    EXPECT_TRUE(run_until([&] { return !callbacks.connected.empty(); }, *conn.server));
+    EXPECT_TRUE(log.all().empty());
+}
+
 }  // namespace
