@@ -324,6 +324,51 @@ TEST_F(DispatchTest, a_descriptor_marked_to_stay_open_outlives_its_connection) {
     close(conn.sock);
 }
 
+TEST_F(DispatchTest, a_connection_that_fails_inside_anothers_callback_takes_nothing_from_the_other) {
+    const support::Connection inner = connect(Wire::plain, "inner");
+    const support::Connection outer = connect(Wire::plain, "outer");
+    callbacks.data_result = -1;
+    callbacks.during_data = [&](int sock) {
+        if (sock != outer.sock) return;
+        EXPECT_EQ(dispatch(inner.sock, EPOLLHUP), 0);
+    };
+    outer.server->send(frame(kText, "one"));
+    ASSERT_TRUE(turn(kWaitMs));
+    EXPECT_EQ(callbacks.failures, (std::vector<std::string>{"inner", "outer"}));
+    EXPECT_EQ(cloudtunnel_connectlist.count, 0U);
+}
+
+TEST_F(DispatchTest, a_connection_taken_out_of_the_loop_is_read_and_not_put_back) {
+    const support::Connection conn = connect(Wire::tls);
+    CLOUDMGR_eloop_sock_del(conn.sock);
+    conn.server->send(frame(kText, "one") + frame(kText, "two"));
+    ASSERT_TRUE(support::wait_readable(conn.sock));
+    EXPECT_EQ(dispatch(conn.sock, EPOLLIN), 0);
+    EXPECT_EQ(bodies(), std::vector<std::string>{"one"});
+    EXPECT_EQ(cloudmgr_eloop_get_sock(conn.sock), nullptr);
+    EXPECT_NE(conn.node(), nullptr);
+    EXPECT_EQ(dispatch(conn.sock, EPOLLOUT), 0);  // nobody asked for it
+    EXPECT_EQ(conn.node(), nullptr);
+}
+
+TEST_F(DispatchTest, an_error_bit_beside_a_bad_message_or_a_refusal_ends_the_connection_once) {
+    for (const uint32_t bit : {uint32_t{EPOLLERR}, uint32_t{EPOLLHUP}}) {
+        for (const int result : {0, -1}) {
+            const support::Connection conn = connect(Wire::plain);
+            callbacks.data_result = result;
+            if (result == 0)
+                conn.server->close();
+            else
+                conn.server->send(frame(kText, "one"));
+            EXPECT_TRUE(support::wait_readable(conn.sock));
+            EXPECT_EQ(dispatch(conn.sock, EPOLLIN | bit), 0);
+            EXPECT_EQ(callbacks.failures, std::vector<std::string>{"model"});
+            EXPECT_TRUE(log.said_once(kError, ended(conn.sock, static_cast<int>(EPOLLIN | bit), -1)));
+            EXPECT_EQ(conn.node(), nullptr);
+        }
+    }
+}
+
 TEST_F(DispatchTest, at_level_0_data_mode_says_nothing_and_does_the_same) {
     cloudmgr_debug_level = 0;
     for (const uint32_t type : {CLOUDTUNNEL_DATATYPE_HTTP, CLOUDTUNNEL_DATATYPE_WS}) {
