@@ -134,6 +134,24 @@ TEST_F(TunnelTest, an_open_tunnel_outlives_the_daemon) {
     EXPECT_TRUE(callbacks.failures.empty());
 }
 
+TEST_F(TunnelTest, tunnel_data_that_comes_again_leaves_a_request_as_it_is) {
+    Tunnel tunnel = offer_and_start(Wire::tls);
+    await_request(tunnel);
+    tell(tunnel);
+    upgrade(tunnel);
+    accept(tunnel);
+    expect_open(tunnel);
+}
+
+TEST_F(TunnelTest, a_module_keeps_its_tunnel_when_it_puts_the_data_type_back_as_tunnel_data_come_again) {
+    Tunnel tunnel = offer_and_start(Wire::tls);
+    finish(tunnel);
+    modules.during = [] { CLOUDMGR_socket_urllist_set("model", nullptr, nullptr, CLOUDTUNNEL_DATATYPE_WS, 0); };
+    tell(tunnel);
+    expect_open(tunnel);
+    EXPECT_TRUE(callbacks.failures.empty());
+}
+
 TEST_F(TunnelTest, fini_ends_set_ups_without_a_word_and_leaves_open_connections) {
     Tunnel opened = offer_and_start(Wire::tls, "opened");
     finish(opened);
