@@ -1,5 +1,3 @@
 #include "cloudtunnel.h"
 
-int main(void) {
-    return CLOUDTUNNEL_LIB_Init(NULL) == -1 ? 0 : 1;
-}
+int main(void) { return CLOUDTUNNEL_LIB_Init(NULL) == -1 ? 0 : 1; }

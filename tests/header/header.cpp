@@ -1,5 +1,3 @@
 #include "cloudtunnel.h"
 
-int main() {
-    return CLOUDTUNNEL_LIB_Init(nullptr) == -1 ? 0 : 1;
-}
+int main() { return CLOUDTUNNEL_LIB_Init(nullptr) == -1 ? 0 : 1; }

@@ -14,9 +14,7 @@ Callbacks &recorder() {
     return *current;
 }
 
-std::string text_of(const char *text) {
-    return text ? text : "";
-}
+std::string text_of(const char *text) { return text ? text : ""; }
 
 std::string bytes_of(const uint8_t *bytes, int64_t count) {
     return bytes && count > 0 ? std::string(reinterpret_cast<const char *>(bytes), static_cast<size_t>(count)) : "";
@@ -35,9 +33,7 @@ Callbacks::Callbacks() {
     current = this;
 }
 
-Callbacks::~Callbacks() {
-    current = nullptr;
-}
+Callbacks::~Callbacks() { current = nullptr; }
 
 void Callbacks::clear() {
     connected.clear();

@@ -16,13 +16,9 @@ Clock::Clock() {
     current = this;
 }
 
-Clock::~Clock() {
-    current = nullptr;
-}
+Clock::~Clock() { current = nullptr; }
 
-Clock *Clock::in_force() {
-    return Quiet::here() ? nullptr : current;
-}
+Clock *Clock::in_force() { return Quiet::here() ? nullptr : current; }
 
 void Clock::set_time_of_day(int64_t seconds, int64_t microseconds) {
     time_of_day_s_ = seconds;
@@ -34,9 +30,7 @@ void Clock::advance(int64_t seconds) {
     time_of_day_s_ += seconds;
 }
 
-void Clock::fill(struct sysinfo *info) const {
-    info->uptime = static_cast<decltype(info->uptime)>(uptime_s_);
-}
+void Clock::fill(struct sysinfo *info) const { info->uptime = static_cast<decltype(info->uptime)>(uptime_s_); }
 
 bool Clock::fill(clockid_t id, timespec *now) const {
     if (id == CLOCK_MONOTONIC) {

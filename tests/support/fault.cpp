@@ -65,9 +65,7 @@ Fault::~Fault() {
 
 Calls::Calls(const char *function) : point_(WrapPoint::find(function)), at_first_(point_.calls) {}
 
-int Calls::operator()() const {
-    return point_.calls - at_first_;
-}
+int Calls::operator()() const { return point_.calls - at_first_; }
 
 FailAlloc::FailAlloc(int index, int times) : index_(index), times_(times) {
     WrapPoint::find("malloc");  // throws where nothing is wrapped
@@ -75,9 +73,7 @@ FailAlloc::FailAlloc(int index, int times) : index_(index), times_(times) {
     alloc_fault = this;
 }
 
-FailAlloc::~FailAlloc() {
-    alloc_fault = nullptr;
-}
+FailAlloc::~FailAlloc() { alloc_fault = nullptr; }
 
 bool FailAlloc::strikes() {
     if (Quiet::here() || !alloc_fault) return false;

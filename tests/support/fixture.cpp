@@ -46,9 +46,7 @@ void free_modules() {
 
 }  // namespace
 
-DescriptorCheck::~DescriptorCheck() {
-    EXPECT_EQ(open_descriptors() - before_, left_) << "descriptors left open";
-}
+DescriptorCheck::~DescriptorCheck() { EXPECT_EQ(open_descriptors() - before_, left_) << "descriptors left open"; }
 
 ProcessTest::ProcessTest() {
     std::signal(SIGPIPE, SIG_IGN);
@@ -61,9 +59,7 @@ ProcessTest::ProcessTest() {
     bigEndian = 0;
 }
 
-ProcessTest::~ProcessTest() {
-    release_library();
-}
+ProcessTest::~ProcessTest() { release_library(); }
 
 void ProcessTest::release_library() {
     CLOUDMGR_v3wscnct_deinit();

@@ -57,21 +57,15 @@ Resolver::Resolver() {
     current = this;
 }
 
-Resolver::~Resolver() {
-    current = nullptr;
-}
+Resolver::~Resolver() { current = nullptr; }
 
-Resolver *Resolver::in_force() {
-    return Quiet::here() ? nullptr : current;
-}
+Resolver *Resolver::in_force() { return Quiet::here() ? nullptr : current; }
 
 void Resolver::add(const std::string &name, const std::vector<std::string> &addresses, const std::string &canonical) {
     answers_[name] = {0, addresses, canonical};
 }
 
-void Resolver::fail(const std::string &name, int code) {
-    answers_[name] = {code, {}, ""};
-}
+void Resolver::fail(const std::string &name, int code) { answers_[name] = {code, {}, ""}; }
 
 int Resolver::calls(const std::string &name) const {
     return static_cast<int>(std::count(asked_.begin(), asked_.end(), name));
@@ -112,8 +106,6 @@ bool Resolver::release(addrinfo *list) {
     return true;
 }
 
-int Resolver::lists_alive() {
-    return static_cast<int>(lists.size());
-}
+int Resolver::lists_alive() { return static_cast<int>(lists.size()); }
 
 }  // namespace support

@@ -62,12 +62,8 @@ SSL_CTX *make_context(Wire wire, size_t tickets) {
 
 }  // namespace
 
-void SslFree::operator()(SSL *ssl) const {
-    SSL_free(ssl);
-}
-void SslFree::operator()(SSL_CTX *context) const {
-    SSL_CTX_free(context);
-}
+void SslFree::operator()(SSL *ssl) const { SSL_free(ssl); }
+void SslFree::operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
 
 Server::Server(Wire wire, size_t tickets) : wire_(wire) {
     const Quiet quiet;

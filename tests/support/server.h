@@ -24,9 +24,7 @@
 namespace support {
 
 enum class Wire { plain, tls, tls12, tls13 };  // tls: whatever both ends like best
-inline bool is_tls(Wire wire) {
-    return wire != Wire::plain;
-}
+inline bool is_tls(Wire wire) { return wire != Wire::plain; }
 
 struct SslFree {
     void operator()(SSL *ssl) const;

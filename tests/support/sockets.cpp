@@ -102,9 +102,7 @@ Fd Listener::accept(int wait_ms) {
     return accepted;
 }
 
-uint16_t unused_port() {
-    return Listener().port();
-}
+uint16_t unused_port() { return Listener().port(); }
 
 bool wait_readable(int fd, int wait_ms) {
     const Quiet quiet;

@@ -8,13 +8,9 @@
 namespace support {
 namespace {
 
-char byte_of(uint64_t value, int index) {
-    return static_cast<char>((value >> (8 * index)) & 0xff);
-}
+char byte_of(uint64_t value, int index) { return static_cast<char>((value >> (8 * index)) & 0xff); }
 
-uint8_t at(const std::string &bytes, size_t index) {
-    return static_cast<uint8_t>(bytes[index]);
-}
+uint8_t at(const std::string &bytes, size_t index) { return static_cast<uint8_t>(bytes[index]); }
 
 uint64_t number(const std::string &bytes, size_t offset, size_t width) {
     uint64_t value = 0;
