@@ -184,8 +184,8 @@ TEST_F(TextTest, a_text_that_cannot_grow_is_freed_with_its_record) {
 TEST_F(TextTest, null_arguments_are_minus_one) {
     EXPECT_EQ(cloudtunnel_http_strcat(nullptr, "%s", "x"), -1);
     cloudtunnel_http_text *text = make();
-    const char *none = nullptr;
-    EXPECT_EQ(cloudtunnel_http_strcat(text, none), -1);
+    int (*const append)(cloudtunnel_http_text *, const char *, ...) = cloudtunnel_http_strcat;  // no format to check
+    EXPECT_EQ(append(text, nullptr), -1);
     drop(text);
 }
 
