@@ -32,10 +32,9 @@ void print_packet_header() {
     cloudtunnel_timer_get_time(&now);
     const time_t seconds = now.tv_sec;
     struct tm local = {};
-    char date[64] = "";
+    char date[kAsctimeSize] = "";
     tzset();
-    if (!localtime_r(&seconds, &local) || !asctime_r(&local, date)) date[0] = '\0';
-    os_strrtrim(date);
+    if (localtime_r(&seconds, &local) && os_asctime(local, date)) os_strrtrim(date);
 
     char header[256];
     os_snprintf(header, sizeof header, "[%s][%06u][%s]: \n***************** Data *****************\n", date,

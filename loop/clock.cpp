@@ -63,8 +63,8 @@ int cloudtunnel_timer_boot_time(char *text) {
     if (!text) return -1;
     text[0] = '\0';
     struct tm utc = {};
-    char date[64] = "";
-    if (!boot_instant(&utc) || !asctime_r(&utc, date)) return -1;
+    char date[kAsctimeSize] = "";
+    if (!boot_instant(&utc) || !os_asctime(utc, date)) return -1;
     os_snprintf(text, kTextSize, "System boot time: %s,", date);
     return 0;
 }

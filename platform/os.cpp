@@ -99,3 +99,9 @@ int os_atoi(const char *text, size_t len) {
     }
     return static_cast<int>(negative ? -value : value);
 }
+
+bool os_asctime(const struct tm &date, char (&text)[kAsctimeSize]) {
+    text[0] = '\0';
+    if (date.tm_year < -1900 || date.tm_year > 9999 - 1900) return false;
+    return asctime_r(&date, text) != nullptr;
+}

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <memory>
 #include <utility>
 
@@ -55,6 +56,11 @@ int os_atoi(const char *text, size_t len);
 
 // os_try_again tells whether a failed call is worth repeating as it was.
 inline bool os_try_again(int error) { return error == EINTR || error == EAGAIN; }
+
+// os_asctime writes what asctime_r does. False, and an empty text, outside the years 0 to 9999: there the C library of
+// the device ends the process, while others return null.
+constexpr size_t kAsctimeSize = 26;
+bool os_asctime(const struct tm &date, char (&text)[kAsctimeSize]);
 
 struct OsFree {
     void operator()(void *block) const { os_free(block); }

@@ -100,6 +100,11 @@ TEST_F(DumpTest, a_packet_has_a_header_lines_of_32_bytes_and_its_text) {
     }
 }
 
+TEST_F(DumpTest, a_clock_beyond_all_calendars_leaves_the_date_out) {
+    clock.set_time_of_day(253402300800, 42);
+    EXPECT_EQ(dump("A"), "[][000042][PACKAGE DETAIL]: \n***************** Data *****************\n");
+}
+
 TEST_F(DumpTest, zero_bytes_of_a_packet_show_as_blanks) {
     dump(std::string_view("a\0\xff\n", 4));
     EXPECT_TRUE(

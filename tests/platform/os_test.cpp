@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -159,6 +160,24 @@ TEST(OsTest, what_was_interrupted_or_busy_is_worth_another_try) {
     EXPECT_TRUE(os_try_again(EINTR));
     EXPECT_TRUE(os_try_again(EAGAIN));
     EXPECT_FALSE(os_try_again(EPIPE));
+}
+
+TEST(OsTest, a_date_outside_the_calendar_has_no_text) {
+    struct tm date = {};
+    char text[kAsctimeSize] = "";
+    date.tm_year = 9999 - 1900;
+    date.tm_mday = 31;
+    date.tm_mon = 11;
+    date.tm_wday = 5;
+    EXPECT_TRUE(os_asctime(date, text));
+    EXPECT_STREQ(text, "Fri Dec 31 00:00:00 9999\n");
+    for (const int year : {10000, INT_MAX, -1, INT_MIN + 1900}) {
+        date.tm_year = year - 1900;
+        EXPECT_FALSE(os_asctime(date, text)) << year;
+        EXPECT_STREQ(text, "");
+    }
+    date.tm_year = -1900;
+    EXPECT_TRUE(os_asctime(date, text));
 }
 
 }  // namespace
