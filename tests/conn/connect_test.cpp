@@ -22,6 +22,7 @@ using support::Fault;
 using support::kConnect;
 using support::kError;
 using support::kEvent;
+using support::kNoError;
 using support::kTimer;
 using support::LogMessage;
 using support::Wire;
@@ -76,7 +77,7 @@ class ConnectTest : public support::LibraryTest {
         return before + std::to_string(number) + after;
     }
     static std::string on(int sock, const std::string &text) { return with("[Model model][Socket ", sock, "]" + text); }
-    static std::string proc_failed(uint32_t events, int result, int error, const char *why) {
+    static std::string proc_failed(uint32_t events, int result, int error, const std::string &why) {
         return with("Connect proc failed, event ", static_cast<int>(events), ", ret ") + std::to_string(result) +
                with(" iErr ", error, " msg ") + why + ".";
     }
@@ -599,9 +600,9 @@ TEST_F(ConnectTest, an_event_that_is_neither_readable_nor_writable_fails_the_con
         callbacks.clear();
         log.clear();
         EXPECT_EQ(happens(sock, events), 0);
-        EXPECT_EQ(log.texts(kError), Names{proc_failed(events, -1, 0, "Success")});
+        EXPECT_EQ(log.texts(kError), Names{proc_failed(events, -1, 0, kNoError)});
         EXPECT_TRUE(log.in_order(
-            {{kError, proc_failed(events, -1, 0, "Success")}, {kConnect, with("Real close sock [", sock, "] .")}}));
+            {{kError, proc_failed(events, -1, 0, kNoError)}, {kConnect, with("Real close sock [", sock, "] .")}}));
         expect_gone(sock);
     }
 }
@@ -634,7 +635,7 @@ TEST_F(ConnectTest, an_error_bit_beside_a_connection_that_comes_up_is_only_logge
         callbacks.clear();
         log.clear();
         EXPECT_EQ(happens(sock, EPOLLOUT | bit), 0);
-        EXPECT_EQ(log.texts(kError), Names{proc_failed(EPOLLOUT | bit, 0, 0, "Success")});
+        EXPECT_EQ(log.texts(kError), Names{proc_failed(EPOLLOUT | bit, 0, 0, kNoError)});
         EXPECT_EQ(callbacks.connected, std::vector<int>{sock});
         EXPECT_TRUE(callbacks.failures.empty());
         ASSERT_NE(conn.node(), nullptr);
@@ -677,7 +678,7 @@ TEST_F(ConnectTest, a_connection_that_cannot_be_registered_anew_stays_for_its_ca
     log.clear();
     EXPECT_EQ(happens(sock, EPOLLOUT), 0);
     EXPECT_EQ(log.texts(kError),
-              (Names{with("Modify socket ", sock, " to epoll error -1."), proc_failed(EPOLLOUT, -1, 0, "Success")}));
+              (Names{with("Modify socket ", sock, " to epoll error -1."), proc_failed(EPOLLOUT, -1, 0, kNoError)}));
     EXPECT_TRUE(callbacks.connected.empty());
     expect_gone(sock);
 }
@@ -705,7 +706,7 @@ TEST_F(ConnectTest, an_owner_that_refuses_beside_an_error_bit_is_told_once) {
     callbacks.connected_result = -1;
     EXPECT_EQ(happens(sock, EPOLLOUT | EPOLLHUP), 0);
     EXPECT_EQ(log.texts(kError),
-              (Names{on(sock, " connect failed."), proc_failed(EPOLLOUT | EPOLLHUP, 0, 0, "Success")}));
+              (Names{on(sock, " connect failed."), proc_failed(EPOLLOUT | EPOLLHUP, 0, 0, kNoError)}));
     expect_gone(sock);
 }
 

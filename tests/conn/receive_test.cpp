@@ -13,6 +13,7 @@ namespace {
 
 using support::kConnect;
 using support::kError;
+using support::kNoError;
 using support::kPackage;
 using support::Wire;
 
@@ -92,8 +93,8 @@ TEST_F(ReceiveTest, the_end_of_a_plain_stream_is_an_error) {
     EXPECT_TRUE(support::wait_readable(conn.sock));
     testing::internal::CaptureStderr();
     EXPECT_EQ(CLOUDMGR_socket_rcvData(conn.sock, area, 4), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "\r\n Rcv errno message: Success\n");
-    EXPECT_TRUE(log.said_once(kError, on(conn, "Rcv msg error 0, errno 0 [Success].")));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "\r\n Rcv errno message: " + kNoError + "\n");
+    EXPECT_TRUE(log.said_once(kError, on(conn, "Rcv msg error 0, errno 0 [" + kNoError + "].")));
 }
 
 TEST_F(ReceiveTest, a_broken_plain_stream_is_an_error) {

@@ -12,6 +12,7 @@ namespace {
 
 using support::kAlways;
 using support::kError;
+using support::kNoError;
 using support::kPackage;
 using support::Wire;
 
@@ -30,18 +31,18 @@ TEST_F(SendTest, a_plain_send_puts_the_bytes_on_the_wire_and_tells_so) {
     const support::Connection conn = connect(Wire::plain);
     EXPECT_EQ(send(conn, "abc"), 3);
     EXPECT_EQ(conn.server->take(3), "abc");
-    EXPECT_EQ(log.all(),
-              (std::vector<support::LogMessage>{{kPackage, "normal port send content:\nabc"},
-                                                {kPackage, on(conn, "Send message result 3, message [Success].")}}));
+    EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{
+                             {kPackage, "normal port send content:\nabc"},
+                             {kPackage, on(conn, "Send message result 3, message [" + kNoError + "].")}}));
 }
 
 TEST_F(SendTest, a_tls_send_puts_the_bytes_on_the_wire_and_tells_so) {
     const support::Connection conn = connect(Wire::tls);
     EXPECT_EQ(send(conn, "abc"), 3);
     EXPECT_EQ(conn.server->take(3), "abc");
-    EXPECT_EQ(log.all(),
-              (std::vector<support::LogMessage>{{kPackage, "ssl port send content:\nabc"},
-                                                {kPackage, on(conn, "Send message result 3, message [Success].")}}));
+    EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{
+                             {kPackage, "ssl port send content:\nabc"},
+                             {kPackage, on(conn, "Send message result 3, message [" + kNoError + "].")}}));
 }
 
 TEST_F(SendTest, no_attempt_sends_nothing_and_is_zero) {
@@ -53,10 +54,10 @@ TEST_F(SendTest, no_attempt_sends_nothing_and_is_zero) {
             EXPECT_EQ(send(conn, "abc", attempts, 5), 0);
             EXPECT_EQ(sends(), 0);
             const char *const name = wire == Wire::plain ? "http" : "https";
-            EXPECT_TRUE(
-                log.in_order({{kError, on(conn, std::string("Send ") + name +
-                                                    " message retry count reach max, result 0, message [Success].")},
-                              {kPackage, on(conn, "Send message result 0, message [Success].")}}));
+            EXPECT_TRUE(log.in_order(
+                {{kError, on(conn, std::string("Send ") + name + " message retry count reach max, result 0, message [" +
+                                       kNoError + "].")},
+                 {kPackage, on(conn, "Send message result 0, message [" + kNoError + "].")}}));
         }
     }
     EXPECT_TRUE(clock.sleeps().empty());
@@ -108,10 +109,9 @@ TEST_F(SendTest, a_tls_send_in_three_writes_needs_three_attempts) {
         EXPECT_EQ(log.count(kError), 0);
         EXPECT_EQ(send(conn, "ghijkl", 2), 4);
     }
-    EXPECT_TRUE(log.said_once(kError, on(conn,
-                                         "Send https message retry count reach max, result 4, message "
-                                         "[Success].")));
-    EXPECT_TRUE(log.said_once(kPackage, on(conn, "Send message result 4, message [Success].")));
+    EXPECT_TRUE(log.said_once(
+        kError, on(conn, "Send https message retry count reach max, result 4, message [" + kNoError + "].")));
+    EXPECT_TRUE(log.said_once(kPackage, on(conn, "Send message result 4, message [" + kNoError + "].")));
     EXPECT_EQ(conn.server->take(10), "abcdefghij");
 }
 

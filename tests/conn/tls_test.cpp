@@ -20,6 +20,7 @@ using support::kAlways;
 using support::kConnect;
 using support::kError;
 using support::kEvent;
+using support::kNoError;
 using support::LogMessage;
 using support::Wire;
 
@@ -257,7 +258,7 @@ TEST_F(TlsTest, a_server_that_speaks_no_tls_fails_the_connect_with_openssls_reas
     EXPECT_EQ(message.find("[Model model]Ssl connect ret -1, errcode 1 [error:"), 0U) << message;
     EXPECT_NE(message.find("wrong version number]"), std::string::npos) << message;
     EXPECT_TRUE(log.contains("[model model]Ssl connect ret -1, errcode 1 [error:"));
-    EXPECT_TRUE(log.contains("ret -1 iErr 0 msg Success."));
+    EXPECT_TRUE(log.contains("ret -1 iErr 0 msg " + kNoError + "."));
 }
 
 TEST_F(TlsTest, a_server_that_ends_or_resets_during_the_handshake_fails_the_connect) {

@@ -24,27 +24,35 @@ Function *real(Function *, const char *name) {
 
 #define REAL(name) real(&::name, #name)
 
+// A definition has to promise what the C library's header promises: glibc's says that these throw nothing, musl's is
+// mute.
+#ifdef __GLIBC__
+#define LIBC_NOEXCEPT noexcept
+#else
+#define LIBC_NOEXCEPT
+#endif
+
 extern "C" {
 
-int sysinfo(struct sysinfo *info) noexcept {
+int sysinfo(struct sysinfo *info) LIBC_NOEXCEPT {
     const int result = REAL(sysinfo)(info);
     if (const Clock *clock = Clock::in_force()) clock->fill(info);
     return result;
 }
 
-int clock_gettime(clockid_t id, timespec *now) noexcept {
+int clock_gettime(clockid_t id, timespec *now) LIBC_NOEXCEPT {
     if (const Clock *clock = Clock::in_force(); clock && clock->fill(id, now)) return 0;
     return REAL(clock_gettime)(id, now);
 }
 
-int gettimeofday(timeval *now, void *zone) noexcept {
+int gettimeofday(timeval *now, void *zone) LIBC_NOEXCEPT {
     const Clock *clock = Clock::in_force();
     if (!clock) return REAL(gettimeofday)(now, zone);
     clock->fill(now);
     return 0;
 }
 
-time_t time(time_t *out) noexcept {
+time_t time(time_t *out) LIBC_NOEXCEPT {
     const Clock *clock = Clock::in_force();
     if (!clock) return REAL(time)(out);
     if (out) *out = clock->time_of_day();
@@ -63,7 +71,7 @@ int getaddrinfo(const char *name, const char *service, const addrinfo *hints, ad
     return REAL(getaddrinfo)(name, service, hints, list);
 }
 
-void freeaddrinfo(addrinfo *list) noexcept {
+void freeaddrinfo(addrinfo *list) LIBC_NOEXCEPT {
     if (!Resolver::release(list)) REAL(freeaddrinfo)(list);
 }
 

@@ -8,6 +8,7 @@
 #define TESTS_SUPPORT_LOG_H
 
 #include <cstdint>
+#include <cstring>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -35,6 +36,9 @@ struct LogMessage {
     std::string text;
     bool operator==(const LogMessage &) const = default;
 };
+
+// The text of errno 0, which each C library words in its own way.
+inline const std::string kNoError = strerror(0);
 
 class Log {
   public:

@@ -3,6 +3,8 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
+#include <new>
 
 #include <netdb.h>
 #include <poll.h>
@@ -96,6 +98,16 @@ WRAP_ALLOC(void *, calloc, (size_t count, size_t size), (count, size))
 WRAP_ALLOC(void *, realloc, (void *block, size_t size), (block, size))
 WRAP_ALLOC(char *, strdup, (const char *text), (text))
 
+// A C++ library that is linked as an archive has its calls wrapped as well; the tests' own memory does not fail.
+#ifdef _LIBCPP_VERSION
+void *operator new(size_t size) {
+    if (void *const block = __real_malloc(size)) return block;
+    throw std::bad_alloc();
+}
+void operator delete(void *block) noexcept { free(block); }
+void operator delete(void *block, size_t) noexcept { free(block); }
+#endif
+
 // Time
 POINT(sysinfo)
 extern "C" int __real_sysinfo(struct sysinfo *info);
@@ -125,11 +137,10 @@ WRAP_FAKED(int, usleep, (useconds_t microseconds), (microseconds), Clock, {
     return 0;
 })
 
-WRAP_FAKED(int, setitimer, (__itimer_which_t which, const itimerval *value, itimerval *old), (which, value, old), Clock,
-           {
-               owner->set_interval_timer(which, *value);
-               return 0;
-           })
+WRAP_FAKED(int, setitimer, (int which, const itimerval *value, itimerval *old), (which, value, old), Clock, {
+    owner->set_interval_timer(which, *value);
+    return 0;
+})
 
 // Names
 WRAP_FAKED(int, getaddrinfo, (const char *name, const char *service, const addrinfo *hints, addrinfo **list),

@@ -10,6 +10,7 @@
 namespace {
 
 using support::kError;
+using support::kNoError;
 using support::kPackage;
 using support::Wire;
 
@@ -161,7 +162,7 @@ TEST_F(WsSendTest, a_send_tells_what_it_does) {
                               {kPackage, on + "Send websocket message before mask."},
                               {support::kPackageDetail, "81 82 11 22 33 44 41 42 "},
                               {kPackage, on + "Send websocket mask 0x11 0x22 0x33 0x44."},
-                              {kPackage, on + "Send message result 8, message [Success]."}}));
+                              {kPackage, on + "Send message result 8, message [" + kNoError + "]."}}));
     log.clear();
     EXPECT_EQ(kyrcloud_ws_send_oneFrag(conn.sock, msg, 0, 0, 1, 0), 0);
     EXPECT_TRUE(log.in_order({{kPackage, "WEB: " + on + "Send ws msg len 2."},
