@@ -56,6 +56,21 @@ TEST_F(DeviceTest, the_serial_number_is_what_stands_behind_the_colon_without_its
     EXPECT_STREQ(cloudmgr_dev_getSN(), "-NA-");
 }
 
+TEST_F(DeviceTest, an_empty_serial_number_is_read_when_it_is_asked_for) {
+    read_serial("HW_SERIES_NUM:-NA-\\n");
+    log.clear();
+    EXPECT_STREQ(cloudmgr_dev_getSN(), "-NA-");
+    EXPECT_TRUE(log.all().empty());
+    auto *number = const_cast<char *>(cloudmgr_dev_getSN());
+    number[0] = '\0';
+    const support::Calls reads("popen");
+    EXPECT_STREQ(cloudmgr_dev_getSN(), "");
+    EXPECT_EQ(reads(), 1);
+    EXPECT_TRUE(log.said_once(kError, "Cloud-Tunnel-Lib Set Device SN []."));
+    number[0] = '-';
+    EXPECT_STREQ(cloudmgr_dev_getSN(), "-NA-");
+}
+
 TEST_F(DeviceTest, token_and_cookie_keep_127_characters) {
     const std::string text(200, 't');
     cloudmgr_v3_setTokenID(text.c_str());

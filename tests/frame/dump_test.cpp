@@ -1,3 +1,4 @@
+#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -105,6 +106,36 @@ TEST_F(DumpTest, a_clock_beyond_all_calendars_leaves_the_date_out) {
     EXPECT_EQ(dump("A"), "[][000042][PACKAGE DETAIL]: \n***************** Data *****************\n");
 }
 
+TEST_F(DumpTest, the_header_tells_the_local_time) {
+    setenv("TZ", "HERE-3", 1);  // three hours east of Greenwich
+    clock.set_time_of_day(1700000000, 999999);
+    EXPECT_EQ(dump("A"),
+              "[Wed Nov 15 01:13:20 2023][999999][PACKAGE DETAIL]: \n***************** Data *****************\n");
+}
+
+int g_calls = 0;
+int lower_the_level(uint32_t, const char *, ...) {
+    g_calls++;
+    cloudmgr_debug_level = support::kPackage;
+    return 0;
+}
+int go_away(uint32_t, const char *, ...) {
+    g_calls++;
+    g_stLibInitData.pfnPrint = nullptr;
+    return 0;
+}
+
+TEST_F(DumpTest, level_and_callback_are_asked_for_at_every_line) {
+    for (CLOUDTUNNEL_PRINT_FN *const print : {lower_the_level, go_away}) {
+        const CLOUDTUNNEL_LIB_INIT_DATA data = {.usReserved = 0, .pfnPrint = print};
+        CLOUDMGR_debug_Init(&data);
+        cloudmgr_debug_level = kPackageDetail;
+        g_calls = 0;
+        EXPECT_NE(dump(std::string(40, 'A')), "");
+        EXPECT_EQ(g_calls, 1);
+    }
+}
+
 TEST_F(DumpTest, zero_bytes_of_a_packet_show_as_blanks) {
     dump(std::string_view("a\0\xff\n", 4));
     EXPECT_TRUE(
@@ -186,13 +217,17 @@ TEST_F(DumpTest, closing_and_removing_twice_frees_once) {
     EXPECT_FALSE(exists(path));
     EXPECT_EQ(g_CloudTunnelLogFile, nullptr);
     CLOUDMGR_debug_Removefile();
-    EXPECT_EQ(CLOUDMGR_debug_open_file(path.c_str()), 0);  // the path was kept
+    const support::FailAlloc none(0);  // the path was kept: no copy is made
+    EXPECT_EQ(CLOUDMGR_debug_open_file(path.c_str()), 0);
+    EXPECT_FALSE(none.hit());
     CLOUDMGR_debug_Removefile();
 }
 
 TEST_F(DumpTest, standard_output_becomes_line_buffered) {
+    std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
+    ASSERT_EQ(__flbf(stdout), 0);
     CLOUDMGR_debug_SetStdout();
-    EXPECT_EQ(std::ferror(stdout), 0);
+    EXPECT_NE(__flbf(stdout), 0);
 }
 
 }  // namespace

@@ -78,6 +78,19 @@ TEST_F(LifecycleTest, without_an_epoll_instance_both_inits_fail) {
     }
 }
 
+TEST_F(LifecycleTest, modules_and_serial_number_are_made_ready_before_the_loop_that_fails) {
+    const support::Fault broken("epoll_create", {.times = support::kAlways, .error = EMFILE});
+    EXPECT_EQ(CLOUDTUNNEL_LIB_Init(&data), -1);
+    EXPECT_TRUE(log.in_order({{kInit, "cloudtunnel_initModuleList cloudtunnel_module_list count 0."},
+                              {kError, "Cloud-Tunnel-Lib Set Device SN [-NA-]."},
+                              {kInit, "libcloudtunnel init epoll failed."}}));
+    EXPECT_EQ(cloudtunnel_module_list.link.next, &cloudtunnel_module_list.link);
+    log.clear();
+    EXPECT_EQ(CLOUDTUNNEL_LIB_MiniInit(&data), -1);
+    EXPECT_TRUE(log.said(kError, "Cloud-Tunnel-Lib Set Device SN [-NA-]."));
+    EXPECT_FALSE(log.contains("cloudtunnel_initModuleList"));  // comes last there
+}
+
 TEST_F(LifecycleTest, without_a_daemon_init_succeeds_and_tries_again_every_ten_seconds) {
     support::NoDaemon nobody;
     ASSERT_GE(init(), 0);
@@ -152,6 +165,22 @@ TEST_F(LifecycleTest, a_second_init_starts_over_and_closes_only_the_link_it_forg
     close(first_epfd);
 }
 
+TEST_F(LifecycleTest, a_second_init_forgets_the_modules_of_the_first) {
+    ASSERT_GE(mini_init(), 0);
+    const int first_epfd = epfd;
+    const CLOUDTUNNEL_MODULE_REG reg = {"model", "sub", nothing, nothing, nothing};
+    ASSERT_EQ(CLOUDTUNNEL_MODULE_Register(&reg), 0);
+    CLOUDTUNNEL_MODULE_NODE *node = cloudmgr_module_getmodNodeByName("model");
+    ASSERT_GE(mini_init(), 0);
+    EXPECT_EQ(cloudtunnel_module_list.count, 0);
+    EXPECT_EQ(cloudmgr_module_getmodNodeByName("model"), nullptr);
+    EXPECT_STREQ(node->name, "model");  // not freed
+    std::free(node->name);
+    std::free(node->sub_name);
+    std::free(node);
+    close(first_epfd);
+}
+
 TEST_F(LifecycleTest, a_second_init_does_not_lose_the_reconnection) {
     support::NoDaemon nobody;
     ASSERT_GE(init(), 0);
@@ -200,6 +229,22 @@ TEST_F(LifecycleTest, a_timer_callback_may_end_the_library_and_start_it_again) {
     EXPECT_EQ(runs, 1);
     EXPECT_EQ(cloudtunnel_timerlist.count, 1U);  // the reconnection
     g_during = nullptr;
+}
+
+class FiniTest : public support::LibraryTest {};
+
+TEST_F(FiniTest, connections_and_modules_outlive_the_library_and_late_messages_still_print) {
+    const support::Connection conn = connect(support::Wire::plain);
+    const CLOUDTUNNEL_MODULE_REG reg = {"model", "sub", nothing, nothing, nothing};
+    ASSERT_EQ(CLOUDTUNNEL_MODULE_Register(&reg), 0);
+    CLOUDTUNNEL_LIB_Fini();
+    EXPECT_NE(conn.node(), nullptr);
+    EXPECT_STREQ(CLOUDMGR_socket_getHostByModelname("model"), "127.0.0.1");
+    EXPECT_EQ(CLOUDMGR_socket_sendData(conn.sock, support::Connection::bytes("late"), 4, 1, 0), 4);
+    EXPECT_EQ(conn.server->take(4), "late");
+    log.clear();
+    cloudtunnel_module_reg2Server();
+    EXPECT_TRUE(log.said_once(kEvent, "sendRegMsg2Server model ."));
 }
 
 }  // namespace

@@ -6,6 +6,9 @@ namespace {
 
 class LogTest : public support::LibraryTest {};
 
+// Read before a test sets it.
+const int32_t g_level_at_first = cloudmgr_debug_level;
+
 int ignore(uint32_t, const char *, ...) { return -1; }
 
 TEST_F(LogTest, a_message_passes_when_its_level_does) {
@@ -45,6 +48,8 @@ TEST_F(LogTest, the_init_data_are_copied_and_a_null_callback_prints_nothing) {
     LOG(init, "nobody hears this");
     EXPECT_FALSE(log.contains("nobody"));
 }
+
+TEST_F(LogTest, every_message_passes_until_the_caller_lowers_the_level) { EXPECT_EQ(g_level_at_first, 9); }
 
 TEST_F(LogTest, levels_have_their_names) {
     const char *const names[] = {"INVALID", "INIT",           "ERROR", "EVENT",        "FSM", "CONNECT",

@@ -1,3 +1,4 @@
+#include <cstdlib>
 #include <cstring>
 
 #include "frame/list.h"
@@ -38,6 +39,29 @@ TEST_F(ModuleTest, init_makes_an_empty_list_and_says_so) {
     EXPECT_EQ(
         log.all(),
         (std::vector<support::LogMessage>{{kInit, "cloudtunnel_initModuleList cloudtunnel_module_list count 0."}}));
+}
+
+TEST_F(ModuleTest, init_forgets_its_nodes_and_frees_none) {
+    add("one");
+    CLOUDTUNNEL_MODULE_NODE *node = cloudmgr_module_getmodNodeByName("one");
+    cloudtunnel_initModuleList();
+    EXPECT_EQ(cloudmgr_module_getmodNodeByName("one"), nullptr);
+    EXPECT_STREQ(node->name, "one");
+    EXPECT_STREQ(node->sub_name, "sub");
+    std::free(node->name);
+    std::free(node->sub_name);
+    std::free(node);
+}
+
+TEST_F(ModuleTest, a_module_that_counts_as_registered_is_not_announced) {
+    add("one");
+    add("two");
+    cloudmgr_module_getmodNodeByName("one")->registered = 1;
+    log.clear();
+    cloudtunnel_module_reg2Server();
+    EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{
+                             {kEvent, "cloudtunnel_module_reg2Server cloudtunnel_module_list count 2."},
+                             {kEvent, "sendRegMsg2Server two ."}}));
 }
 
 TEST_F(ModuleTest, a_node_holds_copies_of_the_names_and_the_callbacks) {
