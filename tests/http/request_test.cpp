@@ -105,6 +105,24 @@ TEST_F(RequestTest, one_piece_is_cut_at_65534_bytes) {
     EXPECT_EQ(conn.server->take(expected.size()), expected);
 }
 
+TEST_F(RequestTest, the_length_of_a_body_that_is_cut_is_told_whole) {
+    const support::Connection conn = connect(Wire::tls);
+    const std::string body(70000, 'b');
+    cloudtunnel_http_body_set(&req->body, 1, body.c_str());
+    EXPECT_EQ(cloudtunnel_http_send(conn.sock, req), 0);
+    const std::string expected = "GET  HTTP/1.1\r\nContent-Length: 70000\r\n\r\n" + body.substr(0, 65534);
+    EXPECT_EQ(conn.server->take(expected.size()), expected);
+}
+
+TEST_F(RequestTest, a_request_is_told_and_dumped_before_it_is_sent) {
+    const support::Connection conn = connect(Wire::plain);
+    cloudmgr_debug_level = support::kPackageDetail;
+    EXPECT_EQ(sent(conn), "GET  HTTP/1.1\r\n\r\n");
+    EXPECT_TRUE(log.in_order({{kPackage, "[Socket " + std::to_string(conn.sock) + "]Send http message."},
+                              {support::kPackageDetail, "GET  HTTP/1.1\r\n\r\n"},
+                              {kPackage, "normal port send content:\nGET  HTTP/1.1\r\n\r\n"}}));
+}
+
 TEST_F(RequestTest, a_piece_that_fails_stops_the_writer_and_nothing_is_sent) {
     const support::Connection conn = connect(Wire::plain);
     fill();

@@ -161,6 +161,37 @@ TEST_F(ResponseTest, the_status_is_looked_for_in_the_first_line_alone) {
     EXPECT_STREQ(resp->location, "/x");  // header keys count in the first line, too
 }
 
+TEST_F(ResponseTest, of_two_statuses_in_a_line_the_first_of_the_table_counts) {
+    EXPECT_EQ(read_once("HTTP/1.1 404 Not Found, not 200 OK\r\n\r\n"), 0);
+    EXPECT_EQ(resp->status_code, 200);
+    EXPECT_EQ(log.count(kPackage, "Rcv http resp status 404 Not Found."), 0);
+}
+
+TEST_F(ResponseTest, of_two_spellings_of_a_cookie_in_a_line_the_lower_case_one_counts) {
+    EXPECT_EQ(read_once(std::string(kOk) + "Set-Cookie: b; set-cookie: a\r\n\r\n"), 0);
+    EXPECT_STREQ(resp->set_cookie, "a");
+}
+
+TEST_F(ResponseTest, a_length_of_0_gives_way_to_the_next) {
+    EXPECT_EQ(read_once(std::string(kOk) + "Content-Length: 0\r\nContent-Length: 2\r\n\r\nabrest"), 0);
+    EXPECT_EQ(body(), "ab");
+    EXPECT_EQ(saved(), "rest");
+}
+
+TEST_F(ResponseTest, all_header_keys_may_stand_in_one_line_and_are_told_in_their_order) {
+    EXPECT_EQ(
+        read_once("200 OK Transfer-Encoding: Content-Length: Set-Cookie: Location: Sec-WebSocket-Accept: x\r\n\r\n"),
+        0);
+    EXPECT_TRUE(log.in_order({{kPackage, "Rcv http resp status 200 OK."},
+                              {kPackage, "Rcv Sec-WebSocket-Accept x."},
+                              {kPackage, "Rcv Location Sec-WebSocket-Accept: x."},
+                              {kPackage, "Rcv set-cookie Location: Sec-WebSocket-Accept: x."},
+                              {kPackage, "Rcv Content-Length 0."},
+                              {kPackage,
+                               "Rcv Transfer-Encoding: Content-Length: Set-Cookie: Location: Sec-WebSocket-Accept: "
+                               "x."}}));
+}
+
 TEST_F(ResponseTest, a_block_that_begins_with_an_empty_line_goes_on) {
     cloudtunnel_http_resp empty = {};
     const auto decode = [&](std::string_view text) {
@@ -318,12 +349,68 @@ TEST_F(ResponseTest, a_complete_response_among_larger_leftovers_is_found) {
 TEST_F(ResponseTest, nothing_to_read_leaves_the_leftovers_and_the_end_is_an_error) {
     open();
     EXPECT_EQ(receive("HTTP/1.1 2"), -2);
+    log.clear();
     EXPECT_EQ(receive(), -2);
     EXPECT_EQ(saved(), "HTTP/1.1 2");
+    EXPECT_TRUE(log.said_once(kPackage, "[Model model]msg buf last time:"));
+    EXPECT_FALSE(log.contains("msg rcv merge"));
     conn.server->close();
     EXPECT_TRUE(support::wait_readable(conn.sock));
     EXPECT_EQ(receive(), -1);
     EXPECT_EQ(saved(), "HTTP/1.1 2");
+}
+
+TEST_F(ResponseTest, what_was_saved_and_what_is_looked_at_are_dumped) {
+    open();
+    EXPECT_EQ(receive("HTTP/1.1 20"), -2);
+    cloudmgr_debug_level = support::kPackageDetail;
+    log.clear();
+    EXPECT_EQ(receive("0 OK\r\n\r\n"), 0);
+    EXPECT_TRUE(log.in_order({{kPackage, "[Model model]msg buf last time:"},
+                              {support::kPackageDetail, "HTTP/1.1 20"},
+                              {kPackage, "[Model model]msg rcv merge:"},
+                              {support::kPackageDetail, "HTTP/1.1 200 OK\r\n\r\n"}}));
+}
+
+TEST_F(ResponseTest, an_error_in_the_headers_leaves_what_was_saved_before) {
+    open();
+    const std::string first = std::string(kOk) + "Content-Length: -";
+    EXPECT_EQ(receive(first), -2);
+    EXPECT_EQ(receive("5\r\n\r\nabc"), -1);
+    EXPECT_EQ(saved(), first);
+}
+
+TEST_F(ResponseTest, without_memory_for_the_body_every_byte_is_kept) {
+    const struct {
+        std::string bytes;
+        int result;
+    } cases[] = {{std::string(kOk) + "Content-Length: 2\r\n\r\nab", -1}, {std::string(kOk) + "\r\nab", -2}};
+    for (const auto &one : cases) {
+        open();
+        arrive(one.bytes);
+        resp = cloudtunnel_http_resp_create();
+        {
+            const support::FailAlloc fail(1);  // after the area
+            EXPECT_EQ(cloudtunnel_http_rcv(conn.sock, resp), one.result);
+            EXPECT_TRUE(fail.hit());
+        }
+        EXPECT_EQ(saved(), one.bytes);
+        cloudtunnel_http_resp_destory(resp);
+        resp = nullptr;
+        CLOUDMGR_socket_closeBySock(conn.sock);
+    }
+}
+
+TEST_F(ResponseTest, without_memory_for_the_list_of_chunks_the_decoding_does_not_begin) {
+    open();
+    arrive(chunked("1\r\na\r\n0\r\n"));
+    resp = cloudtunnel_http_resp_create();
+    cloudmgr_debug_level = kPackage;
+    log.clear();
+    const support::FailAlloc fail(2);  // after the area and the encoding that is told
+    EXPECT_EQ(cloudtunnel_http_rcv(conn.sock, resp), -2);
+    EXPECT_TRUE(log.said_once(kPackage, "[Model model]msg rcv chunked body not enough."));
+    EXPECT_FALSE(log.contains("Chunk proc not complete"));
 }
 
 TEST_F(ResponseTest, null_responses_and_unknown_sockets_are_errors) {
