@@ -72,6 +72,30 @@ TEST_F(CloseTest, a_close_that_was_built_is_a_success_whatever_became_of_it) {
     }
 }
 
+TEST_F(CloseTest, closes_are_sent_in_a_hundred_attempts_without_a_pause) {
+    const support::Connection conn = connect(Wire::plain);
+    const support::Fault busy("send", {.times = support::kAlways, .error = EAGAIN});
+    EXPECT_EQ(CLOUDMGR_ws_CloseSend(conn.sock, 1000, "", 0), 0);
+    EXPECT_EQ(busy.hits(), 100);
+    CLOUDMGR_ws_closed(conn.sock, 1000);
+    EXPECT_EQ(busy.hits(), 200);
+    EXPECT_TRUE(clock.sleeps().empty());
+}
+
+TEST_F(CloseTest, what_is_told_of_a_close_stands_before_or_behind_its_sending) {
+    const support::Connection conn = connect(Wire::plain);
+    const std::string on = "[Socket " + std::to_string(conn.sock) + "]";
+    CLOUDMGR_ws_closed(conn.sock, 1000);
+    EXPECT_TRUE(log.in_order({{kPackage, "Send websocket close msg."}, {kPackage, on + "Send ws msg len 115."}}));
+    log.clear();
+    set(status(1000));
+    CLOUDMGR_ws_CloseRcv(conn.sock, msg, on_close);
+    EXPECT_TRUE(log.in_order({{kConnect, "[Model model] rcv close msg, status 1000, reason []."},
+                              {kPackage, on + "Send ws msg len 2."},
+                              {kConnect, on + "send close frame."}}));
+    pass_time(1);
+}
+
 TEST_F(CloseTest, the_librarys_own_close_goes_out_unmasked_under_the_mask_bit) {
     const support::Connection conn = connect(Wire::plain);
     CLOUDMGR_ws_closed(conn.sock, 1007);
