@@ -1,6 +1,6 @@
 # The front door. CMake does the work, in build/<preset>; each target installs the Debian packages it needs.
 .DEFAULT_GOAL := help
-.PHONY: help demo test test-release test-sanitize test-clang coverage format format-check lint clean packages \
+.PHONY: help demo test test-release test-sanitize test-clang soak coverage format format-check lint clean packages \
 	packages-lint packages-coverage
 
 BUILD_PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev
@@ -31,6 +31,13 @@ test-clang: packages packages-lint ## The tests, built with clang
 	cmake --preset clang
 	cmake --build --preset clang
 	ctest --preset clang
+
+# One run behind the other: each has the machine to itself. SEED=n draws another course.
+SEED := 1
+soak: packages ## Load and simulated months over real sockets, under 10 minutes (SEED=n)
+	cmake --preset release
+	cmake --build --preset release --target soak_test
+	build/release/tests/soak/soak_test --form=full --seed=$(SEED)
 
 coverage: packages packages-coverage ## Line and branch coverage of the library
 	cmake --preset coverage
