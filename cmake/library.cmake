@@ -35,9 +35,15 @@ add_library(cloudtunnel SHARED $<TARGET_OBJECTS:cloudtunnel_objects>)
 set_target_properties(cloudtunnel PROPERTIES SOVERSION 1 VERSION ${PROJECT_VERSION} LINKER_LANGUAGE C)
 target_include_directories(cloudtunnel INTERFACE ${PROJECT_SOURCE_DIR}/include)
 target_link_libraries(cloudtunnel PRIVATE OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
-# A C++ name that leaks out of an inlined template is nobody's interface (clang at -O0 would export some).
+# What the outside sees is the list in abi/, name by name. The version node has no name, so the names stay unversioned.
+file(STRINGS ${PROJECT_SOURCE_DIR}/abi/exports.txt exported_names)
+list(JOIN exported_names ";\n        " exported_names)
+set(version_script ${CMAKE_CURRENT_BINARY_DIR}/exports.map)
+file(CONFIGURE OUTPUT ${version_script} CONTENT "{\n    global:\n        ${exported_names};\n    local: *;\n};\n")
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/abi/exports.txt)
 target_link_options(cloudtunnel PRIVATE -Wl,-Bsymbolic-functions -Wl,--as-needed
-  -Wl,--version-script=${CMAKE_CURRENT_LIST_DIR}/exports.map)
+  -Wl,--version-script=${version_script})
+set_property(TARGET cloudtunnel APPEND PROPERTY LINK_DEPENDS ${version_script})
 if(NOT CLOUDTUNNEL_SANITIZE)
   target_link_options(cloudtunnel PRIVATE -Wl,-z,defs)
 endif()
