@@ -1,5 +1,6 @@
 # The library itself: one object library, linked as a shared and as a static one.
 find_package(OpenSSL REQUIRED)
+find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(JSONC REQUIRED IMPORTED_TARGET json-c)
 
@@ -24,16 +25,20 @@ target_compile_options(cloudtunnel_objects PRIVATE
 set_target_properties(cloudtunnel_objects PROPERTIES POSITION_INDEPENDENT_CODE ON)
 target_link_libraries(cloudtunnel_objects PRIVATE cloudtunnel_warnings OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
 
+# `strings` on the library, or on a program it is linked into, tells which release it is.
+set_source_files_properties(frame/lifecycle.cpp PROPERTIES
+  COMPILE_DEFINITIONS CLOUDTUNNEL_VERSION="${PROJECT_VERSION}")
+
 add_library(cloudtunnel_static STATIC $<TARGET_OBJECTS:cloudtunnel_objects>)
 set_target_properties(cloudtunnel_static PROPERTIES OUTPUT_NAME cloudtunnel LINKER_LANGUAGE C)
-target_include_directories(cloudtunnel_static INTERFACE ${PROJECT_SOURCE_DIR}/include)
-target_link_libraries(cloudtunnel_static INTERFACE OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
+target_include_directories(cloudtunnel_static INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
+target_link_libraries(cloudtunnel_static INTERFACE OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC Threads::Threads)
 
 # Linked by the C compiler: a stray need for the C++ run-time library fails here (-z defs), not on the device. The
 # library's own calls stay inside it, whatever names the process that loads it defines.
 add_library(cloudtunnel SHARED $<TARGET_OBJECTS:cloudtunnel_objects>)
 set_target_properties(cloudtunnel PROPERTIES SOVERSION 1 VERSION ${PROJECT_VERSION} LINKER_LANGUAGE C)
-target_include_directories(cloudtunnel INTERFACE ${PROJECT_SOURCE_DIR}/include)
+target_include_directories(cloudtunnel INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
 target_link_libraries(cloudtunnel PRIVATE OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
 # What the outside sees is the list in abi/, name by name. The version node has no name, so the names stay unversioned.
 file(STRINGS ${PROJECT_SOURCE_DIR}/abi/exports.txt exported_names)
@@ -48,3 +53,7 @@ if(NOT CLOUDTUNNEL_SANITIZE)
   target_link_options(cloudtunnel PRIVATE -Wl,-z,defs)
 endif()
 add_dependencies(cloudtunnel cloudtunnel_static)
+
+# The names by which other CMake projects link it: the same from an install prefix and from add_subdirectory.
+add_library(cloudtunnel::cloudtunnel ALIAS cloudtunnel)
+add_library(cloudtunnel::cloudtunnel_static ALIAS cloudtunnel_static)

@@ -5,6 +5,10 @@ void cloudtunnel_initLibData(const CLOUDTUNNEL_LIB_INIT_DATA *data) { CLOUDMGR_d
 
 namespace {
 
+// What `strings` finds in the library and in what it is linked into. Nothing reads it, so it is kept by force: `used`
+// against the compiler, `retain` against a linker that drops sections.
+[[gnu::used, gnu::retain]] constexpr char kVersion[] = "libcloudtunnel " CLOUDTUNNEL_VERSION;
+
 // loop_init makes the event loop, or takes down what stands before it.
 int loop_init() {
     const int epfd = CLOUDMGR_eloop_init();

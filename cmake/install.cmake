@@ -1,0 +1,44 @@
+# What is installed where, in three components: runtime (what a program needs to run), development (what it takes to
+# build one) and tools (the two programs). Every path is written relative to the prefix, so the tree may be moved.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+install(TARGETS cloudtunnel EXPORT cloudtunnel-targets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(TARGETS cloudtunnel_static EXPORT cloudtunnel-static-targets
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/cloudtunnel.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+
+# ---------------------------------------------------------------------------------------------------------- pkg-config
+set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH pc_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+file(RELATIVE_PATH pc_libdir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
+file(RELATIVE_PATH pc_includedir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+configure_file(cmake/cloudtunnel.pc.in cloudtunnel.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/cloudtunnel.pc DESTINATION ${pkgconfig_dir} COMPONENT development)
+
+# ---------------------------------------------------------------------------------------------------------- CMake package
+# The static library is a list of targets of its own: only who asks for it needs the libraries behind it.
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/cloudtunnel)
+install(EXPORT cloudtunnel-targets NAMESPACE cloudtunnel:: DESTINATION ${package_dir} COMPONENT development)
+install(EXPORT cloudtunnel-static-targets NAMESPACE cloudtunnel:: DESTINATION ${package_dir} COMPONENT development)
+configure_package_config_file(cmake/cloudtunnel-config.cmake.in cloudtunnel-config.cmake
+  INSTALL_DESTINATION ${package_dir} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(cloudtunnel-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES
+  ${CMAKE_CURRENT_BINARY_DIR}/cloudtunnel-config.cmake ${CMAKE_CURRENT_BINARY_DIR}/cloudtunnel-config-version.cmake
+  DESTINATION ${package_dir} COMPONENT development)
+
+# ---------------------------------------------------------------------------------------------------------- programs
+if(CLOUDTUNNEL_BUILD_TOOLS)
+  # From a prefix of its own the module finds its library beside it; a system prefix needs no such path
+  # (CMAKE_SKIP_INSTALL_RPATH).
+  file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(cloudtunnel-module PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
+  install(TARGETS cloudtunnel-module RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  if(TARGET cloudtunnel-sim)
+    install(TARGETS cloudtunnel-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  endif()
+endif()

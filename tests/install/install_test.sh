@@ -1,0 +1,124 @@
+#!/bin/sh
+# install_test.sh FACT ARGUMENT...: what stands in an install prefix, and that it can be built with. The functions are
+# the facts; PREFIX is an installed tree that has been moved since, LIBDIR the libraries' place in it.
+set -eu
+export LC_ALL=C
+fact=$1
+shift
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+fail() {
+    echo "$fact: $1"
+    exit 1
+}
+
+# same WHAT WANTED FOUND: two files, line by line.
+same() { diff -u "$2" "$3" || fail "$1 differs: - is wanted, + is there"; }
+
+# prefix BUILD PREFIX: everything is installed, and moved to where the other tests take it from.
+prefix() {
+    rm -rf "$2"
+    cmake --install "$1" --prefix "$work/first" >"$work/log" || fail "$(cat "$work/log")"
+    mv "$work/first" "$2"
+}
+
+# files BUILD LIST: each component installs the files that the list names for it, and no others.
+files() {
+    for component in runtime development tools; do
+        cmake --install "$1" --prefix "$work/$component" --component $component >"$work/log" || fail "$(cat "$work/log")"
+        sed -n "s/^$component //p" "$2" | sort >"$work/wanted"
+        (cd "$work/$component" && find . ! -type d) | sed 's,^\./,,' | sort >"$work/found"
+        same "component $component" "$work/wanted" "$work/found"
+    done
+}
+
+# with_prefix PREFIX LIBDIR: pkg-config and the dynamic linker look into the prefix.
+with_prefix() {
+    PKG_CONFIG_PATH=$1/$2/pkgconfig
+    LD_LIBRARY_PATH=$1/$2
+    export PKG_CONFIG_PATH LD_LIBRARY_PATH
+}
+
+# runs PROGRAM NEEDED: the dynamic linker finds everything the program needs, and NEEDED is among it.
+runs() {
+    ldd "$1" >"$work/needs"
+    ! grep 'not found' "$work/needs" || fail "$1 does not find its libraries"
+    [ -z "$2" ] || grep -q "$2" "$work/needs" || fail "$1 does not use $2: $(cat "$work/needs")"
+}
+
+# pkg_config PREFIX LIBDIR CC SOURCE OUT: the source is built with what pkg-config says, into OUT.
+pkg_config() {
+    with_prefix "$1" "$2"
+    # shellcheck disable=SC2046 # options, one word each
+    "$3" -o "$5" "$4" $(pkg-config --cflags --libs cloudtunnel) || fail 'the shared library does not link'
+    runs "$5" "$1/$2/libcloudtunnel.so.1"
+}
+
+# pkg_config_static PREFIX LIBDIR CC SOURCE VERSION: a program with the library inside, its unused sections dropped and
+# its symbols stripped, still tells the release.
+pkg_config_static() {
+    with_prefix "$1" "$2"
+    mkdir "$work/static"
+    ln -s "$1/$2/libcloudtunnel.a" "$work/static/libcloudtunnel.a" # alone, or the linker would take the shared one
+    # shellcheck disable=SC2046 # options, one word each
+    "$3" -s -Wl,--gc-sections -o "$work/program" "$4" -L"$work/static" \
+        $(pkg-config --static --cflags --libs cloudtunnel) || fail 'the static library does not link'
+    runs "$work/program" libssl
+    ! grep -q libcloudtunnel "$work/needs" || fail 'the program uses the shared library'
+    strings "$work/program" | grep -qx "libcloudtunnel $5" || fail "'libcloudtunnel $5' is not in the program"
+}
+
+# cmake_package PREFIX LIBDIR CC SOURCE_DIR: a project finds the package, in the shared form and the static one.
+cmake_package() {
+    with_prefix "$1" "$2"
+    for library in cloudtunnel cloudtunnel_static; do
+        { cmake -S "$4" -B "$work/$library" -D CMAKE_C_COMPILER="$3" -D CMAKE_PREFIX_PATH="$1" -D LIBRARY=$library &&
+            cmake --build "$work/$library"; } >"$work/log" 2>&1 || fail "$(cat "$work/log")"
+    done
+    runs "$work/cloudtunnel/minimal_module" "$1/$2/libcloudtunnel.so.1"
+    runs "$work/cloudtunnel_static/minimal_module" libssl
+    ! grep -q libcloudtunnel "$work/needs" || fail 'the static form uses the shared library'
+}
+
+# cmake_example PREFIX LIBDIR CC SOURCE_DIR: the folder of the example is a project of its own.
+cmake_example() {
+    with_prefix "$1" "$2"
+    { cmake -S "$4" -B "$work/build" -D CMAKE_C_COMPILER="$3" -D CMAKE_PREFIX_PATH="$1" &&
+        cmake --build "$work/build"; } >"$work/log" 2>&1 || fail "$(cat "$work/log")"
+    runs "$work/build/minimal_module" "$1/$2/libcloudtunnel.so.1"
+}
+
+# cmake_subdirectory CC CXX SOURCE_DIR LIBRARY_SOURCES: inside another project the library is its two targets alone.
+cmake_subdirectory() {
+    cmake -S "$3" -B "$work/build" -D CMAKE_C_COMPILER="$1" -D CMAKE_CXX_COMPILER="$2" -D SOURCES="$4" \
+        >"$work/log" 2>&1 || fail "$(cat "$work/log")"
+}
+
+# cmake_refuses PREFIX CC SOURCE_DIR: a project that wants a newer interface than the prefix has is told so.
+cmake_refuses() {
+    ! cmake -S "$3" -B "$work/build" -D CMAKE_C_COMPILER="$2" -D CMAKE_PREFIX_PATH="$1" -D WANTED=2 >"$work/log" 2>&1 ||
+        fail 'version 2 was found'
+    grep -q 'not accepted' "$work/log" || fail "$(cat "$work/log")"
+}
+
+# version PREFIX LIBDIR VERSION CHANGELOG: one version everywhere, in the stripped library too.
+version() {
+    with_prefix "$1" "$2"
+    [ "$(pkg-config --modversion cloudtunnel)" = "$3" ] || fail 'pkg-config tells another version'
+    strip -o "$work/stripped" "$1/$2/libcloudtunnel.so"
+    strings "$work/stripped" | grep -qx "libcloudtunnel $3" || fail "'libcloudtunnel $3' is not in the library"
+    newest=$(sed -n 's/^## \[\([0-9][^]]*\)\].*/\1/p' "$4" | head -n 1)
+    [ "$newest" = "$3" ] || fail "the newest entry of the change log is '$newest'"
+}
+
+# programs PREFIX VERSION PROGRAM...: the programs start from the moved prefix, with no help from the environment.
+programs() {
+    prefix=$1 version=$2
+    shift 2
+    for program in "$@"; do
+        [ "$("$prefix/bin/$program" --version)" = "$program $version" ] || fail "$program does not tell its version"
+    done
+}
+
+"$fact" "$@"
