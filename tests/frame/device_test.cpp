@@ -52,6 +52,8 @@ TEST_F(DeviceTest, the_serial_number_is_what_stands_behind_the_colon_without_its
     EXPECT_STREQ(cloudmgr_dev_getSN(), " 219801A2JX8166E0001N");  // the last one stays
     read_serial("HW_SERIES_NUM:" + std::string(100, 's') + "\\n");
     EXPECT_EQ(cloudmgr_dev_getSN(), std::string(63, 's'));
+    read_serial("HW_SERIES_NUM:first:second\\nHW_SERIES_NUM:third\\n");
+    EXPECT_STREQ(cloudmgr_dev_getSN(), "first");
     read_serial("HW_SERIES_NUM:-NA-\\r\\n");
     EXPECT_STREQ(cloudmgr_dev_getSN(), "-NA-");
 }

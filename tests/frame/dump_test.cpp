@@ -165,9 +165,10 @@ TEST_F(DumpTest, an_open_log_file_takes_the_header_alone) {
     clock.set_time_of_day(1700000000, 42);
     EXPECT_EQ(CLOUDMGR_debug_open_file(path.c_str()), 0);
     EXPECT_TRUE(log.said_once(kInit, "Open log file " + path + "."));
-    EXPECT_NE(g_CloudTunnelLogFile, nullptr);
+    ASSERT_NE(g_CloudTunnelLogFile, nullptr);
+    EXPECT_NE(__flbf(g_CloudTunnelLogFile), 0);  // line-buffered
     EXPECT_EQ(dump("A"), "");
-    EXPECT_EQ(content(path), header);  // there at once: line-buffered
+    EXPECT_EQ(content(path), header);
     CLOUDMGR_debug_CloseFile();
     EXPECT_EQ(g_CloudTunnelLogFile, nullptr);
     EXPECT_EQ(dump("A"), header);

@@ -54,11 +54,13 @@ TEST_F(LifecycleTest, init_brings_everything_up_in_its_order) {
 
 TEST_F(LifecycleTest, mini_init_leaves_the_daemon_and_the_connections_out) {
     support::Daemon daemon;
-    cloudtunnel_connectlist.count = 77;
+    cloudtunnel_connectlist.count = wscnctlist.count = cloudtunnel_timerlist.count = 77;
     bigEndian = 1;
     ASSERT_GE(mini_init(), 0);
     EXPECT_EQ(cloudtunnel_connectlist.count, 77U);
     cloudtunnel_connectlist.count = 0;
+    EXPECT_EQ(wscnctlist.count, 0U);
+    EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
     EXPECT_TRUE(log.in_order({{kError, "Cloud-Tunnel-Lib Set Device SN [-NA-]."},
                               {kEvent, "Create epoll ok, epoll fd " + std::to_string(epfd) + "."},
                               {kInit, "cloudtunnel_initModuleList cloudtunnel_module_list count 0."},
@@ -232,6 +234,41 @@ TEST_F(LifecycleTest, a_timer_callback_may_end_the_library_and_start_it_again) {
 }
 
 class FiniTest : public support::LibraryTest {};
+
+TEST_F(FiniTest, set_ups_go_first_then_the_link_the_loop_and_the_timers) {
+    support::Daemon daemon;
+    ASSERT_EQ(CLOUDTUNNEL_client_Init(), 0);
+    const support::Connection conn = offer(support::Wire::plain);
+    ASSERT_GE(CLOUDMGR_v3wscnct_start("model", "dev", support::Callbacks::on_connected, support::Callbacks::on_failure,
+                                      support::Callbacks::on_frame),
+              0);
+    ASSERT_EQ(wscnctlist.count, 1U);
+    const uint32_t timers = cloudtunnel_timerlist.count;
+    ASSERT_GE(timers, 1U);  // of the connect
+    const int link = g_iCloudClientConnFd;
+    {
+        const support::Fault link_closes("close", {.before =
+                                                       [&] {
+                                                           EXPECT_EQ(wscnctlist.count, 0U);
+                                                           EXPECT_NE(fcntl(link, F_GETFD), -1);
+                                                           EXPECT_NE(fcntl(epfd, F_GETFD), -1);
+                                                       },
+                                                   .real = true});
+        const support::Fault loop_closes("close", {.after = 1,
+                                                   .before =
+                                                       [&] {
+                                                           EXPECT_EQ(fcntl(link, F_GETFD), -1);
+                                                           EXPECT_NE(fcntl(epfd, F_GETFD), -1);
+                                                           EXPECT_EQ(cloudtunnel_timerlist.count, timers);
+                                                       },
+                                                   .real = true});
+        CLOUDTUNNEL_LIB_Fini();
+        EXPECT_EQ(link_closes.hits() + loop_closes.hits(), 2);
+    }
+    EXPECT_EQ(fcntl(epfd, F_GETFD), -1);
+    EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
+    EXPECT_TRUE(callbacks.failures.empty());  // nobody is told
+}
 
 TEST_F(FiniTest, connections_and_modules_outlive_the_library_and_late_messages_still_print) {
     const support::Connection conn = connect(support::Wire::plain);
