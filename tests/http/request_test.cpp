@@ -166,6 +166,7 @@ TEST_F(TextTest, an_empty_first_piece_leaves_room_for_the_next) {
     cloudtunnel_http_text *text = make();
     EXPECT_EQ(cloudtunnel_http_strcat(text, "%s", ""), 0);
     EXPECT_NE(text->data, nullptr);
+    EXPECT_GE(text->capacity, 1U);  // of the zero byte
     EXPECT_EQ(cloudtunnel_http_strcat(text, "%s", "abc"), 0);
     EXPECT_STREQ(text->data, "abc");
     EXPECT_EQ(text->capacity, 6U);  // twice what is needed

@@ -256,12 +256,28 @@ TEST_F(ResponseTest, another_transfer_encoding_is_told_and_changes_nothing) {
     EXPECT_EQ(read_once(std::string(kOk) + "Transfer-Encoding: gzip\r\nContent-Length: 1\r\n\r\nx"), 0);
     EXPECT_TRUE(log.said_once(kPackage, "Rcv Transfer-Encoding: gzip."));
     EXPECT_EQ(resp->chunked, 0U);
+    EXPECT_EQ(read_once(std::string(kOk) + "Transfer-Encoding: gzip\r\nTransfer-Encoding: gzip, chunked\r\n" +
+                        "Transfer-Encoding: chunked\r\n\r\n0\r\n"),
+              0);
+    EXPECT_TRUE(log.said_once(kPackage, "Rcv Transfer-Encoding: gzip, chunked."));
+    EXPECT_EQ(resp->chunked, 1U);
+    EXPECT_EQ(log.count(kPackage, "Rcv Transfer-Encoding: chunked."), 0);  // looked for no longer
 }
 
 TEST_F(ResponseTest, chunks_that_have_not_begun_are_an_empty_body) {
     EXPECT_EQ(read_once(chunked("")), 0);
     EXPECT_EQ(resp->content_length, 0);
     EXPECT_EQ(saved(), "");
+}
+
+TEST_F(ResponseTest, a_response_without_a_body_leaves_nothing_saved) {
+    for (const std::string &bytes : {std::string(kOk) + "\r\n", chunked("")}) {
+        open();
+        EXPECT_EQ(receive(bytes.substr(0, 10)), -2);
+        EXPECT_EQ(receive(bytes.substr(10)), 0);
+        EXPECT_EQ(saved(), "");
+        CLOUDMGR_socket_closeBySock(conn.sock);
+    }
 }
 
 TEST_F(ResponseTest, broken_chunks_are_incomplete_and_kept) {
@@ -271,6 +287,9 @@ TEST_F(ResponseTest, broken_chunks_are_incomplete_and_kept) {
     } cases[] = {
         {"5", "No end flag, rcv incomplete, proclen 0."},
         {"5\r\nhel", "Buf not enough, rcv incomplete, proclen 0."},
+        {"5\r\nhell", "Body block error, block encode len 5, real len -1."},
+        {"1\r\na\r\n5\r\nhel", "Buf not enough, rcv incomplete, proclen 6."},
+        {"1\r\na\r\n5", "No end flag, rcv incomplete, proclen 6."},
         {"2\r\nhello\r\n0\r\n", "Body block error, block encode len 2, real len 5."},
         {"5\r\nh\r\nlo\r\n0\r\n", "Body block error, block encode len 5, real len 1."},
         {std::string("5\r\nhe\0lo\r\n0\r\n", 13), "Body block error, block encode len 5, real len -1."},
@@ -336,14 +355,18 @@ TEST_F(ResponseTest, a_full_area_is_not_read_into_and_larger_leftovers_are_kept_
     }
 }
 
-TEST_F(ResponseTest, a_complete_response_among_larger_leftovers_is_found) {
-    open();
-    const std::string rest(100000, 'y');
-    const std::string bytes = std::string(kOk) + "Content-Length: 2\r\n\r\nab" + rest;
-    CLOUDMGR_socket_bufUpdata(conn.node(), support::Connection::bytes(bytes), static_cast<uint32_t>(bytes.size()));
-    EXPECT_EQ(receive(), 0);
-    EXPECT_EQ(body(), "ab");
-    EXPECT_EQ(saved(), rest);
+TEST_F(ResponseTest, a_complete_response_among_leftovers_that_fill_the_area_is_found) {
+    const std::string response = std::string(kOk) + "Content-Length: 2\r\n\r\nab";
+    for (const size_t size : {kArea, size_t{100000}}) {
+        open();
+        const std::string rest(size - response.size(), 'y');
+        const std::string bytes = response + rest;
+        CLOUDMGR_socket_bufUpdata(conn.node(), support::Connection::bytes(bytes), static_cast<uint32_t>(bytes.size()));
+        EXPECT_EQ(receive(), 0);
+        EXPECT_EQ(body(), "ab");
+        EXPECT_EQ(saved(), rest);
+        CLOUDMGR_socket_closeBySock(conn.sock);
+    }
 }
 
 TEST_F(ResponseTest, nothing_to_read_leaves_the_leftovers_and_the_end_is_an_error) {
@@ -395,6 +418,22 @@ TEST_F(ResponseTest, without_memory_for_the_body_every_byte_is_kept) {
             EXPECT_TRUE(fail.hit());
         }
         EXPECT_EQ(saved(), one.bytes);
+        cloudtunnel_http_resp_destory(resp);
+        resp = nullptr;
+        CLOUDMGR_socket_closeBySock(conn.sock);
+    }
+}
+
+TEST_F(ResponseTest, an_incomplete_response_that_cannot_be_kept_is_an_error) {
+    for (const std::string &bytes : {std::string("HTTP/1.1 2"), std::string(kOk) + "Content-Length: 5\r\n\r\nab"}) {
+        open();
+        arrive(bytes);
+        resp = cloudtunnel_http_resp_create();
+        {
+            const support::FailAlloc fail(1);  // after the area
+            EXPECT_EQ(cloudtunnel_http_rcv(conn.sock, resp), -1);
+            EXPECT_TRUE(fail.hit());
+        }
         cloudtunnel_http_resp_destory(resp);
         resp = nullptr;
         CLOUDMGR_socket_closeBySock(conn.sock);
