@@ -156,6 +156,21 @@ TEST_F(CloseTest, a_message_without_a_body_closes_at_once) {
     EXPECT_EQ(g_closing.size(), 1U);
 }
 
+int on_close_later(uint32_t timer, void *sock) {
+    g_closing.push_back({timer, *static_cast<int *>(sock)});
+    return 0;
+}
+
+TEST_F(CloseTest, the_handler_is_called_once_also_when_it_leaves_the_socket_open) {
+    const support::Connection conn = connect(Wire::plain);
+    set(status(1000));
+    CLOUDMGR_ws_CloseRcv(conn.sock, msg, on_close_later);
+    pass_time(1);
+    EXPECT_EQ(g_closing.size(), 1U);
+    pass_time(10);
+    EXPECT_EQ(g_closing.size(), 1U);
+}
+
 TEST_F(CloseTest, a_second_close_within_the_second_is_ignored) {
     const support::Connection conn = connect(Wire::plain);
     set(status(1000));

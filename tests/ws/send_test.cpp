@@ -71,7 +71,8 @@ class WsSendTest : public support::LibraryTest {
         return all;
     }
     std::string head(Fragment position, int64_t length, bool mirrored = false) {
-        uint8_t bytes[kHeaderMax] = {};
+        uint8_t bytes[kHeaderMax];
+        std::memset(bytes, 0xee, sizeof bytes);  // nothing of it may stay
         const size_t size = mirrored ? cloudmgr_ws_setHeadBigEndian(bytes, msg, position, length)
                                      : cloudmgr_ws_setHead(bytes, msg, position, length);
         return {reinterpret_cast<char *>(bytes), size};
@@ -98,6 +99,13 @@ TEST_F(WsSendTest, each_length_has_its_header) {
         EXPECT_EQ(head(Fragment::whole, one.length), one.bytes + "\x11\x22\x33\x44");
         CLOUDMGR_ws_setmask(msg, nullptr);
     }
+}
+
+TEST_F(WsSendTest, a_key_follows_only_when_the_mask_flag_is_1) {
+    fill("");
+    msg->mask_set = 2;
+    EXPECT_EQ(head(Fragment::whole, 5), "\x81\x85");
+    EXPECT_EQ(head(Fragment::whole, 5, true), "\x11\x0a");
 }
 
 TEST_F(WsSendTest, each_position_has_its_first_byte) {
