@@ -1,11 +1,12 @@
 # The front door. CMake does the work, in build/<preset>; each target installs the Debian packages it needs.
 .DEFAULT_GOAL := help
 .PHONY: help demo test test-release test-sanitize test-clang soak coverage format format-check lint clean packages \
-	packages-lint packages-coverage
+	packages-lint packages-coverage packages-abi abi abi-update
 
 BUILD_PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev
 LINT_PACKAGES := clang clang-format clang-tidy
 COVERAGE_PACKAGES := gcovr
+ABI_PACKAGES := abigail-tools
 
 help: ## What can be made
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  %-14s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
@@ -57,6 +58,12 @@ lint: packages packages-lint ## clang-tidy over the library and the programs
 	cmake --preset clang
 	scripts/lint.sh build/clang
 
+abi: packages packages-abi ## Fail where the library's interface is not as abi/ describes it
+	scripts/abi.sh
+
+abi-update: packages packages-abi ## Write the description in abi/ anew, after an intended change
+	scripts/abi.sh --update
+
 clean: ## Remove everything that was built
 	rm -rf build
 
@@ -68,3 +75,6 @@ packages-lint:
 
 packages-coverage:
 	@scripts/install-packages.sh $(COVERAGE_PACKAGES)
+
+packages-abi:
+	@scripts/install-packages.sh $(ABI_PACKAGES)

@@ -1,0 +1,42 @@
+#!/bin/sh
+# Compares the library with the description of its interface that is kept in abi/, or with --update writes it anew. The
+# description is of one configuration, the preset 'abi' on x86-64: other processors lay out mutexes and epoll events
+# their own way.
+set -eu
+cd "$(dirname "$0")/.."
+kept=abi/libcloudtunnel.so.1.abi
+build=build/abi
+now=$build/libcloudtunnel.so.1.abi
+
+# stop STATUS WHAT: the reason in one line.
+stop() {
+    echo "abi.sh: $2" >&2
+    exit "$1"
+}
+
+update=no
+case "$*" in
+    "") ;;
+    --update) update=yes ;;
+    *) stop 2 "unknown option '$*'; there is only --update" ;;
+esac
+[ "$(uname -m)" = x86_64 ] || stop 2 "the description is of x86-64, this is $(uname -m); run it on an x86-64 machine"
+for tool in cmake ninja g++ abidw abidiff; do
+    command -v "$tool" >/dev/null || stop 2 "no $tool; 'make abi' installs what it takes"
+done
+
+cmake --preset abi >/dev/null
+cmake --build --preset abi
+abidw --exported-interfaces-only --no-corpus-path --no-comp-dir-path --no-show-locs --type-id-style hash \
+    --out-file "$now" $build/libcloudtunnel.so.1
+
+if [ $update = yes ]; then
+    cp "$now" $kept
+    echo "$kept is written; git diff shows what changed"
+    exit 0
+fi
+[ -f $kept ] || stop 1 "no $kept; 'make abi-update' writes it"
+abidiff --no-added-syms $kept "$now" ||
+    stop 1 "a program that stands would break: take the change back, or read docs/versioning.md and 'make abi-update'"
+abidiff $kept "$now" || stop 1 "the interface grew; take it in with 'make abi-update'"
+echo "the interface is as $kept tells"
