@@ -13,6 +13,7 @@ namespace {
 
 WrapPoint *points = nullptr;
 FailAlloc *alloc_fault = nullptr;
+size_t alloc_most = std::numeric_limits<size_t>::max();
 
 constexpr int kAllocationsAtMost = 10000;  // more than any body makes: a body that never ends its failing is a defect
 
@@ -80,6 +81,19 @@ bool FailAlloc::strikes() {
     const int turn = alloc_fault->seen_++ - alloc_fault->index_;
     if (alloc_fault->index_ < 0 || turn < 0 || turn >= alloc_fault->times_) return false;
     ++alloc_fault->hits_;
+    errno = ENOMEM;
+    return true;
+}
+
+AllocLimit::AllocLimit(size_t most) {
+    if (alloc_most != std::numeric_limits<size_t>::max()) throw std::logic_error("two AllocLimit at once");
+    alloc_most = most;
+}
+
+AllocLimit::~AllocLimit() { alloc_most = std::numeric_limits<size_t>::max(); }
+
+bool AllocLimit::strikes(size_t size) {
+    if (size <= alloc_most || Quiet::here()) return false;
     errno = ENOMEM;
     return true;
 }

@@ -29,6 +29,10 @@
 //       CLOUDMGR_ws_msg_destory(msg);
 //   });
 //   EXPECT_EQ(failed, 1);
+//
+// AllocLimit: while one lives, every allocation of more than so many bytes fails, as it does on a small device.
+//
+//   const support::AllocLimit small(65536);
 #ifndef TESTS_SUPPORT_FAULT_H
 #define TESTS_SUPPORT_FAULT_H
 
@@ -99,6 +103,16 @@ class FailAlloc {
     int times_;
     int seen_ = 0;
     int hits_ = 0;
+};
+
+class AllocLimit {
+  public:
+    explicit AllocLimit(size_t most);
+    ~AllocLimit();
+    AllocLimit(const AllocLimit &) = delete;
+    AllocLimit &operator=(const AllocLimit &) = delete;
+
+    static bool strikes(size_t size);  // for the fakes
 };
 
 int fail_each_allocation(const std::function<void(const FailAlloc &)> &body);

@@ -1,11 +1,11 @@
 #include "tests/support/fixture.h"
 
 #include <csignal>
-#include <cstdlib>
 #include <stdexcept>
 
 #include <poll.h>
 
+#include "tests/support/library.h"
 #include "tests/support/quiet.h"
 
 namespace support {
@@ -21,55 +21,19 @@ bool ready(int fd, int wait_ms) {
     return ::poll(&waiting, 1, wait_ms) > 0;
 }
 
-void close_connections() {
-    auto &head = cloudtunnel_connectlist;
-    while (head.count > 0) {
-        auto *const node = reinterpret_cast<cloudtunnel_connect_node *>(head.head.link.next);
-        const uint32_t before = head.count;
-        node->unclose = 0;
-        CLOUDMGR_socket_closeBySock(node->sock);
-        if (head.count >= before) break;  // a defect that the test's leak check reports
-    }
-}
-
-void free_modules() {
-    while (cloudtunnel_link *const link = CLOUDMGR_DL_DelHead(&cloudtunnel_module_list.link)) {
-        auto *const node = reinterpret_cast<CLOUDTUNNEL_MODULE_NODE *>(link);
-        std::free(node->name);
-        std::free(node->sub_name);
-        std::free(node->url_host);
-        std::free(node->url_path);
-        std::free(node);
-    }
-    cloudtunnel_module_list.count = 0;
-}
-
 }  // namespace
 
 DescriptorCheck::~DescriptorCheck() { EXPECT_EQ(open_descriptors() - before_, left_) << "descriptors left open"; }
 
 ProcessTest::ProcessTest() {
     std::signal(SIGPIPE, SIG_IGN);
-    for (auto *const set_port : {CLOUDMGR_socket_setLinkPortV2, CLOUDMGR_socket_setLinkPortV3,
-                                 CLOUDMGR_socket_setUserConfigPort, CLOUDMGR_socket_setLinkPortCas}) {
-        set_port("0");
-    }
-    cloudmgr_v3_setTokenID("");
-    cloudmgr_v3_setCookie("");
-    bigEndian = 0;
+    reset_settings();
 }
 
 ProcessTest::~ProcessTest() { release_library(); }
 
 void ProcessTest::release_library() {
-    CLOUDMGR_v3wscnct_deinit();
-    CLOUDTUNNEL_client_Fini();
-    close_connections();
-    CLOUDMGR_socket_deinit();
-    CLOUDMGR_eloop_deinit();
-    CLOUDMGR_timer_deinit();
-    CLOUDMGR_debug_CloseFile();
-    free_modules();
+    support::release_library();
     epfd = -1;
 }
 
@@ -112,12 +76,7 @@ void ProcessTest::pass_time(int64_t seconds) {
 }
 
 LibraryTest::LibraryTest() {
-    CLOUDMGR_timer_init();
-    epfd = CLOUDMGR_eloop_init();
-    if (epfd < 0) throw std::runtime_error("the event loop does not come up");
-    cloudtunnel_initModuleList();
-    CLOUDMGR_socket_init();
-    CLOUDMGR_v3wscnct_init();
+    epfd = start_library();
     log.clear();
 }
 

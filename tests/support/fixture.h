@@ -72,8 +72,7 @@ class ProcessTest : public testing::Test {
     void settle(Server *server = nullptr);  // until nothing has been ready for a moment
     void pass_time(int64_t seconds);        // moves the clock, then one pass over the timers
 
-    // Frees what the library holds: tunnels being set up, daemon link, connections (closed), models, loop, timers and
-    // modules. The destructor calls it; call it earlier to look at what is left.
+    // Frees what the library holds (library.h). The destructor calls it; call it earlier to look at what is left.
     void release_library();
 
     DescriptorCheck descriptors;  // first, so that it looks when all else is gone

@@ -1,4 +1,6 @@
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 #include <sys/socket.h>
@@ -71,6 +73,22 @@ TEST_F(SupportTest, each_allocation_of_the_library_fails_once) {
         CLOUDMGR_ws_msg_destory(msg);
     });
     EXPECT_EQ(failed, 1);
+}
+
+TEST_F(SupportTest, an_allocation_over_the_limit_fails) {
+    const support::AllocLimit limit(100);
+    for (const size_t size : {size_t{100}, size_t{101}}) {
+        void *const block = malloc(size);
+        EXPECT_EQ(block != nullptr, size <= 100);
+        void *const zeros = calloc(2, size / 2 + size % 2);
+        EXPECT_EQ(zeros != nullptr, size <= 100);
+        void *const grown = realloc(block, size);
+        EXPECT_EQ(grown != nullptr, size <= 100);
+        const std::string text(size - 1, 'x');
+        char *const copy = strdup(text.c_str());
+        EXPECT_EQ(copy != nullptr, size <= 100);
+        for (void *const made : {zeros, grown, static_cast<void *>(copy)}) free(made);
+    }
 }
 
 TEST_F(SupportTest, a_connection_comes_up_on_every_kind_of_wire) {

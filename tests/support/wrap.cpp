@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include <netdb.h>
@@ -69,15 +70,15 @@ Length cut(Length length, size_t at_most) {
         return __real_##name arguments;                                \
     }
 
-// The same for one that gives memory.
-#define WRAP_ALLOC(Result, name, parameters, arguments)                     \
-    POINT(name)                                                             \
-    extern "C" Result __real_##name parameters;                             \
-    extern "C" Result __wrap_##name parameters;                             \
-    extern "C" Result __wrap_##name parameters {                            \
-        const support::WrapPoint::Verdict verdict = at_##name.enter();      \
-        if (verdict.fails || support::FailAlloc::strikes()) return nullptr; \
-        return __real_##name arguments;                                     \
+// The same for one that gives `size` bytes of memory.
+#define WRAP_ALLOC(Result, name, parameters, size, arguments)                                                     \
+    POINT(name)                                                                                                   \
+    extern "C" Result __real_##name parameters;                                                                   \
+    extern "C" Result __wrap_##name parameters;                                                                   \
+    extern "C" Result __wrap_##name parameters {                                                                  \
+        const support::WrapPoint::Verdict verdict = at_##name.enter();                                            \
+        if (verdict.fails || support::AllocLimit::strikes(size) || support::FailAlloc::strikes()) return nullptr; \
+        return __real_##name arguments;                                                                           \
     }
 
 // The same for one that has a fake: the fake answers while its owner lives.
@@ -93,10 +94,10 @@ Length cut(Length length, size_t at_most) {
     }
 
 // Memory
-WRAP_ALLOC(void *, malloc, (size_t size), (size))
-WRAP_ALLOC(void *, calloc, (size_t count, size_t size), (count, size))
-WRAP_ALLOC(void *, realloc, (void *block, size_t size), (block, size))
-WRAP_ALLOC(char *, strdup, (const char *text), (text))
+WRAP_ALLOC(void *, malloc, (size_t size), size, (size))
+WRAP_ALLOC(void *, calloc, (size_t count, size_t size), count *size, (count, size))
+WRAP_ALLOC(void *, realloc, (void *block, size_t size), size, (block, size))
+WRAP_ALLOC(char *, strdup, (const char *text), strlen(text) + 1, (text))
 
 // A C++ library that is linked as an archive has its calls wrapped as well; the tests' own memory does not fail.
 #ifdef _LIBCPP_VERSION
