@@ -1,12 +1,16 @@
 # The front door. CMake does the work, in build/<preset>; each target installs the Debian packages it needs.
 .DEFAULT_GOAL := help
-.PHONY: help demo test test-release test-sanitize test-clang soak coverage format format-check lint clean packages \
-	packages-lint packages-coverage packages-abi abi abi-update
+.PHONY: help demo test test-release test-sanitize test-clang soak fuzz fuzz-coverage coverage format format-check lint \
+	clean packages packages-lint packages-coverage packages-abi packages-fuzz abi abi-update
 
 BUILD_PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev
 LINT_PACKAGES := clang clang-format clang-tidy
 COVERAGE_PACKAGES := gcovr
 ABI_PACKAGES := abigail-tools
+FUZZ_PACKAGES := clang libclang-rt-dev llvm
+
+# How long each fuzz target runs.
+SECONDS ?= 20
 
 help: ## What can be made
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  %-14s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
@@ -48,6 +52,16 @@ coverage: packages packages-coverage ## Line and branch coverage of the library
 	gcovr --config gcovr.cfg --txt
 	gcovr --config gcovr.cfg --branches --txt
 
+fuzz: packages packages-fuzz ## Fuzz each target for SECONDS=n seconds, 20 if not told
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+	scripts/fuzz.sh $(SECONDS)
+
+fuzz-coverage: packages packages-coverage ## What the kept corpus of each fuzz target covers of the sources it aims at
+	cmake --preset coverage
+	cmake --build --preset coverage --target fuzz_programs
+	scripts/fuzz-coverage.sh
+
 format: packages-lint ## Format every source file
 	scripts/format.sh
 
@@ -78,3 +92,6 @@ packages-coverage:
 
 packages-abi:
 	@scripts/install-packages.sh $(ABI_PACKAGES)
+
+packages-fuzz:
+	@scripts/install-packages.sh $(FUZZ_PACKAGES)

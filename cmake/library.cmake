@@ -22,6 +22,9 @@ target_include_directories(cloudtunnel_objects
 # No C++ run-time library on the device: no exceptions, no RTTI, no guarded statics.
 target_compile_options(cloudtunnel_objects PRIVATE
   -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility=hidden -fvisibility-inlines-hidden)
+if(CLOUDTUNNEL_FUZZ)
+  target_compile_options(cloudtunnel_objects PRIVATE -fsanitize=fuzzer-no-link)
+endif()
 set_target_properties(cloudtunnel_objects PROPERTIES POSITION_INDEPENDENT_CODE ON)
 target_link_libraries(cloudtunnel_objects PRIVATE cloudtunnel_warnings OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
 
