@@ -39,7 +39,7 @@ class Modules {
 
   private:
     int note(const char *what, int number) {
-        calls.push_back(what + (" " + std::to_string(number)));
+        calls.push_back(std::string(what) + ' ' + std::to_string(number));
         if (during) during();
         return result;
     }

@@ -152,10 +152,15 @@ double real_s() {
 }
 
 SoakTest::SoakTest() : began_s_(real_s()) {
-    CLOUDTUNNEL_LIB_INIT_DATA data = {};
-    data.pfnPrint = print;
+    const CLOUDTUNNEL_LIB_INIT_DATA data = init_data();
     CLOUDMGR_debug_Init(&data);
     cloudmgr_debug_level = support::kConnect;
+}
+
+CLOUDTUNNEL_LIB_INIT_DATA SoakTest::init_data() {
+    CLOUDTUNNEL_LIB_INIT_DATA data = {};
+    data.pfnPrint = print;
+    return data;
 }
 
 void SoakTest::turn_until_idle() {

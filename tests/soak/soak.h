@@ -62,7 +62,7 @@ struct Holdings {
 };
 Holdings holdings();
 // Equal in everything; of the resident pages the later one may have kSparePages more.
-constexpr int64_t kSparePages = 128;
+constexpr int64_t kSparePages = 256;
 void expect_same(const Holdings &before, const Holdings &after);
 
 // The library brought up as in its unit tests, but with a print callback that formats every message up to CONNECT and
@@ -70,6 +70,8 @@ void expect_same(const Holdings &before, const Holdings &after);
 class SoakTest : public support::LibraryTest {
   protected:
     SoakTest();
+
+    static CLOUDTUNNEL_LIB_INIT_DATA init_data();
 
     // A turn of the library's loop, and another, until nothing is ready.
     void turn_until_idle();
