@@ -42,3 +42,8 @@ if(CLOUDTUNNEL_BUILD_TOOLS)
     install(TARGETS cloudtunnel-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   endif()
 endif()
+
+# ---------------------------------------------------------------------------------------------------------- descriptions
+install(FILES examples/CMakeLists.txt examples/minimal_module.c
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
+include(cmake/man.cmake)
