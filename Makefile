@@ -1,7 +1,7 @@
 # The front door. CMake does the work, in build/<preset>; each target installs the Debian packages it needs.
 .DEFAULT_GOAL := help
-.PHONY: help demo test test-release test-sanitize test-clang soak fuzz fuzz-coverage coverage format format-check lint \
-	clean packages packages-lint packages-coverage packages-abi packages-fuzz abi abi-update
+.PHONY: help demo test test-release test-sanitize test-clang test-tsan soak fuzz fuzz-coverage coverage format \
+	format-check lint clean packages packages-lint packages-coverage packages-abi packages-fuzz abi abi-update
 
 BUILD_PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev
 LINT_PACKAGES := clang clang-format clang-tidy
@@ -36,6 +36,11 @@ test-clang: packages packages-lint ## The tests, built with clang
 	cmake --preset clang
 	cmake --build --preset clang
 	ctest --preset clang
+
+test-tsan: packages ## What several threads may do, under the thread sanitizer
+	cmake --preset tsan
+	cmake --build --preset tsan
+	ctest --preset tsan
 
 # One run behind the other: each has the machine to itself. SEED=n draws another course.
 SEED := 1

@@ -52,7 +52,7 @@ set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_
 target_link_options(cloudtunnel PRIVATE -Wl,-Bsymbolic-functions -Wl,--as-needed
   -Wl,--version-script=${version_script})
 set_property(TARGET cloudtunnel APPEND PROPERTY LINK_DEPENDS ${version_script})
-if(NOT CLOUDTUNNEL_SANITIZE)
+if(NOT CLOUDTUNNEL_SANITIZE AND NOT CLOUDTUNNEL_SANITIZE_THREADS)
   target_link_options(cloudtunnel PRIVATE -Wl,-z,defs)
 endif()
 add_dependencies(cloudtunnel cloudtunnel_static)
