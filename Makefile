@@ -18,7 +18,7 @@ help: ## What can be made
 demo: packages ## Build, and watch a tunnel come up, work and close
 	cmake --preset release
 	cmake --build --preset release --target demo_programs
-	tools/demo.sh build/release
+	tools/demo.sh build/release/sim/cloudtunnel-sim build/release/tools/cloudtunnel-module
 
 test: test-release test-sanitize ## Build and run all tests, and once more under the sanitizers
 

@@ -1,7 +1,7 @@
 #!/bin/bash
 # A whole tunnel on one machine: the platform and the daemon in one process, a module in another. Every line tells whose
 # it is and when it happened, in seconds since the start of that process.
-# Usage: demo.sh BUILD_DIR. Exit status: 0 when every step was seen, 1 with the reason otherwise.
+# Usage: demo.sh SIM MODULE, the two programs. Exit status: 0 when every step was seen, 1 with the reason otherwise.
 set -u
 
 lock=/tmp/cloudmgr_subconn.lock # the library looks for its daemon in one place only, so there is one demo at a time
@@ -14,9 +14,8 @@ fail() {
     exit 1
 }
 
-[ $# -eq 1 ] || fail "usage: demo.sh BUILD_DIR"
-sim=$1/sim/cloudtunnel-sim
-module=$1/tools/cloudtunnel-module
+[ $# -eq 2 ] || fail "usage: demo.sh SIM MODULE"
+sim=$1 module=$2
 [ -x "$sim" ] || fail "$sim is not built"
 [ -x "$module" ] || fail "$module is not built"
 

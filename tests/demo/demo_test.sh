@@ -1,12 +1,12 @@
 #!/bin/bash
-# Runs the demo and checks that its steps come in order. Usage: demo_test.sh DEMO BUILD_DIR. Prints the demo's output
+# Runs the demo and checks that its steps come in order. Usage: demo_test.sh DEMO SIM MODULE. Prints the demo's output
 # and names the first step that is out of order or missing.
 set -u
-demo=$1 build=$2
+demo=$1 sim=$2 module=$3
 output=$(mktemp)
 trap 'rm -f "$output"' EXIT
 
-"$demo" "$build" >"$output" 2>&1
+"$demo" "$sim" "$module" >"$output" 2>&1
 status=$?
 cat "$output"
 [ $status -eq 0 ] || { echo "demo_test: the demo ended with status $status"; exit 1; }
