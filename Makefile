@@ -1,11 +1,13 @@
 # The front door. CMake does the work, in build/<preset>; each target installs the Debian packages it needs.
 .DEFAULT_GOAL := help
 .PHONY: help demo test test-release test-sanitize test-clang test-tsan soak fuzz fuzz-coverage coverage format \
-	format-check lint clean packages packages-lint packages-coverage packages-abi packages-fuzz abi abi-update
+	format-check lint clean packages packages-lint packages-coverage packages-abi packages-fuzz abi abi-update \
+	device packages-device
 
 BUILD_PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev
 LINT_PACKAGES := clang clang-format clang-tidy
 COVERAGE_PACKAGES := gcovr
+DEVICE_PACKAGES := clang lld llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make
 ABI_PACKAGES := abigail-tools
 FUZZ_PACKAGES := clang libclang-rt-dev llvm
 
@@ -49,6 +51,14 @@ soak: packages ## Load and simulated months over real sockets, under 10 minutes 
 	cmake --build --preset release --target soak_test
 	build/release/tests/soak/soak_test --form=full --seed=$(SEED)
 
+device: packages packages-device ## For the device (64-bit ARM, musl, OpenSSL 1.1): build, test under emulation, measure
+	device/sysroot.sh build/platform
+	cmake --preset release
+	cmake --build --preset release --target cloudtunnel-sim
+	cmake --preset device
+	cmake --build --preset device
+	ctest --preset device
+
 coverage: packages packages-coverage ## Line and branch coverage of the library
 	cmake --preset coverage
 	cmake --build --preset coverage
@@ -91,6 +101,9 @@ packages:
 
 packages-lint:
 	@scripts/install-packages.sh $(LINT_PACKAGES)
+
+packages-device:
+	@scripts/install-packages.sh $(DEVICE_PACKAGES)
 
 packages-coverage:
 	@scripts/install-packages.sh $(COVERAGE_PACKAGES)

@@ -1,6 +1,7 @@
 #include "tests/support/library.h"
 
 #include <cstdlib>
+#include <initializer_list>
 #include <stdexcept>
 
 #include "cloudtunnel.h"
