@@ -94,6 +94,13 @@ TEST_F(RequestTest, bad_arguments_and_names_outside_the_tables_send_nothing) {
     EXPECT_EQ(conn.server->take_all(), "");
 }
 
+TEST_F(RequestTest, descriptor_0_is_a_socket_like_any_other) {
+    const support::Fault broken("send", {.times = support::kAlways, .error = EPIPE});
+    EXPECT_EQ(cloudtunnel_http_send(0, req), 0);
+    EXPECT_EQ(cloudtunnel_http_send_configMaxCount(0, req, 1), 0);
+    EXPECT_EQ(broken.hits(), 2);
+}
+
 TEST_F(RequestTest, one_piece_is_cut_at_65534_bytes) {
     const support::Connection conn = connect(Wire::tls);
     const std::string path(70000, 'p');

@@ -135,8 +135,8 @@ TEST_F(CloseTest, a_valid_status_is_answered_and_closed_a_second_later) {
 }
 
 TEST_F(CloseTest, an_invalid_status_closes_at_once_without_an_answer) {
-    const std::string bodies[] = {status(1),    status(999),    status(1012), status(1016),
-                                  status(3000), status(0xffff), "",           "\x03"};
+    const std::string bodies[] = {status(1),      status(999), status(1012), status(1016),        status(3000),
+                                  status(0xffff), "",          "\x03",       std::string(1, '\0')};
     for (const std::string &body : bodies) {
         const support::Connection conn = connect(Wire::plain);
         set(body);

@@ -201,6 +201,15 @@ TEST_F(WsSendTest, bad_sockets_and_null_messages_are_told) {
     }
 }
 
+TEST_F(WsSendTest, descriptor_0_is_a_socket_like_any_other) {
+    fill("x");
+    const support::Fault broken("send", {.times = support::kAlways, .error = EPIPE});
+    EXPECT_EQ(CLOUDMGR_ws_send(0, msg, 1), -1);
+    EXPECT_EQ(kyrcloud_ws_send_oneFrag(0, msg, 0, 0, 1, 0), -1);
+    EXPECT_EQ(broken.hits(), 2);
+    EXPECT_EQ(log.count(kError), 0);
+}
+
 TEST_F(WsSendTest, the_results_of_the_send_path_are_passed_on) {
     support::Connection conn = connect(Wire::plain);
     fill("x");
