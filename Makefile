@@ -1,13 +1,14 @@
 # The front door. CMake does the work, in build/<preset>; each target installs the Debian packages it needs.
 .DEFAULT_GOAL := help
-.PHONY: help demo test test-release test-sanitize test-clang test-tsan soak fuzz fuzz-coverage coverage format \
-	format-check lint clean packages packages-lint packages-coverage packages-abi packages-fuzz abi abi-update \
-	device packages-device
+.PHONY: help demo test test-release test-sanitize test-clang test-tsan valgrind soak fuzz fuzz-coverage coverage \
+	format format-check lint clean packages packages-lint packages-coverage packages-valgrind packages-abi \
+	packages-fuzz abi abi-update device packages-device
 
 BUILD_PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev
 LINT_PACKAGES := clang clang-format clang-tidy
 COVERAGE_PACKAGES := gcovr
 DEVICE_PACKAGES := clang lld llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make
+VALGRIND_PACKAGES := valgrind
 ABI_PACKAGES := abigail-tools
 FUZZ_PACKAGES := clang libclang-rt-dev llvm
 
@@ -43,6 +44,11 @@ test-tsan: packages ## What several threads may do, under the thread sanitizer
 	cmake --preset tsan
 	cmake --build --preset tsan
 	ctest --preset tsan
+
+valgrind: packages packages-valgrind ## The whole-tunnel tests under valgrind's memcheck
+	cmake --preset valgrind
+	cmake --build --preset valgrind
+	ctest --preset valgrind
 
 # One run behind the other: each has the machine to itself. SEED=n draws another course.
 SEED := 1
@@ -104,6 +110,9 @@ packages-lint:
 
 packages-device:
 	@scripts/install-packages.sh $(DEVICE_PACKAGES)
+
+packages-valgrind:
+	@scripts/install-packages.sh $(VALGRIND_PACKAGES)
 
 packages-coverage:
 	@scripts/install-packages.sh $(COVERAGE_PACKAGES)
