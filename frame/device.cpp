@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "frame/json.h"
 #include "frame/log.h"
 #include "platform/os.h"
 
@@ -32,7 +33,7 @@ static_assert(offsetof(Store, token) == offsetof(Store, cookie) + kSecretSize &&
 Store g_store = {};
 
 void add_text(json_object *object, const char *key, const char *text) {
-    json_object_object_add(object, key, json_object_new_string(text ? text : ""));
+    json_add(object, key, json_object_new_string(text ? text : ""));
 }
 
 }  // namespace

@@ -13,3 +13,7 @@ json_object *cloudtunnel_json_GetObject(json_object *object, const char *key) {
     if (!object || !key || !json_object_object_get_ex(object, key, &member)) return nullptr;
     return member;
 }
+
+void json_add(json_object *object, const char *key, json_object *value) {
+    if (json_object_object_add(object, key, value) != 0) json_object_put(value);
+}

@@ -13,3 +13,7 @@ json_object *cloudtunnel_json_StringToObject(const char *text);
 
 // cloudtunnel_json_GetObject returns the member `key`, which belongs to the object; null when there is none.
 json_object *cloudtunnel_json_GetObject(json_object *object, const char *key);
+
+// json_add gives `value` to the object as its member `key`. Where memory is short the member is left out and the value
+// released.
+void json_add(json_object *object, const char *key, json_object *value);

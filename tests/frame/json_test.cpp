@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 
+#include "tests/support/fault.h"
+
 namespace {
 
 TEST(JsonTest, an_object_becomes_a_text_without_blanks) {
@@ -32,6 +34,21 @@ TEST(JsonTest, what_is_no_object_has_no_members) {
     ASSERT_NE(list, nullptr);
     EXPECT_EQ(cloudtunnel_json_GetObject(list, "a"), nullptr);
     json_object_put(list);
+}
+
+TEST(JsonTest, a_member_that_finds_no_room_is_released) {
+    json_object *object = json_object_new_object();
+    bool released = false;
+    json_object *value = json_object_new_int(1);
+    json_object_set_userdata(value, &released, [](json_object *, void *flag) { *static_cast<bool *>(flag) = true; });
+    {
+        const support::Fault full("json_object_object_add");
+        json_add(object, "a", value);
+    }
+    EXPECT_TRUE(released);
+    json_add(object, "b", json_object_new_int(2));
+    EXPECT_STREQ(cloudtunnel_json_ObjectToString(object), "{\"b\":2}");
+    json_object_put(object);
 }
 
 }  // namespace

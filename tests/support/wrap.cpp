@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 
+#include <arpa/inet.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/epoll.h>
@@ -19,6 +20,7 @@
 
 #include <json-c/json.h>
 #include <openssl/bio.h>
+#include <openssl/sha.h>
 #include <openssl/ssl.h>
 
 #include "tests/support/clock.h"
@@ -143,7 +145,14 @@ WRAP_FAKED(int, setitimer, (int which, const itimerval *value, itimerval *old), 
     return 0;
 })
 
+WRAP(tm *, gmtime_r, (const time_t *instant, tm *broken_down), (instant, broken_down))
+WRAP(tm *, localtime_r, (const time_t *instant, tm *broken_down), (instant, broken_down))
+WRAP(char *, asctime_r, (const tm *broken_down, char *text), (broken_down, text))
+
 // Names
+WRAP(int, inet_pton, (int family, const char *text, void *address), (family, text, address))
+WRAP(const char *, inet_ntop, (int family, const void *address, char *text, socklen_t size),
+     (family, address, text, size))
 WRAP_FAKED(int, getaddrinfo, (const char *name, const char *service, const addrinfo *hints, addrinfo **list),
            (name, service, hints, list), Resolver, return owner->resolve(name, list))
 
@@ -172,6 +181,10 @@ WRAP_BYTES(ssize_t, send, (int fd, const void *data, size_t length, int flags), 
 WRAP_BYTES(ssize_t, recv, (int fd, void *data, size_t length, int flags), length, (fd, data, length, flags))
 WRAP(FILE *, fopen, (const char *path, const char *mode), (path, mode))
 WRAP(FILE *, popen, (const char *command, const char *mode), (command, mode))
+WRAP(size_t, fread, (void *data, size_t size, size_t count, FILE *file), (data, size, count, file))
+WRAP(int, fputs, (const char *text, FILE *file), (text, file))
+WRAP(int, setvbuf, (FILE * file, char *buffer, int mode, size_t size), (file, buffer, mode, size))
+WRAP(int, remove, (const char *path), (path))
 WRAP(int, vsnprintf, (char *text, size_t size, const char *format, va_list args), (text, size, format, args))
 
 POINT(ioctl)
@@ -198,6 +211,10 @@ extern "C" void __wrap_srand(unsigned seed) {
 
 // OpenSSL and json-c
 WRAP(SSL_CTX *, SSL_CTX_new, (const SSL_METHOD *method), (method))
+WRAP(const SSL_METHOD *, TLS_client_method, (), ())
+WRAP(int, OPENSSL_init_ssl, (uint64_t options, const OPENSSL_INIT_SETTINGS *settings), (options, settings))
+WRAP(long, SSL_CTX_ctrl, (SSL_CTX * context, int command, long number, void *pointer),
+     (context, command, number, pointer))
 WRAP(SSL *, SSL_new, (SSL_CTX * context), (context))
 WRAP(int, SSL_set_fd, (SSL * ssl, int fd), (ssl, fd))
 WRAP(int, SSL_connect, (SSL * ssl), (ssl))
@@ -205,9 +222,17 @@ WRAP(int, SSL_shutdown, (SSL * ssl), (ssl))
 WRAP(int, SSL_get_error, (const SSL *ssl, int result), (ssl, result))
 WRAP_BYTES(int, SSL_read, (SSL * ssl, void *data, int length), length, (ssl, data, length))
 WRAP_BYTES(int, SSL_write, (SSL * ssl, const void *data, int length), length, (ssl, data, length))
+WRAP(int, SHA1_Init, (SHA_CTX * state), (state))
+WRAP(int, SHA1_Update, (SHA_CTX * state, const void *data, size_t length), (state, data, length))
+WRAP(int, SHA1_Final, (unsigned char *digest, SHA_CTX *state), (digest, state))
 WRAP(BIO *, BIO_new, (const BIO_METHOD *method), (method))
 WRAP(BIO *, BIO_new_mem_buf, (const void *data, int length), (data, length))
 WRAP_BYTES(int, BIO_write, (BIO * bio, const void *data, int length), length, (bio, data, length))
 WRAP_BYTES(int, BIO_read, (BIO * bio, void *data, int length), length, (bio, data, length))
 WRAP(long, BIO_ctrl, (BIO * bio, int command, long number, void *pointer), (bio, command, number, pointer))
 WRAP(json_object *, json_object_new_object, (), ())
+WRAP(json_object *, json_object_new_int, (int32_t number), (number))
+WRAP(json_object *, json_object_new_string, (const char *text), (text))
+WRAP(int, json_object_object_add, (json_object * object, const char *key, json_object *value), (object, key, value))
+WRAP(const char *, json_object_to_json_string_ext, (json_object * object, int flags), (object, flags))
+WRAP(json_object *, json_tokener_parse, (const char *text), (text))
