@@ -1,5 +1,6 @@
 #include "tests/support/fault.h"
 
+#include <atomic>
 #include <cerrno>
 #include <stdexcept>
 #include <string>
@@ -12,8 +13,8 @@ namespace support {
 namespace {
 
 WrapPoint *points = nullptr;
-FailAlloc *alloc_fault = nullptr;
-size_t alloc_most = std::numeric_limits<size_t>::max();
+std::atomic<FailAlloc *> alloc_fault = nullptr;
+std::atomic<size_t> alloc_most = std::numeric_limits<size_t>::max();
 
 constexpr int kAllocationsAtMost = 10000;  // more than any body makes: a body that never ends its failing is a defect
 
@@ -57,9 +58,13 @@ Fault::Fault(const char *function, FaultPlan plan)
 }
 
 Fault::~Fault() {
-    for (Fault **at = &point_.youngest; *at; at = &(*at)->older_) {
-        if (*at != this) continue;
-        *at = older_;
+    if (point_.youngest == this) {
+        point_.youngest = older_;
+        return;
+    }
+    for (Fault *fault = point_.youngest; fault; fault = fault->older_) {
+        if (fault->older_ != this) continue;
+        fault->older_ = older_;
         return;
     }
 }
@@ -77,10 +82,11 @@ FailAlloc::FailAlloc(int index, int times) : index_(index), times_(times) {
 FailAlloc::~FailAlloc() { alloc_fault = nullptr; }
 
 bool FailAlloc::strikes() {
-    if (Quiet::here() || !alloc_fault) return false;
-    const int turn = alloc_fault->seen_++ - alloc_fault->index_;
-    if (alloc_fault->index_ < 0 || turn < 0 || turn >= alloc_fault->times_) return false;
-    ++alloc_fault->hits_;
+    FailAlloc *const fault = Quiet::here() ? nullptr : alloc_fault.load();
+    if (!fault) return false;
+    const int turn = fault->seen_++ - fault->index_;
+    if (fault->index_ < 0 || turn < 0 || turn >= fault->times_) return false;
+    ++fault->hits_;
     errno = ENOMEM;
     return true;
 }

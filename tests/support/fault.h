@@ -36,6 +36,7 @@
 #ifndef TESTS_SUPPORT_FAULT_H
 #define TESTS_SUPPORT_FAULT_H
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <limits>
@@ -70,8 +71,8 @@ class Fault {
     WrapPoint &point_;
     Fault *older_;
     const FaultPlan plan_;
-    int seen_ = 0;
-    int hits_ = 0;
+    std::atomic<int> seen_ = 0;  // atomic, as all counts here: the library's timers may be used from several threads
+    std::atomic<int> hits_ = 0;
 };
 
 class Calls {
@@ -101,8 +102,8 @@ class FailAlloc {
   private:
     int index_;
     int times_;
-    int seen_ = 0;
-    int hits_ = 0;
+    std::atomic<int> seen_ = 0;
+    std::atomic<int> hits_ = 0;
 };
 
 class AllocLimit {
@@ -126,8 +127,8 @@ struct WrapPoint {
     };
 
     const char *name;
-    int calls = 0;
-    Fault *youngest = nullptr;
+    std::atomic<int> calls = 0;
+    std::atomic<Fault *> youngest = nullptr;
     WrapPoint *next = nullptr;
 
     Verdict enter();  // counts the call and asks the faults

@@ -72,6 +72,7 @@ int Resolver::calls(const std::string &name) const {
 }
 
 int Resolver::resolve(const char *name, addrinfo **list) {
+    const Quiet quiet;
     const std::string asked = name ? name : "";
     asked_.push_back(asked);
     Answer answer = {EAI_NONAME, {}, ""};
