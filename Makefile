@@ -10,6 +10,8 @@ COVERAGE_PACKAGES := gcovr
 DEVICE_PACKAGES := clang lld llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make
 VALGRIND_PACKAGES := valgrind
 ABI_PACKAGES := abigail-tools
+PACKAGE_PACKAGES := scdoc dpkg-dev file lintian
+PACKAGE_TEST_PACKAGES := debootstrap
 FUZZ_PACKAGES := clang libclang-rt-dev llvm
 
 # How long each fuzz target runs.
@@ -99,6 +101,12 @@ abi: packages packages-abi ## Fail where the library's interface is not as abi/ 
 abi-update: packages packages-abi ## Write the description in abi/ anew, after an intended change
 	scripts/abi.sh --update
 
+package: packages packages-package ## Debian packages of library, development files and programs, in build/package
+	scripts/package.sh
+
+package-test: package packages-package-test ## Install them in a bare Debian, build the example there and run it
+	scripts/package-test.sh build/package
+
 clean: ## Remove everything that was built
 	rm -rf build
 
@@ -122,3 +130,9 @@ packages-abi:
 
 packages-fuzz:
 	@scripts/install-packages.sh $(FUZZ_PACKAGES)
+
+packages-package:
+	@scripts/install-packages.sh $(PACKAGE_PACKAGES)
+
+packages-package-test:
+	@scripts/install-packages.sh $(PACKAGE_TEST_PACKAGES)
