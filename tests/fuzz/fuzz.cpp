@@ -7,6 +7,8 @@
 #include <cstdlib>
 
 #include "conn/connection.h"
+#include "conn/url.h"
+#include "frame/list.h"
 #include "tests/support/library.h"
 
 namespace fuzz {
@@ -24,6 +26,13 @@ int print(uint32_t, const char *format, ...) {
     va_end(args);
     FUZZ_CHECK(length >= 0);
     return 0;
+}
+
+bool some_reader_is_full() {
+    for (const auto &conn : Each<cloudtunnel_connect_node>(cloudtunnel_connectlist.head.link)) {
+        if (reader_is_full(conn.sock)) return true;
+    }
+    return false;
 }
 
 int refuse(const char *) { return 0; }
@@ -91,9 +100,11 @@ bool Run::turn() {
     return true;
 }
 
-void Run::turn_all() {
-    int turns = 0;
-    while (turn()) FUZZ_CHECK(++turns < kTurnsAtMost);
+bool Run::turn_all() {
+    for (int turns = 0; turn(); FUZZ_CHECK(++turns < kTurnsAtMost)) {
+        if (some_reader_is_full()) return false;
+    }
+    return true;
 }
 
 void Run::check_tables() {
@@ -116,6 +127,13 @@ Link::Link(const char *model, uint32_t data_type) {
 }
 
 std::string Link::saved() const { return bytes_of(node()->buf, node()->bufLen); }
+
+bool reader_is_full(int sock) {
+    constexpr int32_t kAreaSize = 65535;
+    const cloudtunnel_connect_node *conn = CLOUDMGR_socket_getCnctBySock(sock);
+    const cloudtunnel_url_node *url = conn ? cloudtunnel_socket_getUrlNodeByModelname(conn->modelName) : nullptr;
+    return url && url->dataType == CLOUDTUNNEL_DATATYPE_HTTP && conn->bufLen >= kAreaSize;
+}
 
 std::string text_of(const char *text) { return text ? text : ""; }
 

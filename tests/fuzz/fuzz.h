@@ -77,7 +77,7 @@ class Run {
 
     int epfd() const { return epfd_; }
     bool turn();          // one event, if there is one
-    void turn_all();      // until nothing is ready
+    bool turn_all();      // until nothing is ready; false where a full reader would turn for ever
     void check_tables();  // every count is the length of its list, and within its limit
 
   private:
@@ -100,6 +100,10 @@ class Link {
   private:
     int sock_;  // the library's: it closes it
 };
+
+// A peer that sends 65535 bytes without an end of headers is not read any more: its socket stays ready until the step
+// timer, or the owner, closes the connection.
+bool reader_is_full(int sock);
 
 std::string text_of(const char *text);  // "" for null
 std::string bytes_of(const uint8_t *bytes, int64_t count);
