@@ -1,7 +1,7 @@
 # The front door. CMake does the work, in build/<preset>; each target installs the Debian packages it needs.
 .DEFAULT_GOAL := help
-.PHONY: help demo test test-release test-sanitize test-clang test-tsan valgrind soak fuzz fuzz-coverage coverage \
-	format format-check lint clean packages packages-lint packages-coverage packages-valgrind packages-abi \
+.PHONY: help demo test test-release test-sanitize test-clang test-tsan valgrind soak torture fuzz fuzz-coverage \
+	coverage format format-check lint clean packages packages-lint packages-coverage packages-valgrind packages-abi \
 	packages-fuzz abi abi-update device packages-device
 
 BUILD_PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev
@@ -66,6 +66,11 @@ device: packages packages-device ## For the device (64-bit ARM, musl, OpenSSL 1.
 	cmake --preset device
 	cmake --build --preset device
 	ctest --preset device
+
+torture: packages ## Every call that can fail, fails once: under the sanitizers, in a few minutes
+	cmake --preset sanitize
+	cmake --build --preset sanitize --target torture
+	build/sanitize/tests/torture/torture
 
 coverage: packages packages-coverage ## Line and branch coverage of the library
 	cmake --preset coverage
