@@ -1,13 +1,12 @@
 # The front door. CMake does the work, in build/<preset>; each target installs the Debian packages it needs.
 .DEFAULT_GOAL := help
-.PHONY: help demo test test-release test-sanitize test-clang test-tsan valgrind soak torture fuzz fuzz-coverage \
-	coverage format format-check lint clean packages packages-lint packages-coverage packages-valgrind packages-abi \
-	packages-fuzz abi abi-update device packages-device
+# No target is a file.
+.PHONY: $(shell awk -F: '/^[a-z][a-z-]*:/ { print $$1 }' Makefile)
 
 BUILD_PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev
 LINT_PACKAGES := clang clang-format clang-tidy
 COVERAGE_PACKAGES := gcovr
-DEVICE_PACKAGES := clang lld llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make
+DEVICE_PACKAGES := clang lld llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make python3
 VALGRIND_PACKAGES := valgrind
 ABI_PACKAGES := abigail-tools
 PACKAGE_PACKAGES := scdoc dpkg-dev file lintian
@@ -59,12 +58,21 @@ soak: packages ## Load and simulated months over real sockets, under 10 minutes 
 	cmake --build --preset release --target soak_test
 	build/release/tests/soak/soak_test --form=full --seed=$(SEED)
 
-device: packages packages-device ## For the device (64-bit ARM, musl, OpenSSL 1.1): build, test under emulation, measure
+device: device-tested ## For the device (64-bit ARM, musl, OpenSSL 1.1): build, test under emulation, measure
+	device/footprint.py check build/device build/device-fast docs/footprint.md
+
+footprint: device-tested ## Measure what the library costs on the device, and write docs/footprint.md
+	device/footprint.py write build/device build/device-fast docs/footprint.md
+
+# The stand-ins run on this machine.
+device-tested: packages packages-device
 	device/sysroot.sh build/platform
 	cmake --preset release
 	cmake --build --preset release --target cloudtunnel-sim
 	cmake --preset device
 	cmake --build --preset device
+	cmake --preset device-fast
+	cmake --build --preset device-fast
 	ctest --preset device
 
 torture: packages ## Every call that can fail, fails once: under the sanitizers, in a few minutes

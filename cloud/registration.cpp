@@ -20,16 +20,13 @@ struct JsonFree {
 };
 using OwnedJson = std::unique_ptr<json_object, JsonFree>;
 
-void add_int(json_object *object, const char *key, int32_t value) {
-    json_add(object, key, json_object_new_int(value));
-}
+void add_int(json_object *object, const char *key, int32_t value) { json_add(object, key, json_object_new_int(value)); }
 
 OwnedJson make_opt1(const cloudmgr_v3wscnct_node *node) {
     OwnedJson object(json_object_new_object());
     if (!object) return nullptr;
     add_int(object.get(), "optType", kOptRegister);
-    if (os_strcmp(node->cloudModelName, "base") == 0)
-        json_add(object.get(), "platform", json_object_new_string("wpt"));
+    if (os_strcmp(node->cloudModelName, "base") == 0) json_add(object.get(), "platform", json_object_new_string("wpt"));
     add_int(object.get(), "lastDownReason", cloudmgr_dev_gettunnellastdownreason());
     add_int(object.get(), "errorCode", cloudmgr_dev_gettunnellastdownerrcode());
     add_int(object.get(), "socketErrno", cloudmgr_dev_gettunnellastdownerrno());

@@ -28,6 +28,9 @@ endif()
 # Unwind tables would be an eighth of a library made small; a debugger takes them from the unstripped twin.
 target_compile_options(cloudtunnel_objects PRIVATE
   $<$<CONFIG:MinSizeRel>:-fno-asynchronous-unwind-tables> $<$<CONFIG:MinSizeRel>:-fno-unwind-tables>)
+if(CLOUDTUNNEL_STACK_USAGE)
+  target_compile_options(cloudtunnel_objects PRIVATE -fstack-usage)
+endif()
 set_target_properties(cloudtunnel_objects PROPERTIES POSITION_INDEPENDENT_CODE ON)
 target_link_libraries(cloudtunnel_objects PRIVATE cloudtunnel_warnings cloudtunnel_hardening
   OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
