@@ -225,6 +225,21 @@ TEST_F(WsSendTest, the_results_of_the_send_path_are_passed_on) {
     EXPECT_EQ(CLOUDMGR_ws_send(conn.sock, msg, 0), 0);  // no attempt is no failure
 }
 
+TEST_F(WsSendTest, attempts_and_delay_reach_the_send_path_with_every_fragment) {
+    support::Connection conn = connect(Wire::plain);
+    for (auto *const send : {CLOUDMGR_ws_send_byFrag, CLOUDMGR_ws_sendlarge_byFrag}) {
+        for (const size_t size : {1U, 20000U}) {  // whole, and cut
+            fill(payload(size));
+            const size_t slept = clock.sleeps().size();
+            const support::Fault busy("send", {.times = support::kAlways, .error = EAGAIN});
+            EXPECT_EQ(send(conn.sock, msg, 3, 70), -1);
+            EXPECT_EQ(busy.hits(), 3);
+            EXPECT_EQ(clock.sleeps().size(), slept + 3);
+            EXPECT_EQ(clock.sleeps().back(), 70U);
+        }
+    }
+}
+
 TEST_F(WsSendTest, absurd_bodies_send_nothing) {
     support::Connection conn = connect(Wire::plain);
     fill("x");
