@@ -41,7 +41,7 @@ class Clock {
     void advance(int64_t seconds);  // uptime and time of day
 
     const std::vector<unsigned> &sleeps() const { return sleeps_; }  // microseconds
-    void forget_sleeps() { sleeps_ = {}; }
+    void forget_sleeps() { std::vector<unsigned>().swap(sleeps_); }
     const std::vector<IntervalTimer> &interval_timers() const { return interval_timers_; }
 
     // The clock in force for the calling thread, null for none: the fakes ask it.

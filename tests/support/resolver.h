@@ -30,7 +30,8 @@ class Resolver {
     int calls() const { return static_cast<int>(asked_.size()); }
     int calls(const std::string &name) const;
     const std::vector<std::string> &asked() const { return asked_; }  // the names, as they were asked for
-    static int lists_alive();                                         // handed out and not released yet
+    void forget_asked() { std::vector<std::string>().swap(asked_); }
+    static int lists_alive();  // handed out and not released yet
 
     // For the fakes.
     static Resolver *in_force();
