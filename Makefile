@@ -9,6 +9,7 @@ COVERAGE_PACKAGES := gcovr
 DEVICE_PACKAGES := clang lld llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make python3
 VALGRIND_PACKAGES := valgrind
 ABI_PACKAGES := abigail-tools
+DOCS_PACKAGES := doxygen
 PACKAGE_PACKAGES := scdoc dpkg-dev file lintian
 PACKAGE_TEST_PACKAGES := debootstrap
 FUZZ_PACKAGES := clang libclang-rt-dev llvm
@@ -114,6 +115,10 @@ abi: packages packages-abi ## Fail where the library's interface is not as abi/ 
 abi-update: packages packages-abi ## Write the description in abi/ anew, after an intended change
 	scripts/abi.sh --update
 
+docs: packages packages-docs ## The reference of the public header, in build/release/docs/html/index.html
+	cmake --preset release
+	cmake --build --preset release --target docs
+
 package: packages packages-package ## Debian packages of library, development files and programs, in build/package
 	scripts/package.sh
 
@@ -143,6 +148,9 @@ packages-abi:
 
 packages-fuzz:
 	@scripts/install-packages.sh $(FUZZ_PACKAGES)
+
+packages-docs:
+	@scripts/install-packages.sh $(DOCS_PACKAGES)
 
 packages-package:
 	@scripts/install-packages.sh $(PACKAGE_PACKAGES)

@@ -32,7 +32,9 @@
 #include <sys/time.h>
 
 #if defined(__GNUC__)
+/* Marks what the shared library shows to the outside. */
 #define CLOUDTUNNEL_EXPORT __attribute__((visibility("default")))
+/* Has the compiler check a format against its arguments, as it does for printf. */
 #define CLOUDTUNNEL_PRINTF(format_at, args_at) __attribute__((format(printf, format_at, args_at)))
 #else
 #define CLOUDTUNNEL_EXPORT
@@ -52,8 +54,8 @@ struct ssl_ctx_st;  /* OpenSSL's SSL_CTX */
 /* The links of every record that lives in a list: always its first field. A list is circular; its head is such a pair
  * of links too, pointing to itself when the list is empty. A head of zeros reads as an empty list. */
 typedef struct cloudtunnel_link {
-    struct cloudtunnel_link *next;
-    struct cloudtunnel_link *prev;
+    struct cloudtunnel_link *next; /* the node behind this one; the head behind the last */
+    struct cloudtunnel_link *prev; /* the node in front of this one; the head in front of the first */
 } cloudtunnel_link;
 
 /* cloudmgr_dl_list_del unlinks `node` and clears its links. A node that is in no list stays as it is. */
@@ -176,23 +178,24 @@ typedef struct CLOUDTUNNEL_MODULE_REG {
 
 /* A registered module. Lives until the process ends. */
 typedef struct CLOUDTUNNEL_MODULE_NODE {
-    cloudtunnel_link link;
-    uint16_t registered; /* stays 0: the daemon's answer is not examined, so every announcement names every module */
-    char *name;
-    char *sub_name;
-    int (*tunnel_open_cb)(void);
-    int (*tunnel_close_cb)(void);
-    int (*tunnel_third_cb)(void);
-    char *url_host;        /* from the daemon's last tunnel data; null before */
-    char *url_path;        /* likewise */
-    uint32_t tunnel_value; /* likewise; kept, used for nothing */
-    uint16_t port;         /* likewise */
+    cloudtunnel_link link; /* its place in the list */
+    uint16_t registered;   /* stays 0: the daemon's answer is not examined, so every announcement names every module */
+    char *name;            /* owned, as the next one: copies of the registration's texts */
+    char *sub_name;        /* announced beside the name */
+    int (*tunnel_open_cb)(void);  /* as registered, like the next two */
+    int (*tunnel_close_cb)(void); /* see CLOUDTUNNEL_MODULE_REG */
+    int (*tunnel_third_cb)(void); /* see CLOUDTUNNEL_MODULE_REG */
+    char *url_host;               /* from the daemon's last tunnel data; null before */
+    char *url_path;               /* likewise */
+    uint32_t tunnel_value;        /* likewise; kept, used for nothing */
+    uint16_t port;                /* likewise */
 } CLOUDTUNNEL_MODULE_NODE;
 
+/* The head of the list of modules. */
 typedef struct cloudtunnel_module_head {
-    cloudtunnel_link link;
-    int32_t count;
-    uint32_t reserved[3];
+    cloudtunnel_link link; /* of the first node and the last */
+    int32_t count;         /* modules in the list */
+    uint32_t reserved[3];  /* 0, read by nothing */
 } cloudtunnel_module_head;
 
 /* The registered modules, in the order of their registration. */
@@ -219,10 +222,10 @@ CLOUDTUNNEL_EXPORT void cloudtunnel_module_reg2Server(void);
 
 /* Why the main tunnel last went down, as the daemon tells it. */
 typedef struct CLOUDTUNNEL_MAIN_TUNNEL_INFO {
-    int32_t last_down_reason;
-    int32_t last_down_error_code;
-    int32_t last_down_socket_errno;
-    uint8_t kept[128]; /* not read by the library */
+    int32_t last_down_reason;       /* why, in the daemon's numbers */
+    int32_t last_down_error_code;   /* the daemon's code for the error */
+    int32_t last_down_socket_errno; /* errno of the socket */
+    uint8_t kept[128];              /* not read by the library */
 } CLOUDTUNNEL_MAIN_TUNNEL_INFO;
 
 /* cloudmgr_dev_setSN reads the device's serial number from /proc/sys/product_info through a shell command. Without an
@@ -264,11 +267,11 @@ typedef int CLOUDMGR_ELOOP_HANDLER(const struct epoll_event *event, int fd);
 
 /* A registered socket. */
 typedef struct CLOUDMGR_ELOOP_SOCK {
-    cloudtunnel_link link;
-    int32_t fd;
-    CLOUDMGR_ELOOP_HANDLER *handler;
-    struct epoll_event event; /* as given at registration */
-    void *extra;              /* owned, freed with the node; null unless CLOUDMGR_eloop_sock_addex set it */
+    cloudtunnel_link link;           /* its place in the list */
+    int32_t fd;                      /* the key; the socket is the caller's */
+    CLOUDMGR_ELOOP_HANDLER *handler; /* called when the socket is ready */
+    struct epoll_event event;        /* as given at registration */
+    void *extra;                     /* owned, freed with the node; null unless CLOUDMGR_eloop_sock_addex set it */
 } CLOUDMGR_ELOOP_SOCK;
 
 /* CLOUDMGR_eloop_init makes the epoll instance and an empty table. Returns the descriptor or -1. */
@@ -309,19 +312,20 @@ typedef int cloudtunnel_timer_fn(uint32_t id, void *arg);
 
 /* A timer. Time is counted in whole seconds of system uptime. */
 typedef struct cloudtunnel_timer_node {
-    cloudtunnel_link link;
-    uint64_t last_s; /* uptime when it was armed or last fired */
-    void *arg;       /* owned by the pool */
-    cloudtunnel_timer_fn *callback;
-    uint32_t id;
-    uint32_t periodic; /* 0: fires once */
-    uint64_t period_ms;
-    uint32_t deleted; /* 1: waits for the next pass to remove it */
+    cloudtunnel_link link;          /* its place in the list */
+    uint64_t last_s;                /* uptime when it was armed or last fired */
+    void *arg;                      /* owned by the pool */
+    cloudtunnel_timer_fn *callback; /* called when it is due */
+    uint32_t id;                    /* the key */
+    uint32_t periodic;              /* 0: fires once */
+    uint64_t period_ms;             /* whole seconds count */
+    uint32_t deleted;               /* 1: waits for the next pass to remove it */
 } cloudtunnel_timer_node;
 
+/* The head of the list of timers. */
 typedef struct cloudtunnel_timer_head {
-    cloudtunnel_link link;
-    uint32_t count; /* deleted nodes that still wait for their removal included */
+    cloudtunnel_link link; /* of the first node and the last */
+    uint32_t count;        /* deleted nodes that still wait for their removal included */
 } cloudtunnel_timer_head;
 
 /* The timers, in firing order: the first one added stays first, later ones stand behind it, the newest in front. */
@@ -395,7 +399,7 @@ enum {
 
 /* What the library knows of a model. */
 typedef struct cloudtunnel_url_node {
-    cloudtunnel_link link;
+    cloudtunnel_link link;     /* its place in the list */
     char *modelName;           /* the key */
     char *url;                 /* host name or address as it was given, no scheme, port or path */
     char *path;                /* request path of the upgrade, or null */
@@ -405,9 +409,10 @@ typedef struct cloudtunnel_url_node {
     int64_t resolveTime;       /* monotonic seconds when addrList was last replaced; 0 never */
 } cloudtunnel_url_node;
 
+/* The head of the list of models. */
 typedef struct cloudtunnel_url_head {
     cloudtunnel_url_node head; /* only its links are used */
-    uint32_t count;
+    uint32_t count;            /* models in the list */
 } cloudtunnel_url_head;
 
 /* The models, at most 200, in the order of their first set. */
@@ -463,31 +468,32 @@ typedef int cloudtunnel_data_fn(int sock, void *message);
 
 /* One connection's TLS session; a null `ssl` is no session. */
 typedef struct cloudtunnel_ssl_node {
-    struct ssl_st *ssl;
-    struct ssl_ctx_st *ctx;
+    struct ssl_st *ssl;     /* OpenSSL's session, owned */
+    struct ssl_ctx_st *ctx; /* its context, owned: each session has its own */
 } cloudtunnel_ssl_node;
 
 /* A connection of the table. */
 typedef struct cloudtunnel_connect_node {
-    cloudtunnel_link link;
-    cloudtunnel_connected_fn *connectedCallback;
-    cloudtunnel_failure_fn *failureCallback;
-    cloudtunnel_data_fn *dataCallback;
-    char modelName[33]; /* cut to 32 characters; unique in the table, as the socket is */
-    int32_t sock;
-    int32_t unclose;           /* non-zero: closing the connection leaves the descriptor open */
-    uint8_t *buf;              /* owned: bytes received and not consumed yet, or null */
-    int32_t bufLen;            /* how many */
-    cloudtunnel_ssl_node *ssl; /* owned; null for a plain connection */
-    uint32_t sslState;         /* 0 none or failed, 1 handshaking, 2 established */
-    uint32_t delTimer;         /* id of the timer that closes the connection after a received close, 0 none */
-    uint32_t connectTimer;     /* id of the connect time-out, 0 none */
+    cloudtunnel_link link;                       /* its place in the list */
+    cloudtunnel_connected_fn *connectedCallback; /* told when the connection is up */
+    cloudtunnel_failure_fn *failureCallback;     /* told when it failed, or ended by a failure */
+    cloudtunnel_data_fn *dataCallback;           /* gets each message */
+    char modelName[33];                          /* cut to 32 characters; unique in the table, as the socket is */
+    int32_t sock;                                /* owned, unless `unclose` says otherwise */
+    int32_t unclose;                             /* non-zero: closing the connection leaves the descriptor open */
+    uint8_t *buf;                                /* owned: bytes received and not consumed yet, or null */
+    int32_t bufLen;                              /* how many */
+    cloudtunnel_ssl_node *ssl;                   /* owned; null for a plain connection */
+    uint32_t sslState;                           /* 0 none or failed, 1 handshaking, 2 established */
+    uint32_t delTimer;     /* id of the timer that closes the connection after a received close, 0 none */
+    uint32_t connectTimer; /* id of the connect time-out, 0 none */
 } cloudtunnel_connect_node;
 
+/* The head of the list of connections. */
 typedef struct cloudtunnel_connect_head {
     cloudtunnel_connect_node head; /* only its links are used */
-    uint32_t count;
-    pthread_mutex_t lock;
+    uint32_t count;                /* connections in the list */
+    pthread_mutex_t lock;          /* guards the list and the count */
 } cloudtunnel_connect_head;
 
 /* The connections, at most 1024. */
@@ -615,58 +621,61 @@ enum {
 
 /* A request's body: both texts owned by the request. */
 typedef struct cloudtunnel_http_body {
-    char *content_type;
-    char *text;
+    char *content_type; /* written as Content-Type; null: no such line */
+    char *text;         /* null: no body */
 } cloudtunnel_http_body;
 
 /* An HTTP request. All texts are owned by it. */
 typedef struct cloudtunnel_http_req {
     cloudtunnel_link extra_lines; /* a list of cloudtunnel_http_line; nothing in the library adds to it */
-    int32_t ws_version;
-    char *ws_key;
-    uint32_t version;
-    uint32_t method;
-    char *path;
-    char *host;
-    char *accept;
-    char *accept_language;
-    char *upgrade;
-    char *connection;
-    char *cookie;
-    char *cache_control;
-    char *user_agent;
-    char *content_type;
-    cloudtunnel_http_body body;
+    int32_t ws_version;           /* Sec-WebSocket-Version; 0: no such line */
+    char *ws_key;                 /* Sec-WebSocket-Key, null: no such line; so for the other texts */
+    uint32_t version;             /* 1 "1.0", 2 "1.1", 3 "2.0" */
+    uint32_t method;              /* 1 GET to 7 TRACE, see CLOUDTUNNEL_HTTP_METHOD */
+    char *path;                   /* the request's target */
+    char *host;                   /* Host */
+    char *accept;                 /* Accept */
+    char *accept_language;        /* Accept-Language */
+    char *upgrade;                /* Upgrade */
+    char *connection;             /* Connection */
+    char *cookie;                 /* Cookie */
+    char *cache_control;          /* Cache-Control */
+    char *user_agent;             /* User-Agent */
+    char *content_type;           /* the request's own Content-Type, beside the body's */
+    cloudtunnel_http_body body;   /* what follows the header */
 } cloudtunnel_http_req;
 
+/* One more header line of a request. */
 typedef struct cloudtunnel_http_line {
-    cloudtunnel_link link;
-    char *text;
+    cloudtunnel_link link; /* its place in the list */
+    char *text;            /* owned */
 } cloudtunnel_http_line;
 
 /* An HTTP response as it was read. */
 typedef struct cloudtunnel_http_resp {
-    uint32_t status_index; /* place in the table of known statuses: 1 is 101 Switching Protocols; 0 also for none */
-    int32_t status_code;   /* 0: the status line named none that is known */
-    const char *status_text;
-    char *ws_accept; /* owned, as the next two */
-    char *location;
-    char *set_cookie;
-    int32_t content_length; /* bytes in body */
-    uint32_t chunked;
-    uint8_t *body; /* owned, no zero byte behind it */
+    uint32_t status_index;   /* place in the table of known statuses: 1 is 101 Switching Protocols; 0 also for none */
+    int32_t status_code;     /* 0: the status line named none that is known */
+    const char *status_text; /* the status as its table has it, "101 Switching Protocols"; borrowed, or null */
+    char *ws_accept;         /* Sec-WebSocket-Accept; owned, or null, as the next two */
+    char *location;          /* Location */
+    char *set_cookie;        /* Set-Cookie */
+    int32_t content_length;  /* bytes in body */
+    uint32_t chunked;        /* 1: the body came in chunks */
+    uint8_t *body;           /* owned, no zero byte behind it */
 } cloudtunnel_http_resp;
 
 /* A text that grows, as cloudtunnel_http_strcat uses it: a record of zeros, from malloc. */
 typedef struct cloudtunnel_http_text {
-    char *data;
-    uint64_t capacity;
-    uint64_t length; /* a zero byte stands behind the text, not counted */
+    char *data;        /* owned */
+    uint64_t capacity; /* bytes that data has room for */
+    uint64_t length;   /* a zero byte stands behind the text, not counted */
 } cloudtunnel_http_text;
 
-/* cloudtunnel_http_req_create returns an empty request, null without memory; cloudtunnel_http_req_destory frees it, but
- * not its Cache-Control, User-Agent and Content-Type texts: whoever sets these frees them first. */
+/* cloudtunnel_http_req_create returns an empty request, the caller's to destroy; null without memory. */
 CLOUDTUNNEL_EXPORT cloudtunnel_http_req *cloudtunnel_http_req_create(void);
+
+/* cloudtunnel_http_req_destory frees a request, but not its Cache-Control, User-Agent and Content-Type texts: whoever
+ * sets these frees them first. */
 CLOUDTUNNEL_EXPORT void cloudtunnel_http_req_destory(cloudtunnel_http_req *req);
 
 /* cloudtunnel_http_resp_create returns an empty response, null without memory; _destory frees it. */
@@ -716,13 +725,15 @@ CLOUDTUNNEL_EXPORT int cloudtunnel_http_body_decode(const uint8_t *data, cloudtu
  * inits set it to 0. */
 CLOUDTUNNEL_EXPORT extern int32_t bigEndian;
 
-/* The fixed text of RFC 6455, section 1.3, and the reason that CLOUDMGR_ws_closed sends. */
+/* The fixed text of RFC 6455, section 1.3. */
 CLOUDTUNNEL_EXPORT extern const char cloudmgr_ws_guid[37];
+
+/* The reason that CLOUDMGR_ws_closed sends. */
 CLOUDTUNNEL_EXPORT extern const char closedstr[114];
 
 /* One frame. */
 typedef struct cloudmgr_ws_msg {
-    uint8_t mask[4];
+    uint8_t mask[4];  /* the key, where mask_set is 1 */
     uint8_t mask_set; /* 1 when a mask key was set */
     uint8_t opcode;   /* RFC 6455: 0 continuation, 1 text, 2 binary, 8 close, 9 ping, 10 pong */
     uint8_t *body;    /* owned, or null; a received body has a zero byte behind it, not counted */
@@ -742,12 +753,14 @@ typedef struct cloudmgr_ws_object {
 
 /* The caller's record that holds a ws object; the library reads only `ws`. */
 typedef struct cloudmgr_ws_owner {
-    void *callers[6];
-    cloudmgr_ws_object *ws;
+    void *callers[6];       /* the caller's own */
+    cloudmgr_ws_object *ws; /* the caller creates it and destroys it */
 } cloudmgr_ws_owner;
 
-/* CLOUDMGR_ws_create returns an empty ws object, null without memory; CLOUDMGR_ws_destory frees it. */
+/* CLOUDMGR_ws_create returns an empty ws object, the caller's to destroy; null without memory. */
 CLOUDTUNNEL_EXPORT cloudmgr_ws_object *CLOUDMGR_ws_create(void);
+
+/* CLOUDMGR_ws_destory frees a ws object and its fields. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_ws_destory(cloudmgr_ws_object *ws);
 
 /* CLOUDMGR_ws_GetPara returns field `index` (0 to 6), borrowed; null for others and without a ws object.
@@ -823,10 +836,11 @@ CLOUDTUNNEL_EXPORT void CLOUDMGR_ws_CloseRcv(int sock, const cloudmgr_ws_msg *ms
 
 /* ------------------------------------------------------------------------------------------------ handshake key */
 
-/* cloudmgr_base64_encode returns `length` bytes in base64 without line breaks, for the caller to free, or null.
- * cloudmgr_base64_decode returns `size` bytes, for the caller to free, that begin with the decoded text and are zero
- * behind it, or null; `size` also bounds how much of the text is read. */
+/* cloudmgr_base64_encode returns `length` bytes in base64 without line breaks, for the caller to free, or null. */
 CLOUDTUNNEL_EXPORT char *cloudmgr_base64_encode(const void *data, int length);
+
+/* cloudmgr_base64_decode returns `size` bytes, for the caller to free, that begin with the decoded text and are zero
+ * behind it, or null; `size` also bounds how much of the text is read. */
 CLOUDTUNNEL_EXPORT uint8_t *cloudmgr_base64_decode(const char *text, int size);
 
 /* CLOUDMGR_ws_CreateKey makes a new handshake key of 24 characters, keeps it in the ws object and returns it, borrowed;
@@ -840,27 +854,30 @@ CLOUDTUNNEL_EXPORT int CLOUDMGR_ws_checkKey(cloudmgr_ws_owner *owner);
 
 /* A tunnel that is being set up. */
 typedef struct cloudmgr_v3wscnct_node {
-    cloudtunnel_link link;
-    cloudtunnel_connected_fn *connectedCallback;
-    cloudtunnel_failure_fn *failureCallback;
-    cloudtunnel_data_fn *receiveCallback;
-    char cloudModelName[33]; /* cut to 32 characters; the key */
-    char deviceModelName[33];
-    uint32_t state;   /* 0 WS_INIT, 1 WS_HANDSHAKE, 2 WS_CONNECT */
-    uint32_t timerId; /* the running step timer, 0 none */
-    char *key;        /* owned: the Sec-WebSocket-Key that was sent */
+    cloudtunnel_link link;                       /* its place in the list */
+    cloudtunnel_connected_fn *connectedCallback; /* the module's, as given to CLOUDMGR_v3wscnct_start */
+    cloudtunnel_failure_fn *failureCallback;     /* likewise */
+    cloudtunnel_data_fn *receiveCallback;        /* likewise; the connection's own from the hand-over on */
+    char cloudModelName[33];                     /* cut to 32 characters; the key */
+    char deviceModelName[33];                    /* cut as well; named to the platform */
+    uint32_t state;                              /* 0 WS_INIT, 1 WS_HANDSHAKE, 2 WS_CONNECT */
+    uint32_t timerId;                            /* the running step timer, 0 none */
+    char *key;                                   /* owned: the Sec-WebSocket-Key that was sent */
 } cloudmgr_v3wscnct_node;
 
+/* The head of the list of tunnels that are being set up. */
 typedef struct cloudmgr_v3wscnct_head {
-    cloudtunnel_link link;
-    uint32_t count;
+    cloudtunnel_link link; /* of the first node and the last */
+    uint32_t count;        /* nodes in the list */
 } cloudmgr_v3wscnct_head;
 
 /* The tunnels that are being set up, at most 32. */
 CLOUDTUNNEL_EXPORT extern cloudmgr_v3wscnct_head wscnctlist;
 
-/* CLOUDMGR_v3wscnct_init makes the table empty, freeing nothing; CLOUDMGR_v3wscnct_deinit frees every node. */
+/* CLOUDMGR_v3wscnct_init makes the table empty, freeing nothing. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_v3wscnct_init(void);
+
+/* CLOUDMGR_v3wscnct_deinit frees every node. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_v3wscnct_deinit(void);
 
 /* CLOUDMGR_v3wscnct_node_del ends a set-up without a word to the module; its connection stays. */
@@ -877,8 +894,10 @@ CLOUDTUNNEL_EXPORT int CLOUDMGR_v3wscnct_start(const char *cloudModelName, const
 
 /* ------------------------------------------------------------------------------------------------ daemon client */
 
-/* The descriptor of the link to the daemon and the id of the reconnection timer, -1 when there is none. */
+/* The descriptor of the link to the daemon, -1 when there is none. */
 CLOUDTUNNEL_EXPORT extern int32_t g_iCloudClientConnFd;
+
+/* The id of the reconnection timer, -1 when there is none. */
 CLOUDTUNNEL_EXPORT extern int32_t g_iCloudClientReConnTimeFd;
 
 /* CLOUDTUNNEL_client_Init connects to the daemon at "/tmp/cloudmgr_subconn.sock" and announces the modules, or arms a
