@@ -9,8 +9,10 @@ if(NOT CLOUDTUNNEL_SANITIZE)
   target_compile_options(cloudtunnel_hardening INTERFACE
     $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
 endif()
+set(CMAKE_REQUIRED_FLAGS -Werror) # clang takes the other processor's flag, with a warning
 check_cxx_compiler_flag(-fcf-protection=full CLOUDTUNNEL_CF_PROTECTION)              # x86-64
 check_cxx_compiler_flag(-mbranch-protection=standard CLOUDTUNNEL_BRANCH_PROTECTION)  # 64-bit ARM
+unset(CMAKE_REQUIRED_FLAGS)
 target_compile_options(cloudtunnel_hardening INTERFACE
   $<$<BOOL:${CLOUDTUNNEL_CF_PROTECTION}>:-fcf-protection=full>
   $<$<BOOL:${CLOUDTUNNEL_BRANCH_PROTECTION}>:-mbranch-protection=standard>)
