@@ -4,7 +4,7 @@
 .PHONY: $(shell awk -F: '/^[a-z][a-z-]*:/ { print $$1 }' Makefile)
 
 BUILD_PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev
-LINT_PACKAGES := clang clang-format clang-tidy
+LINT_PACKAGES := clang clang-format clang-tidy cppcheck
 COVERAGE_PACKAGES := gcovr
 DEVICE_PACKAGES := clang lld llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make python3
 VALGRIND_PACKAGES := valgrind
@@ -65,6 +65,10 @@ device: device-tested ## For the device (64-bit ARM, musl, OpenSSL 1.1): build, 
 footprint: device-tested ## Measure what the library costs on the device, and write docs/footprint.md
 	device/footprint.py write build/device build/device-fast docs/footprint.md
 
+matrix: packages packages-lint packages-device ## Build and test with both compilers, both releases of OpenSSL, Debug and Release
+	device/host-openssl.sh build/platform
+	scripts/matrix.sh build/platform/openssl
+
 # The stand-ins run on this machine.
 device-tested: packages packages-device
 	device/sysroot.sh build/platform
@@ -105,7 +109,7 @@ format: packages-lint ## Format every source file
 format-check: packages-lint ## Fail where a source file is not formatted
 	scripts/format.sh --check
 
-lint: packages packages-lint ## clang-tidy over the library and the programs
+lint: packages packages-lint ## clang-tidy and cppcheck over the library and the programs
 	cmake --preset clang
 	scripts/lint.sh build/clang
 
