@@ -86,7 +86,6 @@ TEST_F(HttpMessageTest, extra_lines_go_with_the_request) {
     }
 }
 
-// The texts are the test's own: the leak check passes over those that cloudtunnel_http_hdr_set copied.
 TEST_F(HttpMessageTest, a_request_goes_with_its_texts_but_for_three) {
     char **const texts[] = {
         &req->path,       &req->host,   &req->accept, &req->accept_language, &req->upgrade,
