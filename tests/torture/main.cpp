@@ -2,7 +2,8 @@
 // that one call failing. After every run nothing may be left or lost, and the same process sets up a fresh tunnel.
 //
 //   torture                                               all
-//   torture --short                                       a part of the runs, spread evenly
+//   torture --short                                       one call of each kind in each scenario
+//   torture --at-most=5000                                really all: the allocations of every TLS handshake, too
 //   torture --scenario=tunnel_plain                       all of one scenario
 //   torture --scenario=tunnel_plain --call=calloc --nth=7 one run, with what it prints
 //   torture --list                                        the names
@@ -29,10 +30,10 @@ using torture::Run;
 using torture::Running;
 using torture::Scenario;
 
-// Runs of one failure in one scenario, at most; where there are more calls they are spread evenly.
-constexpr int kAtMost = 400;
+// How many calls of one kind fail in one scenario; where there are more they are taken at even distances.
+constexpr int kAtMost = 100;  // all that any scenario makes, but for the allocations in a TLS handshake
 constexpr int kAtMostShort = 1;
-constexpr int kAtMostOfMany = 8;  // in a scenario of many tunnels that are all alike
+constexpr int kAtMostWhenAlike = 8;  // in a scenario of many tunnels that are all alike
 
 struct Options {
     const Scenario *scenario = nullptr;
@@ -44,8 +45,10 @@ struct Options {
 };
 
 [[noreturn]] void usage(const std::string &what) {
-    std::fprintf(stderr, "torture: %s; use [--list] [--short] [--jobs=N] [--scenario=NAME [--call=NAME --nth=N]]\n",
-                 what.c_str());
+    std::fprintf(
+        stderr,
+        "torture: %s; use [--list] [--short] [--at-most=N] [--jobs=N] [--scenario=NAME [--call=NAME --nth=N]]\n",
+        what.c_str());
     std::exit(2);
 }
 
@@ -67,6 +70,8 @@ Options parse(int count, char **words) {
             options.list = true;
         } else if (word == "--short") {
             options.at_most = kAtMostShort;
+        } else if (word.starts_with("--at-most=")) {
+            options.at_most = number(value);
         } else if (word.starts_with("--jobs=")) {
             options.jobs = static_cast<size_t>(number(value));
         } else if (word.starts_with("--scenario=")) {
@@ -134,7 +139,7 @@ int run_one(const Options &options) {
 
 std::vector<Run> reruns(const Scenario &scenario, const std::vector<int> &counts, int at_most) {
     std::vector<Run> runs;
-    if (scenario.alike) at_most = std::min(at_most, kAtMostOfMany);
+    if (scenario.alike) at_most = std::min(at_most, kAtMostWhenAlike);
     for (size_t i = 0; i < counts.size(); ++i) {
         const int take = std::min(counts[i], at_most);
         for (int k = 0; k < take; ++k) {

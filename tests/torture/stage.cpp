@@ -12,6 +12,7 @@ constexpr int kIdleAtMost = 3;      // moments without an event: nothing happens
 constexpr int64_t kStepS = 31;      // longer than a step's time-out,
 constexpr int kStepsAtMost = 5;     // and all of them longer than the time-out of a connect
 constexpr int kFirstTimerId = 100;  // of those that the library picks
+constexpr int kDescriptorsLooked = 256;  // more than a scenario opens
 constexpr char kHost[] = "cloud.example";
 
 size_t count(const std::vector<std::string> &names, const std::string &name) {
@@ -165,6 +166,9 @@ void Stage::expect_rest() {
     EXPECT_EQ(cloudtunnel_connectlist.count, 0U) << "connections";
     EXPECT_EQ(wscnctlist.count, 0U) << "tunnels being set up";
     EXPECT_EQ(cloudtunnel_timerlist.count, 0U) << "timers";
+    for (int fd = 0; fd < kDescriptorsLooked; ++fd) {
+        EXPECT_TRUE(fd == g_iCloudClientConnFd || !cloudmgr_eloop_get_sock(fd)) << "the loop still has socket " << fd;
+    }
     const int id = cloudtunnel_timer_add(0, 0, 1000, nullptr, [](uint32_t, void *) { return 0; });
     EXPECT_EQ(id, kFirstTimerId) << "an id without a timer is not given back";
     cloudtunnel_timer_del(static_cast<uint32_t>(id));
