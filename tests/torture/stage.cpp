@@ -56,9 +56,14 @@ void Stage::serve(Line &line) {
     if (server.accepted() > line.connections) {
         line.connections = server.accepted();
         line.upgraded = line.registered = false;
+        line.later.clear();
         if (line.platform.to_connection) return line.platform.to_connection(line);
     }
     if (!server.up()) return;
+    if (!line.later.empty()) {
+        server.send(line.later.front());
+        line.later.pop_front();
+    }
     if (!line.upgraded) {
         if (server.inbox().find("\r\n\r\n") == std::string::npos) return;
         line.request = server.take_all();

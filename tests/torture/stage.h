@@ -9,6 +9,7 @@
 #ifndef TESTS_TORTURE_STAGE_H
 #define TESTS_TORTURE_STAGE_H
 
+#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -22,18 +23,22 @@ namespace torture {
 
 using support::Wire;
 
-// How a platform answers; null: as a good one does. An answer may also be none, or close the connection.
+struct Line;
+using Answer = std::function<void(Line &)>;  // may be none, or the end of the connection
+
+// How a platform answers; null: as a good one does.
 struct Platform {
     bool takes_part = true;  // false: it does not even shake hands
-    std::function<void(Tunnel &)> to_connection = nullptr;
-    std::function<void(Tunnel &)> to_request = nullptr;
-    std::function<void(Tunnel &)> to_registration = nullptr;
+    Answer to_connection = nullptr;
+    Answer to_request = nullptr;
+    Answer to_registration = nullptr;
 };
 
 // A tunnel and the platform at its end.
 struct Line : Tunnel {
     Platform platform = {};
-    int connections = 0;  // of the server, that are answered below
+    std::deque<std::string> later = {};  // what the platform still has to say: a piece at each of its steps
+    int connections = 0;                 // of the server, that are answered below
     bool upgraded = false;
     bool registered = false;
     size_t handed_over_before = 0;  // told of this model before its last start
@@ -68,6 +73,7 @@ class Stage : public TunnelSteps<support::LibraryTest> {
     // The same, and time passes, too: longer than every time-out of the library.
     bool wait_for(const Lines &lines, const std::function<bool()> &done);
 
+    static int start_model(const std::string &model) { return TunnelSteps::start(model); }
     // Starts a set-up; where it is refused the module knows at once.
     void start(Line &line);
     // Waits until the condition holds, if need be by ending the connections of the platforms of those modules that were
