@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "tests/torture/third_party.h"
+
 namespace torture {
 namespace {
 
@@ -188,7 +190,10 @@ void Stage::expect_a_fresh_tunnel(Wire wire) {
 
 void Stage::expect_a_good_life(Line &line) {
     callbacks.data_result = callbacks.connected_result = 0;
-    ASSERT_TRUE(bring_up(line)) << "no fresh tunnel";
+    const bool up = bring_up(line);
+    const bool openssl_broken =
+        !up && support::is_tls(line.server->wire()) && !openssl_shakes_hands(line.server->wire());
+    ASSERT_TRUE(up) << "no fresh tunnel. " << (openssl_broken ? kOpensslBroken : "");
     EXPECT_TRUE(exchange(line));
     std::string bytes = line.server->take_all();
     const auto frame = support::take_frame(bytes);

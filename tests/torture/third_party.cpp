@@ -2,9 +2,13 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <stdexcept>
 
+#include <netinet/in.h>
 #include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <sys/socket.h>
 
 #include "tests/support/fault.h"
 #include "tests/support/quiet.h"
@@ -13,6 +17,8 @@ namespace {
 
 constinit support::WrapPoint at_openssl = {"openssl_alloc"};
 constinit support::WrapPoint at_json = {"json_alloc"};
+
+constexpr int kHandshakeSteps = 20;  // of both ends in turn; four do
 
 void *grow(support::WrapPoint &point, void *block, size_t size) {
     if (point.enter().fails) return nullptr;
@@ -59,6 +65,27 @@ void watch_third_parties() {
     at_json.list();
     if (CRYPTO_set_mem_functions(openssl_malloc, openssl_realloc, openssl_free) != 1)
         throw std::logic_error("OpenSSL has allocated already");
+}
+
+bool openssl_shakes_hands(support::Wire wire) {
+    const support::Quiet quiet;
+    support::Server server(wire);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(server.port());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const support::Fd fd(::socket(AF_INET, SOCK_STREAM, 0));
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) return false;
+    support::set_nonblocking(fd.get());
+    const std::unique_ptr<SSL_CTX, support::SslFree> context(SSL_CTX_new(TLS_client_method()));
+    const std::unique_ptr<SSL, support::SslFree> client(context ? SSL_new(context.get()) : nullptr);
+    if (!client || SSL_set_fd(client.get(), fd.get()) != 1) return false;
+    for (int step = 0; step < kHandshakeSteps; ++step) {
+        server.step();
+        if (SSL_connect(client.get()) == 1) return true;
+        ERR_clear_error();
+    }
+    return false;
 }
 
 }  // namespace torture
