@@ -42,7 +42,7 @@ keep_corpus() { # name, program
     smallest=build/fuzz/smallest/$1
     rm -rf "$smallest"
     mkdir -p "$smallest" "$kept" "build/fuzz/corpus/$1"
-    "$2" -merge=1 -max_len=2048 -close_fd_mask=3 "$smallest" \
+    "$2" -merge=1 -use_counters=0 -max_len=2048 -close_fd_mask=3 "$smallest" \
         "tests/fuzz/$1/seeds" "$kept" "build/fuzz/corpus/$1" >"build/fuzz/$1.log" 2>&1
     rm -rf "$kept"
     mkdir -p "$kept"

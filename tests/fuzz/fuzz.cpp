@@ -82,6 +82,7 @@ Run::Run(size_t memory_most)
       no_shell_("popen", {.times = support::kAlways}) {
     std::signal(SIGPIPE, SIG_IGN);
     support::reset_settings();
+    cloudmgr_debug_level = 9;
     CLOUDMGR_debug_open_file("/dev/null");
     const CLOUDTUNNEL_LIB_INIT_DATA data = {.usReserved = 0, .pfnPrint = print};
     CLOUDMGR_debug_Init(&data);

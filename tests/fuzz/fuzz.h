@@ -75,8 +75,9 @@ class Run {
     support::Clock clock;
     support::Resolver resolver;
 
-    int epfd() const { return epfd_; }
-    bool turn();          // one event, if there is one
+    void log_level(uint8_t choice) { cloudmgr_debug_level = choice % 11; }  // 9 at first
+    void use(int epfd) { epfd_ = epfd; }                                    // after another init
+    bool turn();                                                            // one event, if there is one
     bool turn_all();      // until nothing is ready; false where a full reader would turn for ever
     void check_tables();  // every count is the length of its list, and within its limit
 

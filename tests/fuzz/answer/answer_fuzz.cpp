@@ -41,8 +41,9 @@ bool good(const std::string &text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    const fuzz::Run run;
+    fuzz::Run run;
     fuzz::Input in(data, size);
+    run.log_level(in.byte());
     g_connected = 0;
     const uint8_t opcode = in.byte() & 0x0f;
     g_result = -(in.byte() & 1);

@@ -152,6 +152,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fuzz::Run run;
     run.resolver.add("cloud.example", {"127.0.0.1"});
     fuzz::Input in(data, size);
+    run.log_level(in.byte());
     g_told = {};
     const Modules modules;
     for (int &result : g_results) result = in.byte();

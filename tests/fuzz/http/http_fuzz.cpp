@@ -90,8 +90,9 @@ void check_bytes(const Answer &answer, const std::string &bytes) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    const fuzz::Run run;
+    fuzz::Run run;
     fuzz::Input in(data, size);
+    run.log_level(in.byte());
     const fuzz::Pieces pieces(in);
     const fuzz::Link link("cut", CLOUDTUNNEL_DATATYPE_HTTP);
     for (const std::string_view piece : pieces.of(in.rest())) {

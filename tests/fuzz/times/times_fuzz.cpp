@@ -62,11 +62,22 @@ void check_platform_time(int64_t boot) {
     FUZZ_CHECK(timegm(&told) == boot + 8 * 3600);  // timegm carries what the text does not
 }
 
+// check_unknown: where the system does not tell its uptime nothing is told on, and the texts are empty.
+void check_unknown() {
+    const support::Fault broken("sysinfo", {.times = support::kAlways});
+    const Text text;
+    FUZZ_CHECK(cloudtunnel_timer_run_time(text.get()) == UINT64_MAX && text.get()[0] == '\0');
+    FUZZ_CHECK(cloudtunnel_timer_run_time_nobuf() == UINT64_MAX);
+    FUZZ_CHECK(cloudtunnel_timer_boot_time(text.get()) == -1 && text.get()[0] == '\0');
+    FUZZ_CHECK(cloudtunnel_timer_boot_cloudap_time(text.get()) == -1 && text.get()[0] == '\0');
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fuzz::Run run;
     fuzz::Input in(data, size);
+    run.log_level(in.byte());
     const auto uptime = static_cast<int64_t>(in.number(8) % kDayMost);
     const int64_t now = static_cast<int64_t>(in.number(8)) % kDayMost;
     run.clock.set_uptime(uptime);
@@ -75,6 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check_run_time(static_cast<uint64_t>(uptime));
     check_boot_time(boot);
     check_platform_time(boot);
+    check_unknown();
     timeval told = {};
     FUZZ_CHECK(cloudtunnel_timer_get_time(&told) == 0 && told.tv_sec == now);
     return 0;

@@ -76,8 +76,9 @@ int read_frames(const fuzz::Link &link, std::vector<Frame> *frames) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    const fuzz::Run run(kMemoryMost);
+    fuzz::Run run(kMemoryMost);
     fuzz::Input in(data, size);
+    run.log_level(in.byte());
     const fuzz::Pieces pieces(in);
     const fuzz::Link link("model", CLOUDTUNNEL_DATATYPE_WS);
     const std::string_view bytes = in.rest();
