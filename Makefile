@@ -3,7 +3,8 @@
 # No target is a file.
 .PHONY: $(shell awk -F: '/^[a-z][a-z-]*:/ { print $$1 }' Makefile)
 
-BUILD_PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev
+BUILD_PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev \
+	python3-kconfiglib
 LINT_PACKAGES := clang clang-format clang-tidy cppcheck
 COVERAGE_PACKAGES := gcovr
 DEVICE_PACKAGES := clang lld llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make python3

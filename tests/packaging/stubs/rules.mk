@@ -1,0 +1,6 @@
+# Stands in for OpenWrt's rules: where things are, and how files are put.
+INCLUDE_DIR := $(TOPDIR)/include
+BUILD_DIR := $(WORK)/build
+INSTALL_DIR := install -d -m0755
+INSTALL_BIN := install -m0755
+CP := cp -fpR
