@@ -36,20 +36,25 @@ wait_for() {
     fail "'$2' did not appear in $1"
 }
 
-# start_sim ARGUMENT...: arguments that begin with a dash are options, each other one is a step.
+# start_sim ARGUMENT...: arguments that begin with a dash are options, each other one is a step. `type_step` adds a step
+# later, where --stay is among the options.
 start_sim() {
     local arguments=() argument
     for argument in "$@"; do
         [[ $argument == -* ]] || arguments+=(--do)
         arguments+=("$argument")
     done
-    "$sim" --seconds 60 "${arguments[@]}" </dev/null >"$work/sim" 2>"$work/sim.errors" 9>&- &
+    [ -p "$work/.typed" ] || mkfifo "$work/.typed"
+    exec 8<>"$work/.typed"
+    "$sim" --seconds 60 "${arguments[@]}" <"$work/.typed" >"$work/sim" 2>"$work/sim.errors" 8>&- 9>&- &
     sim_pid=$!
     wait_for sim 'daemon .* listening on '
 }
 
+type_step() { echo "$1" >&8; }
+
 start_program() {
-    "$@" </dev/null >"$work/program" 2>"$work/program.errors" 9>&- &
+    "$@" </dev/null >"$work/program" 2>"$work/program.errors" 8>&- 9>&- &
     program_pid=$!
 }
 
@@ -71,14 +76,29 @@ stop_program() {
     program_ends 0
 }
 
-# module_told TEXT...: each text stands in the module's timeline behind the one before it.
-module_told() {
+# missing TEXT...: each text stands in the module's timeline behind the one before it; else prints the first that does not.
+missing() {
     local line=0 found text
     for text in "$@"; do
-        found=$(tail -n +$((line + 1)) "$work/program" | grep -n -m 1 -e "$text") ||
-            fail "'$text' is missing in the timeline, or not in its place"
+        found=$(tail -n +$((line + 1)) "$work/program" | grep -n -m 1 -e "$text") || {
+            echo "$text"
+            return
+        }
         line=$((line + ${found%%:*}))
     done
+}
+module_told() {
+    local text
+    text=$(missing "$@")
+    [ -z "$text" ] || fail "'$text' is missing in the timeline, or not in its place"
+}
+# module_tells TEXT...: the same, once it is so, ten seconds at most.
+module_tells() {
+    for _ in $(seq 200); do
+        [ -n "$(missing "$@")" ] || return
+        sleep 0.05
+    done
+    module_told "$@"
 }
 
 exchanges() {
@@ -115,13 +135,20 @@ burst() {
 }
 
 refused_then_accepted() {
-    start_sim --ret-code=5 wait-module 'sleep 400' 'set ret-code 0' 'set upgrade wrong-accept' 'sleep 1500' \
-        'set upgrade accept' wait-tunnel 'request hello'
+    local refusals=('set-up failed: .*error ret code 5' 'next start in' 'set-up failed: .*Rcv acception error' 'next start in')
+    start_sim --ret-code=5 --stay
     start_module
+    module_tells "${refusals[@]:0:2}"
+    type_step 'set upgrade wrong-accept'
+    type_step 'set ret-code 0'
+    module_tells "${refusals[@]}"
+    type_step 'set upgrade accept'
+    type_step wait-tunnel
+    type_step 'request hello'
+    type_step quit
     sim_ends
     stop_program
-    module_told 'set-up failed: .*error ret code 5' 'next start in' 'set-up failed: .*Rcv acception error' \
-        'next start in' 'hand-over' 'answer 1 sent'
+    module_told "${refusals[@]}" 'hand-over' 'answer 1 sent'
 }
 
 lost() {
@@ -186,12 +213,15 @@ end_by_signal() {
 
 # The daemon's data come while the tunnel is open, and while it is being set up.
 same_data_again() {
-    start_sim wait-tunnel 'tunnel desk' 'request hello' 'set opt1 silence' 'close' wait-close 'sleep 1800' 'tunnel desk' \
-        'sleep 200' 'status'
+    local story=('hand-over' 'the tunnel stands' 'answer 1 sent' 'OPT1: registration sent' 'the tunnel stands')
+    start_sim --stay wait-tunnel 'tunnel desk' 'request hello' 'set opt1 silence' 'close' wait-close
     start_module
+    module_tells "${story[@]:0:4}"
+    type_step 'tunnel desk'
+    module_tells "${story[@]}"
+    type_step quit
     sim_ends
     stop_program
-    module_told 'hand-over' 'the tunnel stands' 'answer 1 sent' 'OPT1: registration sent' 'the tunnel stands'
 }
 
 closed_by_daemon() {
