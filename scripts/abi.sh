@@ -1,7 +1,7 @@
 #!/bin/sh
 # Compares the library with the description of its interface that is kept in abi/, or with --update writes it anew. The
-# description is of one configuration, the preset 'abi' on x86-64: other processors lay out mutexes and epoll events
-# their own way.
+# description is of one configuration, the preset 'abi' on x86-64 with Debian 12's compiler and C library: others lay out
+# mutexes and epoll events their own way, or name the types behind them differently.
 set -eu
 cd "$(dirname "$0")/.."
 kept=abi/libcloudtunnel.so.1.abi
