@@ -186,6 +186,17 @@ WRAP(int, fputs, (const char *text, FILE *file), (text, file))
 WRAP(int, setvbuf, (FILE * file, char *buffer, int mode, size_t size), (file, buffer, mode, size))
 WRAP(int, remove, (const char *path), (path))
 WRAP(int, vsnprintf, (char *text, size_t size, const char *format, va_list args), (text, size, format, args))
+#ifdef __GLIBC__
+// What glibc's checked calls make of it in an optimised build: the same point.
+extern "C" int __real___vsnprintf_chk(char *text, size_t size, int flag, size_t room, const char *format, va_list args);
+extern "C" int __wrap___vsnprintf_chk(char *text, size_t size, int flag, size_t room, const char *format, va_list args);
+extern "C" int __wrap___vsnprintf_chk(char *text, size_t size, int flag, size_t room, const char *format,
+                                      va_list args) {
+    const support::WrapPoint::Verdict verdict = at_vsnprintf.enter();
+    return verdict.fails ? static_cast<int>(verdict.result)
+                         : __real___vsnprintf_chk(text, size, flag, room, format, args);
+}
+#endif
 
 POINT(ioctl)
 extern "C" int __real_ioctl(int fd, unsigned long request, ...);
