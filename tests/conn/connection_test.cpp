@@ -129,6 +129,18 @@ TEST_F(ConnectionTest, a_second_connection_of_a_model_or_a_socket_is_refused) {
     EXPECT_EQ(count(), 1U);
 }
 
+TEST_F(ConnectionTest, names_that_are_cut_alike_are_one_model) {
+    const std::string cut(32, 'n');
+    ASSERT_NE(add(kFar, cut + "!"), nullptr);
+    log.clear();
+    for (const std::string &name : {cut + "!", cut + "?", cut}) {
+        EXPECT_EQ(add(kFar + 1, name), nullptr);
+        EXPECT_TRUE(log.said(kError, "Connect node of model [" + name + "] is exist."));
+    }
+    EXPECT_EQ(count(), 1U);
+    EXPECT_EQ(CLOUDMGR_socket_getSockByModelName(cut.c_str()), kFar);
+}
+
 TEST_F(ConnectionTest, without_memory_there_is_no_connection) {
     const support::FailAlloc fail(0);
     EXPECT_EQ(add(kFar), nullptr);

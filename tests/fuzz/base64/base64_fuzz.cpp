@@ -1,5 +1,6 @@
 // Base64 and the handshake's proof: bytes encode as RFC 4648 says and come back; a text of any bytes and any size is
 // decoded within that size; a proof is accepted exactly when it is the one of RFC 6455, section 4.2.2.
+#include <algorithm>
 #include <memory>
 
 #include <openssl/evp.h>
@@ -61,13 +62,21 @@ void check_decoding(std::string_view text) {
 }
 
 void check_proof(const std::string &key, const std::string &claimed) {
-    FUZZ_CHECK(key_accepts(key.c_str(), proof(key).c_str()));
-    FUZZ_CHECK(key_accepts(key.c_str(), claimed.c_str()) == (claimed == proof(key)));
+    const std::string right = proof(key);
+    FUZZ_CHECK(key_accepts(key.c_str(), right.c_str()));
+    for (size_t at = 0; at <= right.size(); ++at) {
+        std::string wrong = right.substr(0, at);
+        if (at < right.size()) FUZZ_CHECK(!key_accepts(key.c_str(), wrong.c_str()));
+        wrong += 'a';
+        wrong += right.substr(std::min(at + 1, right.size()));
+        FUZZ_CHECK(key_accepts(key.c_str(), wrong.c_str()) == (wrong == right));
+    }
+    FUZZ_CHECK(key_accepts(key.c_str(), claimed.c_str()) == (claimed == right));
     cloudmgr_ws_owner owner = {};
     owner.ws = CLOUDMGR_ws_create();
     CLOUDMGR_ws_SetPara(&owner, 2, key.c_str(), 0);
     KYRCLOUD_ws_SetAccept(&owner, claimed.c_str());
-    FUZZ_CHECK((CLOUDMGR_ws_checkKey(&owner) == 0) == (claimed == proof(key)));
+    FUZZ_CHECK((CLOUDMGR_ws_checkKey(&owner) == 0) == (claimed == right));
     FUZZ_CHECK(std::string(CLOUDMGR_ws_CreateKey(&owner)).size() == 24);
     CLOUDMGR_ws_destory(owner.ws);
 }
