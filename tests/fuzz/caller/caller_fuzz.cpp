@@ -3,6 +3,9 @@
 // unlinked twice, an argument freed twice) and what keeps memory or descriptors on purpose (an init over tables in use,
 // a registered module, an argument given to a timer id that the caller picks).
 //
+// A call takes no two of its arguments from the input itself: in which order they are taken would be the compiler's
+// choice, and a kept input would mean something else to the next one.
+//
 // Whatever the order: a connection's failure is told at most once for each attempt, every count is the length of its
 // list, and when all is released no memory and no descriptor is left.
 #include <algorithm>
@@ -165,9 +168,12 @@ void Caller::timers() {
             if (id > 0) timers_.push_back(static_cast<uint32_t>(id));
             break;
         }
-        case 1:
-            cloudtunnel_timer_add(in_.byte() % 100, in_.byte() & 1, in_.number(2), nullptr, on_timer);
+        case 1: {
+            const int id = in_.byte() % 100;
+            const uint32_t periodic = in_.byte() & 1;
+            cloudtunnel_timer_add(id, periodic, in_.number(2), nullptr, on_timer);
             break;
+        }
         case 2:
             FUZZ_CHECK(cloudtunnel_timer_del(timer()) == 0);
             break;
@@ -229,10 +235,13 @@ void Caller::models() {
     const char *model = name();
     switch (in_.byte() % 8) {
         case 0:
-        case 1:
-            CLOUDMGR_socket_urllist_set(model, text(kHosts), in_.byte() & 1 ? "/path" : nullptr, in_.byte() % 3,
-                                        in_.byte() & 1 ? 80 : platform().port());
+        case 1: {
+            const char *host = text(kHosts);
+            const char *path = in_.byte() & 1 ? "/path" : nullptr;
+            const uint32_t data_type = in_.byte() % 3;
+            CLOUDMGR_socket_urllist_set(model, host, path, data_type, in_.byte() & 1 ? 80 : platform().port());
             break;
+        }
         case 2:
             CLOUDMGR_socket_urllist_del(model);
             FUZZ_CHECK(CLOUDMGR_socket_getHostByModelname(model) == nullptr);
@@ -319,15 +328,18 @@ void Caller::connections() {
         case 9: {
             epoll_event event = {};
             event.events = in_.byte() & (EPOLLIN | EPOLLOUT | EPOLLERR | EPOLLHUP);
-            CLOUDMGR_socket_connectProc(in_.byte() & 1 ? &event : nullptr, sock());
+            const epoll_event *given = in_.byte() & 1 ? &event : nullptr;
+            CLOUDMGR_socket_connectProc(given, sock());
             break;
         }
         case 10:
             CLOUDMGR_socket_normal_connect(sock());
             break;
-        case 11:
-            CLOUDMGR_socket_connect_modify(sock(), in_.byte() & 1 ? on_data : nullptr, on_failure);
+        case 11: {
+            const int fd = sock();
+            CLOUDMGR_socket_connect_modify(fd, in_.byte() & 1 ? on_data : nullptr, on_failure);
             break;
+        }
         case 12:
             CLOUDMGR_ssl_connect(sock());
             break;
@@ -348,7 +360,8 @@ void Caller::connections() {
 
 void Caller::frames(cloudmgr_ws_msg *msg) {
     const int fd = sock();
-    switch (in_.byte() % 9) {
+    const int choice = in_.byte() % 9;
+    switch (choice) {
         case 0:
             CLOUDMGR_ws_send(fd, msg, in_.byte() % 4);
             break;
@@ -359,11 +372,12 @@ void Caller::frames(cloudmgr_ws_msg *msg) {
             CLOUDMGR_ws_sendlarge_byFrag(fd, msg, 2, 1);
             break;
         case 3:
-            kyrcloud_ws_send_oneFrag(fd, msg, in_.byte() % 5, static_cast<int>(in_.byte()) - 2, 1, 0);
+        case 4: {
+            auto *const send = choice == 3 ? kyrcloud_ws_send_oneFrag : kyrcloud_ws_sendlarge_oneFrag;
+            const int position = in_.byte() % 5;
+            send(fd, msg, position, static_cast<int>(in_.byte()) - 2, 1, 0);
             break;
-        case 4:
-            kyrcloud_ws_sendlarge_oneFrag(fd, msg, in_.byte() % 5, static_cast<int>(in_.byte()) - 2, 1, 0);
-            break;
+        }
         case 5: {
             const auto status = static_cast<uint16_t>(in_.number(2));
             const Bytes reason = bytes();
@@ -468,7 +482,8 @@ void Caller::requests() {
     if (in_.byte() & 1) {
         cloudtunnel_http_send(sock(), req);
     } else {
-        cloudtunnel_http_send_configMaxCount(sock(), req, in_.byte() % 4);
+        const int fd = sock();
+        cloudtunnel_http_send_configMaxCount(fd, req, in_.byte() % 4);
     }
     free(req->user_agent);
     req->user_agent = nullptr;
@@ -533,7 +548,8 @@ void Caller::device() {
         }
         case 2: {
             json_object *object = json_object_new_object();
-            cloudmgr_v3_basic_add(object, name(), name());
+            const char *cloud_model = name();
+            cloudmgr_v3_basic_add(object, cloud_model, name());
             json_object_put(object);
             break;
         }
