@@ -35,6 +35,8 @@ constexpr int kAtMost = 100;  // all that any scenario makes, but for the alloca
 constexpr int kAtMostShort = 1;
 constexpr int kAtMostWhenAlike = 8;  // in a scenario of many tunnels that are all alike
 
+constexpr size_t kProgressEvery = 1000;
+
 struct Options {
     const Scenario *scenario = nullptr;
     const Failure *failure = nullptr;
@@ -163,7 +165,11 @@ int run_all(const Options &options, const std::string &program) {
         const std::vector<Run> more = reruns(*run.scenario, result.counts, options.at_most);
         tortured.insert(tortured.end(), more.begin(), more.end());
     });
-    pool.run(tortured, [&](const Run &run, const Result &result) { report.note(run, result); });
+    size_t done = 0;
+    pool.run(tortured, [&](const Run &run, const Result &result) {
+        report.note(run, result);
+        if (++done % kProgressEvery == 0) std::fprintf(stderr, "torture: %zu of %zu runs\n", done, tortured.size());
+    });
     report.print();
     return report.good() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
