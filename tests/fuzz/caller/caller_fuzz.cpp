@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
@@ -346,7 +347,7 @@ void Caller::connections() {
         case 13: {
             const int fd = sock();
             const char *model = CLOUDMGR_socket_getModelNameBySock(fd);
-            if (model && strlen(model) < 32) {  // a name that was cut can have several connections
+            if (model && std::strlen(model) < 32) {  // a name that was cut can have several connections
                 FUZZ_CHECK(CLOUDMGR_socket_getSockByModelName(model) == fd);
                 FUZZ_CHECK(CLOUDMGR_socket_getCnctByModelName(model) == CLOUDMGR_socket_getCnctBySock(fd));
             }
