@@ -34,7 +34,6 @@ constexpr std::array kNames = {"base", "a", "thirty-one characters, no more..", 
                                ""};
 constexpr std::array kHosts = {"127.0.0.1", "cloud.example", "nowhere.example", "::1", " 127.0.0.1 ", ""};
 constexpr std::array kPorts = {"80", "443", "0", "65536", "-1", "x", ""};
-constexpr char kLogFile[] = "caller_fuzz.log";  // in the working directory, removed by the call that made it
 
 // A name as the tables store it: failures are told with the name as it was given, or with this one.
 std::string stored(const char *model) { return std::string(model).substr(0, 32); }
@@ -45,6 +44,12 @@ Caller *g_caller = nullptr;
 support::Listener &platform() {
     static support::Listener listener;  // outlives the runs
     return listener;
+}
+
+// A log file of this process, removed by the call that makes it.
+const std::string &log_file() {
+    static const std::string path = "/tmp/caller_fuzz." + std::to_string(getpid());
+    return path;
 }
 
 // What is handed in, in a block of its own size: what is read beyond it is seen.
@@ -579,9 +584,9 @@ void Caller::logs() {
             break;
         }
         case 2:
-            CLOUDMGR_debug_open_file(kLogFile);
+            CLOUDMGR_debug_open_file(log_file().c_str());
             CLOUDMGR_debug_Removefile();
-            FUZZ_CHECK(g_CloudTunnelLogFile == nullptr && access(kLogFile, F_OK) != 0);
+            FUZZ_CHECK(g_CloudTunnelLogFile == nullptr && access(log_file().c_str(), F_OK) != 0);
             CLOUDMGR_debug_CloseFile();
             CLOUDMGR_debug_open_file("/dev/null");
             break;
