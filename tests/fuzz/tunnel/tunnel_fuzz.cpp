@@ -21,7 +21,8 @@ namespace {
 using support::Server;
 using support::Wire;
 
-constexpr int kRoundsAtMost = 24;  // a tunnel comes up in fewer
+constexpr int kRoundsAtMost = 24;                 // a tunnel comes up in fewer
+constexpr size_t kLargeMost = size_t{512} << 10;  // bytes in all large frames of a run
 constexpr size_t kTunnels = 2;
 constexpr std::array<const char *, kTunnels> kModels = {"base", "other"};
 constexpr char kGoodAnswer[] = R"({"optType":1,"retCode":0})";
@@ -114,6 +115,7 @@ class Life {
     fuzz::Input &in_;
     std::array<Tunnel, kTunnels> tunnels_;
     std::optional<support::Fault> drip_;  // the library's reads
+    size_t left_ = kLargeMost;
     Deed deed_ = Deed::nothing;
     int result_ = 0;
     bool deep_ = false;  // a deed is being done
@@ -357,9 +359,12 @@ void Life::step(fuzz::Run &run) {
             send_frame(tunnel, opcode & 15, body, opcode & 16 ? "\x01\x80\x7f\xff" : "");
             break;
         }
-        case kLargeFrame:
-            send_frame(tunnel, support::kBinary, std::string(size_t{in_.byte()} * 300, 'l'), "");
+        case kLargeFrame: {
+            const size_t size = std::min(size_t{in_.byte()} * 300, left_);
+            left_ -= size;
+            send_frame(tunnel, support::kBinary, std::string(size, 'l'), "");
             break;
+        }
         case kManyFrames:
             for (int i = in_.byte() % 16; i >= 0; --i)
                 send_frame(tunnel, i, std::string(static_cast<size_t>(i), 'm'), "");
