@@ -33,7 +33,7 @@ using torture::Scenario;
 // How many calls of one kind fail in one scenario; where there are more they are taken at even distances.
 constexpr int kAtMost = 100;  // all that any scenario makes, but for the allocations in a TLS handshake
 constexpr int kAtMostShort = 1;
-constexpr int kAtMostWhenAlike = 8;  // in a scenario of many tunnels that are all alike
+constexpr int kAtMostWhenAlike = 3;  // in a scenario of many tunnels that are all alike
 
 constexpr size_t kProgressEvery = 1000;
 
