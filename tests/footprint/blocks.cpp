@@ -45,7 +45,9 @@ Block *find(const void *address, const void *stop) {
     return nullptr;
 }
 
-bool named(const char *path, std::string_view name) { return std::string_view(path).find(name) != std::string_view::npos; }
+bool named(const char *path, std::string_view name) {
+    return std::string_view(path).find(name) != std::string_view::npos;
+}
 
 void given(void *block, size_t size, const void *caller) {
     Dl_info where = {};
