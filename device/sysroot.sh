@@ -56,7 +56,7 @@ c_library() {
     cp -a "$raw/usr/include/aarch64-linux-musl/." "$S/usr/include/"
     for kernel in linux asm asm-generic; do cp -a "$raw/usr/aarch64-linux-gnu/include/$kernel" "$S/usr/include/"; done
     cp -a "$raw"/usr/lib/aarch64-linux-musl/*.[oa] "$S/usr/lib/"
-    cp -L "$raw/lib/ld-musl-aarch64.so.1" "$S/usr/lib/libc.so" || cp "$raw"/usr/lib/aarch64-linux-musl/libc.so "$S/usr/lib/"
+    cp "$raw/lib/aarch64-linux-musl/libc.so" "$S/usr/lib/"
     ln -sf ../usr/lib/libc.so "$S/lib/ld-musl-aarch64.so.1"
     cp "$raw"/usr/lib/gcc-cross/aarch64-linux-gnu/12/crt*.o "$raw"/usr/lib/gcc-cross/aarch64-linux-gnu/12/libgcc*.a "$S/usr/lib/"
     # The compiler asks for the shared one; there is none here.
@@ -93,8 +93,10 @@ json_c() {
 cxx_library() {
     unpack_source llvm-toolchain-14 "$work/source/llvm" '*/runtimes/*' '*/libcxx/*' '*/libcxxabi/*' '*/libunwind/*' '*/cmake/*'
     cmake_install "$work/source/llvm/runtimes" '-DLLVM_ENABLE_RUNTIMES=libunwind;libcxxabi;libcxx' \
-        -DCMAKE_CXX_COMPILER_WORKS=ON -DLIBCXX_HAS_MUSL_LIBC=ON -DLIBCXX_ENABLE_SHARED=OFF \
-        -DLIBCXXABI_ENABLE_SHARED=OFF -DLIBUNWIND_ENABLE_SHARED=OFF -DLIBCXX_INCLUDE_BENCHMARKS=OFF -DLIBCXX_INCLUDE_TESTS=OFF -DLIBCXXABI_INCLUDE_TESTS=OFF -DLIBUNWIND_INCLUDE_TESTS=OFF -DLLVM_INCLUDE_TESTS=OFF \
+        -DCMAKE_CXX_COMPILER_WORKS=ON -DLIBCXX_HAS_MUSL_LIBC=ON \
+        -DLIBCXX_ENABLE_SHARED=OFF -DLIBCXXABI_ENABLE_SHARED=OFF -DLIBUNWIND_ENABLE_SHARED=OFF \
+        -DLLVM_INCLUDE_TESTS=OFF -DLIBCXX_INCLUDE_TESTS=OFF -DLIBCXXABI_INCLUDE_TESTS=OFF -DLIBUNWIND_INCLUDE_TESTS=OFF \
+        -DLIBCXX_INCLUDE_BENCHMARKS=OFF \
         -DLIBCXX_CXX_ABI=libcxxabi -DLIBCXXABI_USE_LLVM_UNWINDER=ON -DLIBCXX_ENABLE_STATIC_ABI_LIBRARY=ON
     rm -rf "$work/source/llvm"
     # Debian's libgcc_eh unwinds by a glibc call; C++ programs get LLVM's unwinder.
