@@ -36,7 +36,7 @@ files() {
 # with_prefix PREFIX LIBDIR: pkg-config and the dynamic linker look into the prefix.
 with_prefix() {
     PKG_CONFIG_PATH=$1/$2/pkgconfig
-    LD_LIBRARY_PATH=$1/$2
+    LD_LIBRARY_PATH=$1/$2${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
     export PKG_CONFIG_PATH LD_LIBRARY_PATH
 }
 
