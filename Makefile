@@ -3,17 +3,17 @@
 # No target is a file.
 .PHONY: $(shell awk -F: '/^[a-z][a-z-]*:/ { print $$1 }' Makefile)
 
-BUILD_PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev \
+PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev \
 	python3-kconfiglib
-LINT_PACKAGES := clang clang-format clang-tidy cppcheck
-COVERAGE_PACKAGES := gcovr
-DEVICE_PACKAGES := clang lld llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make python3
-VALGRIND_PACKAGES := valgrind
-ABI_PACKAGES := abigail-tools
-DOCS_PACKAGES := doxygen
-PACKAGE_PACKAGES := scdoc dpkg-dev file lintian
-PACKAGE_TEST_PACKAGES := debootstrap
-FUZZ_PACKAGES := clang libclang-rt-dev llvm
+PACKAGES_lint := clang clang-format clang-tidy cppcheck
+PACKAGES_coverage := gcovr
+PACKAGES_device := clang lld llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make python3
+PACKAGES_valgrind := valgrind
+PACKAGES_abi := abigail-tools
+PACKAGES_docs := doxygen
+PACKAGES_package := scdoc dpkg-dev file lintian
+PACKAGES_package-test := debootstrap
+PACKAGES_fuzz := clang libclang-rt-dev llvm
 
 # How long each fuzz target runs.
 SECONDS ?= 20
@@ -134,31 +134,7 @@ clean: ## Remove everything that was built
 	rm -rf build
 
 packages:
-	@scripts/install-packages.sh $(BUILD_PACKAGES)
+	@scripts/install-packages.sh $(PACKAGES)
 
-packages-lint:
-	@scripts/install-packages.sh $(LINT_PACKAGES)
-
-packages-device:
-	@scripts/install-packages.sh $(DEVICE_PACKAGES)
-
-packages-valgrind:
-	@scripts/install-packages.sh $(VALGRIND_PACKAGES)
-
-packages-coverage:
-	@scripts/install-packages.sh $(COVERAGE_PACKAGES)
-
-packages-abi:
-	@scripts/install-packages.sh $(ABI_PACKAGES)
-
-packages-fuzz:
-	@scripts/install-packages.sh $(FUZZ_PACKAGES)
-
-packages-docs:
-	@scripts/install-packages.sh $(DOCS_PACKAGES)
-
-packages-package:
-	@scripts/install-packages.sh $(PACKAGE_PACKAGES)
-
-packages-package-test:
-	@scripts/install-packages.sh $(PACKAGE_TEST_PACKAGES)
+packages-%:
+	@scripts/install-packages.sh $(or $(PACKAGES_$*),$(error no PACKAGES_$* in the Makefile))
