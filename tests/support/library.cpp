@@ -55,6 +55,16 @@ void release_library() {
     free_modules();
 }
 
+int send_message(int sock, const std::string &body, int opcode) {
+    cloudmgr_ws_msg *const msg = CLOUDMGR_ws_msg_create();
+    CLOUDMGR_ws_setoptcode(msg, static_cast<uint8_t>(opcode));
+    CLOUDMGR_ws_setmask(msg, CLOUDMGR_ws_getMask());
+    CLOUDMGR_ws_setbody(msg, body.data(), static_cast<int32_t>(body.size()));
+    const int result = CLOUDMGR_ws_send(sock, msg, 100);
+    CLOUDMGR_ws_msg_destory(msg);
+    return result;
+}
+
 void reset_settings() {
     for (auto *const set_port : {CLOUDMGR_socket_setLinkPortV2, CLOUDMGR_socket_setLinkPortV3,
                                  CLOUDMGR_socket_setUserConfigPort, CLOUDMGR_socket_setLinkPortCas}) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "tests/support/library.h"
 #include "tests/torture/third_party.h"
 
 namespace torture {
@@ -138,23 +139,13 @@ size_t Stage::await(const Lines &lines) {
     return up;
 }
 
-int Stage::send(int sock, const std::string &body, int opcode) {
-    cloudmgr_ws_msg *const msg = CLOUDMGR_ws_msg_create();
-    CLOUDMGR_ws_setoptcode(msg, static_cast<uint8_t>(opcode));
-    CLOUDMGR_ws_setmask(msg, CLOUDMGR_ws_getMask());
-    CLOUDMGR_ws_setbody(msg, body.data(), static_cast<int32_t>(body.size()));
-    const int result = CLOUDMGR_ws_send(sock, msg, 100);
-    CLOUDMGR_ws_msg_destory(msg);
-    return result;
-}
-
 bool Stage::exchange(Line &line) {
     const size_t before = callbacks.frames.size();
     line.server->send(support::frame(support::kText, "to the module"));
     EXPECT_TRUE(wait_for({&line}, [&] { return callbacks.frames.size() > before || lost(line); }))
         << "neither the frame nor a word of the connection's end";
     if (lost(line)) return false;
-    send(line.sock, "to the platform");
+    support::send_message(line.sock, "to the platform");
     pump({&line}, [&] { return !line.server->inbox().empty(); });
     return !lost(line);
 }

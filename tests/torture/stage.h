@@ -92,7 +92,6 @@ class Stage : public TunnelSteps<support::LibraryTest> {
     bool lost(const Line &line) const { return handed_over(line) > 0 && failures(line) > 0; }
     // A frame each way. False: the tunnel is lost.
     bool exchange(Line &line);
-    static int send(int sock, const std::string &body, int opcode = support::kText);
     // The module closes its connection: the platform sees the end, and nobody is told.
     void hang_up(Line &line);
 

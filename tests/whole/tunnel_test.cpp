@@ -1,3 +1,4 @@
+#include "tests/support/library.h"
 #include "tests/whole/module_process.h"
 
 namespace {
@@ -6,15 +7,6 @@ using support::frame;
 
 class TunnelTest : public ModuleProcess {
   protected:
-    static int send(int sock, const std::string &body, int opcode = support::kText) {
-        cloudmgr_ws_msg *const msg = CLOUDMGR_ws_msg_create();
-        CLOUDMGR_ws_setoptcode(msg, static_cast<uint8_t>(opcode));
-        CLOUDMGR_ws_setmask(msg, CLOUDMGR_ws_getMask());
-        CLOUDMGR_ws_setbody(msg, body.data(), static_cast<int32_t>(body.size()));
-        const int result = CLOUDMGR_ws_send(sock, msg, 100);
-        CLOUDMGR_ws_msg_destory(msg);
-        return result;
-    }
     static std::string received(Tunnel &tunnel, size_t wire_bytes) {
         std::string bytes = tunnel.server->take(wire_bytes);
         const auto taken = support::take_frame(bytes);
@@ -40,10 +32,10 @@ TEST_F(TunnelTest, from_the_daemons_word_to_the_last_frame) {
         accept(tunnel);
         expect_open(tunnel);
 
-        EXPECT_EQ(send(tunnel.sock, "an answer"), 0);
+        EXPECT_EQ(support::send_message(tunnel.sock, "an answer"), 0);
         EXPECT_EQ(received(tunnel, 6 + 9), "an answer");
         const std::string large(70000, 'L');
-        EXPECT_EQ(send(tunnel.sock, large, support::kBinary), 0);
+        EXPECT_EQ(support::send_message(tunnel.sock, large, support::kBinary), 0);
         EXPECT_EQ(received(tunnel, 14 + large.size()), large);
         tunnel.server->send(frame(support::kBinary, large));
         EXPECT_TRUE(run_until([&] { return callbacks.frames.size() == 2; }, *tunnel.server));
@@ -162,7 +154,7 @@ TEST_F(TunnelTest, fini_ends_set_ups_without_a_word_and_leaves_open_connections)
     EXPECT_EQ(wscnctlist.count, 0U);
     EXPECT_EQ(g_iCloudClientConnFd, -1);
     EXPECT_TRUE(descriptor_open(opened.sock));
-    EXPECT_EQ(send(opened.sock, "still there"), 0);
+    EXPECT_EQ(support::send_message(opened.sock, "still there"), 0);
     EXPECT_EQ(received(opened, 6 + 11), "still there");
     CLOUDTUNNEL_LIB_Fini();
     CLOUDTUNNEL_TIMER_Proc();
