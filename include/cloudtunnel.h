@@ -478,7 +478,7 @@ typedef struct cloudtunnel_connect_node {
     cloudtunnel_connected_fn *connectedCallback; /* told when the connection is up */
     cloudtunnel_failure_fn *failureCallback;     /* told when it failed, or ended by a failure */
     cloudtunnel_data_fn *dataCallback;           /* gets each message */
-    char modelName[33];                          /* cut to 32 characters; unique in the table, as the socket is */
+    char modelName[33];                          /* cut to 32 characters; a name that was not cut is unique */
     int32_t sock;                                /* owned, unless `unclose` says otherwise */
     int32_t unclose;                             /* non-zero: closing the connection leaves the descriptor open */
     uint8_t *buf;                                /* owned: bytes received and not consumed yet, or null */
