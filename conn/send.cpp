@@ -45,7 +45,7 @@ class TextView {
 };
 
 int send_plain(const Outgoing &out) {
-    if (log_printer(LogLevel::package)) {
+    if (log_wanted(LogLevel::package)) {
         const TextView text(out.data, static_cast<size_t>(out.len));
         LOG(package, "normal port send content:\n%s", text.get());
     }
@@ -117,7 +117,7 @@ int CLOUDMGR_socket_sendData(int sock, const uint8_t *data, int len, int retryCo
     if (port_of(sock) == kPlainPort) {
         result = send_plain(out);
     } else {
-        if (log_printer(LogLevel::package)) {
+        if (log_wanted(LogLevel::package)) {
             const TextView text(data, static_cast<size_t>(len));
             LOG(package, "ssl port send content:\n%s", text.get());
         }

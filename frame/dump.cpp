@@ -63,7 +63,7 @@ void print_packet_text(char *line, const uint8_t *data, size_t len) {
 }  // namespace
 
 void printHex(const uint8_t *data, uint32_t len) {
-    if (!log_printer(LogLevel::init) || (!data && len)) return;
+    if (!log_wanted(LogLevel::init) || (!data && len)) return;
     size_t size = 0;
     if (__builtin_mul_overflow(static_cast<size_t>(len), 3U, &size) || __builtin_add_overflow(size, 64U, &size)) return;
     const Owned<char> text(static_cast<char *>(os_alloc(size)));

@@ -1,20 +1,27 @@
-// The logging convention: one line, its level by name, both tests made before any argument is worked out:
-// LOG(error, "[Model %s]Create socket failed.", model). The formats are what users match on: change none.
+// The logging convention: one line, its level by name: LOG(error, "[Model %s]Create socket failed.", model). The
+// formats are what users match on: change none.
 #pragma once
 
 #include <cloudtunnel.h>
 
 enum class LogLevel : int32_t { init = 1, error, event, fsm, connect, package, package_detail, timer, timer_detail };
 
-// log_printer returns the callback that takes a message of this level now, or null. A call, not inlined: at two hundred
-// places the two tests would make a tenth of the library.
-CLOUDTUNNEL_PRINT_FN *log_printer(LogLevel level);
+// log_wanted tells whether a message of this level is printed now: for what is worked out only to be logged.
+bool log_wanted(LogLevel level);
 
-#define LOG(level, ...)                                                                                \
-    do {                                                                                               \
-        if (CLOUDTUNNEL_PRINT_FN *const print CLOUDTUNNEL_PRINTF(2, 3) = log_printer(LogLevel::level)) \
-            print(static_cast<uint32_t>(LogLevel::level), __VA_ARGS__);                                \
-    } while (0)
+// log_print makes both tests and prints. It is called, not inlined, and hands its arguments on in the registers they
+// came in: at two hundred places the tests would make a tenth of the library.
+template <typename... Args>
+[[gnu::noinline]] void log_print(LogLevel level, const char *format, Args... args) {
+    if (cloudmgr_debug_level < static_cast<int32_t>(level)) return;
+    if (CLOUDTUNNEL_PRINT_FN *const print = g_stLibInitData.pfnPrint)
+        print(static_cast<uint32_t>(level), format, args...);
+}
+
+// log_format is never called: the compiler compares format and arguments.
+void log_format(const char *format, ...) CLOUDTUNNEL_PRINTF(1, 2);
+
+#define LOG(level, ...) ((void)sizeof((log_format(__VA_ARGS__), 0)), log_print(LogLevel::level, __VA_ARGS__))
 
 // printable stands in for a text that may be missing.
 inline const char *printable(const char *text) { return text ? text : "(null)"; }

@@ -76,7 +76,7 @@ void parse_content_length(Text line, cloudtunnel_http_resp *resp) {
 void parse_transfer_encoding(Text line, cloudtunnel_http_resp *resp) {
     Text value = {};
     if (resp->chunked || !value_of(line, "Transfer-Encoding: ", &value)) return;
-    if (log_printer(LogLevel::package)) {
+    if (log_wanted(LogLevel::package)) {
         const Owned<char> shown(os_strndup(value.at, value.len));
         LOG(package, "Rcv Transfer-Encoding: %s.", shown ? shown.get() : "");
     }

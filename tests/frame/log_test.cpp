@@ -24,13 +24,20 @@ TEST_F(LogTest, a_message_passes_when_its_level_does) {
     }
 }
 
-TEST_F(LogTest, arguments_of_a_message_that_does_not_pass_are_not_worked_out) {
-    int worked_out = 0;
-    cloudmgr_debug_level = 2;
-    LOG(event, "%d", ++worked_out);
-    EXPECT_EQ(worked_out, 0);
-    LOG(error, "%d", ++worked_out);
-    EXPECT_EQ(worked_out, 1);
+TEST_F(LogTest, a_message_is_wanted_where_it_would_be_printed) {
+    for (int level = -1; level <= 10; level++) {
+        cloudmgr_debug_level = level;
+        EXPECT_EQ(log_wanted(LogLevel::init), level >= 1);
+        EXPECT_EQ(log_wanted(LogLevel::package), level >= 6);
+    }
+    g_stLibInitData.pfnPrint = nullptr;
+    EXPECT_FALSE(log_wanted(LogLevel::init));
+}
+
+TEST_F(LogTest, more_arguments_than_registers_arrive_as_they_were_given) {
+    const uint16_t port = 65535;
+    LOG(error, "%s %d %lld %u %c %ld %zu %s %d %s", "a", -1, -2LL, 3U, '4', -5L, sizeof(int), "b", port, "c");
+    EXPECT_TRUE(log.contains("a -1 -2 3 4 -5 4 b 65535 c"));
 }
 
 TEST_F(LogTest, the_init_data_are_copied_and_a_null_callback_prints_nothing) {
