@@ -7,7 +7,7 @@ PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboo
 	python3-kconfiglib
 PACKAGES_lint := clang clang-format clang-tidy cppcheck
 PACKAGES_coverage := gcovr
-PACKAGES_device := clang lld llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make python3
+PACKAGES_device := clang lld lld-19 llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make python3
 PACKAGES_valgrind := valgrind
 PACKAGES_abi := abigail-tools
 PACKAGES_docs := doxygen

@@ -1,10 +1,10 @@
-# The library itself: one object library, linked as a shared and as a static one.
+# The library itself: one list of sources, linked as a shared and as a static library.
 find_package(OpenSSL REQUIRED)
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(JSONC REQUIRED IMPORTED_TARGET json-c)
 
-add_library(cloudtunnel_objects OBJECT
+set(sources
   platform/os.cpp
   frame/list.cpp frame/log.cpp frame/dump.cpp frame/json.cpp frame/device.cpp frame/module.cpp frame/lifecycle.cpp
   loop/clock.cpp loop/eloop.cpp loop/timer.cpp
@@ -14,30 +14,39 @@ add_library(cloudtunnel_objects OBJECT
   cloud/table.cpp cloud/setup.cpp cloud/registration.cpp
   client/link.cpp client/daemon.cpp)
 
-# OpenSSL 3 calls the SHA-1 functions deprecated; asking for the interface of 1.1 keeps both releases quiet.
-target_compile_definitions(cloudtunnel_objects PRIVATE OPENSSL_API_COMPAT=0x10100000L _GNU_SOURCE)
-target_include_directories(cloudtunnel_objects
-  PUBLIC ${PROJECT_SOURCE_DIR}/include
-  PRIVATE ${PROJECT_SOURCE_DIR})
-# No C++ run-time library on the device: no exceptions, no RTTI, no guarded statics.
-target_compile_options(cloudtunnel_objects PRIVATE
-  -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility=hidden -fvisibility-inlines-hidden)
-if(CLOUDTUNNEL_FUZZ)
-  target_compile_options(cloudtunnel_objects PRIVATE -fsanitize=fuzzer-no-link)
-endif()
-# Unwind tables would be an eighth of a library made small; a debugger takes them from the unstripped twin.
-target_compile_options(cloudtunnel_objects PRIVATE
-  $<$<CONFIG:MinSizeRel>:-fno-asynchronous-unwind-tables> $<$<CONFIG:MinSizeRel>:-fno-unwind-tables>)
-if(CLOUDTUNNEL_STACK_USAGE)
-  target_compile_options(cloudtunnel_objects PRIVATE -fstack-usage)
-endif()
-set_target_properties(cloudtunnel_objects PROPERTIES POSITION_INDEPENDENT_CODE ON)
-target_link_libraries(cloudtunnel_objects PRIVATE cloudtunnel_warnings cloudtunnel_hardening
-  OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
+function(cloudtunnel_add_objects name)
+  add_library(${name} OBJECT ${sources})
+  # OpenSSL 3 calls the SHA-1 functions deprecated; asking for the interface of 1.1 keeps both releases quiet.
+  target_compile_definitions(${name} PRIVATE OPENSSL_API_COMPAT=0x10100000L _GNU_SOURCE)
+  target_include_directories(${name}
+    PUBLIC ${PROJECT_SOURCE_DIR}/include
+    PRIVATE ${PROJECT_SOURCE_DIR})
+  # No C++ run-time library on the device: no exceptions, no RTTI, no guarded statics.
+  target_compile_options(${name} PRIVATE
+    -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility=hidden -fvisibility-inlines-hidden)
+  if(CLOUDTUNNEL_FUZZ)
+    target_compile_options(${name} PRIVATE -fsanitize=fuzzer-no-link)
+  endif()
+  if(CLOUDTUNNEL_STACK_USAGE)
+    target_compile_options(${name} PRIVATE -fstack-usage)
+  endif()
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  target_link_libraries(${name} PRIVATE cloudtunnel_warnings cloudtunnel_hardening cloudtunnel_small
+    OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
+endfunction()
 
 # `strings` on the library, or on a program it is linked into, tells which release it is.
 set_source_files_properties(frame/lifecycle.cpp PROPERTIES
   COMPILE_DEFINITIONS CLOUDTUNNEL_VERSION="${PROJECT_VERSION}")
+
+# One set of objects serves both, where the shared one is not made for an address model of its own.
+cloudtunnel_add_objects(cloudtunnel_objects)
+set(shared_objects cloudtunnel_objects)
+if(CLOUDTUNNEL_TINY_MODEL)
+  set(shared_objects cloudtunnel_tiny_objects)
+  cloudtunnel_add_objects(cloudtunnel_tiny_objects)
+  target_compile_options(cloudtunnel_tiny_objects PRIVATE -mcmodel=tiny)
+endif()
 
 add_library(cloudtunnel_static STATIC $<TARGET_OBJECTS:cloudtunnel_objects>)
 set_target_properties(cloudtunnel_static PROPERTIES OUTPUT_NAME cloudtunnel LINKER_LANGUAGE C)
@@ -46,10 +55,10 @@ target_link_libraries(cloudtunnel_static INTERFACE OpenSSL::SSL OpenSSL::Crypto 
 
 # Linked by the C compiler: a stray need for the C++ run-time library fails here (-z defs), not on the device. The
 # library's own calls stay inside it, whatever names the process that loads it defines.
-add_library(cloudtunnel SHARED $<TARGET_OBJECTS:cloudtunnel_objects>)
+add_library(cloudtunnel SHARED $<TARGET_OBJECTS:${shared_objects}>)
 set_target_properties(cloudtunnel PROPERTIES SOVERSION 1 VERSION ${PROJECT_VERSION} LINKER_LANGUAGE C)
 target_include_directories(cloudtunnel INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
-target_link_libraries(cloudtunnel PRIVATE cloudtunnel_hardening OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
+target_link_libraries(cloudtunnel PRIVATE cloudtunnel_hardening cloudtunnel_small OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
 # What the outside sees is the list in abi/, name by name. The version node has no name, so the names stay unversioned.
 file(STRINGS ${PROJECT_SOURCE_DIR}/abi/exports.txt exported_names)
 list(JOIN exported_names ";\n        " exported_names)

@@ -28,6 +28,7 @@ INDIRECT = {
         "cloudtunnel_socket_dataProc", "CLOUDMGR_socket_connectProc", "cloudtunnel_cl_procServerMsg"],
     "cloudtunnel_timer_proc": [
         "cloudtunnel_socket_connectTimeout", "cloudmgr_v3wscnct_timeout", "cloudtunnel_cl_reConnTimerProc"],
+    "CLOUDMGR_socket_connect": FAILURE,
     "CLOUDMGR_socket_connectProc": CONNECTED + FAILURE,
     "CLOUDMGR_socket_normal_connect": CONNECTED,
     "tls_handshake": CONNECTED,
@@ -64,6 +65,8 @@ def library(tree):
 def sizes(tree):
     stripped = os.path.join(tree, "libcloudtunnel.stripped.so")
     run("llvm-strip", "-o", stripped, library(tree))
+    if not re.search(r" \.(debug|eh)_frame ", run("llvm-readelf", "-SW", library(tree))):
+        raise Failure(f"{library(tree)} says nowhere how a debugger walks its stack")
     text, data, bss = run("llvm-size", stripped).splitlines()[1].split()[:3]
     return {"text": int(text), "data": int(data), "bss": int(bss), "file": os.path.getsize(stripped)}
 
@@ -75,7 +78,7 @@ def needed(tree):
 def frames(tree):
     """The bytes of stack of each function, by its name in the object file."""
     result = {}
-    for path in glob.glob(os.path.join(tree, "CMakeFiles/cloudtunnel_objects.dir/**/*.su"), recursive=True):
+    for path in glob.glob(os.path.join(tree, "CMakeFiles/cloudtunnel_*objects.dir/**/*.su"), recursive=True):
         with open(path, encoding="utf-8") as file:
             for line in file:
                 place, size, kind = line.rstrip("\n").split("\t")
@@ -200,8 +203,9 @@ again and fails where a figure has grown by more than 5 %.
 
 The library needs {", ".join(f"`{name}`" for name in entries)}.
 
-**Sizes** are those of the stripped shared library, with the hardening of [security.md](security.md). At `-Os` it has no
-unwind tables: a debugger takes them from the unstripped file.
+**Sizes** are those of the stripped shared library, with the hardening of [security.md](security.md). At `-Os` it has
+neither unwind tables nor frame pointers: a debugger walks the stack by the unstripped file. What else makes it
+small, and asks for a linker that knows 64-bit ARM's tiny model, is in `cmake/small.cmake`.
 
 **Heap** is what was asked for, as a 64-bit program sees it, without the allocator's own words. A tunnel's share is all
 that stands between hearing of its model from the daemon and idling open; OpenSSL's is what it holds for the session.

@@ -8,6 +8,8 @@ fail() {
 }
 segments=$("$readelf" -lW "$library")
 dynamic=$("$readelf" -dW "$library")
+sections=$("$readelf" -SW "$library")
+notes=$("$readelf" -nW "$library")
 symbols=$("$readelf" --dyn-syms -W "$library")
 starts_with() { [ "$(od -An -v -tx4 -w4 "$library" | grep -c "$1")" -gt 100 ]; }
 has() { printf '%s\n' "$1" | grep -Eq -e "$2"; }
@@ -24,5 +26,9 @@ fi
 case $("$readelf" -hW "$library") in
     # What a guarded function begins with: endbr64, and paciasp.
     *X86-64*) starts_with fa1e0ff3 || fail 'branches are not guarded' ;;
-    *AArch64*) starts_with d503233f || fail 'returns are not guarded' ;;
+    *AArch64*)
+        starts_with d503233f || fail 'returns are not guarded'
+        # Start files that are not marked unmark what they are linked into.
+        has "$sections" ' \.init ' || has "$notes" 'BTI' || fail 'it is not marked for guarded branches'
+        ;;
 esac

@@ -1,0 +1,34 @@
+# What a small build (MinSizeRel) leaves out of the library's file, and how it is laid out. The twin that is not stripped
+# keeps what a debugger needs to walk the stack: with neither unwind tables nor frame pointers in the code, it is all that
+# does.
+include(CheckCXXSourceCompiles)
+include(CheckLinkerFlag)
+add_library(cloudtunnel_small INTERFACE)
+if(NOT CMAKE_BUILD_TYPE STREQUAL "MinSizeRel")
+  return()
+endif()
+
+target_compile_options(cloudtunnel_small INTERFACE
+  -g -fno-asynchronous-unwind-tables -fno-unwind-tables -fomit-frame-pointer -ffunction-sections)
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  # Helpers of a few lines that are used in many places stay functions.
+  target_compile_options(cloudtunnel_small INTERFACE "SHELL:-mllvm -inline-threshold=20")
+endif()
+
+# Functions that are equal, byte by byte, are kept once, unless somebody can tell them apart by their address; the end of
+# one text serves as another.
+check_linker_flag(CXX -Wl,--icf=safe CLOUDTUNNEL_ICF)
+target_link_options(cloudtunnel_small INTERFACE -Wl,-O2 $<$<BOOL:${CLOUDTUNNEL_ICF}>:-Wl,--icf=safe>)
+
+# The library has nothing to run when it is loaded and unloaded, so the start files have nothing to do in it. What they
+# would bring is not marked for guarded branches, either, and one such object unmarks the whole library.
+target_link_options(cloudtunnel_small INTERFACE -nostartfiles)
+
+# In 64-bit ARM's tiny model code and data of one image lie within 1 MiB, and one instruction makes an address. That holds
+# for the shared library, whatever it is loaded into, but not for a program that takes in the static one. Older linkers do
+# not know the relocations.
+set(CMAKE_REQUIRED_FLAGS "-fPIC -mcmodel=tiny")
+set(CMAKE_REQUIRED_LINK_OPTIONS -shared)
+check_cxx_source_compiles("extern int elsewhere; int *at() { return &elsewhere; } int main() {}" CLOUDTUNNEL_TINY_MODEL)
+unset(CMAKE_REQUIRED_FLAGS)
+unset(CMAKE_REQUIRED_LINK_OPTIONS)
