@@ -1,6 +1,7 @@
-#include "http/message.h"
-
+// The records of requests and responses.
 #include <cloudtunnel.h>
+
+#include <iterator>
 
 #include "frame/list.h"
 #include "platform/os.h"
@@ -16,73 +17,16 @@ static_assert(offsetof(cloudtunnel_http_resp, status_text) == 8 && offsetof(clou
 
 namespace {
 
-// The last name is CONNECT and the end marker run together; the table keeps it, nothing asks for it.
-constexpr const char *kMethods[] = {"NONE", "GET", "POST", "HEAD", "PUT", "DELETE", "OPTIONS", "TRACE", "CONNECTMAX"};
-constexpr const char *kVersions[] = {"NONE", "1.0", "1.1", "2.0", "MAX"};
-
-constexpr HttpStatus kStatuses[] = {
-    {0, 100, "100 Continue"},
-    {1, 101, "101 Switching Protocols"},
-    {2, 200, "200 OK"},
-    {3, 201, "201 Created"},
-    {4, 202, "202 Accepted"},
-    {5, 203, "203 Non-Authoritative Information"},
-    {6, 204, "204 No Content"},
-    {7, 205, "205 Reset Content"},
-    {8, 206, "206 Partial Content"},
-    {9, 300, "300 Multiple Choices"},
-    {10, 301, "301 Moved Permanently"},
-    {11, 302, "302 Found"},
-    {12, 303, "303 See Other"},
-    {13, 304, "304 Not Modified"},
-    {14, 305, "305 Use Proxy"},
-    {15, 307, "307 Temporary Redirect"},
-    {16, 400, "400 Bad Request"},
-    {17, 401, "401 Unauthorized"},
-    {18, 402, "402 Payment Required"},
-    {19, 403, "403 Forbidden"},
-    {20, 404, "404 Not Found"},
-    {21, -1, "MAX"},  // ends the table; no status line matches it
+// The fields of the text headers, by id from CLOUDTUNNEL_HTTP_HOST on.
+constexpr char *cloudtunnel_http_req::*kTextFields[] = {
+    &cloudtunnel_http_req::host,       &cloudtunnel_http_req::path,
+    &cloudtunnel_http_req::accept,     &cloudtunnel_http_req::accept_language,
+    &cloudtunnel_http_req::upgrade,    &cloudtunnel_http_req::connection,
+    &cloudtunnel_http_req::cookie,     &cloudtunnel_http_req::cache_control,
+    &cloudtunnel_http_req::user_agent, &cloudtunnel_http_req::content_type,
+    &cloudtunnel_http_req::ws_key,
 };
-
-consteval bool statuses_in_order() {
-    uint32_t index = 0;
-    for (const HttpStatus &status : kStatuses) {
-        if (status.index != index++) return false;
-    }
-    return true;
-}
-static_assert(statuses_in_order());
-
-// text_field returns the field of a text header, null for ids that are none.
-char **text_field(cloudtunnel_http_req *req, uint32_t id) {
-    switch (id) {
-        case CLOUDTUNNEL_HTTP_HOST:
-            return &req->host;
-        case CLOUDTUNNEL_HTTP_PATH:
-            return &req->path;
-        case CLOUDTUNNEL_HTTP_ACCEPT:
-            return &req->accept;
-        case CLOUDTUNNEL_HTTP_ACCEPT_LANGUAGE:
-            return &req->accept_language;
-        case CLOUDTUNNEL_HTTP_UPGRADE:
-            return &req->upgrade;
-        case CLOUDTUNNEL_HTTP_CONNECTION:
-            return &req->connection;
-        case CLOUDTUNNEL_HTTP_COOKIE:
-            return &req->cookie;
-        case CLOUDTUNNEL_HTTP_CACHE_CONTROL:
-            return &req->cache_control;
-        case CLOUDTUNNEL_HTTP_USER_AGENT:
-            return &req->user_agent;
-        case CLOUDTUNNEL_HTTP_CONTENT_TYPE:
-            return &req->content_type;
-        case CLOUDTUNNEL_HTTP_WS_KEY:
-            return &req->ws_key;
-        default:
-            return nullptr;
-    }
-}
+static_assert(std::size(kTextFields) == CLOUDTUNNEL_HTTP_WS_KEY - CLOUDTUNNEL_HTTP_HOST + 1);
 
 void set_number(cloudtunnel_http_req *req, uint32_t id, uint32_t number) {
     if (id == CLOUDTUNNEL_HTTP_VERSION)
@@ -99,18 +43,7 @@ void line_free(cloudtunnel_link *link) {
     os_free(line);
 }
 
-template <size_t N>
-const char *name_at(const char *const (&names)[N], uint32_t index) {
-    return index < N ? names[index] : nullptr;
-}
-
 }  // namespace
-
-const char *http_method_name(uint32_t index) { return name_at(kMethods, index); }
-const char *http_version_name(uint32_t index) { return name_at(kVersions, index); }
-
-// The end marker is left out: "MAX" must match no status line.
-std::span<const HttpStatus> http_statuses() { return std::span(kStatuses).first(std::size(kStatuses) - 1); }
 
 cloudtunnel_http_req *cloudtunnel_http_req_create(void) {
     auto *req = static_cast<cloudtunnel_http_req *>(os_alloc(sizeof(cloudtunnel_http_req)));
@@ -151,11 +84,11 @@ void cloudtunnel_http_resp_destory(cloudtunnel_http_resp *resp) {
 
 int cloudtunnel_http_hdr_set(cloudtunnel_http_req *req, uint32_t id, const void *value) {
     if (!req) return -1;
-    if (char **field = text_field(req, id)) {
-        os_replace(field, static_cast<const char *>(value));
+    if (id > CLOUDTUNNEL_HTTP_WS_VERSION) return 0;
+    if (id >= CLOUDTUNNEL_HTTP_HOST && id <= CLOUDTUNNEL_HTTP_WS_KEY) {
+        os_replace(&(req->*kTextFields[id - CLOUDTUNNEL_HTTP_HOST]), static_cast<const char *>(value));
         return 0;
     }
-    if (id > CLOUDTUNNEL_HTTP_WS_VERSION) return 0;
     if (!value) return -1;
     set_number(req, id, *static_cast<const uint32_t *>(value));
     return 0;

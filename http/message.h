@@ -2,18 +2,44 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
+#include <iterator>
 
-// A status line that the reader knows. The response record takes over a whole entry.
-struct HttpStatus {
-    uint32_t index;
-    int32_t code;
-    const char *text;
-};
+// A text each row, no pointers: what a table points to would have to be relocated when the library is loaded.
+// The last method is CONNECT and the end marker run together; the table keeps it, nothing asks for it.
+inline constexpr char kHttpMethods[][11] = {"NONE",   "GET",     "POST",  "HEAD",      "PUT",
+                                            "DELETE", "OPTIONS", "TRACE", "CONNECTMAX"};
+inline constexpr char kHttpVersions[][5] = {"NONE", "1.0", "1.1", "2.0", "MAX"};
 
 // http_method_name and http_version_name return the name at an index of the tables; null outside.
-const char *http_method_name(uint32_t index);
-const char *http_version_name(uint32_t index);
+inline const char *http_method_name(uint32_t index) {
+    return index < std::size(kHttpMethods) ? kHttpMethods[index] : nullptr;
+}
+inline const char *http_version_name(uint32_t index) {
+    return index < std::size(kHttpVersions) ? kHttpVersions[index] : nullptr;
+}
 
-// http_statuses returns the known statuses, in the order in which they are looked for.
-std::span<const HttpStatus> http_statuses();
+// The statuses that the reader knows, one behind another in the order in which they are looked for, up to an empty one.
+// A response's status index is the place in here, its code the number in front.
+inline constexpr char kHttpStatuses[] =
+    "100 Continue\0"
+    "101 Switching Protocols\0"
+    "200 OK\0"
+    "201 Created\0"
+    "202 Accepted\0"
+    "203 Non-Authoritative Information\0"
+    "204 No Content\0"
+    "205 Reset Content\0"
+    "206 Partial Content\0"
+    "300 Multiple Choices\0"
+    "301 Moved Permanently\0"
+    "302 Found\0"
+    "303 See Other\0"
+    "304 Not Modified\0"
+    "305 Use Proxy\0"
+    "307 Temporary Redirect\0"
+    "400 Bad Request\0"
+    "401 Unauthorized\0"
+    "402 Payment Required\0"
+    "403 Forbidden\0"
+    "404 Not Found\0";
+constexpr size_t kStatusCodeSize = 3;

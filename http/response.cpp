@@ -43,12 +43,13 @@ bool value_of(Text line, const char *key, Text *value) {
 }
 
 void parse_status(Text line, cloudtunnel_http_resp *resp) {
-    for (const HttpStatus &status : http_statuses()) {
-        if (find(line, status.text) < 0) continue;
-        resp->status_index = status.index;
-        resp->status_code = status.code;
-        resp->status_text = status.text;
-        LOG(package, "Rcv http resp status %s.", resp->status_text);
+    uint32_t index = 0;
+    for (const char *status = kHttpStatuses; *status; status += strlen(status) + 1, index++) {
+        if (find(line, status) < 0) continue;
+        resp->status_index = index;
+        resp->status_code = os_atoi(status, kStatusCodeSize);
+        resp->status_text = status;
+        LOG(package, "Rcv http resp status %s.", status);
         return;
     }
 }

@@ -160,12 +160,13 @@ TEST_F(HttpMessageTest, the_names_are_these_and_no_others) {
                     {402, "402 Payment Required"},
                     {403, "403 Forbidden"},
                     {404, "404 Not Found"}};
-    ASSERT_EQ(http_statuses().size(), std::size(statuses));
-    for (size_t index = 0; index < std::size(statuses); index++) {
-        EXPECT_EQ(http_statuses()[index].index, index);
-        EXPECT_EQ(http_statuses()[index].code, statuses[index].code);
-        EXPECT_STREQ(http_statuses()[index].text, statuses[index].text);
+    const char *known = kHttpStatuses;
+    for (const auto &status : statuses) {
+        EXPECT_STREQ(known, status.text);
+        EXPECT_EQ(std::stoi(std::string(known, kStatusCodeSize)), status.code);
+        known += std::strlen(known) + 1;
     }
+    EXPECT_STREQ(known, "");  // no status line matches an end marker
 }
 
 }  // namespace
