@@ -12,13 +12,35 @@ constexpr int32_t kSocketMax = 128;
 
 struct CLOUDMGR_ELOOP {
     int32_t epfd;
-    pthread_mutex_t lock;  // guards the list and the count
     cloudtunnel_link sockets;
     int32_t count;
     bool open;  // `epfd` is this loop's: a zeroed state must not close descriptor 0
 };
 
 CLOUDMGR_ELOOP g_loop = {};
+pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;  // guards the list and the count
+
+void node_free(CLOUDMGR_ELOOP_SOCK *node) {
+    os_free(node->extra);
+    os_free(node);
+}
+
+// loop_reset forgets the epoll instance and frees the table, a head of zeros from here on.
+void loop_reset() {
+    const Lock hold(g_lock);
+    for (auto &node : Each<CLOUDMGR_ELOOP_SOCK>(g_loop.sockets)) node_free(&node);
+    g_loop = {};
+}
+
+bool full() {
+    const Lock hold(g_lock);
+    return g_loop.count >= kSocketMax;
+}
+
+void unlink_locked(CLOUDMGR_ELOOP_SOCK *node) {
+    cloudmgr_dl_list_del(&node->link);
+    g_loop.count--;
+}
 
 CLOUDMGR_ELOOP_SOCK *find_locked(int fd) {
     for (auto &node : Each<CLOUDMGR_ELOOP_SOCK>(g_loop.sockets)) {
@@ -27,117 +49,86 @@ CLOUDMGR_ELOOP_SOCK *find_locked(int fd) {
     return nullptr;
 }
 
-bool full() {
-    const Lock hold(g_loop.lock);
-    return g_loop.count >= kSocketMax;
+// sock_find returns the node of a socket, null when there is none; `take` takes it off the table.
+CLOUDMGR_ELOOP_SOCK *sock_find(int fd, bool take) {
+    if (fd == -1) return nullptr;
+    const Lock hold(g_lock);
+    CLOUDMGR_ELOOP_SOCK *node = find_locked(fd);
+    if (node && take) unlink_locked(node);
+    return node;
 }
 
-void node_free(CLOUDMGR_ELOOP_SOCK *node) {
-    os_free(node->extra);
-    os_free(node);
-}
-
-// sock_insert puts a new node at the tail of the table; null without memory.
-CLOUDMGR_ELOOP_SOCK *sock_insert(int fd, const struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler,
-                                 void *extra) {
+// sock_register is both ways to add a socket. `ex` is the one with `extra`: it looks at the count without the lock (one
+// 32-bit word, and the loop has one thread) and has a line less to say.
+int sock_register(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler, void *extra, bool ex) {
+    if (!event || !handler) return -1;
+    if (ex ? g_loop.count >= kSocketMax : full()) {
+        LOG(error, "Create socket failed, reach the max count.");
+        return -1;
+    }
     auto *node = static_cast<CLOUDMGR_ELOOP_SOCK *>(os_alloc(sizeof(CLOUDMGR_ELOOP_SOCK)));
     if (!node) {
         LOG(error, "Malloc fo sock node failed.");
-        return nullptr;
+        return -1;
     }
     node->fd = fd;
     node->handler = handler;
     node->event = *event;
     node->extra = extra;
-    const Lock hold(g_loop.lock);
-    list_append(g_loop.sockets, node->link);
-    g_loop.count++;
-    return node;
-}
-
-// sock_undo takes a node back that epoll refused. `extra` stays the caller's: the call fails as a whole.
-void sock_undo(CLOUDMGR_ELOOP_SOCK *node, int result) {
-    LOG(error, "Add socket to epoll error %d.", result);
-    const Lock hold(g_loop.lock);
-    cloudmgr_dl_list_del(&node->link);
-    os_free(node);
-    g_loop.count--;
+    {
+        const Lock hold(g_lock);
+        list_append(g_loop.sockets, node->link);
+        g_loop.count++;
+    }
+    const int result = epoll_ctl(g_loop.epfd, EPOLL_CTL_ADD, fd, event);
+    // Printed before the result is looked at, also for a call that failed: it says what epoll was asked, and the next
+    // line what became of it.
+    if (!ex)
+        LOG(connect, "epoll_ctl Add socket %d to epoll %d ok.operation %d %d %d ", fd, g_loop.epfd, EPOLL_CTL_ADD,
+            static_cast<int>(event->events), event->data.fd);
+    if (result != 0) {
+        LOG(error, "Add socket to epoll error %d.", result);
+        const Lock hold(g_lock);
+        unlink_locked(node);
+        os_free(node);  // `extra` stays the caller's: the call fails as a whole
+        return -1;
+    }
+    if (ex)
+        LOG(connect, "Add socket %d to epoll ok.", fd);
+    else
+        LOG(connect, "Add socket %d to epoll %d ok.", fd, g_loop.epfd);
+    return 0;
 }
 
 }  // namespace
 
 int CLOUDMGR_eloop_init(void) {
-    for (auto &node : Each<CLOUDMGR_ELOOP_SOCK>(g_loop.sockets)) node_free(&node);
-    g_loop = {};
-    list_init(g_loop.sockets);
-    pthread_mutex_init(&g_loop.lock, nullptr);
-    g_loop.epfd = epoll_create(1);
-    if (g_loop.epfd < 0) {
+    loop_reset();
+    const int epfd = epoll_create(1);
+    g_loop.epfd = epfd;
+    if (epfd < 0) {
         LOG(error, "Create epoll failed.");
         return -1;
     }
     g_loop.open = true;
-    LOG(event, "Create epoll ok, epoll fd %d.", g_loop.epfd);
-    return g_loop.epfd;
+    LOG(event, "Create epoll ok, epoll fd %d.", epfd);
+    return epfd;
 }
 
 void CLOUDMGR_eloop_deinit(void) {
     if (g_loop.open) close(g_loop.epfd);
-    {
-        const Lock hold(g_loop.lock);
-        for (auto &node : Each<CLOUDMGR_ELOOP_SOCK>(g_loop.sockets)) {
-            cloudmgr_dl_list_del(&node.link);
-            node_free(&node);
-            g_loop.count--;
-        }
-    }
-    pthread_mutex_destroy(&g_loop.lock);
-    g_loop = {};
+    loop_reset();
     LOG(init, "Deinit epoll ok.");
 }
 
-CLOUDMGR_ELOOP_SOCK *cloudmgr_eloop_get_sock(int fd) {
-    if (fd == -1) return nullptr;
-    const Lock hold(g_loop.lock);
-    return find_locked(fd);
-}
+CLOUDMGR_ELOOP_SOCK *cloudmgr_eloop_get_sock(int fd) { return sock_find(fd, false); }
 
 int CLOUDMGR_eloop_sock_add(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler) {
-    if (!event || !handler) return -1;
-    if (full()) {
-        LOG(error, "Create socket failed, reach the max count.");
-        return -1;
-    }
-    CLOUDMGR_ELOOP_SOCK *node = sock_insert(fd, event, handler, nullptr);
-    if (!node) return -1;
-    const int result = epoll_ctl(g_loop.epfd, EPOLL_CTL_ADD, fd, event);
-    // Printed before the result is looked at, also for a call that failed: it says what epoll was asked, and the next
-    // line what became of it.
-    LOG(connect, "epoll_ctl Add socket %d to epoll %d ok.operation %d %d %d ", fd, g_loop.epfd, EPOLL_CTL_ADD,
-        static_cast<int>(event->events), event->data.fd);
-    if (result != 0) {
-        sock_undo(node, result);
-        return -1;
-    }
-    LOG(connect, "Add socket %d to epoll %d ok.", fd, g_loop.epfd);
-    return 0;
+    return sock_register(fd, event, handler, nullptr, false);
 }
 
 int CLOUDMGR_eloop_sock_addex(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler, void *extra) {
-    if (!event || !handler) return -1;
-    if (g_loop.count >= kSocketMax) {  // read without the lock: one 32-bit word, and the loop has one thread
-        LOG(error, "Create socket failed, reach the max count.");
-        return -1;
-    }
-    CLOUDMGR_ELOOP_SOCK *node = sock_insert(fd, event, handler, extra);
-    if (!node) return -1;
-    const int result = epoll_ctl(g_loop.epfd, EPOLL_CTL_ADD, fd, event);
-    if (result != 0) {
-        sock_undo(node, result);
-        return -1;
-    }
-    LOG(connect, "Add socket %d to epoll ok.", fd);
-    return 0;
+    return sock_register(fd, event, handler, extra, true);
 }
 
 int CLOUDMGR_eloop_sock_modify(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler) {
@@ -155,15 +146,8 @@ int CLOUDMGR_eloop_sock_modify(int fd, struct epoll_event *event, CLOUDMGR_ELOOP
 }
 
 int CLOUDMGR_eloop_sock_del(int fd) {
-    if (fd == -1) return -1;
-    CLOUDMGR_ELOOP_SOCK *node = nullptr;
-    {
-        const Lock hold(g_loop.lock);
-        node = find_locked(fd);
-        if (!node) return -1;
-        cloudmgr_dl_list_del(&node->link);
-        g_loop.count--;
-    }
+    CLOUDMGR_ELOOP_SOCK *node = sock_find(fd, true);
+    if (!node) return -1;
     if (epoll_ctl(g_loop.epfd, EPOLL_CTL_DEL, fd, &node->event) != 0)
         LOG(error, "Del socket %d from epoll failed.", fd);
     else
