@@ -16,115 +16,70 @@ namespace {
 
 constexpr int kTryAgain = -2;
 
-struct Outgoing {
-    int sock;
-    const uint8_t *data;
-    int len;
-    int attempts;
-    uint32_t wait_us;
+// How a connection's bytes go out. The session is taken along, so that writing does not touch the table.
+struct Road {
+    bool plain;
+    SSL *ssl;  // null for a plain connection, and where there is no session
 };
 
-void pause_before_attempt(const Outgoing &out) {
-    if (out.wait_us) usleep(out.wait_us);
-}
-
-// TextView lends the outgoing bytes as a terminated text for the log: themselves where a zero byte stands among them,
-// else a copy.
-class TextView {
-  public:
-    TextView(const uint8_t *data, size_t len) : text_(reinterpret_cast<const char *>(data)) {
-        if (len && memchr(data, 0, len)) return;
-        copy_.reset(os_strndup(len ? text_ : "", len));
-        text_ = copy_ ? copy_.get() : "";
-    }
-    [[nodiscard]] const char *get() const { return text_; }
-
-  private:
-    Owned<char> copy_;
-    const char *text_;
-};
-
-int send_plain(const Outgoing &out) {
-    if (log_wanted(LogLevel::package)) {
-        const TextView text(out.data, static_cast<size_t>(out.len));
-        LOG(package, "normal port send content:\n%s", text.get());
-    }
-    ssize_t sent = 0;
-    for (int attempt = 0; attempt < out.attempts; attempt++) {
-        pause_before_attempt(out);
-        sent = send(out.sock, out.data, static_cast<size_t>(out.len), 0);
-        if (sent != -1) return static_cast<int>(sent);
-        if (!os_try_again(errno)) return -1;
-    }
-    const int error = errno;
-    LOG(error, "[Socket %d]Send http message retry count reach max, result %d, message [%s].", out.sock,
-        static_cast<int>(sent), strerror(error));
-    errno = error;
-    return sent == -1 ? kTryAgain : 0;
-}
-
-// session_of copies the connection's TLS node, so that writing does not touch the table. False: there is no session.
-bool session_of(int sock, cloudtunnel_ssl_node *session) {
+Road road_of(int sock) {
     const Lock hold(cloudtunnel_connectlist.lock);
-    const cloudtunnel_ssl_node *node = CLOUDMGR_ssl_GetSslBySock(sock);
-    if (!node || !node->ssl) return false;
-    *session = *node;
-    return true;
+    const bool plain = cloudtunnel_socket_getPortBySock(sock) == kPlainPort;
+    const cloudtunnel_ssl_node *node = plain ? nullptr : CLOUDMGR_ssl_GetSslBySock(sock);
+    return {.plain = plain, .ssl = node ? node->ssl : nullptr};
 }
 
-// send_tls returns what was written, or nothing where not even the result is logged.
-int send_tls(const Outgoing &out, const cloudtunnel_ssl_node &session) {
-    int total = 0;
-    for (int attempt = 0; total < out.len; attempt++) {
-        if (attempt >= out.attempts) {
-            const int error = errno;
-            LOG(error, "[Socket %d]Send https message retry count reach max, result %d, message [%s].", out.sock, total,
-                strerror(error));
-            errno = error;
-            break;
-        }
-        pause_before_attempt(out);
-        ERR_clear_error();
-        errno = 0;
-        const int written = SSL_write(session.ssl, out.data + total, out.len - total);
-        const int error = errno;
-        // The code asked for is that of the running total, not of this write: what is logged says how far it came.
-        const int code = SSL_get_error(session.ssl, total);
-        if (written <= 0) {
-            LOG(error,
-                "[Socket %d]Send https message write error, result %d, errno = %d, message [%s],ssl error code = %d "
-                "[%s],loop count = %d.",
-                out.sock, total, error, strerror(error), code, ERR_error_string(ERR_get_error(), nullptr), attempt);
-            return -1;
-        }
-        total += written;
-    }
-    return total;
-}
-
-uint16_t port_of(int sock) {
-    const Lock hold(cloudtunnel_connectlist.lock);
-    return cloudtunnel_socket_getPortBySock(sock);
+// log_content shows the outgoing bytes as a text: themselves where a zero byte stands among them, else a copy.
+void log_content(bool plain, const uint8_t *data, size_t len) {
+    const auto *text = reinterpret_cast<const char *>(data);
+    const bool terminated = len > 0 && os_datapos(data, len, "", 1) >= 0;
+    char *copy = terminated ? nullptr : os_strndup(text, len);
+    if (!terminated) text = copy ? copy : "";
+    LOG(package, plain ? "normal port send content:\n%s" : "ssl port send content:\n%s", text);
+    os_free(copy);
 }
 
 }  // namespace
 
 int CLOUDMGR_socket_sendData(int sock, const uint8_t *data, int len, int retryCount, uint32_t waitUs) {
     if (len < 0 || (!data && len > 0)) return -1;
-    const Outgoing out = {.sock = sock, .data = data, .len = len, .attempts = retryCount, .wait_us = waitUs};
-    int result = 0;
     errno = 0;
-    if (port_of(sock) == kPlainPort) {
-        result = send_plain(out);
-    } else {
-        if (log_wanted(LogLevel::package)) {
-            const TextView text(data, static_cast<size_t>(len));
-            LOG(package, "ssl port send content:\n%s", text.get());
+    const auto [plain, ssl] = road_of(sock);
+    if (log_wanted(LogLevel::package)) log_content(plain, data, static_cast<size_t>(len));
+    if (!plain && !ssl) return -1;
+
+    int result = 0;  // plain: of the last attempt; TLS: of all attempts together
+    for (int attempt = 0; !ssl || result < len; attempt++) {
+        if (attempt >= retryCount) {
+            const int error = errno;
+            LOG(error,
+                ssl ? "[Socket %d]Send https message retry count reach max, result %d, message [%s]."
+                    : "[Socket %d]Send http message retry count reach max, result %d, message [%s].",
+                sock, result, strerror(error));
+            errno = error;
+            if (result == -1) result = kTryAgain;
+            break;
         }
-        cloudtunnel_ssl_node session = {};
-        if (!session_of(sock, &session)) return -1;
-        result = send_tls(out, session);
-        if (result < 0) return -1;
+        if (waitUs) usleep(waitUs);
+        if (!ssl) {
+            result = static_cast<int>(send(sock, data, static_cast<size_t>(len), 0));
+            if (result == -1 && os_try_again(errno)) continue;
+            break;
+        }
+        ERR_clear_error();
+        errno = 0;
+        const int written = SSL_write(ssl, data + result, len - result);
+        if (written <= 0) {
+            const int error = errno;
+            // The code asked for is that of the running total, not of this write: what is logged says how far it came.
+            const int code = SSL_get_error(ssl, result);
+            LOG(error,
+                "[Socket %d]Send https message write error, result %d, errno = %d, message [%s],ssl error code = %d "
+                "[%s],loop count = %d.",
+                sock, result, error, strerror(error), code, ERR_error_string(ERR_get_error(), nullptr), attempt);
+            return -1;
+        }
+        result += written;
     }
     LOG(package, "[Socket %d]Send message result %d, message [%s].", sock, result, strerror(errno));
     return result;
