@@ -14,7 +14,6 @@
 
 #include "frame/list.h"
 #include "frame/log.h"
-#include "loop/clock.h"
 #include "platform/os.h"
 
 cloudtunnel_timer_head cloudtunnel_timerlist = {};
