@@ -23,12 +23,14 @@ char g_serial[kSerialSize] = "-NA-";
 // Cookie and token stand side by side because they arrive as one block, terminated or not; `end` stops a reader.
 struct Store {
     CLOUDTUNNEL_MAIN_TUNNEL_INFO info;
-    char cookie[kSecretSize];
-    char token[kSecretSize];
+    struct {
+        char cookie[kSecretSize];
+        char token[kSecretSize];
+    } secrets;
     char end;
 };
-static_assert(offsetof(Store, token) == offsetof(Store, cookie) + kSecretSize &&
-              offsetof(Store, end) == offsetof(Store, token) + kSecretSize);
+static_assert(sizeof(Store::secrets) == 2 * kSecretSize &&
+              offsetof(Store, end) == offsetof(Store, secrets) + 2 * kSecretSize);
 
 Store g_store = {};
 
@@ -39,9 +41,9 @@ void add_text(json_object *object, const char *key, const char *text) {
 }  // namespace
 
 int cloudmgr_dev_setSN(void) {
-    char serial[kSerialSize] = "";
+    char serial[kSerialSize];
     os_getcommand("cat /proc/sys/product_info | grep HW_SERIES_NUM | cut -d: -f 2", serial, sizeof serial);
-    if (serial[0]) memcpy(g_serial, serial, sizeof g_serial);
+    if (serial[0]) os_strlcpy(g_serial, serial, sizeof g_serial);
     // At ERROR although it is none: it is the one line that says which device wrote the log.
     LOG(error, "Cloud-Tunnel-Lib Set Device SN [%s].", g_serial);
     return 0;
@@ -54,11 +56,7 @@ const char *cloudmgr_dev_getSN(void) {
 
 void cloudtunnel_dev_setMainTunnelInfo(const CLOUDTUNNEL_MAIN_TUNNEL_INFO *info, const void *cookie_and_token) {
     if (info) memcpy(&g_store.info, info, sizeof g_store.info);
-    if (cookie_and_token) {
-        const auto *bytes = static_cast<const char *>(cookie_and_token);
-        memcpy(g_store.cookie, bytes, kSecretSize);
-        memcpy(g_store.token, bytes + kSecretSize, kSecretSize);
-    }
+    if (cookie_and_token) memcpy(&g_store.secrets, cookie_and_token, sizeof g_store.secrets);
 }
 
 // Called where a tunnel goes down; what went wrong is told by the daemon alone.
@@ -69,15 +67,15 @@ int32_t cloudmgr_dev_gettunnellastdownerrcode(void) { return g_store.info.last_d
 int32_t cloudmgr_dev_gettunnellastdownerrno(void) { return g_store.info.last_down_socket_errno; }
 
 void cloudmgr_v3_setTokenID(const char *text) {
-    if (text) os_strlcpy(g_store.token, text, kSecretSize);
+    if (text) os_strlcpy(g_store.secrets.token, text, kSecretSize);
 }
 
 void cloudmgr_v3_setCookie(const char *text) {
-    if (text) os_strlcpy(g_store.cookie, text, kSecretSize);
+    if (text) os_strlcpy(g_store.secrets.cookie, text, kSecretSize);
 }
 
-const char *CLOUDMGR_TUNNEL_GetToken(void) { return g_store.token; }
-const char *cloudmgr_v3_getCookie(void) { return g_store.cookie; }
+const char *CLOUDMGR_TUNNEL_GetToken(void) { return g_store.secrets.token; }
+const char *cloudmgr_v3_getCookie(void) { return g_store.secrets.cookie; }
 
 void cloudmgr_v3_basic_add(json_object *object, const char *cloud_model, const char *device_model) {
     if (!object) return;

@@ -1,4 +1,5 @@
 // Hexadecimal and packet dumps, and the log file that takes the header line of a packet dump.
+#include <algorithm>
 #include <ctime>
 
 #include "frame/log.h"
@@ -12,45 +13,43 @@ char *g_log_path = nullptr;  // owned: the path last given to CLOUDMGR_debug_ope
 
 constexpr size_t kBytesPerLine = 32;
 
-// put_hex writes "%02x " and its terminating zero.
-void put_hex(char *to, uint8_t byte) {
+// put_hex writes "%02x " for each byte, and a terminating zero.
+void put_hex(char *to, const uint8_t *data, size_t len) {
     constexpr char kDigits[] = "0123456789abcdef";
-    to[0] = kDigits[byte >> 4];
-    to[1] = kDigits[byte & 0xf];
-    to[2] = ' ';
-    to[3] = '\0';
+    for (size_t i = 0; i < len; i++) {
+        *to++ = kDigits[data[i] >> 4];
+        *to++ = kDigits[data[i] & 0xf];
+        *to++ = ' ';
+    }
+    *to = '\0';
 }
 
-void close_log_file() {
-    if (!g_CloudTunnelLogFile) return;
+// close_log_file tells whether one was open.
+bool close_log_file() {
+    if (!g_CloudTunnelLogFile) return false;
     fclose(g_CloudTunnelLogFile);
     g_CloudTunnelLogFile = nullptr;
+    return true;
 }
 
 void print_packet_header() {
     struct timeval now = {};
     cloudtunnel_timer_get_time(&now);
-    const time_t seconds = now.tv_sec;
-    struct tm local = {};
+    struct tm local;
     char date[kAsctimeSize] = "";
     tzset();
-    if (localtime_r(&seconds, &local) && os_asctime(local, date)) os_strrtrim(date);
+    if (localtime_r(&now.tv_sec, &local) && os_asctime(local, date)) os_strrtrim(date);
 
     char header[256];
-    os_snprintf(header, sizeof header, "[%s][%06u][%s]: \n***************** Data *****************\n", date,
-                static_cast<unsigned>(now.tv_usec),
-                cloudmgr_debug_level_str[static_cast<int>(LogLevel::package_detail)]);
-    if (g_CloudTunnelLogFile)
-        fputs(header, g_CloudTunnelLogFile);
-    else
-        printf("%s", header);
+    os_snprintf(header, sizeof header, "[%s][%06u][PACKAGE DETAIL]: \n***************** Data *****************\n", date,
+                static_cast<unsigned>(now.tv_usec));
+    fputs(header, g_CloudTunnelLogFile ? g_CloudTunnelLogFile : stdout);
 }
 
 void print_packet_hex(char *line, const uint8_t *data, size_t len) {
-    for (size_t i = 0; i < len; i++) {
-        const size_t column = i % kBytesPerLine;
-        put_hex(line + column * 3, data[i]);
-        if (column + 1 == kBytesPerLine || i + 1 == len) LOG(package_detail, "%s", line);
+    for (size_t at = 0; at < len; at += kBytesPerLine) {
+        put_hex(line, data + at, std::min(len - at, kBytesPerLine));
+        LOG(package_detail, "%s", line);
     }
 }
 
@@ -68,7 +67,7 @@ void printHex(const uint8_t *data, uint32_t len) {
     if (__builtin_mul_overflow(static_cast<size_t>(len), 3U, &size) || __builtin_add_overflow(size, 64U, &size)) return;
     const Owned<char> text(static_cast<char *>(os_alloc(size)));
     if (!text) return;
-    for (size_t i = 0; i < len; i++) put_hex(text.get() + i * 3, data[i]);
+    put_hex(text.get(), data, len);
     LOG(init, "buffer len [%d] detail [%s]", static_cast<int>(len), text.get());
 }
 
@@ -88,10 +87,7 @@ void CLOUDMGR_debug_PrintPkt(const uint8_t *data, size_t len) {
 
 int CLOUDMGR_debug_open_file(const char *path) {
     if (!path) return 0;
-    if (os_strcmp(g_log_path, path) != 0) {
-        os_free(g_log_path);
-        g_log_path = os_strdup(path);
-    }
+    if (os_strcmp(g_log_path, path) != 0) os_replace(&g_log_path, path);
     close_log_file();
     if (g_log_path) g_CloudTunnelLogFile = fopen(path, "w");
     if (!g_CloudTunnelLogFile) {
@@ -104,16 +100,11 @@ int CLOUDMGR_debug_open_file(const char *path) {
 }
 
 void CLOUDMGR_debug_CloseFile(void) {
-    if (!g_CloudTunnelLogFile) return;
-    close_log_file();
-    os_free(g_log_path);
-    g_log_path = nullptr;
+    if (close_log_file()) os_replace(&g_log_path, nullptr);
 }
 
 void CLOUDMGR_debug_Removefile(void) {
-    if (!g_CloudTunnelLogFile) return;
-    close_log_file();
-    remove(g_log_path);
+    if (close_log_file()) remove(g_log_path);
 }
 
 void CLOUDMGR_debug_SetStdout(void) { setvbuf(stdout, nullptr, _IOLBF, 0); }

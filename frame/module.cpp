@@ -31,7 +31,6 @@ int CLOUDTUNNEL_MODULE_Register(const CLOUDTUNNEL_MODULE_REG *reg) {
     node->tunnel_open_cb = reg->tunnel_open_cb;
     node->tunnel_close_cb = reg->tunnel_close_cb;
     node->tunnel_third_cb = reg->tunnel_third_cb;
-    node->registered = 0;
     list_append(cloudtunnel_module_list.link, node->link);
     cloudtunnel_module_list.count++;
     LOG(init, "CLOUDTUNNEL_MODULE_Register cloudtunnel_module_list count %d.", cloudtunnel_module_list.count);
@@ -54,8 +53,8 @@ void cloudtunnel_module_reg2Server(void) {
         os_strlcpy(module.name, node.name, sizeof module.name);
         os_strlcpy(module.same_name, node.name, sizeof module.same_name);
         os_strlcpy(module.sub_name, node.sub_name, sizeof module.sub_name);
-        WireReply reply = {};
         LOG(event, "sendRegMsg2Server %s .", node.name ? node.name : "");
-        if (cloudtunnel_cl_sendRegMsg2Server(&module, &reply) == 0 && reply.result == 0) node.registered = 1;
+        // Whether the daemon took the module is not told (client/link.h): it is announced again every time.
+        cloudtunnel_cl_sendRegMsg2Server(&module, nullptr);
     }
 }
