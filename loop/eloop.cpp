@@ -12,34 +12,40 @@ constexpr int32_t kSocketMax = 128;
 
 struct CLOUDMGR_ELOOP {
     int32_t epfd;
+    pthread_mutex_t lock;  // guards the list and the count
     cloudtunnel_link sockets;
     int32_t count;
     bool open;  // `epfd` is this loop's: a zeroed state must not close descriptor 0
 };
 
 CLOUDMGR_ELOOP g_loop = {};
-pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;  // guards the list and the count
 
 void node_free(CLOUDMGR_ELOOP_SOCK *node) {
     os_free(node->extra);
     os_free(node);
 }
 
-// loop_reset forgets the epoll instance and frees the table, a head of zeros from here on.
-void loop_reset() {
-    const Lock hold(g_lock);
-    for (auto &node : Each<CLOUDMGR_ELOOP_SOCK>(g_loop.sockets)) node_free(&node);
-    g_loop = {};
-}
-
 bool full() {
-    const Lock hold(g_lock);
+    const Lock hold(g_loop.lock);
     return g_loop.count >= kSocketMax;
 }
 
 void unlink_locked(CLOUDMGR_ELOOP_SOCK *node) {
     cloudmgr_dl_list_del(&node->link);
     g_loop.count--;
+}
+
+// loop_reset frees the table and forgets the epoll instance.
+void loop_reset() {
+    {
+        const Lock hold(g_loop.lock);
+        for (auto &node : Each<CLOUDMGR_ELOOP_SOCK>(g_loop.sockets)) {
+            unlink_locked(&node);
+            node_free(&node);
+        }
+    }
+    pthread_mutex_destroy(&g_loop.lock);
+    g_loop = {};
 }
 
 CLOUDMGR_ELOOP_SOCK *find_locked(int fd) {
@@ -52,7 +58,7 @@ CLOUDMGR_ELOOP_SOCK *find_locked(int fd) {
 // sock_find returns the node of a socket, null when there is none; `take` takes it off the table.
 CLOUDMGR_ELOOP_SOCK *sock_find(int fd, bool take) {
     if (fd == -1) return nullptr;
-    const Lock hold(g_lock);
+    const Lock hold(g_loop.lock);
     CLOUDMGR_ELOOP_SOCK *node = find_locked(fd);
     if (node && take) unlink_locked(node);
     return node;
@@ -76,7 +82,7 @@ int sock_register(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *han
     node->event = *event;
     node->extra = extra;
     {
-        const Lock hold(g_lock);
+        const Lock hold(g_loop.lock);
         list_append(g_loop.sockets, node->link);
         g_loop.count++;
     }
@@ -88,7 +94,7 @@ int sock_register(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *han
             static_cast<int>(event->events), event->data.fd);
     if (result != 0) {
         LOG(error, "Add socket to epoll error %d.", result);
-        const Lock hold(g_lock);
+        const Lock hold(g_loop.lock);
         unlink_locked(node);
         os_free(node);  // `extra` stays the caller's: the call fails as a whole
         return -1;
@@ -104,6 +110,8 @@ int sock_register(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *han
 
 int CLOUDMGR_eloop_init(void) {
     loop_reset();
+    list_init(g_loop.sockets);
+    pthread_mutex_init(&g_loop.lock, nullptr);
     const int epfd = epoll_create(1);
     g_loop.epfd = epfd;
     if (epfd < 0) {

@@ -44,6 +44,41 @@ int64_t payload_of(const cloudmgr_ws_msg *msg, int position, int index, int64_t 
     return index * fragment <= msg->length - length ? length : -1;
 }
 
+// put_head writes a header; `mirrored` has the bits of the first two bytes in the other order.
+size_t put_head(uint8_t *to, const cloudmgr_ws_msg *msg, Fragment position, int64_t length, bool mirrored) {
+    const bool masked = msg->mask_set == 1;
+    const bool begins = position == Fragment::whole || position == Fragment::first;
+    const bool ends = position == Fragment::whole || position == Fragment::last;
+    const int opcode = begins ? msg->opcode & kOpcodeBits : 0;
+    const uint32_t swapped = cloudmgr_ws_htonl(static_cast<uint32_t>(length));
+    auto code = static_cast<int>(length);
+    size_t at = kBaseHeader;
+    if (length > kLength16Max) {
+        // The length goes into the first four of its eight bytes and zero into the others: the platform reads it so.
+        code = kLength64;
+        memcpy(to + at, &swapped, 4);
+        memset(to + at + 4, 0, 4);
+        at += 8;
+    } else if (length > kLength7Max) {
+        code = kLength16;
+        memcpy(to + at, reinterpret_cast<const uint8_t *>(&swapped) + 2, 2);
+        at += 2;
+    }
+    if (mirrored) {
+        to[0] = static_cast<uint8_t>(ends | opcode << 4);
+        to[1] = static_cast<uint8_t>(masked | code << 1);
+    } else {
+        to[0] = static_cast<uint8_t>((ends ? kFin : 0) | opcode);
+        // Always marked as masked, also where no key follows: the platform expects it.
+        to[1] = static_cast<uint8_t>(kMaskBit | code);
+    }
+    if (masked) {
+        memcpy(to + at, msg->mask, kMaskSize);
+        at += kMaskSize;
+    }
+    return at;
+}
+
 int send_fragment(int sock, const cloudmgr_ws_msg *msg, int position, int index, int attempts, uint32_t delay_us,
                   int64_t fragment) {
     const bool cut = fragment != kUncut;
@@ -63,7 +98,9 @@ int send_fragment(int sock, const cloudmgr_ws_msg *msg, int position, int index,
     const auto size = static_cast<size_t>(payload);
     const Owned<uint8_t> frame(static_cast<uint8_t *>(os_alloc(size + kFrameSlack)));
     if (!frame) return -1;
-    const size_t header = cloudmgr_ws_setHead(frame.get(), msg, static_cast<Fragment>(position), payload);
+    const auto place = static_cast<Fragment>(position);
+    const size_t header = bigEndian == 1 ? cloudmgr_ws_setHeadBigEndian(frame.get(), msg, place, payload)
+                                         : cloudmgr_ws_setHead(frame.get(), msg, place, payload);
     uint8_t *body = frame.get() + header;
     if (size) memcpy(body, msg->body + index * fragment, size);
     LOG(package,
@@ -107,37 +144,11 @@ int send_fragments(int sock, const cloudmgr_ws_msg *msg, int attempts, uint32_t 
 }  // namespace
 
 size_t cloudmgr_ws_setHead(uint8_t *to, const cloudmgr_ws_msg *msg, Fragment position, int64_t length) {
-    const bool masked = msg->mask_set == 1;
-    const bool begins = position == Fragment::whole || position == Fragment::first;
-    const bool ends = position == Fragment::whole || position == Fragment::last;
-    const int opcode = begins ? msg->opcode & kOpcodeBits : 0;
-    const uint32_t swapped = cloudmgr_ws_htonl(static_cast<uint32_t>(length));
-    auto code = static_cast<int>(length);
-    size_t at = kBaseHeader;
-    if (length > kLength16Max) {
-        // The length goes into the first four of its eight bytes and zero into the others: the platform reads it so.
-        code = kLength64;
-        memcpy(to + at, &swapped, 4);
-        memset(to + at + 4, 0, 4);
-        at += 8;
-    } else if (length > kLength7Max) {
-        code = kLength16;
-        memcpy(to + at, reinterpret_cast<const uint8_t *>(&swapped) + 2, 2);
-        at += 2;
-    }
-    if (bigEndian == 1) {
-        to[0] = static_cast<uint8_t>(ends | opcode << 4);
-        to[1] = static_cast<uint8_t>(masked | code << 1);
-    } else {
-        to[0] = static_cast<uint8_t>((ends ? kFin : 0) | opcode);
-        // Always marked as masked, also where no key follows: the platform expects it.
-        to[1] = static_cast<uint8_t>(kMaskBit | code);
-    }
-    if (masked) {
-        memcpy(to + at, msg->mask, kMaskSize);
-        at += kMaskSize;
-    }
-    return at;
+    return put_head(to, msg, position, length, false);
+}
+
+size_t cloudmgr_ws_setHeadBigEndian(uint8_t *to, const cloudmgr_ws_msg *msg, Fragment position, int64_t length) {
+    return put_head(to, msg, position, length, true);
 }
 
 int CLOUDMGR_ws_send(int sock, const cloudmgr_ws_msg *msg, int attempts) {

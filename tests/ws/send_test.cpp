@@ -73,8 +73,8 @@ class WsSendTest : public support::LibraryTest {
     std::string head(Fragment position, int64_t length, bool mirrored = false) {
         uint8_t bytes[kHeaderMax];
         std::memset(bytes, 0xee, sizeof bytes);  // nothing of it may stay
-        bigEndian = mirrored ? 1 : 0;
-        const size_t size = cloudmgr_ws_setHead(bytes, msg, position, length);
+        const size_t size = mirrored ? cloudmgr_ws_setHeadBigEndian(bytes, msg, position, length)
+                                     : cloudmgr_ws_setHead(bytes, msg, position, length);
         return {reinterpret_cast<char *>(bytes), size};
     }
     cloudmgr_ws_msg *msg = CLOUDMGR_ws_msg_create();
