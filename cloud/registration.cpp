@@ -2,7 +2,7 @@
 
 #include <json-c/json.h>
 
-#include "cloud/table.h"
+#include "cloud/setup.h"
 #include "frame/json.h"
 #include "frame/log.h"
 #include "platform/os.h"
@@ -20,24 +20,24 @@ struct JsonFree {
 };
 using OwnedJson = std::unique_ptr<json_object, JsonFree>;
 
-void add_int(json_object *object, const char *key, int32_t value) { json_add(object, key, json_object_new_int(value)); }
-
 OwnedJson make_opt1(const cloudmgr_v3wscnct_node *node) {
-    OwnedJson object(json_object_new_object());
+    OwnedJson owned(json_object_new_object());
+    json_object *object = owned.get();
     if (!object) return nullptr;
-    add_int(object.get(), "optType", kOptRegister);
-    if (os_strcmp(node->cloudModelName, "base") == 0) json_add(object.get(), "platform", json_object_new_string("wpt"));
-    add_int(object.get(), "lastDownReason", cloudmgr_dev_gettunnellastdownreason());
-    add_int(object.get(), "errorCode", cloudmgr_dev_gettunnellastdownerrcode());
-    add_int(object.get(), "socketErrno", cloudmgr_dev_gettunnellastdownerrno());
-    cloudmgr_v3_basic_add(object.get(), node->cloudModelName, node->deviceModelName);
-    return object;
+    json_add(object, "optType", json_object_new_int(kOptRegister));
+    if (os_strcmp(node->cloudModelName, "base") == 0) json_add(object, "platform", json_object_new_string("wpt"));
+    json_add(object, "lastDownReason", json_object_new_int(cloudmgr_dev_gettunnellastdownreason()));
+    json_add(object, "errorCode", json_object_new_int(cloudmgr_dev_gettunnellastdownerrcode()));
+    json_add(object, "socketErrno", json_object_new_int(cloudmgr_dev_gettunnellastdownerrno()));
+    cloudmgr_v3_basic_add(object, node->cloudModelName, node->deviceModelName);
+    return owned;
 }
 
 // answer_is_good judges the platform's answer.
 bool answer_is_good(const char *model, const cloudmgr_ws_msg *msg) {
-    if (msg->opcode != kOpcodeText) {
-        LOG(error, "[V3 Model %s] Request rcv error opt code %d. Regist again.", model, msg->opcode);
+    const int opcode = msg->opcode;
+    if (opcode != kOpcodeText) {
+        LOG(error, "[V3 Model %s] Request rcv error opt code %d. Regist again.", model, opcode);
         return false;
     }
     const OwnedJson answer(cloudtunnel_json_StringToObject(reinterpret_cast<const char *>(msg->body)));
@@ -83,7 +83,7 @@ bool cloudmgr_v3wscnct_sendRegist(int sock, const cloudmgr_v3wscnct_node *node) 
     if (sock == -1 || !node) return false;
     const OwnedMsg msg(CLOUDMGR_ws_msg_create());
     if (!msg) return false;
-    CLOUDMGR_ws_setoptcode(msg.get(), kOpcodeText);
+    msg->opcode = kOpcodeText;
     CLOUDMGR_ws_setmask(msg.get(), CLOUDMGR_ws_getMask());
 
     const OwnedJson object = make_opt1(node);
@@ -100,12 +100,7 @@ bool cloudmgr_v3wscnct_sendRegist(int sock, const cloudmgr_v3wscnct_node *node) 
 }
 
 int cloudmgr_v3wscnct_requestRcv(int sock, void *message) {
-    const auto *msg = static_cast<const cloudmgr_ws_msg *>(message);
-    const char *model = CLOUDMGR_socket_getModelNameBySock(sock);
-    if (!msg || !model) return -1;
-    cloudmgr_v3wscnct_setTimerBySock(sock, 0);
-    LOG(connect, "V3 [%s] ws request rcv message.", model);
-    const cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
-    if (!node || node->state != static_cast<uint32_t>(SetupState::connect)) return -1;
-    return answer_is_good(model, msg) ? hand_over(sock, node) : -1;
+    const cloudmgr_v3wscnct_node *node = setup_answered(sock, message, SetupState::connect);
+    if (!node || !answer_is_good(node->cloudModelName, static_cast<const cloudmgr_ws_msg *>(message))) return -1;
+    return hand_over(sock, node);
 }

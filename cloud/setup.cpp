@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "cloud/registration.h"
-#include "cloud/table.h"
 #include "conn/url.h"
 #include "frame/log.h"
 #include "platform/os.h"
@@ -17,9 +16,11 @@ constexpr uint64_t kConnectTimeoutMs = 120000;
 constexpr uint64_t kStepTimeoutMs = 30000;
 constexpr uint32_t kVersion11 = 2;  // in the tables of the request
 constexpr uint32_t kMethodGet = 1;
-constexpr uint32_t kWebSocketVersion = 13;   // RFC 6455, section 4.1
+constexpr int32_t kWebSocketVersion = 13;    // RFC 6455, section 4.1
 constexpr uint32_t kSwitchingProtocols = 1;  // the status index of 101
-constexpr size_t kCookieSize = 4097;
+// "JSESSIONID=", the token and the cookie, of 128 characters each, and what runs on into the token when the daemon's
+// cookie was not terminated.
+constexpr size_t kCookieSize = 512;
 
 struct ReqFree {
     void operator()(cloudtunnel_http_req *req) const { cloudtunnel_http_req_destory(req); }
@@ -29,24 +30,18 @@ using OwnedReq = std::unique_ptr<cloudtunnel_http_req, ReqFree>;
 // fill_upgrade sets the lines of the upgrade request. The key is kept in the node for the check of the answer; without
 // a key the request goes out all the same and its answer is refused.
 void fill_upgrade(cloudtunnel_http_req *req, const char *model, cloudmgr_v3wscnct_node *node) {
-    cloudtunnel_http_hdr_set(req, CLOUDTUNNEL_HTTP_VERSION, &kVersion11);
-    cloudtunnel_http_hdr_set(req, CLOUDTUNNEL_HTTP_METHOD, &kMethodGet);
-    cloudtunnel_http_hdr_set(req, CLOUDTUNNEL_HTTP_PATH, CLOUDMGR_socket_getPathByModelname(model));
-    cloudtunnel_http_hdr_set(req, CLOUDTUNNEL_HTTP_HOST, CLOUDMGR_socket_getHostByModelname(model));
-    cloudtunnel_http_hdr_set(req, CLOUDTUNNEL_HTTP_UPGRADE, "webSocket");
-    cloudtunnel_http_hdr_set(req, CLOUDTUNNEL_HTTP_CONNECTION, "upgrade");
-
-    Owned<char> key(key_make());
-    cloudtunnel_http_hdr_set(req, CLOUDTUNNEL_HTTP_WS_KEY, key.get());
-    cloudtunnel_http_hdr_set(req, CLOUDTUNNEL_HTTP_WS_VERSION, &kWebSocketVersion);
-    if (key && node) {
-        os_free(node->key);
-        node->key = key.release();
-    }
-
-    char cookie[kCookieSize];
-    os_snprintf(cookie, sizeof cookie, "JSESSIONID=%s; %s", CLOUDMGR_TUNNEL_GetToken(), cloudmgr_v3_getCookie());
-    cloudtunnel_http_hdr_set(req, CLOUDTUNNEL_HTTP_COOKIE, cookie);
+    req->version = kVersion11;
+    req->method = kMethodGet;
+    req->path = os_strdup(CLOUDMGR_socket_getPathByModelname(model));
+    req->host = os_strdup(CLOUDMGR_socket_getHostByModelname(model));
+    req->upgrade = os_strdup("webSocket");
+    req->connection = os_strdup("upgrade");
+    req->ws_key = key_make();
+    req->ws_version = kWebSocketVersion;
+    if (node && req->ws_key) os_replace(&node->key, req->ws_key);
+    req->cookie = static_cast<char *>(os_alloc(kCookieSize));
+    if (req->cookie)
+        os_snprintf(req->cookie, kCookieSize, "JSESSIONID=%s; %s", CLOUDMGR_TUNNEL_GetToken(), cloudmgr_v3_getCookie());
 }
 
 // cloudmgr_v3wscnct_timeout ends a set-up whose step got no answer. A timer that is not the node's any more does
@@ -82,60 +77,69 @@ int cloudmgr_v3wscnct_sendHandshake(int sock) {
     const char *model = CLOUDMGR_socket_getModelNameBySock(sock);
     const OwnedReq req(model ? cloudtunnel_http_req_create() : nullptr);
     if (!req) return -1;
-    fill_upgrade(req.get(), model, cloudmgr_v3wscnct_getNodeBySock(sock));
+    cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeByName(model);
+    fill_upgrade(req.get(), model, node);
     const int sent = cloudtunnel_http_send(sock, req.get());
     if (sent != 0) {
         LOG(error, "[Model %s]Send Websocket handshake failed.", model);
         return sent;
     }
     LOG(event, "[Model %s]Send Websocket handshake successfully.", model);
-    return setup_step_sent(sock) ? 0 : -1;
+    return setup_step_sent(sock, node) ? 0 : -1;
 }
 
 // answer_is_good checks the platform's answer to the upgrade request.
-bool answer_is_good(const char *model, const cloudmgr_v3wscnct_node *node, const cloudtunnel_http_resp *resp) {
-    if (!node || node->state != static_cast<uint32_t>(SetupState::handshake) || !node->key) return false;
-    if (resp->status_index != kSwitchingProtocols) {
-        LOG(error, "[V3 Model %s] handshake rcv not expect http resp status.", model);
+bool answer_is_good(const cloudmgr_v3wscnct_node *node, const cloudtunnel_http_resp *resp) {
+    if (!node->key) return false;
+    const bool switching = resp->status_index == kSwitchingProtocols;
+    if (!switching || !key_accepts(node->key, resp->ws_accept)) {
+        LOG(error,
+            switching ? "[V3 Model %s] Rcv acception error."
+                      : "[V3 Model %s] handshake rcv not expect http resp status.",
+            node->cloudModelName);
         return false;
     }
-    if (!key_accepts(node->key, resp->ws_accept)) {
-        LOG(error, "[V3 Model %s] Rcv acception error.", model);
-        return false;
-    }
-    LOG(event, "[V3 Model %s] Rcv acception check ok.", model);
+    LOG(event, "[V3 Model %s] Rcv acception check ok.", node->cloudModelName);
     return true;
 }
 
 // cloudmgr_v3wscnct_handshakeRcv is the data callback until the upgrade: it checks the answer and sends the
 // registration.
 int cloudmgr_v3wscnct_handshakeRcv(int sock, void *message) {
-    const auto *resp = static_cast<const cloudtunnel_http_resp *>(message);
-    const char *model = CLOUDMGR_socket_getModelNameBySock(sock);
-    if (!resp || !model) return -1;
-    cloudmgr_v3wscnct_setTimerBySock(sock, 0);
-    LOG(connect, "[V3 Model %s] ws handshake rcv message.", model);
-    const cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
-    if (!answer_is_good(model, node, resp)) return -1;
+    cloudmgr_v3wscnct_node *node = setup_answered(sock, message, SetupState::handshake);
+    if (!node || !answer_is_good(node, static_cast<const cloudtunnel_http_resp *>(message))) return -1;
 
     CLOUDMGR_socket_connect_modify(sock, cloudmgr_v3wscnct_requestRcv, nullptr);
-    CLOUDMGR_socket_urllist_set(model, nullptr, nullptr, CLOUDTUNNEL_DATATYPE_WS, 0);
+    CLOUDMGR_socket_urllist_set(node->cloudModelName, nullptr, nullptr, CLOUDTUNNEL_DATATYPE_WS, 0);
     // A registration that is not sent is only logged: the set-up then stays in WS_HANDSHAKE, without a timer, until the
     // socket fails or closes.
-    if (cloudmgr_v3wscnct_sendRegist(sock, node)) (void)setup_step_sent(sock);
+    if (cloudmgr_v3wscnct_sendRegist(sock, node)) (void)setup_step_sent(sock, node);
     return 0;
 }
 
 }  // namespace
 
-bool setup_step_sent(int sock) {
-    Owned<int> copy(static_cast<int *>(os_alloc(sizeof sock)));
+bool setup_step_sent(int sock, cloudmgr_v3wscnct_node *node) {
+    auto *copy = static_cast<int *>(os_alloc(sizeof sock));
     if (!copy) return false;
     *copy = sock;
-    const int id = cloudtunnel_timer_add(0, 0, kStepTimeoutMs, copy.release(), cloudmgr_v3wscnct_timeout);
-    cloudmgr_v3wscnct_setTimerBySock(sock, id > 0 ? static_cast<uint32_t>(id) : 0);
-    cloudmgr_v3wscnct_fsmTrigger(sock);
+    const int id = cloudtunnel_timer_add(0, 0, kStepTimeoutMs, copy, cloudmgr_v3wscnct_timeout);
+    if (!node) return true;
+    cloudmgr_v3wscnct_setTimer(node, id > 0 ? static_cast<uint32_t>(id) : 0);
+    cloudmgr_v3wscnct_fsmTrigger(node);
     return true;
+}
+
+cloudmgr_v3wscnct_node *setup_answered(int sock, const void *message, SetupState expected) {
+    const char *model = CLOUDMGR_socket_getModelNameBySock(sock);
+    if (!message || !model) return nullptr;
+    cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeByName(model);
+    if (node) cloudmgr_v3wscnct_setTimer(node, 0);
+    LOG(connect,
+        expected == SetupState::handshake ? "[V3 Model %s] ws handshake rcv message."
+                                          : "V3 [%s] ws request rcv message.",
+        model);
+    return node && node->state == static_cast<uint32_t>(expected) ? node : nullptr;
 }
 
 int CLOUDMGR_v3wscnct_start(const char *cloudModelName, const char *deviceModelName,
@@ -143,18 +147,22 @@ int CLOUDMGR_v3wscnct_start(const char *cloudModelName, const char *deviceModelN
                             cloudtunnel_data_fn *receive) {
     if (!cloudModelName || !deviceModelName || !connected || !failure || !receive) return -1;
     LOG(event, "Start to websocket connect for cloud model [%s] dev model [%s].", cloudModelName, deviceModelName);
-    const cloudtunnel_url_node *url = cloudtunnel_socket_getUrlNodeByModelname(cloudModelName);
+    cloudtunnel_url_node *url = cloudtunnel_socket_getUrlNodeByModelname(cloudModelName);
     const uint32_t type_before = url ? url->dataType : static_cast<uint32_t>(CLOUDTUNNEL_DATATYPE_HTTP);
     // The first answer is read as HTTP.
     CLOUDMGR_socket_urllist_set(cloudModelName, nullptr, nullptr, CLOUDTUNNEL_DATATYPE_HTTP, 0);
-    if (!setup_add(cloudModelName, deviceModelName, {.connected = connected, .failure = failure, .receive = receive})) {
+    cloudmgr_v3wscnct_node *node = setup_add(cloudModelName, deviceModelName);
+    if (!node) {
         // What runs for this model goes on, as a WebSocket if it was one.
-        url_put_data_type(cloudModelName, type_before);
+        if (url) url->dataType = type_before;
         LOG(error, "Failed to add websocket connect node for cloud model [%s] dev model [%s].", cloudModelName,
             deviceModelName);
         failure(cloudModelName);
         return -1;
     }
+    node->connectedCallback = connected;
+    node->failureCallback = failure;
+    node->receiveCallback = receive;
     return CLOUDMGR_socket_connect(kConnectTimeoutMs, cloudModelName, cloudmgr_v3wscnct_sendHandshake,
                                    cloudmgr_v3wscnct_connectFail, cloudmgr_v3wscnct_handshakeRcv);
 }

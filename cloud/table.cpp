@@ -18,29 +18,17 @@ namespace {
 
 constexpr uint32_t kSetupMax = 32;
 
-struct StateRow {
-    SetupState state;
-    const char *name;
-};
-constexpr StateRow kStates[] = {
-    {.state = SetupState::init, .name = "WS_INIT"},
-    {.state = SetupState::handshake, .name = "WS_HANDSHAKE"},
-    {.state = SetupState::connect, .name = "WS_CONNECT"},
-};
-consteval bool rows_in_order() {
-    uint32_t at = 0;
-    for (const StateRow &row : kStates) {
-        if (static_cast<uint32_t>(row.state) != at++) return false;
-    }
-    return true;
-}
-static_assert(rows_in_order());
+// By SetupState. Characters, not pointers: these would have to be relocated.
+constexpr char kStateNames[][13] = {"WS_INIT", "WS_HANDSHAKE", "WS_CONNECT"};
 
-void node_remove(cloudmgr_v3wscnct_node *node) {
+void node_unlink(cloudmgr_v3wscnct_node *node) {
     cloudmgr_dl_list_del(&node->link);
+    wscnctlist.count--;
+}
+
+void node_free(cloudmgr_v3wscnct_node *node) {
     os_free(node->key);
     os_free(node);
-    wscnctlist.count--;
 }
 
 }  // namespace
@@ -51,19 +39,21 @@ void CLOUDMGR_v3wscnct_init(void) {
 }
 
 void CLOUDMGR_v3wscnct_deinit(void) {
-    for (auto &node : Each<cloudmgr_v3wscnct_node>(wscnctlist.link)) node_remove(&node);
+    for (auto &node : Each<cloudmgr_v3wscnct_node>(wscnctlist.link)) {
+        node_unlink(&node);
+        node_free(&node);
+    }
 }
 
 void CLOUDMGR_v3wscnct_node_del(const char *cloudModelName) {
     cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeByName(cloudModelName);
     if (!node) return;
-    char name[sizeof node->cloudModelName];
-    os_strlcpy(name, node->cloudModelName, sizeof name);
-    node_remove(node);
-    LOG(connect, "Del ws connect node ok, name %s.", name);
+    node_unlink(node);
+    LOG(connect, "Del ws connect node ok, name %s.", node->cloudModelName);
+    node_free(node);
 }
 
-cloudmgr_v3wscnct_node *setup_add(const char *cloud_model, const char *device_model, const SetupCallbacks &callbacks) {
+cloudmgr_v3wscnct_node *setup_add(const char *cloud_model, const char *device_model) {
     if (wscnctlist.count >= kSetupMax) {
         LOG(error, "Daemon ws connect reach max.");
         return nullptr;
@@ -77,9 +67,6 @@ cloudmgr_v3wscnct_node *setup_add(const char *cloud_model, const char *device_mo
         LOG(error, "Malloc fo ws connect node failed.");
         return nullptr;
     }
-    node->connectedCallback = callbacks.connected;
-    node->failureCallback = callbacks.failure;
-    node->receiveCallback = callbacks.receive;
     os_strlcpy(node->cloudModelName, cloud_model, sizeof node->cloudModelName);
     os_strlcpy(node->deviceModelName, device_model, sizeof node->deviceModelName);
     list_append(wscnctlist.link, node->link);
@@ -106,26 +93,18 @@ cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeBySock(int sock) {
     return cloudmgr_v3wscnct_getNodeByName(CLOUDMGR_socket_getModelNameBySock(sock));
 }
 
-uint32_t cloudmgr_v3wscnct_getTimerBySock(int sock) {
-    const cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
-    return node ? node->timerId : 0;
-}
-
-void cloudmgr_v3wscnct_setTimerBySock(int sock, uint32_t timer_id) {
-    cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
-    if (!node) return;
+void cloudmgr_v3wscnct_setTimer(cloudmgr_v3wscnct_node *node, uint32_t timer_id) {
     if (node->timerId != timer_id) cloudtunnel_timer_del(node->timerId);
     node->timerId = timer_id;
 }
 
-void cloudmgr_v3wscnct_fsmTrigger(int sock) {
-    cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
-    if (!node || node->state + 1 >= std::size(kStates)) return;
+void cloudmgr_v3wscnct_fsmTrigger(cloudmgr_v3wscnct_node *node) {
+    if (node->state + 1 >= std::size(kStateNames)) return;
     const char *from = setup_state_name(node);
     node->state++;
     LOG(fsm, "[Model %s]v3 connect fsm trigger from [%s] to [%s].", node->cloudModelName, from, setup_state_name(node));
 }
 
 const char *setup_state_name(const cloudmgr_v3wscnct_node *node) {
-    return node->state < std::size(kStates) ? kStates[node->state].name : "";
+    return node->state < std::size(kStateNames) ? kStateNames[node->state] : "";
 }

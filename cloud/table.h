@@ -5,16 +5,9 @@
 
 enum class SetupState : uint32_t { init = 0, handshake = 1, connect = 2 };
 
-// What a set-up is started with.
-struct SetupCallbacks {
-    cloudtunnel_connected_fn *connected;
-    cloudtunnel_failure_fn *failure;
-    cloudtunnel_data_fn *receive;
-};
-
-// setup_add puts a node into the table; null, with the reason logged, when it has no place there.
-[[nodiscard]] cloudmgr_v3wscnct_node *setup_add(const char *cloud_model, const char *device_model,
-                                                const SetupCallbacks &callbacks);
+// setup_add puts a node into the table; null, with the reason logged, when it has no place there. The callbacks are for
+// the caller to set.
+[[nodiscard]] cloudmgr_v3wscnct_node *setup_add(const char *cloud_model, const char *device_model);
 
 // The node of a model or of the model that owns a socket, null when there is none. setup_find_stored looks for a name
 // as the table stores it: cut to 32 characters.
@@ -22,12 +15,11 @@ cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeByName(const char *cloud_model)
 cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeBySock(int sock);
 cloudmgr_v3wscnct_node *setup_find_stored(const char *cloud_model);
 
-// The id of the step timer that runs for a socket's set-up, 0 when none does. Setting another id deletes the old timer.
-uint32_t cloudmgr_v3wscnct_getTimerBySock(int sock);
-void cloudmgr_v3wscnct_setTimerBySock(int sock, uint32_t timer_id);
+// cloudmgr_v3wscnct_setTimer stores the id of the step timer that runs, 0 for none. Another one that ran is deleted.
+void cloudmgr_v3wscnct_setTimer(cloudmgr_v3wscnct_node *node, uint32_t timer_id);
 
 // cloudmgr_v3wscnct_fsmTrigger moves a set-up on by one state. There is no way back: a step that fails ends the set-up.
-void cloudmgr_v3wscnct_fsmTrigger(int sock);
+void cloudmgr_v3wscnct_fsmTrigger(cloudmgr_v3wscnct_node *node);
 
 // setup_state_name returns the name of a node's state.
 const char *setup_state_name(const cloudmgr_v3wscnct_node *node);

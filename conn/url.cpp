@@ -161,10 +161,6 @@ uint16_t cloudtunnel_socket_getPortBySock(int sock) {
     return node ? node->port : kPlainPort;
 }
 
-void url_put_data_type(const char *model, uint32_t type) {
-    if (cloudtunnel_url_node *node = cloudtunnel_socket_getUrlNodeByModelname(model)) node->dataType = type;
-}
-
 void url_init() {
     cloudtunnel_urllist = {};
     list_init(cloudtunnel_urllist.head.link);

@@ -13,9 +13,6 @@ cloudtunnel_url_node *cloudtunnel_socket_getUrlNodeByModelname(const char *model
 // connection or model, so that an unknown socket is treated as plain.
 uint16_t cloudtunnel_socket_getPortBySock(int sock);
 
-// url_put_data_type stores a model's data type without a word, to take a change back.
-void url_put_data_type(const char *model, uint32_t type);
-
 // url_init makes the table and the cache empty without freeing; url_deinit frees them.
 void url_init();
 void url_deinit();

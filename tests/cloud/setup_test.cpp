@@ -35,9 +35,11 @@ class SetupTest : public TunnelSteps<support::LibraryTest> {
     }
     void fill_table() {
         for (int i = 0; i < 32; ++i) {
-            ASSERT_NE(setup_add(("filler" + std::to_string(i)).c_str(), "device",
-                                {Callbacks::on_connected, Callbacks::on_failure, Callbacks::on_frame}),
-                      nullptr);
+            cloudmgr_v3wscnct_node *const node = setup_add(("filler" + std::to_string(i)).c_str(), "device");
+            ASSERT_NE(node, nullptr);
+            node->connectedCallback = Callbacks::on_connected;
+            node->failureCallback = Callbacks::on_failure;
+            node->receiveCallback = Callbacks::on_frame;
         }
     }
     // Lets the module start again, once, as soon as it is told; `again` is the new set-up.
@@ -51,6 +53,19 @@ class SetupTest : public TunnelSteps<support::LibraryTest> {
 };
 
 // ------------------------------------------------------------------------------------------------- the whole road
+
+TEST_F(SetupTest, a_node_holds_what_it_was_started_with) {
+    Tunnel tunnel = lead(Wire::plain, "cloud");
+    ASSERT_GE(start("cloud", "dev"), 0);
+    const cloudmgr_v3wscnct_node *const node = setup_node("cloud");
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(node->connectedCallback, Callbacks::on_connected);
+    EXPECT_EQ(node->failureCallback, Callbacks::on_failure);
+    EXPECT_EQ(node->receiveCallback, Callbacks::on_frame);
+    EXPECT_STREQ(node->cloudModelName, "cloud");
+    EXPECT_STREQ(node->deviceModelName, "dev");
+    EXPECT_EQ(node->state, 0U);
+}
 
 TEST_F(SetupTest, a_set_up_tells_its_steps_in_order_and_no_error) {
     log.clear();
@@ -843,7 +858,7 @@ TEST_F(SetupTest, a_step_is_not_taken_without_memory_for_its_timer) {
     Tunnel tunnel = lead(Wire::plain);
     ASSERT_GE(start(tunnel), 0);
     const support::FailAlloc fail(0);
-    EXPECT_FALSE(setup_step_sent(tunnel.sock));
+    EXPECT_FALSE(setup_step_sent(tunnel.sock, setup_node("model")));
     EXPECT_EQ(state_of(), 0U);
     EXPECT_EQ(setup_node("model")->timerId, 0U);
 }

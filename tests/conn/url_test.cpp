@@ -520,15 +520,6 @@ TEST_F(PortTest, an_unknown_socket_counts_as_plain) {
     EXPECT_EQ(cloudtunnel_socket_getPortBySock(conn.sock), 80);
 }
 
-TEST_F(PortTest, a_data_type_can_be_put_back_without_a_word) {
-    CLOUDMGR_socket_urllist_set("model", nullptr, nullptr, 0, 0);
-    log.clear();
-    url_put_data_type("model", 1);
-    url_put_data_type("unknown", 1);
-    EXPECT_TRUE(log.all().empty());
-    EXPECT_EQ(cloudtunnel_socket_getUrlNodeByModelname("model")->dataType, 1U);
-}
-
 TEST_F(PortTest, a_table_of_zeros_takes_its_first_model) {
     cloudtunnel_urllist = {};
     EXPECT_EQ(cloudtunnel_socket_getUrlNodeByModelname("model"), nullptr);
