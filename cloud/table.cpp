@@ -76,11 +76,10 @@ cloudmgr_v3wscnct_node *setup_add(const char *cloud_model, const char *device_mo
     return node;
 }
 
-cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeByName(const char *cloud_model) {
-    for (auto &node : Each<cloudmgr_v3wscnct_node>(wscnctlist.link)) {
-        if (os_strcmp(node.cloudModelName, cloud_model) == 0) return &node;
-    }
-    return nullptr;
+// Not inlined: each of its callers here would set the search up.
+[[gnu::noinline]] cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeByName(const char *cloud_model) {
+    return record_of<cloudmgr_v3wscnct_node>(list_find_text(
+        wscnctlist.link, offsetof(cloudmgr_v3wscnct_node, cloudModelName), TextField::array, cloud_model));
 }
 
 cloudmgr_v3wscnct_node *setup_find_stored(const char *cloud_model) {

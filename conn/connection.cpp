@@ -122,17 +122,14 @@ void CLOUDMGR_socket_deinit(void) {
 
 cloudtunnel_connect_node *CLOUDMGR_socket_getCnctBySock(int sock) {
     if (sock == -1) return nullptr;
-    for (auto &node : Each<cloudtunnel_connect_node>(cloudtunnel_connectlist.head.link)) {
-        if (node.sock == sock) return &node;
-    }
-    return nullptr;
+    return record_of<cloudtunnel_connect_node>(list_find_number(
+        cloudtunnel_connectlist.head.link, offsetof(cloudtunnel_connect_node, sock), static_cast<uint32_t>(sock)));
 }
 
-cloudtunnel_connect_node *CLOUDMGR_socket_getCnctByModelName(const char *modelName) {
-    for (auto &node : Each<cloudtunnel_connect_node>(cloudtunnel_connectlist.head.link)) {
-        if (os_strcmp(node.modelName, modelName) == 0) return &node;
-    }
-    return nullptr;
+// Not inlined: each of its callers here would set the search up.
+[[gnu::noinline]] cloudtunnel_connect_node *CLOUDMGR_socket_getCnctByModelName(const char *modelName) {
+    return record_of<cloudtunnel_connect_node>(list_find_text(
+        cloudtunnel_connectlist.head.link, offsetof(cloudtunnel_connect_node, modelName), TextField::array, modelName));
 }
 
 const char *CLOUDMGR_socket_getModelNameBySock(int sock) {

@@ -148,11 +148,10 @@ int set_port(uint16_t *port, const char *text) {
 
 }  // namespace
 
-cloudtunnel_url_node *cloudtunnel_socket_getUrlNodeByModelname(const char *model) {
-    for (auto &node : Each<cloudtunnel_url_node>(cloudtunnel_urllist.head.link)) {
-        if (os_strcmp(node.modelName, model) == 0) return &node;
-    }
-    return nullptr;
+// Not inlined: each of its callers here would set the search up.
+[[gnu::noinline]] cloudtunnel_url_node *cloudtunnel_socket_getUrlNodeByModelname(const char *model) {
+    return record_of<cloudtunnel_url_node>(list_find_text(
+        cloudtunnel_urllist.head.link, offsetof(cloudtunnel_url_node, modelName), TextField::pointer, model));
 }
 
 uint16_t cloudtunnel_socket_getPortBySock(int sock) {

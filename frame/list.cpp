@@ -1,5 +1,23 @@
 #include "frame/list.h"
 
+#include "platform/os.h"
+
+cloudtunnel_link *list_find_number(const cloudtunnel_link &head, size_t offset, uint32_t number) {
+    for (cloudtunnel_link *at = head.next; at && at != &head; at = at->next) {
+        if (*reinterpret_cast<const uint32_t *>(reinterpret_cast<const char *>(at) + offset) == number) return at;
+    }
+    return nullptr;
+}
+
+cloudtunnel_link *list_find_text(const cloudtunnel_link &head, size_t offset, TextField kind, const char *text) {
+    for (cloudtunnel_link *at = head.next; at && at != &head; at = at->next) {
+        const char *field = reinterpret_cast<const char *>(at) + offset;
+        if (kind == TextField::pointer) field = *reinterpret_cast<const char *const *>(field);
+        if (os_strcmp(field, text) == 0) return at;
+    }
+    return nullptr;
+}
+
 void CLOUDMGR_DL_Del(cloudtunnel_link *node) {
     if (!node || !node->next || !node->prev) return;
     node->prev->next = node->next;

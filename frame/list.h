@@ -32,6 +32,12 @@ T *record_of(cloudtunnel_link *link) {
     return reinterpret_cast<T *>(link);
 }
 
+// list_find_number and list_find_text return the first node with that value in the field at `offset`, null when there
+// is none. A text stands in the record, or elsewhere and the field points to it; null matches nothing.
+cloudtunnel_link *list_find_number(const cloudtunnel_link &head, size_t offset, uint32_t number);
+enum class TextField { array, pointer };
+cloudtunnel_link *list_find_text(const cloudtunnel_link &head, size_t offset, TextField kind, const char *text);
+
 // Each walks a list in order: `for (Node &node : Each<Node>(head))`. The successor is read before the body runs, so the
 // body may unlink and free the node in hand, but no other.
 template <typename T>

@@ -39,10 +39,8 @@ int CLOUDTUNNEL_MODULE_Register(const CLOUDTUNNEL_MODULE_REG *reg) {
 }
 
 CLOUDTUNNEL_MODULE_NODE *cloudmgr_module_getmodNodeByName(const char *name) {
-    for (auto &node : Each<CLOUDTUNNEL_MODULE_NODE>(cloudtunnel_module_list.link)) {
-        if (os_strcmp(node.name, name) == 0) return &node;
-    }
-    return nullptr;
+    return record_of<CLOUDTUNNEL_MODULE_NODE>(list_find_text(
+        cloudtunnel_module_list.link, offsetof(CLOUDTUNNEL_MODULE_NODE, name), TextField::pointer, name));
 }
 
 void cloudtunnel_module_reg2Server(void) {

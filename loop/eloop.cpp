@@ -49,10 +49,8 @@ void loop_reset() {
 }
 
 CLOUDMGR_ELOOP_SOCK *find_locked(int fd) {
-    for (auto &node : Each<CLOUDMGR_ELOOP_SOCK>(g_loop.sockets)) {
-        if (node.fd == fd) return &node;
-    }
-    return nullptr;
+    return record_of<CLOUDMGR_ELOOP_SOCK>(
+        list_find_number(g_loop.sockets, offsetof(CLOUDMGR_ELOOP_SOCK, fd), static_cast<uint32_t>(fd)));
 }
 
 // sock_find returns the node of a socket, null when there is none; `take` takes it off the table.

@@ -72,10 +72,8 @@ void remove_locked(cloudtunnel_timer_node *node) {
 }
 
 cloudtunnel_timer_node *find_locked(uint32_t id) {
-    for (auto &node : Each<cloudtunnel_timer_node>(cloudtunnel_timerlist.link)) {
-        if (node.id == id) return &node;
-    }
-    return nullptr;
+    return record_of<cloudtunnel_timer_node>(
+        list_find_number(cloudtunnel_timerlist.link, offsetof(cloudtunnel_timer_node, id), id));
 }
 
 void dump_pool_locked() {
