@@ -12,21 +12,7 @@ namespace {
 constexpr size_t kPieceSize = 65535;  // one formatted piece, its zero byte included
 constexpr uint32_t kSendAttempts = 100;
 
-enum class Append {
-    done,
-    format_failed,  // the text is as it was
-    grow_failed,    // its data is freed; the record is the caller's to free
-};
-
-struct Appended {
-    Append outcome;
-    int result;
-};
-
-void text_drop(cloudtunnel_http_text *text) {
-    os_free(text->data);
-    *text = {};
-}
+constexpr int kCannotGrow = 1;  // text_append: the text's data is freed; the record is the caller's to free
 
 // text_reserve makes room for `length` bytes and a zero byte behind them.
 bool text_reserve(cloudtunnel_http_text *text, uint64_t length) {
@@ -41,22 +27,24 @@ bool text_reserve(cloudtunnel_http_text *text, uint64_t length) {
     return true;
 }
 
-Appended text_append(cloudtunnel_http_text *text, const char *format, va_list args) {
+// text_append adds a formatted piece. 0; kCannotGrow; or -1 or vsnprintf's negative result, the text as it was.
+int text_append(cloudtunnel_http_text *text, const char *format, va_list args) {
     const Owned<char> piece(static_cast<char *>(malloc(kPieceSize)));
-    if (!piece) return {Append::format_failed, -1};
+    if (!piece) return -1;
     const int formatted = vsnprintf(piece.get(), kPieceSize, format, args);
-    if (formatted < 0) return {Append::format_failed, formatted};
+    if (formatted < 0) return formatted;
     const size_t added = os_strlen(piece.get());
 
     uint64_t length = 0;
     if (__builtin_add_overflow(text->length, added, &length) || !text_reserve(text, length)) {
-        text_drop(text);
-        return {Append::grow_failed, -1};
+        os_free(text->data);
+        text->data = nullptr;
+        return kCannotGrow;
     }
     memcpy(text->data + text->length, piece.get(), added);
     text->length = length;
     text->data[length] = '\0';
-    return {Append::done, 0};
+    return 0;
 }
 
 // A request's text while it is being written. The first piece that fails stops it for good.
@@ -65,22 +53,21 @@ class Writer {
     Writer() = default;
     Writer(const Writer &) = delete;
     Writer &operator=(const Writer &) = delete;
-    ~Writer() { text_drop(&text_); }
+    ~Writer() { os_free(text_.data); }
 
     void add(const char *format, ...) __attribute__((format(printf, 2, 3))) {
         if (!ok_) return;
         va_list args;
         va_start(args, format);
-        ok_ = text_append(&text_, format, args).outcome == Append::done;
+        ok_ = text_append(&text_, format, args) == 0;
         va_end(args);
     }
 
-    // line writes "name: value", where there is a value.
-    void line(const char *name, const char *value) {
+    // line writes "name: value", where there is a value. It is called, not inlined, at every header.
+    [[gnu::noinline]] void line(const char *name, const char *value) {
         if (value) add("%s: %s\r\n", name, value);
     }
 
-    void fail() { ok_ = false; }
     [[nodiscard]] bool ok() const { return ok_ && text_.length <= INT32_MAX; }
     [[nodiscard]] const uint8_t *data() const { return reinterpret_cast<const uint8_t *>(text_.data); }
     [[nodiscard]] size_t length() const { return text_.length; }
@@ -90,22 +77,12 @@ class Writer {
     bool ok_ = true;
 };
 
-void write_request_line(Writer &out, const cloudtunnel_http_req *req) {
-    const char *method = http_method_name(req->method);
-    const char *version = http_version_name(req->version);
-    if (!method || !version) {
-        out.fail();
-        return;
-    }
-    out.add("%s ", method);
-    out.add("%s", req->path ? req->path : "");
-    out.add(" HTTP/%s\r\n", version);
-}
-
 enum class Lines { all, short_form };
 
 void write_request(Writer &out, const cloudtunnel_http_req *req, Lines lines) {
-    write_request_line(out, req);
+    out.add("%s ", http_method_name(req->method));
+    out.add("%s", req->path ? req->path : "");
+    out.add(" HTTP/%s\r\n", http_version_name(req->version));
     out.line("Accept", req->accept);
     out.line("Host", req->host);
     out.line("Accept-Language", req->accept_language);
@@ -127,7 +104,7 @@ void write_request(Writer &out, const cloudtunnel_http_req *req, Lines lines) {
 }
 
 int send_request(int sock, const cloudtunnel_http_req *req, Lines lines, uint32_t attempts) {
-    if (sock < 0 || !req) return -1;
+    if (sock < 0 || !req || !http_method_name(req->method) || !http_version_name(req->version)) return -1;
     Writer out;
     write_request(out, req, lines);
     if (!out.ok()) return -1;
@@ -144,10 +121,11 @@ int cloudtunnel_http_strcat(cloudtunnel_http_text *text, const char *format, ...
     if (!text || !format) return -1;
     va_list args;
     va_start(args, format);
-    const Appended appended = text_append(text, format, args);
+    const int result = text_append(text, format, args);
     va_end(args);
-    if (appended.outcome == Append::grow_failed) os_free(text);
-    return appended.result;
+    if (result != kCannotGrow) return result;
+    os_free(text);
+    return -1;
 }
 
 int cloudtunnel_http_send(int sock, const cloudtunnel_http_req *req) {
