@@ -9,7 +9,9 @@ const char *cloudtunnel_json_ObjectToString(json_object *object) {
 json_object *cloudtunnel_json_StringToObject(const char *text) { return text ? json_tokener_parse(text) : nullptr; }
 
 json_object *cloudtunnel_json_GetObject(json_object *object, const char *key) {
-    return key ? json_object_object_get(object, key) : nullptr;  // null for what is no object, and for null
+    json_object *member = nullptr;
+    if (!object || !key || !json_object_object_get_ex(object, key, &member)) return nullptr;
+    return member;
 }
 
 void json_add(json_object *object, const char *key, json_object *value) {

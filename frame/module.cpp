@@ -51,8 +51,8 @@ void cloudtunnel_module_reg2Server(void) {
         os_strlcpy(module.name, node.name, sizeof module.name);
         os_strlcpy(module.same_name, node.name, sizeof module.same_name);
         os_strlcpy(module.sub_name, node.sub_name, sizeof module.sub_name);
+        WireReply reply = {};
         LOG(event, "sendRegMsg2Server %s .", node.name ? node.name : "");
-        // Whether the daemon took the module is not told (client/link.h): it is announced again every time.
-        cloudtunnel_cl_sendRegMsg2Server(&module, nullptr);
+        if (cloudtunnel_cl_sendRegMsg2Server(&module, &reply) == 0 && reply.result == 0) node.registered = 1;
     }
 }
