@@ -22,32 +22,48 @@ namespace {
 
 ConnWatch *g_watches = nullptr;  // the innermost
 
-// conn_release frees a connection that is in no list any more.
-void conn_release(cloudtunnel_connect_node *node) {
-    ConnWatch::forget(node);
-    CLOUDMGR_ssl_Destory(node);
-    if (node->delTimer) cloudtunnel_timer_del(node->delTimer);
-    if (node->connectTimer) cloudtunnel_timer_del(node->connectTimer);
-    os_free(node->buf);
-    os_free(node);
-}
-
 void conn_unlink(cloudtunnel_connect_node *node) {
     cloudmgr_dl_list_del(&node->link);
     cloudtunnel_connectlist.count--;
 }
 
-// close_socket ends what lies under a connection that is gone.
-void close_socket(int sock, bool unclose) {
-    CLOUDMGR_eloop_sock_del(sock);
-    if (unclose) return;
-    LOG(connect, "Real close sock [%d] .", sock);
-    close(sock);
+// conn_release frees a connection that is in no list any more.
+void conn_release(cloudtunnel_connect_node *node) {
+    ConnWatch::forget(node);
+    CLOUDMGR_ssl_Destory(node);
+    cloudtunnel_timer_del(node->delTimer);
+    cloudtunnel_timer_del(node->connectTimer);
+    os_free(node->buf);
+    os_free(node);
 }
 
-void set_timer(uint32_t *timer, uint32_t id) {
-    if (*timer) cloudtunnel_timer_del(*timer);
-    *timer = id;
+// conn_close frees a connection that is in no list any more, and ends what lies under it.
+int conn_close(cloudtunnel_connect_node *node) {
+    const int sock = node->sock;
+    const bool unclose = node->unclose != 0;
+    conn_release(node);
+    LOG(connect, "Del socket connect node ok, sock %d.", sock);
+    CLOUDMGR_eloop_sock_del(sock);
+    if (unclose) return 0;
+    LOG(connect, "Real close sock [%d] .", sock);
+    close(sock);
+    return 0;
+}
+
+void set_unclose(int sock, bool unclose) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return;
+    node->unclose = unclose;
+    LOG(connect, unclose ? "Set sock [%d] unclose." : "Clear sock [%d] unclose.", sock);
+}
+
+// set_timer deletes the timer that was set and stores the new one.
+int set_timer(int sock, uint32_t id, uint32_t cloudtunnel_connect_node::*timer) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return -1;
+    cloudtunnel_timer_del(node->*timer);
+    node->*timer = id;
+    return 0;
 }
 
 }  // namespace
@@ -77,24 +93,17 @@ void ConnWatch::fail() {
 }
 
 cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallbacks &callbacks) {
-    if (cloudtunnel_connectlist.count >= kConnectionMax) {
-        LOG(error, "Daemon socket connect reach max.");
-        return nullptr;
-    }
+    cloudtunnel_connect_node *node = nullptr;
+    if (cloudtunnel_connectlist.count >= kConnectionMax) LOG(error, "Daemon socket connect reach max.");
     // Looked for as it is given: one that is cut when it is stored is never found, and can have several connections.
-    if (CLOUDMGR_socket_getCnctByModelName(model)) {
+    else if (CLOUDMGR_socket_getCnctByModelName(model))
         LOG(error, "Connect node of model [%s] is exist.", model);
-        return nullptr;
-    }
-    if (CLOUDMGR_socket_getCnctBySock(sock)) {
+    else if (CLOUDMGR_socket_getCnctBySock(sock))
         LOG(error, "Connect node of sock [%d] is exist", sock);
-        return nullptr;
-    }
-    auto *node = static_cast<cloudtunnel_connect_node *>(os_alloc(sizeof(cloudtunnel_connect_node)));
-    if (!node) {
+    else if (!(node = static_cast<cloudtunnel_connect_node *>(os_alloc(sizeof(cloudtunnel_connect_node)))))
         LOG(error, "Malloc fo connect node failed.");
-        return nullptr;
-    }
+    if (!node) return nullptr;
+
     node->connectedCallback = callbacks.connected;
     node->failureCallback = callbacks.failure;
     node->dataCallback = callbacks.data;
@@ -113,9 +122,9 @@ void CLOUDMGR_socket_init(void) {
 }
 
 void CLOUDMGR_socket_deinit(void) {
-    for (auto &node : Each<cloudtunnel_connect_node>(cloudtunnel_connectlist.head.link)) {
-        conn_unlink(&node);
-        conn_release(&node);
+    while (cloudtunnel_link *link = CLOUDMGR_DL_DelHead(&cloudtunnel_connectlist.head.link)) {
+        cloudtunnel_connectlist.count--;
+        conn_release(record_of<cloudtunnel_connect_node>(link));
     }
     url_deinit();
 }
@@ -165,41 +174,24 @@ void CLOUDMGR_socket_connect_del(int sock) {
 int CLOUDMGR_socket_closeBySock(int sock) {
     cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
     if (!node) return 0;
-    const bool unclose = node->unclose != 0;
     {
         const Lock hold(cloudtunnel_connectlist.lock);
         conn_unlink(node);
     }
-    // Released outside the lock: this ends the TLS session, which writes to the socket.
-    conn_release(node);
-    LOG(connect, "Del socket connect node ok, sock %d.", sock);
-    close_socket(sock, unclose);
-    return 0;
+    // Closed outside the lock: this ends the TLS session, which writes to the socket.
+    return conn_close(node);
 }
 
 int CLOUDMGR_socket_closeByModelName(const char *modelName) {
-    const cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctByModelName(modelName);
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctByModelName(modelName);
     if (!node) return 0;
-    const int sock = node->sock;
-    const bool unclose = node->unclose != 0;
-    CLOUDMGR_socket_connect_del(sock);
-    close_socket(sock, unclose);
-    return 0;
+    conn_unlink(node);
+    return conn_close(node);
 }
 
-void CLOUDMGR_socket_SetUnclose(int sock) {
-    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
-    if (!node) return;
-    node->unclose = 1;
-    LOG(connect, "Set sock [%d] unclose.", sock);
-}
+void CLOUDMGR_socket_SetUnclose(int sock) { set_unclose(sock, true); }
 
-void CLOUDMGR_socket_ClearUnclose(int sock) {
-    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
-    if (!node) return;
-    node->unclose = 0;
-    LOG(connect, "Clear sock [%d] unclose.", sock);
-}
+void CLOUDMGR_socket_ClearUnclose(int sock) { set_unclose(sock, false); }
 
 uint32_t CLOUDMGR_socket_getDelTimerBySock(int sock) {
     const cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
@@ -207,17 +199,11 @@ uint32_t CLOUDMGR_socket_getDelTimerBySock(int sock) {
 }
 
 int CLOUDMGR_socket_setDelTimerBySock(int sock, uint32_t timerId) {
-    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
-    if (!node) return -1;
-    set_timer(&node->delTimer, timerId);
-    return 0;
+    return set_timer(sock, timerId, &cloudtunnel_connect_node::delTimer);
 }
 
 int cloudtunnel_socket_setConnectTimer(int sock, uint32_t timerId) {
-    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
-    if (!node) return -1;
-    set_timer(&node->connectTimer, timerId);
-    return 0;
+    return set_timer(sock, timerId, &cloudtunnel_connect_node::connectTimer);
 }
 
 void CLOUDMGR_v3_socketError(int) {}

@@ -2,6 +2,18 @@
 
 #include "platform/os.h"
 
+void list_insert_after(cloudtunnel_link &place, cloudtunnel_link &node) {
+    if (!place.next) list_init(place);
+    node.prev = &place;
+    node.next = place.next;
+    place.next->prev = &node;
+    place.next = &node;
+}
+
+void list_append(cloudtunnel_link &head, cloudtunnel_link &node) {
+    list_insert_after(head.prev ? *head.prev : head, node);
+}
+
 cloudtunnel_link *list_find_number(const cloudtunnel_link &head, size_t offset, uint32_t number) {
     for (cloudtunnel_link *at = head.next; at && at != &head; at = at->next) {
         if (*reinterpret_cast<const uint32_t *>(reinterpret_cast<const char *>(at) + offset) == number) return at;

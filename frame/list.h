@@ -11,19 +11,9 @@ inline void list_init(cloudtunnel_link &head) { head.next = head.prev = &head; }
 
 inline bool list_empty(const cloudtunnel_link &head) { return !head.next || head.next == &head; }
 
-// list_insert_after puts `node` behind `place`, a head or a node in a list.
-inline void list_insert_after(cloudtunnel_link &place, cloudtunnel_link &node) {
-    if (!place.next) list_init(place);
-    node.prev = &place;
-    node.next = place.next;
-    place.next->prev = &node;
-    place.next = &node;
-}
-
-inline void list_append(cloudtunnel_link &head, cloudtunnel_link &node) {
-    if (!head.next) list_init(head);
-    list_insert_after(*head.prev, node);
-}
+// list_insert_after puts `node` behind `place`, a head or a node in a list; list_append puts it at the end.
+void list_insert_after(cloudtunnel_link &place, cloudtunnel_link &node);
+void list_append(cloudtunnel_link &head, cloudtunnel_link &node);
 
 // record_of turns the links of a node back into the node.
 template <typename T>

@@ -50,6 +50,28 @@ TEST_F(ListTest, inserting_behind_a_head_of_zeros_links_it) {
     EXPECT_EQ(order(), (Order{0, 2, 1}));
 }
 
+TEST_F(ListTest, a_search_finds_the_first_match_by_number_or_text) {
+    struct Named {
+        cloudtunnel_link link = {};
+        uint32_t number = 0;
+        const char *pointer = nullptr;
+        char array[4] = "";
+    } named[3] = {
+        {.number = 7, .array = "a"}, {.number = 8, .pointer = "x", .array = "b"}, {.number = 8, .array = "b"}};
+    const auto by_text = [this](size_t offset, TextField kind, const char *text) {
+        return list_find_text(head, offset, kind, text);
+    };
+    EXPECT_EQ(list_find_number(head, offsetof(Named, number), 7), nullptr);
+    EXPECT_EQ(by_text(offsetof(Named, array), TextField::array, "a"), nullptr);
+    for (Named &one : named) list_append(head, one.link);
+    EXPECT_EQ(list_find_number(head, offsetof(Named, number), 8), &named[1].link);
+    EXPECT_EQ(list_find_number(head, offsetof(Named, number), 9), nullptr);
+    EXPECT_EQ(by_text(offsetof(Named, array), TextField::array, "b"), &named[1].link);
+    EXPECT_EQ(by_text(offsetof(Named, pointer), TextField::pointer, "x"), &named[1].link);
+    EXPECT_EQ(by_text(offsetof(Named, pointer), TextField::pointer, "y"), nullptr);
+    EXPECT_EQ(by_text(offsetof(Named, pointer), TextField::pointer, nullptr), nullptr);
+}
+
 TEST_F(ListTest, list_del_clears_the_links_and_can_be_repeated) {
     fill();
     cloudmgr_dl_list_del(&nodes[1].link);
