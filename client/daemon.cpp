@@ -1,6 +1,6 @@
 #include "client/daemon.h"
 
-#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -24,9 +24,9 @@ constexpr size_t kMessageMax = 2048;
 
 int g_own_fd = -1;  // the descriptor this room connected last: the exported one can be written by others
 
+// reconnect_armed is false for -1 as well: no timer has that id.
 bool reconnect_armed() {
-    return g_iCloudClientReConnTimeFd != -1 &&
-           timer_armed(static_cast<uint32_t>(g_iCloudClientReConnTimeFd), cloudtunnel_cl_reConnTimerProc);
+    return timer_armed(static_cast<uint32_t>(g_iCloudClientReConnTimeFd), cloudtunnel_cl_reConnTimerProc);
 }
 
 // reconnect_disarm forgets the timer, and deletes it unless the id is another timer's by now.
@@ -35,21 +35,16 @@ void reconnect_disarm() {
     g_iCloudClientReConnTimeFd = -1;
 }
 
-// drop_forgotten_link closes a link that an earlier init made and a later one dropped from the event loop: nobody would
-// ever read it, and it would stand in the way of the reconnection.
-void drop_forgotten_link() {
-    if (g_iCloudClientConnFd == -1 || g_iCloudClientConnFd != g_own_fd) return;
-    if (cloudmgr_eloop_get_sock(g_iCloudClientConnFd)) return;
+void link_close() {
     close(g_iCloudClientConnFd);
     g_iCloudClientConnFd = g_own_fd = -1;
 }
 
-struct sockaddr_un address_of(const char *path, socklen_t *len) {
-    struct sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    os_strlcpy(address.sun_path, path, sizeof address.sun_path);
-    *len = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + os_strlen(address.sun_path));
-    return address;
+// drop_forgotten_link closes a link that an earlier init made and a later one dropped from the event loop: nobody would
+// ever read it, and it would stand in the way of the reconnection.
+void drop_forgotten_link() {
+    if (g_iCloudClientConnFd == -1 || g_iCloudClientConnFd != g_own_fd) return;
+    if (!cloudmgr_eloop_get_sock(g_iCloudClientConnFd)) link_close();
 }
 
 int call(int (*callback)(void)) { return callback && callback() != 0 ? 1 : 0; }
@@ -74,17 +69,10 @@ void note_text(char **field, const char *text) {
     if (os_strcmp(*field, text) != 0) *field = os_strdup(text);
 }
 
-int take_tunnel_data(const Message &message) {
-    const char *model = model_of(message);
-    CLOUDTUNNEL_MODULE_NODE *module = cloudmgr_module_getmodNodeByName(model);
-    if (!module) {
-        LOG(error, "getmodNodeByName is NULL");
-        return 1;
-    }
-    CLOUDTUNNEL_MAIN_TUNNEL_INFO info = {};
-    memcpy(&info, message.notification.main_tunnel_info, sizeof info);
+// take_tunnel_data stores what the daemon tells of a model's tunnel.
+void take_tunnel_data(const Message &message, CLOUDTUNNEL_MODULE_NODE *module) {
     const char *cookie = text_at(message, offsetof(WireNotification, cookie));
-    cloudtunnel_dev_setMainTunnelInfo(&info, cookie);
+    cloudtunnel_dev_setMainTunnelInfo(&message.notification.main_tunnel_info, cookie);
     note_text(&module->url_host, text_at(message, offsetof(WireNotification, url_host)));
     note_text(&module->url_path, text_at(message, offsetof(WireNotification, url_path)));
     module->tunnel_value = message.notification.tunnel_value;
@@ -92,22 +80,27 @@ int take_tunnel_data(const Message &message) {
     cloudmgr_v3_setTokenID(text_at(message, offsetof(WireNotification, token)));
     cloudmgr_v3_setCookie(cookie);
     LOG(event, "token %s cookie %s", CLOUDMGR_TUNNEL_GetToken(), cloudmgr_v3_getCookie());
-    CLOUDMGR_socket_urllist_set(model, module->url_host, module->url_path, CLOUDTUNNEL_DATATYPE_HTTP, module->port);
-    module = cloudmgr_module_getmodNodeByName(model);
-    if (!module) {
-        LOG(error, "pstModule == NULL");
-        return 1;
-    }
-    return call(module->tunnel_open_cb);
+    CLOUDMGR_socket_urllist_set(model_of(message), module->url_host, module->url_path, CLOUDTUNNEL_DATATYPE_HTTP,
+                                module->port);
 }
 
 int take_notification(const Message &message) {
     const uint32_t sub_type = message.notification.header.sub_type;
-    if (sub_type == kTunnelData) return take_tunnel_data(message);
-    if (sub_type != kTunnelClosed && sub_type != kThirdKind) return 0;
-    const CLOUDTUNNEL_MODULE_NODE *module = cloudmgr_module_getmodNodeByName(model_of(message));
+    if (sub_type < kTunnelData || sub_type > kThirdKind) return 0;
+    CLOUDTUNNEL_MODULE_NODE *module = cloudmgr_module_getmodNodeByName(model_of(message));
+    if (sub_type == kTunnelData) {
+        if (!module) {
+            LOG(error, "getmodNodeByName is NULL");
+            return 1;
+        }
+        take_tunnel_data(message, module);
+        module = cloudmgr_module_getmodNodeByName(model_of(message));
+        if (!module) LOG(error, "pstModule == NULL");
+    }
     if (!module) return 1;
-    return call(sub_type == kTunnelClosed ? module->tunnel_close_cb : module->tunnel_third_cb);
+    return call(sub_type == kTunnelData     ? module->tunnel_open_cb
+                : sub_type == kTunnelClosed ? module->tunnel_close_cb
+                                            : module->tunnel_third_cb);
 }
 
 void take_message(const Message &message, size_t len) {
@@ -118,44 +111,34 @@ void take_message(const Message &message, size_t len) {
     printHex(message.bytes, static_cast<uint32_t>(len));
     const uint32_t type = message.notification.header.type;
     int result = 0;
-    switch (type) {
-        case kTypeNotification:
-            result = take_notification(message);
-            break;
-        case kTypeRegistration:
-        case kTypeReserved:
-            break;
-        default:
-            LOG(error, "[libcloudtunnel client] unexcept msg type to proc");
-            break;
-    }
+    if (type == kTypeNotification)
+        result = take_notification(message);
+    else if (type != kTypeRegistration && type != kTypeReserved)
+        LOG(error, "[libcloudtunnel client] unexcept msg type to proc");
     LOG(error, "[libcloudtunnel client] proc recv msg [type = 0x%x, ret = %ld].", type, static_cast<long>(result));
 }
 
 bool something_to_read(int fd) {
-    struct pollfd ready = {.fd = fd, .events = POLLIN, .revents = 0};
-    return poll(&ready, 1, 0) > 0;
+    int bytes = 0;
+    return ioctl(fd, FIONREAD, &bytes) == 0 && bytes > 0;
 }
 
 // read_message reads once; again after EINTR, and after EAGAIN as long as there is something to read, so that a wake-up
 // for nothing does not spin.
 ssize_t read_message(int fd, Message *message) {
-    for (;;) {
-        const ssize_t got = recv(fd, message->bytes, kMessageMax, MSG_DONTWAIT);
-        if (got >= 0) return got;
-        if (errno == EINTR || (errno == EAGAIN && something_to_read(fd))) continue;
-        return got;
-    }
+    ssize_t got = 0;
+    do {
+        got = recv(fd, message->bytes, kMessageMax, MSG_DONTWAIT);
+    } while (got < 0 && (errno == EINTR || (errno == EAGAIN && something_to_read(fd))));
+    return got;
 }
 
 void link_broken() {
-    const int fd = g_iCloudClientConnFd;
-    if (CLOUDMGR_eloop_sock_del(fd) != 0) {
+    if (CLOUDMGR_eloop_sock_del(g_iCloudClientConnFd) != 0) {
         LOG(error, "[libcloudtunnel client] connect fd del from epoll failed when epoll err | hup.");
         return;
     }
-    close(fd);
-    g_iCloudClientConnFd = -1;
+    link_close();
     for (const auto &module : Each<CLOUDTUNNEL_MODULE_NODE>(cloudtunnel_module_list.link)) {
         (void)call(module.tunnel_close_cb);
         LOG(event, "[libcloudtunnel client]epoll error call tunnel_close_cb %s.", printable(module.name));
@@ -188,15 +171,17 @@ int cloudtunnel_cl_connect(const char *path) {
         LOG(error, "[libcloudtunnel client] connect server error, create sock failed");
         return 1;
     }
-    socklen_t len = 0;
-    const struct sockaddr_un address = address_of(path, &len);
+    struct sockaddr_un address;  // set as far as it is used
+    address.sun_family = AF_UNIX;
+    os_strlcpy(address.sun_path, path, sizeof address.sun_path);
+    const auto len = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + os_strlen(address.sun_path));
     const struct timeval timeout = {.tv_sec = kReplyTimeoutS, .tv_usec = 0};
-    if (setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0) {
-        LOG(error, "[libcloudtunnel client] setsockopt error : %s", strerror(errno));
-        return 1;
-    }
-    if (connect(fd.get(), reinterpret_cast<const struct sockaddr *>(&address), len) != 0) {
-        LOG(error, "[libcloudtunnel client]connect kyrcloud error:%s\n", strerror(errno));
+    const bool timed = setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) == 0;
+    if (!timed || connect(fd.get(), reinterpret_cast<const struct sockaddr *>(&address), len) != 0) {
+        LOG(error,
+            timed ? "[libcloudtunnel client]connect kyrcloud error:%s\n"
+                  : "[libcloudtunnel client] setsockopt error : %s",
+            strerror(errno));
         return 1;
     }
     struct epoll_event event = {};
@@ -240,7 +225,5 @@ int CLOUDTUNNEL_client_Init(void) {
 
 void CLOUDTUNNEL_client_Fini(void) {
     reconnect_disarm();
-    if (g_iCloudClientConnFd == -1) return;
-    close(g_iCloudClientConnFd);
-    g_iCloudClientConnFd = g_own_fd = -1;
+    if (g_iCloudClientConnFd != -1) link_close();
 }

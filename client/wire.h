@@ -2,6 +2,8 @@
 // machine.
 #pragma once
 
+#include <cloudtunnel.h>
+
 #include <cstddef>
 #include <cstdint>
 
@@ -49,7 +51,7 @@ struct WireNotification {
     uint32_t tunnel_value;
     uint16_t port;
     uint16_t unused;
-    uint8_t main_tunnel_info[140];
+    CLOUDTUNNEL_MAIN_TUNNEL_INFO main_tunnel_info;
     char cookie[128];
     char token[128];
 };

@@ -28,7 +28,6 @@ const Failure kFailures[] = {
     {"epoll_create", "epoll_create", {.error = EMFILE}},
     {"epoll_ctl", "epoll_ctl", {.error = ENOMEM}},
     {"epoll_wait", "epoll_wait", {.error = EINTR}},
-    {"poll", "poll", {.error = EINTR}},
 
     {"send/ECONNRESET", "send", {.error = ECONNRESET}},
     {"send/EINTR", "send", {.error = EINTR}},
