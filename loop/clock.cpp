@@ -66,10 +66,9 @@ uint64_t cloudtunnel_timer_run_time(char *text) {
     text[0] = '\0';
     const uint64_t seconds = told_uptime(false);
     if (seconds == kUnknown) return kUnknown;
-    const uint64_t minutes = seconds / 60;
-    const uint64_t hours = minutes / 60;
-    os_snprintf(text, kTextSize, "%02dD:%02dH:%02dM:%02dS", static_cast<int>(hours / 24), static_cast<int>(hours % 24),
-                static_cast<int>(minutes % 60), static_cast<int>(seconds % 60));
+    const auto of_day = static_cast<int>(seconds % 86400);
+    os_snprintf(text, kTextSize, "%02dD:%02dH:%02dM:%02dS", static_cast<int>(seconds / 86400), of_day / 3600,
+                of_day / 60 % 60, of_day % 60);
     return seconds;
 }
 

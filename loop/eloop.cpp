@@ -20,7 +20,8 @@ struct CLOUDMGR_ELOOP {
 
 CLOUDMGR_ELOOP g_loop = {};
 
-void node_free(CLOUDMGR_ELOOP_SOCK *node) {
+void node_free(cloudtunnel_link *link) {
+    auto *node = record_of<CLOUDMGR_ELOOP_SOCK>(link);
     os_free(node->extra);
     os_free(node);
 }
@@ -39,13 +40,11 @@ void unlink_locked(CLOUDMGR_ELOOP_SOCK *node) {
 void loop_reset() {
     {
         const Lock hold(g_loop.lock);
-        for (auto &node : Each<CLOUDMGR_ELOOP_SOCK>(g_loop.sockets)) {
-            unlink_locked(&node);
-            node_free(&node);
-        }
+        cloudmgr_dl_FreeAll(&g_loop.sockets, node_free);
+        g_loop.count = 0;
     }
     pthread_mutex_destroy(&g_loop.lock);
-    g_loop = {};
+    memset(&g_loop, 0, sizeof g_loop);
 }
 
 CLOUDMGR_ELOOP_SOCK *find_locked(int fd) {
@@ -158,7 +157,7 @@ int CLOUDMGR_eloop_sock_del(int fd) {
         LOG(error, "Del socket %d from epoll failed.", fd);
     else
         LOG(connect, "Del socket %d from epoll ok.", fd);
-    node_free(node);
+    node_free(&node->link);
     return 0;
 }
 

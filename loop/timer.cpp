@@ -7,10 +7,7 @@
 #include "loop/timer.h"
 
 #include <array>
-#include <bit>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
 
 #include "frame/list.h"
 #include "frame/log.h"
@@ -28,14 +25,19 @@ constexpr uint32_t kDynamicIds = kPoolBytes * 8;
 constexpr uint64_t kNoUptime = UINT64_MAX;
 static_assert(kTimerMax <= kDynamicIds);
 
+// The pool's own pace, for a host that asks for the signal.
+constexpr suseconds_t kPaceUs = 100000;
+constexpr struct itimerval kPace = {.it_interval = {.tv_sec = 0, .tv_usec = kPaceUs},
+                                    .it_value = {.tv_sec = 0, .tv_usec = kPaceUs}};
+constexpr struct itimerval kNoPace = {};
+
 std::array<uint8_t, kPoolBytes> g_pool = {};  // bit b of byte B: id 100 + 8 * B + b is taken
 volatile sig_atomic_t g_timeout_pending = 0;  // set by the signal handler, read by nobody here
 
 // A pass over the list that is under way.
 struct Pass {
     cloudtunnel_link *next = nullptr;           // where it goes on; moved on when that node is removed
-    cloudtunnel_timer_node *running = nullptr;  // its callback runs: nobody else frees this node
-    bool orphaned = false;                      // `running` was taken out of the list meanwhile
+    cloudtunnel_timer_node *running = nullptr;  // its callback runs: nobody else frees it. Null once it left the list
     Pass *outer = nullptr;
 };
 Pass *g_passes = nullptr;  // the innermost
@@ -45,28 +47,24 @@ void timer_free(cloudtunnel_timer_node *node) {
     os_free(node);
 }
 
-// pass_running returns the outermost pass that is running this node's callback, null when none is.
-Pass *pass_running(const cloudtunnel_timer_node *node) {
-    Pass *found = nullptr;
-    for (Pass *pass = g_passes; pass; pass = pass->outer) {
-        if (pass->running == node) found = pass;
+bool is_running(const cloudtunnel_timer_node *node) {
+    for (const Pass *pass = g_passes; pass; pass = pass->outer) {
+        if (pass->running == node) return true;
     }
-    return found;
+    return false;
 }
 
-void unlink_locked(cloudtunnel_timer_node *node) {
+// remove_locked takes a node out of the list and frees it, or leaves that to the outermost pass that runs its callback.
+void remove_locked(cloudtunnel_timer_node *node) {
+    Pass *runner = nullptr;
     for (Pass *pass = g_passes; pass; pass = pass->outer) {
         if (pass->next == &node->link) pass->next = node->link.next;
+        if (pass->running == node) runner = pass;
     }
     cloudmgr_dl_list_del(&node->link);
     cloudtunnel_timerlist.count--;
-}
-
-// remove_locked frees a node, or leaves that to the pass that is running its callback.
-void remove_locked(cloudtunnel_timer_node *node) {
-    unlink_locked(node);
-    if (Pass *pass = pass_running(node))
-        pass->orphaned = true;
+    if (runner)
+        runner->running = nullptr;
     else
         timer_free(node);
 }
@@ -81,19 +79,25 @@ void dump_pool_locked() {
         LOG(timer_detail, " DynamicTest: pool[%d] = 0x%02x", static_cast<int>(i), static_cast<unsigned>(g_pool[i]));
 }
 
+// mark_locked takes the id at a place of the pool or gives it back, and shows the pool before and after. False beyond
+// the pool.
+bool mark_locked(uint32_t place, bool taken) {
+    LOG(timer_detail, taken ? " Dynamic Timer pool before add." : " Dynamic Timer pool before del.");
+    dump_pool_locked();
+    if (place >= kDynamicIds) return false;
+    const uint32_t bit = 1U << place % 8;
+    uint8_t &byte = g_pool[place / 8];
+    byte = static_cast<uint8_t>(taken ? byte | bit : byte & ~bit);
+    LOG(timer_detail, taken ? " Dynamic Timer pool after add." : " Dynamic Timer pool after del.");
+    dump_pool_locked();
+    return true;
+}
+
 // take_id_locked returns the lowest free dynamic id, 0 when all are taken: ids outlive a de-init, so they can be.
 uint32_t take_id_locked() {
-    LOG(timer_detail, " Dynamic Timer pool before add.");
-    dump_pool_locked();
-    for (uint32_t byte = 0; byte < kPoolBytes; byte++) {
-        const auto bit = static_cast<uint32_t>(std::countr_one(g_pool[byte]));
-        if (bit == 8) continue;
-        g_pool[byte] = static_cast<uint8_t>(g_pool[byte] | 1U << bit);
-        LOG(timer_detail, " Dynamic Timer pool after add.");
-        dump_pool_locked();
-        return kFirstDynamicId + 8 * byte + bit;
-    }
-    return 0;
+    uint32_t place = 0;
+    while (place < kDynamicIds && g_pool[place / 8] >> place % 8 & 1) place++;
+    return mark_locked(place, true) ? kFirstDynamicId + place : 0;
 }
 
 void release_id_locked(uint32_t id) {
@@ -103,18 +107,10 @@ void release_id_locked(uint32_t id) {
         return;
     }
     if (id < kFirstDynamicId) return;
-    const uint32_t i = id - kFirstDynamicId;
-    LOG(timer_detail, " Dynamic Timer pool before del.");
-    dump_pool_locked();
-    if (i >= kDynamicIds) {
-        // The number told is the place beyond the pool, not the id.
-        LOG(timer, "Invalid dynamic timer id %d, bytecnt %d, bitcnt %d.", static_cast<int>(i), static_cast<int>(i / 8),
-            static_cast<int>(i % 8));
-        return;
-    }
-    g_pool[i / 8] = static_cast<uint8_t>(g_pool[i / 8] & ~(1U << i % 8));
-    LOG(timer_detail, " Dynamic Timer pool after del.");
-    dump_pool_locked();
+    const uint32_t place = id - kFirstDynamicId;
+    if (!mark_locked(place, false))
+        LOG(timer, "Invalid dynamic timer id %d, bytecnt %d, bitcnt %d.", static_cast<int>(place),
+            static_cast<int>(place / 8), static_cast<int>(place % 8));
 }
 
 void delete_locked(cloudtunnel_timer_node *node) {
@@ -138,7 +134,7 @@ cloudtunnel_timer_node *make_locked(uint32_t id) {
     }
     // Behind the first node, not at the tail: the firing order depends on it.
     cloudtunnel_link &head = cloudtunnel_timerlist.link;
-    list_insert_after(list_empty(head) ? head : *head.next, node->link);
+    list_insert_after(head.next ? *head.next : head, node->link);
     cloudtunnel_timerlist.count++;
     return node;
 }
@@ -154,10 +150,9 @@ void fire(Pass &pass, cloudtunnel_timer_node *node, uint64_t now) {
     if (!node->callback) return;
 
     pass.running = node;
-    pass.orphaned = false;
     node->callback(node->id, node->arg);
+    if (!pass.running) timer_free(node);
     pass.running = nullptr;
-    if (pass.orphaned) timer_free(node);
 }
 
 void visit(Pass &pass, cloudtunnel_timer_node *node, uint64_t now) {
@@ -165,7 +160,7 @@ void visit(Pass &pass, cloudtunnel_timer_node *node, uint64_t now) {
     if (node->deleted) {
         // Where an outer pass still runs the callback, the argument is in use: a later pass takes the node out.
         const Lock hold(cloudtunnel_timerlistLock);
-        if (!pass_running(node)) remove_locked(node);
+        if (!is_running(node)) remove_locked(node);
         return;
     }
     LOG(timer_detail, " Timer check last timer %ld.", static_cast<long>(node->last_s));
@@ -282,19 +277,13 @@ void CLOUDTUNNEL_TIMER_Proc(void) {
 }
 
 int cloudtunnel_timer_settimer(void) {
-    const struct itimerval pace = {.it_interval = {.tv_sec = 0, .tv_usec = kPaceUs},
-                                   .it_value = {.tv_sec = 0, .tv_usec = kPaceUs}};
-    const int result = setitimer(ITIMER_REAL, &pace, nullptr);
-    if (result == 0)
-        LOG(init, "Daemon timer create ok.");
-    else
-        LOG(init, "Daemon timer create failed.");
+    const int result = setitimer(ITIMER_REAL, &kPace, nullptr);
+    LOG(init, result == 0 ? "Daemon timer create ok." : "Daemon timer create failed.");
     return result;
 }
 
 void cloudtunnel_timer_stoptimer(void) {
-    const struct itimerval stop = {};
-    setitimer(ITIMER_REAL, &stop, nullptr);
+    setitimer(ITIMER_REAL, &kNoPace, nullptr);
     LOG(init, "Daemon timer stop ok.");
 }
 

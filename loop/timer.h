@@ -3,8 +3,5 @@
 
 #include <cloudtunnel.h>
 
-// The period of the pool's own pace, for a host that asks for the signal.
-constexpr int kPaceUs = 100000;
-
 // timer_armed tells whether `id` is a live timer with this callback: ids are given anew, and an init forgets them all.
 bool timer_armed(uint32_t id, cloudtunnel_timer_fn *callback);
