@@ -18,32 +18,40 @@ constexpr int32_t kReasonMax = kCloseBodyMax - kStatusSize;
 constexpr int kSendAttempts = 100;
 constexpr uint64_t kCloseDelayMs = 1000;
 
-// close_frame returns a close frame without a mask; null without memory.
-OwnedMsg close_frame(uint16_t status, const void *reason, size_t reason_length) {
-    uint8_t body[kCloseBodyMax] = {};
+enum class Mask { none, fresh };
+
+// send_close sends a close frame. False, and nothing sent, without memory.
+bool send_close(int sock, uint16_t status, const void *reason, size_t reason_length, Mask mask) {
+    const OwnedMsg msg(CLOUDMGR_ws_msg_create());
+    if (!msg) return false;
+    const size_t length = kStatusSize + reason_length;
+    auto *body = static_cast<uint8_t *>(os_alloc(length + 1));  // a zero byte behind it, as a received body has
+    if (!body) return false;
     body[0] = static_cast<uint8_t>(status >> 8);
     body[1] = static_cast<uint8_t>(status & 0xff);
     if (reason_length) memcpy(body + kStatusSize, reason, reason_length);
-    OwnedMsg msg(CLOUDMGR_ws_msg_create());
-    if (!msg) return nullptr;
-    CLOUDMGR_ws_setoptcode(msg.get(), kOpcodeClose);
-    if (CLOUDMGR_ws_setbody(msg.get(), body, static_cast<int32_t>(kStatusSize + reason_length)) != 0) return nullptr;
-    return msg;
+    msg->body = body;
+    msg->length = static_cast<int64_t>(length);
+    msg->opcode = kOpcodeClose;
+    if (mask == Mask::fresh)
+        CLOUDMGR_ws_setmask(msg.get(), CLOUDMGR_ws_getMask());
+    else
+        LOG(package, "Send websocket close msg.");
+    CLOUDMGR_ws_send(sock, msg.get(), kSendAttempts);
+    return true;
 }
 
-bool status_is_valid(int16_t status) { return status == 0 || (status >= 1000 && status <= 1011) || status == 1015; }
-
-// read_status reads the status of a received close; false where it has none that is valid.
-bool read_status(const cloudmgr_ws_msg *msg, int16_t *status) {
-    if (!msg->body || msg->length < static_cast<int64_t>(kStatusSize)) return false;
-    *status = static_cast<int16_t>(msg->body[0] << 8 | msg->body[1]);
-    return status_is_valid(*status);
+// status_of returns the status of a received close, -1 where it has none that is valid.
+int status_of(const cloudmgr_ws_msg *msg) {
+    if (!msg->body || msg->length < static_cast<int64_t>(kStatusSize)) return -1;
+    const int status = msg->body[0] << 8 | msg->body[1];
+    return status == 0 || (status >= 1000 && status <= 1011) || status == 1015 ? status : -1;
 }
 
 // answer sends a received close back and arms the timer that ends the connection. False: end it at once.
 bool answer(int sock, const char *model, const cloudmgr_ws_msg *msg, cloudtunnel_timer_fn *close_handler) {
-    int16_t status = 0;
-    if (!read_status(msg, &status)) return false;
+    const int status = status_of(msg);
+    if (status < 0) return false;
     const Owned<char> reason(os_strndup(reinterpret_cast<const char *>(msg->body) + kStatusSize,
                                         static_cast<size_t>(msg->length) - kStatusSize));
     if (!reason) return false;
@@ -63,20 +71,14 @@ bool answer(int sock, const char *model, const cloudmgr_ws_msg *msg, cloudtunnel
 
 int CLOUDMGR_ws_CloseSend(int sock, uint16_t status, const void *reason, int32_t reason_length) {
     if (reason_length < 0 || reason_length > kReasonMax || (!reason && reason_length > 0)) return -1;
-    const OwnedMsg msg = close_frame(status, reason, static_cast<size_t>(reason_length));
-    if (!msg) return -1;
-    CLOUDMGR_ws_setmask(msg.get(), CLOUDMGR_ws_getMask());
-    CLOUDMGR_ws_send(sock, msg.get(), kSendAttempts);
+    if (!send_close(sock, status, reason, static_cast<size_t>(reason_length), Mask::fresh)) return -1;
     LOG(connect, "[Socket %d]send close frame.", sock);
     return 0;
 }
 
 void CLOUDMGR_ws_closed(int sock, uint16_t status) {
     // No mask key is set: this close goes out unmasked under a header that says masked, as the platform knows it.
-    const OwnedMsg msg = close_frame(status, closedstr, os_strlen(closedstr));
-    if (!msg) return;
-    LOG(package, "Send websocket close msg.");
-    CLOUDMGR_ws_send(sock, msg.get(), kSendAttempts);
+    send_close(sock, status, closedstr, sizeof closedstr - 1, Mask::none);
 }
 
 void CLOUDMGR_ws_CloseRcv(int sock, const cloudmgr_ws_msg *msg, cloudtunnel_timer_fn *close_handler) {

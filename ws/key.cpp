@@ -24,39 +24,39 @@ struct BioFree {
 };
 using OwnedBio = std::unique_ptr<BIO, BioFree>;
 
-// base64_over returns a base64 filter without line breaks on top of `memory`, which it owns; null without memory.
-OwnedBio base64_over(BIO *memory) {
-    OwnedBio below(memory);
-    if (!below) return nullptr;
-    OwnedBio filter(BIO_new(BIO_f_base64()));
-    if (!filter) return nullptr;
-    BIO_set_flags(filter.get(), BIO_FLAGS_BASE64_NO_NL);
-    BIO_push(filter.get(), below.release());
-    return filter;
+// base64_over returns a base64 filter without line breaks on top of `memory`, which it owns; null without memory. The
+// chain is the caller's to free.
+BIO *base64_over(BIO *memory) {
+    if (!memory) return nullptr;
+    BIO *filter = BIO_new(BIO_f_base64());
+    if (!filter) {
+        BIO_free_all(memory);
+        return nullptr;
+    }
+    BIO_set_flags(filter, BIO_FLAGS_BASE64_NO_NL);
+    return BIO_push(filter, memory);
 }
 
-uint32_t microseconds() {
+// stir adds a random number that comes from the sum so far and the microseconds of the clock. Unsigned arithmetic
+// stands in for the signed one that wraps.
+uint32_t stir(uint32_t sum) {
     struct timeval now = {};
     gettimeofday(&now, nullptr);
-    return static_cast<uint32_t>(now.tv_usec);
+    srand(sum + static_cast<uint32_t>(now.tv_usec));
+    return sum + static_cast<uint32_t>(rand()) + 1;
 }
 
-// scatter_byte makes one byte from the microseconds of two looks at the clock. It can be foretold by who knows the
-// time; RFC 6455 asks for more (section 10.3), the platform does not, and the scheme is kept as it is. Unsigned
-// arithmetic stands in for the signed one that wraps.
-uint8_t scatter_byte() {
-    srand(microseconds());
-    const uint32_t r1 = static_cast<uint32_t>(rand()) + 1;
-    srand(r1 + microseconds());
-    const uint32_t r2 = static_cast<uint32_t>(rand()) + 1 + r1;
-    return static_cast<uint8_t>(static_cast<int32_t>(r2) % 255);
+// scatter makes bytes, each from two looks at the clock. They can be foretold by who knows the time; RFC 6455 asks for
+// more (section 10.3), the platform does not, and the scheme is kept as it is.
+void scatter(uint8_t *to, size_t count) {
+    for (size_t i = 0; i < count; i++) to[i] = static_cast<uint8_t>(static_cast<int32_t>(stir(stir(0))) % 255);
 }
 
 }  // namespace
 
 char *cloudmgr_base64_encode(const void *data, int length) {
     if (length < 0 || (!data && length > 0)) return nullptr;
-    const OwnedBio chain = base64_over(BIO_new(BIO_s_mem()));
+    const OwnedBio chain(base64_over(BIO_new(BIO_s_mem())));
     if (!chain) return nullptr;
     if (length > 0 && BIO_write(chain.get(), data, length) != length) return nullptr;
     if (BIO_ctrl(chain.get(), BIO_CTRL_FLUSH, 0, nullptr) < 1) return nullptr;
@@ -71,7 +71,7 @@ uint8_t *cloudmgr_base64_decode(const char *text, int size) {
     const auto bytes = static_cast<size_t>(size);
     Owned<uint8_t> decoded(static_cast<uint8_t *>(os_alloc(bytes)));
     if (!decoded) return nullptr;
-    const OwnedBio chain = base64_over(BIO_new_mem_buf(text, static_cast<int>(strnlen(text, bytes))));
+    const OwnedBio chain(base64_over(BIO_new_mem_buf(text, static_cast<int>(strnlen(text, bytes)))));
     if (!chain) return nullptr;
     BIO_read(chain.get(), decoded.get(), size);
     return decoded.release();
@@ -79,14 +79,13 @@ uint8_t *cloudmgr_base64_decode(const char *text, int size) {
 
 uint8_t *CLOUDMGR_ws_getMask(void) {
     static uint8_t mask[kMaskSize];
-    memset(mask, 0, sizeof mask);
-    for (uint8_t &byte : mask) byte = scatter_byte();
+    scatter(mask, sizeof mask);
     return mask;
 }
 
 char *key_make() {
     uint8_t bytes[kKeyBytes];
-    for (uint8_t &byte : bytes) byte = scatter_byte();
+    scatter(bytes, sizeof bytes);
     return cloudmgr_base64_encode(bytes, sizeof bytes);
 }
 

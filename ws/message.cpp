@@ -37,10 +37,9 @@ void CLOUDMGR_ws_setmask(cloudmgr_ws_msg *msg, const uint8_t *key) {
 
 int CLOUDMGR_ws_setbody(cloudmgr_ws_msg *msg, const void *data, int32_t size) {
     if (!msg || !data || size < 0) return -1;
-    const auto len = static_cast<size_t>(size);
-    auto *body = static_cast<uint8_t *>(os_alloc(len + 1));  // a zero byte behind it, as a received body has
+    // A zero byte behind it, as a received body has.
+    uint8_t *body = os_memcat(data, static_cast<size_t>(size), "", 1);
     if (!body) return -1;
-    memcpy(body, data, len);
     os_free(msg->body);
     msg->body = body;
     msg->length = size;

@@ -1,6 +1,6 @@
 #include "ws/object.h"
 
-#include <cstring>
+#include <iterator>
 
 #include "platform/os.h"
 
@@ -11,29 +11,17 @@ namespace {
 
 enum : uint32_t { kFirst, kAccept, kKey, kTarget, kData, kToken, kCookie };
 
+constexpr char *cloudmgr_ws_object::*kTextFields[] = {
+    &cloudmgr_ws_object::first, &cloudmgr_ws_object::accept, &cloudmgr_ws_object::key,   &cloudmgr_ws_object::target,
+    nullptr /* the data */,     &cloudmgr_ws_object::token,  &cloudmgr_ws_object::cookie};
+
 char **text_field(cloudmgr_ws_object *ws, uint32_t index) {
-    switch (index) {
-        case kFirst:
-            return &ws->first;
-        case kAccept:
-            return &ws->accept;
-        case kKey:
-            return &ws->key;
-        case kTarget:
-            return &ws->target;
-        case kToken:
-            return &ws->token;
-        case kCookie:
-            return &ws->cookie;
-        default:
-            return nullptr;
-    }
+    return index < std::size(kTextFields) && kTextFields[index] ? &(ws->*kTextFields[index]) : nullptr;
 }
 
 void set_data(cloudmgr_ws_object *ws, const void *value, int32_t length) {
     if (length < 0) return;
-    auto *copy = static_cast<uint8_t *>(os_alloc(static_cast<size_t>(length) + 1));
-    if (copy) memcpy(copy, value, static_cast<size_t>(length));
+    uint8_t *copy = os_memcat(value, static_cast<size_t>(length), "", 1);
     os_free(ws->data);
     ws->data = copy;
 }
