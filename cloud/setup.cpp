@@ -41,7 +41,7 @@ void fill_upgrade(cloudtunnel_http_req *req, const char *model, cloudmgr_v3wscnc
     if (node && req->ws_key) os_replace(&node->key, req->ws_key);
     req->cookie = static_cast<char *>(os_alloc(kCookieSize));
     if (req->cookie)
-        os_snprintf(req->cookie, kCookieSize, "JSESSIONID=%s; %s", CLOUDMGR_TUNNEL_GetToken(), cloudmgr_v3_getCookie());
+        snprintf(req->cookie, kCookieSize, "JSESSIONID=%s; %s", CLOUDMGR_TUNNEL_GetToken(), cloudmgr_v3_getCookie());
 }
 
 // cloudmgr_v3wscnct_timeout ends a set-up whose step got no answer. A timer that is not the node's any more does

@@ -1,11 +1,16 @@
 #include "platform/os.h"
 
-#include <cctype>
 #include <climits>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+namespace {
+
+// White space as the "C" locale has it, in which the library's texts are written.
+bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+}  // namespace
 
 void *os_alloc(size_t size) { return calloc(1, size ? size : 1); }
 
@@ -16,10 +21,8 @@ char *os_strdup(const char *text) { return text ? os_strndup(text, strlen(text))
 char *os_strndup(const char *text, size_t max) {
     if (!text) return nullptr;
     const size_t len = strnlen(text, max);
-    auto *copy = static_cast<char *>(malloc(len + 1));
-    if (!copy) return nullptr;
-    memcpy(copy, text, len);
-    copy[len] = '\0';
+    auto *copy = static_cast<char *>(os_alloc(len + 1));
+    if (copy) memcpy(copy, text, len);
     return copy;
 }
 
@@ -37,28 +40,16 @@ void os_strlcpy(char *to, const char *from, size_t size) {
     to[len] = '\0';
 }
 
-int os_snprintf(char *to, size_t size, const char *format, ...) {
-    va_list args;
-    va_start(args, format);
-    const int len = vsnprintf(to, size, format, args);
-    va_end(args);
-    return len;
-}
-
 size_t os_strlen(const char *text) { return text ? strlen(text) : 0; }
 
 int os_strcmp(const char *a, const char *b) { return a && b ? strcmp(a, b) : -1; }
 
-void os_strltrim(char *text) {
-    const char *from = text;
-    while (isspace(static_cast<unsigned char>(*from))) from++;
-    memmove(text, from, strlen(from) + 1);
-}
-
-void os_strrtrim(char *text) {
+char *os_trim(char *text) {
+    while (is_space(*text)) text++;
     size_t len = strlen(text);
-    while (len && isspace(static_cast<unsigned char>(text[len - 1]))) len--;
+    while (len && is_space(text[len - 1])) len--;
     text[len] = '\0';
+    return text;
 }
 
 ptrdiff_t os_datapos(const void *data, size_t len, const void *what, size_t what_len) {
@@ -69,7 +60,7 @@ ptrdiff_t os_datapos(const void *data, size_t len, const void *what, size_t what
 uint8_t *os_memcat(const void *a, size_t len_a, const void *b, size_t len_b) {
     size_t len = 0;
     if (__builtin_add_overflow(len_a, len_b, &len)) return nullptr;
-    auto *both = static_cast<uint8_t *>(malloc(len ? len : 1));
+    auto *both = static_cast<uint8_t *>(os_alloc(len));
     if (!both) return nullptr;
     if (len_a) memcpy(both, a, len_a);
     if (len_b) memcpy(both + len_a, b, len_b);
@@ -83,17 +74,18 @@ int os_getcommand(const char *command, char *out, size_t size) {
     const size_t len = fread(out, 1, size - 1, pipe);
     pclose(pipe);
     out[len] = '\0';
-    out[strcspn(out, "\r\n")] = '\0';
+    while (*out && *out != '\r' && *out != '\n') out++;
+    *out = '\0';
     return 0;
 }
 
 int os_atoi(const char *text, size_t len) {
     const char *end = text + len;
-    while (text < end && isspace(static_cast<unsigned char>(*text))) text++;
+    while (text < end && is_space(*text)) text++;
     const bool negative = text < end && *text == '-';
-    if (text < end && (*text == '-' || *text == '+')) text++;
+    if (negative || (text < end && *text == '+')) text++;
     int64_t value = 0;
-    for (; text < end && isdigit(static_cast<unsigned char>(*text)); text++) {
+    for (; text < end && *text >= '0' && *text <= '9'; text++) {
         value = value * 10 + (*text - '0');
         if (value > INT_MAX) return negative ? INT_MIN : INT_MAX;
     }
