@@ -25,22 +25,10 @@ bool body_is_sound(const cloudmgr_ws_msg *msg) {
 
 // payload_of returns how many bytes of the body a fragment carries, -1 for one that does not lie within it.
 int64_t payload_of(const cloudmgr_ws_msg *msg, int position, int index, int64_t fragment) {
-    if (index < 0 || !body_is_sound(msg)) return -1;
-    int64_t length = -1;
-    switch (position) {
-        case static_cast<int>(Fragment::whole):
-            length = msg->length;
-            break;
-        case static_cast<int>(Fragment::first):
-        case static_cast<int>(Fragment::middle):
-            length = fragment;
-            break;
-        case static_cast<int>(Fragment::last):
-            length = msg->length % fragment;
-            break;
-        default:
-            return -1;
-    }
+    if (index < 0 || position < 0 || position > static_cast<int>(Fragment::last) || !body_is_sound(msg)) return -1;
+    int64_t length = fragment;
+    if (position == static_cast<int>(Fragment::whole)) length = msg->length;
+    if (position == static_cast<int>(Fragment::last)) length = msg->length % fragment;
     return index * fragment <= msg->length - length ? length : -1;
 }
 
@@ -121,23 +109,23 @@ int send_fragment(int sock, const cloudmgr_ws_msg *msg, int position, int index,
 // with an empty frame and its last full fragment is not sent: the platform is used to it, callers send such bodies
 // whole.
 int send_fragments(int sock, const cloudmgr_ws_msg *msg, int attempts, uint32_t delay_us, int64_t fragment) {
-    int count = 0;
+    int count = 1;
     if (msg && body_is_sound(msg)) {
-        count = static_cast<int>(msg->length / fragment + (msg->length % fragment != 0));
+        count = static_cast<int>((msg->length + fragment - 1) / fragment);
         // Between the numbers stands a full-width comma in GB2312.
         LOG(package,
             "[sock %d] msg length is %lld\xA3\xAC"
             "fragment number is %d.",
             sock, static_cast<long long>(msg->length), count);
     }
-    if (count < 2) return send_fragment(sock, msg, static_cast<int>(Fragment::whole), 0, attempts, delay_us, fragment);
+    int index = 0;
     int result = 0;
-    for (int index = 0; index < count && result >= 0; index++) {
-        Fragment position = Fragment::middle;
-        if (index == 0) position = Fragment::first;
+    do {
+        Fragment position = index == 0 ? Fragment::first : Fragment::middle;
         if (index == count - 1) position = Fragment::last;
+        if (count < 2) position = Fragment::whole;
         result = send_fragment(sock, msg, static_cast<int>(position), index, attempts, delay_us, fragment);
-    }
+    } while (result >= 0 && ++index < count);
     return result;
 }
 
