@@ -84,11 +84,12 @@ void cloudtunnel_http_resp_destory(cloudtunnel_http_resp *resp) {
 
 int cloudtunnel_http_hdr_set(cloudtunnel_http_req *req, uint32_t id, const void *value) {
     if (!req) return -1;
-    if (id > CLOUDTUNNEL_HTTP_WS_VERSION) return 0;
-    if (id >= CLOUDTUNNEL_HTTP_HOST && id <= CLOUDTUNNEL_HTTP_WS_KEY) {
-        os_replace(&(req->*kTextFields[id - CLOUDTUNNEL_HTTP_HOST]), static_cast<const char *>(value));
+    const uint32_t text = id - CLOUDTUNNEL_HTTP_HOST;  // the ids in front of it become large numbers
+    if (text < std::size(kTextFields)) {
+        os_replace(&(req->*kTextFields[text]), static_cast<const char *>(value));
         return 0;
     }
+    if (id > CLOUDTUNNEL_HTTP_WS_VERSION) return 0;
     if (!value) return -1;
     set_number(req, id, *static_cast<const uint32_t *>(value));
     return 0;

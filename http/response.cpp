@@ -15,7 +15,7 @@ namespace {
 constexpr size_t kAreaSize = 65535;  // what one call can look at; a header line is cut there, too
 
 constexpr char kLineEnd[] = "\r\n";
-constexpr size_t kLineEndLen = 2;
+constexpr int kLineEndLen = 2;
 
 // A stretch of received text.
 struct Text {
@@ -154,7 +154,7 @@ int decode_chunks(const uint8_t *body, size_t avail, cloudtunnel_http_resp *resp
             LOG(package, "Buf not enough, rcv incomplete, proclen %d.", static_cast<int>(processed));
             break;
         }
-        processed += static_cast<size_t>(size_len) + kLineEndLen;
+        processed += static_cast<size_t>(size_len + kLineEndLen);
         const Text data = text_of(body + processed, avail - processed);
         const ptrdiff_t real = line_end(data);
         if (size < 0 || real != size) {
@@ -167,7 +167,7 @@ int decode_chunks(const uint8_t *body, size_t avail, cloudtunnel_http_resp *resp
             LOG(package, "Malloc failed, proclen %d.", static_cast<int>(processed));
             break;
         }
-        processed += static_cast<size_t>(size) + kLineEndLen;
+        processed += static_cast<size_t>(size + kLineEndLen);
     }
     if (result != Chunks::done) {
         LOG(package, "Chunk proc not complete %d.", static_cast<int>(result));
@@ -240,17 +240,16 @@ int cloudtunnel_http_hdr_line_parse(const uint8_t *line, int32_t len, int32_t nu
 
 int cloudtunnel_http_hdr_decode(const uint8_t *data, uint32_t len, cloudtunnel_http_resp *resp) {
     if (!data || !resp || len > INT32_MAX) return -1;
-    size_t offset = 0;
-    for (int32_t number = 1;; number++) {
-        const ptrdiff_t found = os_datapos(data + offset, len - offset, kLineEnd, kLineEndLen);
+    const uint8_t *line = data;
+    int32_t number = 0;
+    ptrdiff_t found = 0;
+    do {
+        found = os_datapos(line, static_cast<size_t>(data + len - line), kLineEnd, kLineEndLen);
         if (found < 0) return -1;
-        const uint8_t *line = data + offset;
-        const size_t line_len = static_cast<size_t>(found) + kLineEndLen;
-        offset += line_len;
-        // A block that begins with CR LF begins with a line, not with its end.
-        if (found == 0 && number > 1) return static_cast<int>(offset);
-        cloudtunnel_http_hdr_line_parse(line, static_cast<int32_t>(line_len), number, resp);
-    }
+        number++;
+        line += cloudtunnel_http_hdr_line_parse(line, static_cast<int32_t>(found + kLineEndLen), number, resp);
+    } while (found > 0 || number == 1);  // a block that begins with CR LF begins with a line, not with its end
+    return static_cast<int>(line - data);
 }
 
 int cloudtunnel_http_body_decode(const uint8_t *data, cloudtunnel_http_resp *resp) {

@@ -41,7 +41,8 @@ void CLOUDMGR_ws_destory(cloudmgr_ws_object *ws) {
     os_free(ws);
 }
 
-void *CLOUDMGR_ws_GetPara(cloudmgr_ws_owner *owner, uint32_t index) {
+// Called, not inlined, by the names for two of the fields.
+[[gnu::noinline]] void *CLOUDMGR_ws_GetPara(cloudmgr_ws_owner *owner, uint32_t index) {
     cloudmgr_ws_object *ws = ws_of(owner);
     if (!ws) return nullptr;
     if (index == kData) return ws->data;
