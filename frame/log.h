@@ -19,9 +19,9 @@ template <typename... Args>
 }
 
 // log_format is never called: the compiler compares format and arguments.
-void log_format(const char *format, ...) CLOUDTUNNEL_PRINTF(1, 2);
+int log_format(const char *format, ...) CLOUDTUNNEL_PRINTF(1, 2);
 
-#define LOG(level, ...) ((void)sizeof((log_format(__VA_ARGS__), 0)), log_print(LogLevel::level, __VA_ARGS__))
+#define LOG(level, ...) ((void)sizeof(log_format(__VA_ARGS__)), log_print(LogLevel::level, __VA_ARGS__))
 
 // printable stands in for a text that may be missing.
 inline const char *printable(const char *text) { return text ? text : "(null)"; }
