@@ -27,6 +27,20 @@ struct ReqFree {
 };
 using OwnedReq = std::unique_ptr<cloudtunnel_http_req, ReqFree>;
 
+// set_timer stores the id of the step timer that runs, 0 for none. Another one that ran is deleted.
+void set_timer(cloudmgr_v3wscnct_node *node, uint32_t timer_id) {
+    if (node->timerId != timer_id) cloudtunnel_timer_del(node->timerId);
+    node->timerId = timer_id;
+}
+
+// advance moves a set-up on by one state. There is no way back: a step that fails ends the set-up.
+void advance(cloudmgr_v3wscnct_node *node) {
+    if (node->state >= static_cast<uint32_t>(SetupState::connect)) return;
+    const char *from = setup_state_name(node);
+    node->state++;
+    LOG(fsm, "[Model %s]v3 connect fsm trigger from [%s] to [%s].", node->cloudModelName, from, setup_state_name(node));
+}
+
 // fill_upgrade sets the lines of the upgrade request. The key is kept in the node for the check of the answer; without
 // a key the request goes out all the same and its answer is refused.
 void fill_upgrade(cloudtunnel_http_req *req, const char *model, cloudmgr_v3wscnct_node *node) {
@@ -125,8 +139,8 @@ bool setup_step_sent(int sock, cloudmgr_v3wscnct_node *node) {
     *copy = sock;
     const int id = cloudtunnel_timer_add(0, 0, kStepTimeoutMs, copy, cloudmgr_v3wscnct_timeout);
     if (!node) return true;
-    cloudmgr_v3wscnct_setTimer(node, id > 0 ? static_cast<uint32_t>(id) : 0);
-    cloudmgr_v3wscnct_fsmTrigger(node);
+    set_timer(node, id > 0 ? static_cast<uint32_t>(id) : 0);
+    advance(node);
     return true;
 }
 
@@ -134,7 +148,7 @@ cloudmgr_v3wscnct_node *setup_answered(int sock, const void *message, SetupState
     const char *model = CLOUDMGR_socket_getModelNameBySock(sock);
     if (!message || !model) return nullptr;
     cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeByName(model);
-    if (node) cloudmgr_v3wscnct_setTimer(node, 0);
+    if (node) set_timer(node, 0);
     LOG(connect,
         expected == SetupState::handshake ? "[V3 Model %s] ws handshake rcv message."
                                           : "V3 [%s] ws request rcv message.",

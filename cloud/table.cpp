@@ -21,12 +21,8 @@ constexpr uint32_t kSetupMax = 32;
 // By SetupState. Characters, not pointers: these would have to be relocated.
 constexpr char kStateNames[][13] = {"WS_INIT", "WS_HANDSHAKE", "WS_CONNECT"};
 
-void node_unlink(cloudmgr_v3wscnct_node *node) {
-    cloudmgr_dl_list_del(&node->link);
-    wscnctlist.count--;
-}
-
-void node_free(cloudmgr_v3wscnct_node *node) {
+void node_free(cloudtunnel_link *link) {
+    auto *node = record_of<cloudmgr_v3wscnct_node>(link);
     os_free(node->key);
     os_free(node);
 }
@@ -39,18 +35,17 @@ void CLOUDMGR_v3wscnct_init(void) {
 }
 
 void CLOUDMGR_v3wscnct_deinit(void) {
-    for (auto &node : Each<cloudmgr_v3wscnct_node>(wscnctlist.link)) {
-        node_unlink(&node);
-        node_free(&node);
-    }
+    cloudmgr_dl_FreeAll(&wscnctlist.link, node_free);
+    wscnctlist.count = 0;
 }
 
 void CLOUDMGR_v3wscnct_node_del(const char *cloudModelName) {
     cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeByName(cloudModelName);
     if (!node) return;
-    node_unlink(node);
+    cloudmgr_dl_list_del(&node->link);
+    wscnctlist.count--;
     LOG(connect, "Del ws connect node ok, name %s.", node->cloudModelName);
-    node_free(node);
+    node_free(&node->link);
 }
 
 cloudmgr_v3wscnct_node *setup_add(const char *cloud_model, const char *device_model) {
@@ -90,18 +85,6 @@ cloudmgr_v3wscnct_node *setup_find_stored(const char *cloud_model) {
 
 cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeBySock(int sock) {
     return cloudmgr_v3wscnct_getNodeByName(CLOUDMGR_socket_getModelNameBySock(sock));
-}
-
-void cloudmgr_v3wscnct_setTimer(cloudmgr_v3wscnct_node *node, uint32_t timer_id) {
-    if (node->timerId != timer_id) cloudtunnel_timer_del(node->timerId);
-    node->timerId = timer_id;
-}
-
-void cloudmgr_v3wscnct_fsmTrigger(cloudmgr_v3wscnct_node *node) {
-    if (node->state + 1 >= std::size(kStateNames)) return;
-    const char *from = setup_state_name(node);
-    node->state++;
-    LOG(fsm, "[Model %s]v3 connect fsm trigger from [%s] to [%s].", node->cloudModelName, from, setup_state_name(node));
 }
 
 const char *setup_state_name(const cloudmgr_v3wscnct_node *node) {

@@ -15,11 +15,5 @@ cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeByName(const char *cloud_model)
 cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeBySock(int sock);
 cloudmgr_v3wscnct_node *setup_find_stored(const char *cloud_model);
 
-// cloudmgr_v3wscnct_setTimer stores the id of the step timer that runs, 0 for none. Another one that ran is deleted.
-void cloudmgr_v3wscnct_setTimer(cloudmgr_v3wscnct_node *node, uint32_t timer_id);
-
-// cloudmgr_v3wscnct_fsmTrigger moves a set-up on by one state. There is no way back: a step that fails ends the set-up.
-void cloudmgr_v3wscnct_fsmTrigger(cloudmgr_v3wscnct_node *node);
-
 // setup_state_name returns the name of a node's state.
 const char *setup_state_name(const cloudmgr_v3wscnct_node *node);

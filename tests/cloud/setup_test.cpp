@@ -813,6 +813,56 @@ TEST_F(SetupTest, a_set_up_goes_the_same_way_when_nothing_is_printed) {
     });
 }
 
+// ------------------------------------------------------------------------------------------------- steps
+
+TEST_F(SetupTest, another_step_deletes_the_timer_of_the_one_before) {
+    const Tunnel tunnel = begin(Wire::plain);
+    cloudmgr_v3wscnct_node *const node = setup_node("model");
+    const uint32_t first = node->timerId;
+    ASSERT_NE(timer(first), nullptr);
+    EXPECT_TRUE(setup_step_sent(tunnel.sock, node));
+    EXPECT_EQ(timer(first), nullptr);
+    EXPECT_NE(node->timerId, first);
+    EXPECT_NE(timer(node->timerId), nullptr);
+}
+
+TEST_F(SetupTest, a_step_whose_timer_cannot_be_armed_runs_without_one) {
+    const Tunnel tunnel = begin(Wire::plain);
+    cloudmgr_v3wscnct_node *const node = setup_node("model");
+    const uint32_t first = node->timerId;
+    const support::FailAlloc fail(1);  // the argument is there, the timer is not
+    EXPECT_TRUE(setup_step_sent(tunnel.sock, node));
+    EXPECT_TRUE(fail.hit());
+    EXPECT_EQ(timer(first), nullptr);
+    EXPECT_EQ(node->timerId, 0U);
+    EXPECT_EQ(node->state, 2U);
+}
+
+TEST_F(SetupTest, an_answer_ends_the_timer_and_finds_the_set_up_in_its_state_alone) {
+    const Tunnel tunnel = begin(Wire::plain);
+    cloudmgr_v3wscnct_node *const node = setup_node("model");
+    const uint32_t id = node->timerId;
+    const char message[] = "";
+    EXPECT_EQ(setup_answered(tunnel.sock, nullptr, SetupState::handshake), nullptr);
+    EXPECT_NE(timer(id), nullptr);
+    EXPECT_EQ(setup_answered(tunnel.sock, message, SetupState::connect), nullptr);
+    EXPECT_EQ(timer(id), nullptr);
+    EXPECT_EQ(node->timerId, 0U);
+    EXPECT_EQ(setup_answered(tunnel.sock, message, SetupState::handshake), node);
+}
+
+TEST_F(SetupTest, the_machine_moves_forward_one_state_at_a_time_and_stops_at_the_last) {
+    cloudmgr_v3wscnct_node *const node = setup_add("model", "device");
+    for (const uint32_t expected : {1U, 2U, 2U}) {
+        EXPECT_TRUE(setup_step_sent(-1, node));
+        EXPECT_EQ(node->state, expected);
+    }
+    EXPECT_EQ(log.texts(kFsm), (Names{"[Model model]v3 connect fsm trigger from [WS_INIT] to [WS_HANDSHAKE].",
+                                      "[Model model]v3 connect fsm trigger from [WS_HANDSHAKE] to [WS_CONNECT]."}));
+    EXPECT_TRUE(setup_step_sent(-1, nullptr));
+    EXPECT_EQ(log.count(kFsm), 2);
+}
+
 // ------------------------------------------------------------------------------------------------- short of memory
 
 TEST_F(SetupTest, whatever_allocation_fails_the_module_is_told_once_or_the_node_stays_without_a_timer) {

@@ -187,46 +187,6 @@ TEST_F(TableTest, a_connection_that_is_not_being_set_up_has_no_node) {
     EXPECT_EQ(cloudmgr_v3wscnct_getNodeBySock(conn.sock), nullptr);
 }
 
-TEST_F(TableTest, setting_another_timer_deletes_the_old_one) {
-    const Tunnel tunnel = begin(Wire::plain);
-    cloudmgr_v3wscnct_node *const node = setup_node("model");
-    const uint32_t first = node->timerId;
-    ASSERT_NE(timer(first), nullptr);
-    const auto second =
-        static_cast<uint32_t>(cloudtunnel_timer_add(0, 0, 1000, nullptr, [](uint32_t, void *) { return 0; }));
-    cloudmgr_v3wscnct_setTimer(node, second);
-    EXPECT_EQ(timer(first), nullptr);
-    EXPECT_NE(timer(second), nullptr);
-    EXPECT_EQ(node->timerId, second);
-}
-
-TEST_F(TableTest, setting_the_same_timer_leaves_it_running) {
-    const Tunnel tunnel = begin(Wire::plain);
-    cloudmgr_v3wscnct_node *const node = setup_node("model");
-    const uint32_t id = node->timerId;
-    cloudmgr_v3wscnct_setTimer(node, id);
-    EXPECT_NE(timer(id), nullptr);
-}
-
-TEST_F(TableTest, setting_timer_0_clears_it) {
-    const Tunnel tunnel = begin(Wire::plain);
-    cloudmgr_v3wscnct_node *const node = setup_node("model");
-    const uint32_t id = node->timerId;
-    cloudmgr_v3wscnct_setTimer(node, 0);
-    EXPECT_EQ(timer(id), nullptr);
-    EXPECT_EQ(node->timerId, 0U);
-}
-
-TEST_F(TableTest, the_machine_moves_forward_one_state_at_a_time_and_stops_at_the_last) {
-    cloudmgr_v3wscnct_node *const node = add("model");
-    for (const uint32_t expected : {1U, 2U, 2U}) {
-        cloudmgr_v3wscnct_fsmTrigger(node);
-        EXPECT_EQ(node->state, expected);
-    }
-    EXPECT_EQ(log.texts(kFsm), (Names{"[Model model]v3 connect fsm trigger from [WS_INIT] to [WS_HANDSHAKE].",
-                                      "[Model model]v3 connect fsm trigger from [WS_HANDSHAKE] to [WS_CONNECT]."}));
-}
-
 TEST_F(TableTest, every_state_has_its_name) {
     cloudmgr_v3wscnct_node node = {};
     const std::array<const char *, 4> expected = {"WS_INIT", "WS_HANDSHAKE", "WS_CONNECT", ""};

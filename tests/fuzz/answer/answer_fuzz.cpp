@@ -57,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     setup->receiveCallback = on_receive;
     setup->state = static_cast<uint32_t>(SetupState::connect);
     const int timer = cloudtunnel_timer_add(0, 0, 30000, nullptr, nullptr);
-    cloudmgr_v3wscnct_setTimer(setup, static_cast<uint32_t>(timer));
+    setup->timerId = static_cast<uint32_t>(timer);
 
     cloudmgr_ws_msg *msg = CLOUDMGR_ws_msg_create();
     CLOUDMGR_ws_setoptcode(msg, opcode);
