@@ -4,6 +4,7 @@
 #include "conn/connect.h"
 
 #include <arpa/inet.h>
+#include <endian.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
@@ -40,73 +41,35 @@ bool set_options(int sock) {
            set_option(sock, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
 }
 
-// choose_port returns the TCP port for a model. Plain or TLS goes by the model's own port, not by this one.
-uint16_t choose_port(uint16_t model_port) {
-    const uint16_t v3 = CLOUDMGR_socket_getLinkPortV3();
-    const uint16_t user = CLOUDMGR_socket_getUserConfigPort();
-    if (model_port != v3) {
-        LOG(connect, "GetIpAddrbyHostUrl, use port: %d make socket.", model_port);
-        return model_port;
-    }
-    if (model_port == user) {
-        LOG(connect, "GetIpAddrbyHostUrl, use cloudtunnel_linkportv3: %d make socket.", v3);
-        return v3;
-    }
-    LOG(connect, "GetIpAddrbyHostUrl, use g_cloudtunnel_userconfigport: %d make socket.", user);
-    return user;
-}
-
 // make_destination builds the address from the first entry of the model's list. An IPv6 one keeps its family, and as
 // much of its address as an IPv4 destination has room for: connect() refuses it, and later entries are never tried.
 struct sockaddr_in make_destination(const char *model, const struct addrinfo *first) {
+    const int family = first->ai_family;
     struct sockaddr_in to = {};
-    to.sin_family = static_cast<sa_family_t>(first->ai_family);
-    const bool v6 = first->ai_family == AF_INET6;
-    const void *address = nullptr;
+    to.sin_family = static_cast<sa_family_t>(family);
+    char text[129];
+    text[0] = '\0';
     if (first->ai_addr) {
-        if (v6)
-            address = &reinterpret_cast<const struct sockaddr_in6 *>(first->ai_addr)->sin6_addr;
-        else
-            address = &reinterpret_cast<const struct sockaddr_in *>(first->ai_addr)->sin_addr;
+        const void *address = &reinterpret_cast<const struct sockaddr_in *>(first->ai_addr)->sin_addr;
+        if (family == AF_INET6) address = &reinterpret_cast<const struct sockaddr_in6 *>(first->ai_addr)->sin6_addr;
+        if (inet_ntop(family, address, text, sizeof text)) memcpy(&to.sin_addr, address, sizeof to.sin_addr);
     }
-    char text[129] = "";
-    if (!address || !inet_ntop(first->ai_family, address, text, sizeof text)) text[0] = '\0';
-    struct in6_addr bytes = {};
-    inet_pton(first->ai_family, text, &bytes);
-    memcpy(&to.sin_addr, &bytes, sizeof to.sin_addr);
 
+    // Plain or TLS goes by the model's own port, not by the one that is connected to.
     const cloudtunnel_url_node *url = cloudtunnel_socket_getUrlNodeByModelname(model);
     const uint16_t model_port = url ? url->port : kPlainPort;
-    to.sin_port = htons(choose_port(model_port));
-    LOG(connect, "family %d, ip %s 0x%x, port %d, configport %d, v3port %d.", first->ai_family, text,
-        to.sin_addr.s_addr, model_port, CLOUDMGR_socket_getUserConfigPort(), CLOUDMGR_socket_getLinkPortV3());
+    const uint16_t v3 = CLOUDMGR_socket_getLinkPortV3();
+    const uint16_t user = CLOUDMGR_socket_getUserConfigPort();
+    const uint16_t port = model_port == v3 ? user : model_port;
+    LOG(connect,
+        model_port != v3     ? "GetIpAddrbyHostUrl, use port: %d make socket."
+        : model_port == user ? "GetIpAddrbyHostUrl, use cloudtunnel_linkportv3: %d make socket."
+                             : "GetIpAddrbyHostUrl, use g_cloudtunnel_userconfigport: %d make socket.",
+        port);
+    to.sin_port = htobe16(port);
+    LOG(connect, "family %d, ip %s 0x%x, port %d, configport %d, v3port %d.", family, text, to.sin_addr.s_addr,
+        model_port, user, v3);
     return to;
-}
-
-// A socket that is registered with the event loop, taken out of it and closed on every road out unless released.
-class Registered {
-  public:
-    explicit Registered(int sock) : sock_(sock) {}
-    Registered(const Registered &) = delete;
-    Registered &operator=(const Registered &) = delete;
-    ~Registered() {
-        if (sock_ < 0) return;
-        CLOUDMGR_eloop_sock_del(sock_);
-        close(sock_);
-    }
-    int release() { return std::exchange(sock_, -1); }
-
-  private:
-    int sock_;
-};
-
-bool watch_connect(const char *model, int sock) {
-    struct epoll_event event = {};
-    event.events = EPOLLIN | EPOLLOUT | EPOLLERR | EPOLLHUP | static_cast<uint32_t>(EPOLLET);
-    event.data.fd = sock;
-    if (CLOUDMGR_eloop_sock_add(sock, &event, CLOUDMGR_socket_connectProc) == 0) return true;
-    LOG(error, "[Model %s]Failed to add socket %d to epoll.", model, sock);
-    return false;
 }
 
 bool begin_connect(const char *model, int sock, const struct sockaddr_in &to) {
@@ -128,22 +91,22 @@ int open_connection(const char *model, const ConnCallbacks &callbacks) {
     }
     const struct sockaddr_in to = make_destination(model, first);
 
-    Fd sock(socket(AF_INET, SOCK_STREAM, 0));
-    if (sock.get() < 0) {
+    const int sock = socket(AF_INET, SOCK_STREAM, 0);
+    if (sock < 0) {
         LOG(error, "[Model %s]Create socket failed.", model);
         return -1;
     }
-    if (!set_options(sock.get())) {
-        LOG(error, "[Model %s]Failed to set socket %d opt.", model, sock.get());
-        return -1;
+    if (!set_options(sock)) {
+        LOG(error, "[Model %s]Failed to set socket %d opt.", model, sock);
+    } else if (conn_watch(sock, EPOLLIN | EPOLLOUT | EPOLLET, CLOUDMGR_socket_connectProc, LoopCall::add) != 0) {
+        LOG(error, "[Model %s]Failed to add socket %d to epoll.", model, sock);
+    } else {
+        // The table is asked only with the connection under way: a refusal closes it again.
+        if (begin_connect(model, sock, to) && conn_add(sock, model, callbacks)) return sock;
+        CLOUDMGR_eloop_sock_del(sock);
     }
-    if (!watch_connect(model, sock.get())) return -1;
-    const int number = sock.release();
-    Registered registered(number);
-    if (!begin_connect(model, number, to)) return -1;
-    // The table is asked only now, with the connection under way: a refusal closes it again.
-    if (!conn_add(number, model, callbacks)) return -1;
-    return registered.release();
+    close(sock);
+    return -1;
 }
 
 struct ProcResult {
@@ -162,33 +125,24 @@ ProcResult proceed(cloudtunnel_connect_node *conn, uint32_t events, uint16_t mod
     return {CLOUDMGR_ssl_connect(conn->sock), 0};
 }
 
-int wait_for(int sock, uint32_t readiness) {
-    struct epoll_event event = {};
-    event.events = readiness | EPOLLERR | EPOLLHUP | static_cast<uint32_t>(EPOLLET);
-    event.data.fd = sock;
-    return CLOUDMGR_eloop_sock_modify(sock, &event, CLOUDMGR_socket_connectProc);
-}
-
 }  // namespace
 
 int CLOUDMGR_socket_connect(uint64_t timeout, const char *modelName, cloudtunnel_connected_fn *connected,
                             cloudtunnel_failure_fn *failure, cloudtunnel_data_fn *data) {
-    Owned<int> timer_arg;
     int sock = -1;
-    if (modelName && connected && failure && data) {
-        timer_arg.reset(static_cast<int *>(os_alloc(sizeof(int))));
-        if (timer_arg) {
-            LOG(connect, "Start to connect for model [%s].", modelName);
-            sock = open_connection(modelName, {.connected = connected, .failure = failure, .data = data});
-        }
+    int *timer_arg = nullptr;
+    if (modelName && connected && failure && data) timer_arg = static_cast<int *>(os_alloc(sizeof(int)));
+    if (timer_arg) {
+        LOG(connect, "Start to connect for model [%s].", modelName);
+        sock = open_connection(modelName, {.connected = connected, .failure = failure, .data = data});
     }
     if (sock < 0) {
-        timer_arg.reset();
+        os_free(timer_arg);
         if (failure) failure(modelName);
         return -1;
     }
     *timer_arg = sock;
-    const int id = cloudtunnel_timer_add(0, 0, timeout, timer_arg.release(), cloudtunnel_socket_connectTimeout);
+    const int id = cloudtunnel_timer_add(0, 0, timeout, timer_arg, cloudtunnel_socket_connectTimeout);
     cloudtunnel_socket_setConnectTimer(sock, id > 0 ? static_cast<uint32_t>(id) : 0);
     return sock;
 }
@@ -230,17 +184,11 @@ int CLOUDMGR_ssl_connect(int sock) {
         LOG(error, "SSL connect invalid socket %d", sock);
         return -1;
     }
-    switch (tls_handshake(conn)) {
-        case TlsStep::failed:
-            return -1;
-        case TlsStep::done:
-            return CLOUDMGR_socket_normal_connect(sock);
-        case TlsStep::want_read:
-            return wait_for(sock, EPOLLIN);
-        case TlsStep::want_write:
-            return wait_for(sock, EPOLLOUT);
-    }
-    return -1;
+    const TlsStep step = tls_handshake(conn);
+    if (step == TlsStep::failed) return -1;
+    if (step == TlsStep::done) return CLOUDMGR_socket_normal_connect(sock);
+    return conn_watch(sock, (step == TlsStep::want_read ? EPOLLIN : EPOLLOUT) | EPOLLET, CLOUDMGR_socket_connectProc,
+                      LoopCall::modify);
 }
 
 int cloudtunnel_socket_connectTimeout(uint32_t timerId, void *sockArg) {

@@ -115,6 +115,14 @@ cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallba
     return node;
 }
 
+int conn_watch(int sock, uint32_t events, CLOUDMGR_ELOOP_HANDLER *handler, LoopCall call) {
+    struct epoll_event event = {};
+    event.events = events | EPOLLERR | EPOLLHUP;
+    event.data.fd = sock;
+    return call == LoopCall::add ? CLOUDMGR_eloop_sock_add(sock, &event, handler)
+                                 : CLOUDMGR_eloop_sock_modify(sock, &event, handler);
+}
+
 void CLOUDMGR_socket_init(void) {
     memset(&cloudtunnel_connectlist, 0, sizeof cloudtunnel_connectlist);
     list_init(cloudtunnel_connectlist.head.link);

@@ -12,77 +12,56 @@
 
 namespace {
 
-bool draining(int sock) {
-    const CLOUDMGR_ELOOP_SOCK *loop = cloudmgr_eloop_get_sock(sock);
+// draining tells whether the loop was asked for writability; `loop` may be null.
+bool draining(const CLOUDMGR_ELOOP_SOCK *loop) {
     return loop && loop->handler == cloudtunnel_socket_dataProc && (loop->event.events & EPOLLOUT);
 }
 
-bool readable(uint32_t events, int sock) { return (events & EPOLLIN) || ((events & EPOLLOUT) && draining(sock)); }
-
-int dispatch_http(cloudtunnel_connect_node *conn) {
-    cloudtunnel_http_resp *resp = cloudtunnel_http_resp_create();
-    if (!resp) {
-        LOG(error, "Can not create msg struct.");
-        return -1;
-    }
-    LOG(package, "[Model %s]Rcv http msg.", conn->modelName);
-    int result = cloudtunnel_http_rcv(conn->sock, resp);
-    if (result == 0)
-        result = conn->dataCallback(conn->sock, resp);
-    else if (incomplete(result))
-        result = 0;
-    cloudtunnel_http_resp_destory(resp);
-    return result;
-}
-
-int dispatch_ws(cloudtunnel_connect_node *conn) {
-    cloudmgr_ws_msg *msg = CLOUDMGR_ws_msg_create();
-    if (!msg) {
-        LOG(error, "Can not create msg struct.");
-        return -1;
-    }
-    LOG(package, "[Model %s]Rcv websocket msg.", conn->modelName);
-    int result = CLOUDMGR_ws_rcv(conn->sock, msg);
-    if (result == 0) {
-        result = conn->dataCallback(conn->sock, msg);
-    } else if (incomplete(result)) {
-        result = 0;
-    } else {
-        LOG(package, "[Model %s]Rcv websocket error.", conn->modelName);
-        result = -1;
-    }
-    CLOUDMGR_ws_msg_destory(msg);
-    return result;
+bool readable(uint32_t events, int sock) {
+    return (events & EPOLLIN) || ((events & EPOLLOUT) && draining(cloudmgr_eloop_get_sock(sock)));
 }
 
 // dispatch_message hands on one message. The connection may be gone afterwards.
 int dispatch_message(cloudtunnel_connect_node *conn) {
     const cloudtunnel_url_node *url = cloudtunnel_socket_getUrlNodeByModelname(conn->modelName);
-    if (!url) return -1;
-    switch (url->dataType) {
-        case CLOUDTUNNEL_DATATYPE_HTTP:
-            return dispatch_http(conn);
-        case CLOUDTUNNEL_DATATYPE_WS:
-            return dispatch_ws(conn);
-        default:
-            return -1;
+    if (!url || url->dataType > CLOUDTUNNEL_DATATYPE_WS) return -1;
+
+    const bool web = url->dataType == CLOUDTUNNEL_DATATYPE_WS;
+    void *msg = web ? static_cast<void *>(CLOUDMGR_ws_msg_create()) : cloudtunnel_http_resp_create();
+    if (!msg) {
+        LOG(error, "Can not create msg struct.");
+        return -1;
     }
+    LOG(package, web ? "[Model %s]Rcv websocket msg." : "[Model %s]Rcv http msg.", conn->modelName);
+    int result = web ? CLOUDMGR_ws_rcv(conn->sock, static_cast<cloudmgr_ws_msg *>(msg))
+                     : cloudtunnel_http_rcv(conn->sock, static_cast<cloudtunnel_http_resp *>(msg));
+    if (result == 0) {
+        result = conn->dataCallback(conn->sock, msg);
+    } else if (incomplete(result)) {
+        result = 0;
+    } else if (web) {
+        LOG(package, "[Model %s]Rcv websocket error.", conn->modelName);
+        result = -1;
+    }
+    if (web)
+        CLOUDMGR_ws_msg_destory(static_cast<cloudmgr_ws_msg *>(msg));
+    else
+        cloudtunnel_http_resp_destory(static_cast<cloudtunnel_http_resp *>(msg));
+    return result;
 }
 
 // keep_promise sees to it that bytes which the TLS session still holds lead to another call.
 int keep_promise(const cloudtunnel_connect_node *conn) {
     const bool pending = tls_pending(conn);
-    if (pending == draining(conn->sock) || !cloudmgr_eloop_get_sock(conn->sock)) return 0;
+    const CLOUDMGR_ELOOP_SOCK *loop = cloudmgr_eloop_get_sock(conn->sock);
+    if (!loop || pending == draining(loop)) return 0;
     return dispatch_register(conn->sock, pending);
 }
 
 }  // namespace
 
 int dispatch_register(int sock, bool draining) {
-    struct epoll_event event = {};
-    event.events = EPOLLIN | EPOLLERR | EPOLLHUP | (draining ? static_cast<uint32_t>(EPOLLOUT) : 0U);
-    event.data.fd = sock;
-    return CLOUDMGR_eloop_sock_modify(sock, &event, cloudtunnel_socket_dataProc);
+    return conn_watch(sock, draining ? EPOLLIN | EPOLLOUT : EPOLLIN, cloudtunnel_socket_dataProc, LoopCall::modify);
 }
 
 int cloudtunnel_socket_dataProc(const struct epoll_event *event, int sock) {

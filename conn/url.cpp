@@ -34,17 +34,14 @@ struct {
     uint16_t v2, v3, user, cas;
 } g_link_ports = {};
 
-struct ListFree {
-    void operator()(struct addrinfo *list) const {
-        while (list) {
-            struct addrinfo *entry = list;
-            list = entry->ai_next;
-            os_free(entry->ai_canonname);
-            os_free(entry);
-        }
+void list_free(struct addrinfo *list) {
+    while (list) {
+        struct addrinfo *entry = list;
+        list = entry->ai_next;
+        os_free(entry->ai_canonname);
+        os_free(entry);
     }
-};
-using OwnedList = std::unique_ptr<struct addrinfo, ListFree>;
+}
 
 // An entry of a copied list, its address beside it.
 struct Entry {
@@ -63,31 +60,34 @@ char *trim(char (&room)[kHostSize], const char *text) {
     return os_trim(room);
 }
 
-struct addrinfo *entry_copy(const struct addrinfo *from) {
-    auto *entry = static_cast<Entry *>(os_alloc(sizeof(Entry)));
-    if (!entry) return nullptr;
-    OwnedList owned(&entry->info);
+// entry_fill makes an empty entry a copy. False: without memory, or without room for the address.
+bool entry_fill(Entry *entry, const struct addrinfo *from) {
     entry->info = *from;
     entry->info.ai_next = nullptr;
-    entry->info.ai_canonname = nullptr;
     if (from->ai_addr) {
-        if (from->ai_addrlen > sizeof entry->address) return nullptr;
+        if (from->ai_addrlen > sizeof entry->address) return false;
         memcpy(entry->address, from->ai_addr, from->ai_addrlen);
         entry->info.ai_addr = reinterpret_cast<struct sockaddr *>(entry->address);
     }
-    if (from->ai_canonname) {
-        entry->info.ai_canonname = os_strdup(from->ai_canonname);
-        if (!entry->info.ai_canonname) return nullptr;
-    }
-    return owned.release();
+    entry->info.ai_canonname = os_strdup(from->ai_canonname);
+    return entry->info.ai_canonname || !from->ai_canonname;
 }
 
+// cache_put replaces the cached resolution; nulls clear it.
+void cache_put(const char *host, struct addrinfo *list) {
+    os_replace(&cloudtunnel_urlanalysis.serverName, host);
+    if (cloudtunnel_urlanalysis.addrList) freeaddrinfo(cloudtunnel_urlanalysis.addrList);
+    cloudtunnel_urlanalysis.addrList = list;
+}
+
+// node_free frees a node that is in no list any more.
 void node_free(cloudtunnel_url_node *node) {
     os_free(node->modelName);
     os_free(node->url);
     os_free(node->path);
-    ListFree{}(node->addrList);
+    list_free(node->addrList);
     os_free(node);
+    cloudtunnel_urllist.count--;
 }
 
 cloudtunnel_url_node *node_add(const char *model) {
@@ -120,19 +120,20 @@ bool resolve(cloudtunnel_url_node *node, int64_t now) {
     const int result = cloudtunnel_dumpAddrInfo(&copy, cloudtunnel_urlanalysis.addrList);
     LOG(connect, "dumpAddrInfo, ret = %d, url = %s.", result, node->url);
     if (result != 0 || !copy) return false;
-    ListFree{}(node->addrList);
+    list_free(node->addrList);
     node->addrList = copy;
     node->resolveTime = now;
     return true;
 }
 
 // store_url returns false when the set fails; a host that cannot even be copied takes the whole model with it.
-bool store_url(cloudtunnel_url_node *node, const char *url, int64_t now) {
+bool store_url(cloudtunnel_url_node *node, const char *url) {
     if (!os_replace(&node->url, url)) {
         LOG(error, "Set url host error.");
         CLOUDMGR_socket_urllist_del(node->modelName);
         return false;
     }
+    const int64_t now = now_s();
     if (node->resolveTime != 0 && now - node->resolveTime < kResolveEveryS) return true;
     if (resolve(node, now)) return true;
     LOG(error, "Set ailist error.");
@@ -167,14 +168,9 @@ void url_init() {
 }
 
 void url_deinit() {
-    for (auto &node : Each<cloudtunnel_url_node>(cloudtunnel_urllist.head.link)) {
-        cloudmgr_dl_list_del(&node.link);
-        node_free(&node);
-        cloudtunnel_urllist.count--;
-    }
-    if (cloudtunnel_urlanalysis.addrList) freeaddrinfo(cloudtunnel_urlanalysis.addrList);
-    os_free(cloudtunnel_urlanalysis.serverName);
-    cloudtunnel_urlanalysis = {};
+    while (cloudtunnel_link *link = CLOUDMGR_DL_DelHead(&cloudtunnel_urllist.head.link))
+        node_free(record_of<cloudtunnel_url_node>(link));
+    cache_put(nullptr, nullptr);
 }
 
 int CLOUDMGR_socket_urllist_set(const char *modelName, const char *url, const char *path, uint32_t dataType,
@@ -182,14 +178,13 @@ int CLOUDMGR_socket_urllist_set(const char *modelName, const char *url, const ch
     LOG(connect, "urllist_set modelname. %s %s %s %d %d", printable(modelName), printable(url), printable(path),
         static_cast<int>(dataType), port);
     if (!modelName) LOG(connect, "modelname is NULL");
-    const int64_t now = now_s();
     cloudtunnel_url_node *node = cloudtunnel_socket_getUrlNodeByModelname(modelName);
     if (!node) node = node_add(modelName);
     if (!node) return -1;
 
     // The old host lives until the end: the path may be that very text.
     const Owned<char> old_url(url ? std::exchange(node->url, nullptr) : nullptr);
-    if (url && !store_url(node, url, now)) return -1;
+    if (url && !store_url(node, url)) return -1;
     if (path && !os_replace(&node->path, path)) {
         LOG(error, "Set url path error.");
         CLOUDMGR_socket_urllist_del(node->modelName);
@@ -210,7 +205,6 @@ void CLOUDMGR_socket_urllist_del(const char *modelName) {
     // "Add" for a delete: this is the text that logs are searched for.
     LOG(connect, "Add model url node ok, [model: %s][url: %s].", node->modelName, printable(node->url));
     node_free(node);
-    cloudtunnel_urllist.count--;
 }
 
 int CLOUDMGR_Socket_Analysis_Set_Addr(const char *serverName) {
@@ -227,26 +221,28 @@ int CLOUDMGR_Socket_Analysis_Set_Addr(const char *serverName) {
         LOG(error, "Set Addr error, ret =%d.", result);
         return result;
     }
-    os_replace(&cloudtunnel_urlanalysis.serverName, host);
-    if (cloudtunnel_urlanalysis.addrList) freeaddrinfo(cloudtunnel_urlanalysis.addrList);
-    cloudtunnel_urlanalysis.addrList = list;
+    cache_put(host, list);
     LOG(connect, "Set Addr Success, servername = %s.", host);
     return 0;
 }
 
 int cloudtunnel_dumpAddrInfo(struct addrinfo **out, const struct addrinfo *list) {
     if (!out || !list) return -1;
-    OwnedList copies;
+    struct addrinfo *copies = nullptr;
     for (struct addrinfo *last = nullptr; list; list = list->ai_next) {
-        struct addrinfo *entry = entry_copy(list);
-        if (!entry) return -1;
+        auto *entry = static_cast<Entry *>(os_alloc(sizeof(Entry)));
+        if (!entry || !entry_fill(entry, list)) {
+            os_free(entry);
+            list_free(copies);
+            return -1;
+        }
         if (last)
-            last->ai_next = entry;
+            last->ai_next = &entry->info;
         else
-            copies.reset(entry);
-        last = entry;
+            copies = &entry->info;
+        last = &entry->info;
     }
-    *out = copies.release();
+    *out = copies;
     return 0;
 }
 
