@@ -57,16 +57,16 @@ struct sockaddr_in make_destination(const char *model, const struct addrinfo *fi
 
     // Plain or TLS goes by the model's own port, not by the one that is connected to.
     const cloudtunnel_url_node *url = cloudtunnel_socket_getUrlNodeByModelname(model);
-    const uint16_t model_port = url ? url->port : kPlainPort;
-    const uint16_t v3 = CLOUDMGR_socket_getLinkPortV3();
-    const uint16_t user = CLOUDMGR_socket_getUserConfigPort();
-    const uint16_t port = model_port == v3 ? user : model_port;
+    const int model_port = url ? url->port : kPlainPort;
+    const int v3 = CLOUDMGR_socket_getLinkPortV3();
+    const int user = CLOUDMGR_socket_getUserConfigPort();
+    const int port = model_port == v3 ? user : model_port;
     LOG(connect,
         model_port != v3     ? "GetIpAddrbyHostUrl, use port: %d make socket."
         : model_port == user ? "GetIpAddrbyHostUrl, use cloudtunnel_linkportv3: %d make socket."
                              : "GetIpAddrbyHostUrl, use g_cloudtunnel_userconfigport: %d make socket.",
         port);
-    to.sin_port = htobe16(port);
+    to.sin_port = htobe16(static_cast<uint16_t>(port));
     LOG(connect, "family %d, ip %s 0x%x, port %d, configport %d, v3port %d.", family, text, to.sin_addr.s_addr,
         model_port, user, v3);
     return to;

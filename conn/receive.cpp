@@ -28,12 +28,10 @@ int receive_plain(int sock, const char *model, uint8_t *dst, uint32_t len) {
         LOG(connect, "[Model %s][Socket %d]Recv incomplete.", model, sock);
         return kIncomplete;
     }
-    if (got < 0)
-        LOG(error, "[Model %s][Socket %d]Rcv msg rcv error %d, errno %d [%s].", model, sock, static_cast<int>(got),
-            error, strerror(error));
-    else
-        LOG(error, "[Model %s][Socket %d]Rcv msg error %d, errno %d [%s].", model, sock, static_cast<int>(got), error,
-            strerror(error));
+    LOG(error,
+        got < 0 ? "[Model %s][Socket %d]Rcv msg rcv error %d, errno %d [%s]."
+                : "[Model %s][Socket %d]Rcv msg error %d, errno %d [%s].",
+        model, sock, static_cast<int>(got), error, strerror(error));
     errno = error;
     perror("\r\n Rcv errno message");
     return -1;
@@ -41,31 +39,30 @@ int receive_plain(int sock, const char *model, uint8_t *dst, uint32_t len) {
 
 int receive_tls(int sock, const char *model, uint8_t *dst, uint32_t len) {
     const cloudtunnel_ssl_node *node = CLOUDMGR_ssl_GetSslBySock(sock);
-    if (!node || !node->ssl) return -1;
+    SSL *ssl = node ? node->ssl : nullptr;
+    if (!ssl) return -1;
     ERR_clear_error();
-    const int got = SSL_read(node->ssl, dst, static_cast<int>(std::min<uint32_t>(len, INT_MAX)));
+    const int got = SSL_read(ssl, dst, static_cast<int>(std::min<uint32_t>(len, INT_MAX)));
     if (got > 0) return got;
     const int error = errno;
-    const int code = SSL_get_error(node->ssl, got);
+    const int code = SSL_get_error(ssl, got);
+    const char *reason = ERR_error_string(ERR_get_error(), nullptr);
     if (code == SSL_ERROR_NONE || code == SSL_ERROR_WANT_READ || code == SSL_ERROR_WANT_WRITE) {
-        LOG(connect, "[Model %s][Socket %d]Ssl read incomplete err %d [%s].", model, sock, code,
-            ERR_error_string(ERR_get_error(), nullptr));
+        LOG(connect, "[Model %s][Socket %d]Ssl read incomplete err %d [%s].", model, sock, code, reason);
         return kIncomplete;
     }
-    LOG(error, "[Model %s][Socket %d]Ssl read ret %d, errcode %d [%s], errno [%d][%s].", model, sock, got, code,
-        ERR_error_string(ERR_get_error(), nullptr), error, strerror(error));
+    LOG(error, "[Model %s][Socket %d]Ssl read ret %d, errcode %d [%s], errno [%d][%s].", model, sock, got, code, reason,
+        error, strerror(error));
     CLOUDMGR_v3_socketError(sock);
     return -1;
 }
 
-// read_missing reads once towards `need` bytes. `got` is the real count, 0 on any failure.
-int read_missing(int sock, uint8_t *dst, int need, int *got) {
-    const int n = CLOUDMGR_socket_rcvData(sock, dst, static_cast<uint32_t>(need));
-    *got = n > 0 ? n : 0;
-    if (incomplete(n)) return n;
-    if (n <= 0) return -1;
-    if (n >= need) return 0;
-    LOG(package, "Socket %d msg rcv length %d not enough %d.", sock, n, need);
+// judge tells a reader that wanted `need` bytes what it means that one read of the socket answered `got`.
+int judge(int sock, int got, int need) {
+    if (incomplete(got)) return got;
+    if (got <= 0) return -1;
+    if (got >= need) return 0;
+    LOG(package, "Socket %d msg rcv length %d not enough %d.", sock, got, need);
     return kIncomplete;
 }
 
@@ -95,10 +92,11 @@ int CLOUDMGR_socket_getData(int sock, uint8_t *dst, cloudtunnel_connect_node *co
     *fromBuf = static_cast<uint32_t>(taken);
     if (taken == need) return 0;
 
-    int got = 0;
-    const int result = read_missing(sock, dst + taken, need - taken, &got);
+    const int missing = need - taken;
+    const int got = CLOUDMGR_socket_rcvData(sock, dst + taken, static_cast<uint32_t>(missing));
+    const int result = judge(sock, got, missing);
     // With both sources in play a complete answer reports the whole count as the socket's: callers rely on it.
-    *fromSock = static_cast<uint32_t>(result == 0 && taken ? need : got);
+    *fromSock = static_cast<uint32_t>(result == 0 && taken ? need : std::max(got, 0));
     return result;
 }
 
@@ -127,9 +125,10 @@ int saved_read(int sock, cloudtunnel_connect_node *conn, int total) {
         if (!larger) return -1;
         conn->buf = larger;
     }
-    int got = 0;
-    const int result = read_missing(sock, conn->buf + conn->bufLen, total - conn->bufLen, &got);
-    conn->bufLen += got;
+    const int missing = total - conn->bufLen;
+    const int got = CLOUDMGR_socket_rcvData(sock, conn->buf + conn->bufLen, static_cast<uint32_t>(missing));
+    conn->bufLen += std::max(got, 0);
+    const int result = judge(sock, got, missing);
     if (incomplete(result)) saved_log(conn);
     return result;
 }

@@ -176,7 +176,7 @@ void url_deinit() {
 int CLOUDMGR_socket_urllist_set(const char *modelName, const char *url, const char *path, uint32_t dataType,
                                 uint16_t port) {
     LOG(connect, "urllist_set modelname. %s %s %s %d %d", printable(modelName), printable(url), printable(path),
-        static_cast<int>(dataType), port);
+        static_cast<int>(dataType), static_cast<int>(port));
     if (!modelName) LOG(connect, "modelname is NULL");
     cloudtunnel_url_node *node = cloudtunnel_socket_getUrlNodeByModelname(modelName);
     if (!node) node = node_add(modelName);
@@ -193,7 +193,7 @@ int CLOUDMGR_socket_urllist_set(const char *modelName, const char *url, const ch
     node->dataType = dataType;
     if (port) node->port = port;
     LOG(connect, "Set model url node ok, [model: %s][url: %s][datatype: %d][port: %d]", node->modelName,
-        printable(node->url), static_cast<int>(node->dataType), node->port);
+        printable(node->url), static_cast<int>(node->dataType), static_cast<int>(node->port));
     if (node->path) LOG(connect, "[path %s].", node->path);
     return 0;
 }
