@@ -14,8 +14,8 @@ bool log_wanted(LogLevel level);
 template <typename... Args>
 [[gnu::noinline]] void log_print(LogLevel level, const char *format, Args... args) {
     if (cloudmgr_debug_level < static_cast<int32_t>(level)) return;
-    if (CLOUDTUNNEL_PRINT_FN *const print = g_stLibInitData.pfnPrint)
-        print(static_cast<uint32_t>(level), format, args...);
+    CLOUDTUNNEL_PRINT_FN *const print = g_stLibInitData.pfnPrint;
+    if (print) print(static_cast<uint32_t>(level), format, args...);
 }
 
 // log_format is never called: the compiler compares format and arguments.
