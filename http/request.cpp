@@ -41,9 +41,8 @@ int text_append(cloudtunnel_http_text *text, const char *format, va_list args) {
         text->data = nullptr;
         return kCannotGrow;
     }
-    memcpy(text->data + text->length, piece.get(), added);
+    memcpy(text->data + text->length, piece.get(), added + 1);  // with the zero byte behind it
     text->length = length;
-    text->data[length] = '\0';
     return 0;
 }
 

@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "conn/receive.h"
 #include "frame/log.h"
@@ -14,70 +15,68 @@ namespace {
 
 constexpr size_t kAreaSize = 65535;  // what one call can look at; a header line is cut there, too
 
-constexpr char kLineEnd[] = "\r\n";
-constexpr int kLineEndLen = 2;
+constexpr std::string_view kLineEnd = "\r\n";
+constexpr int kLineEndLen = kLineEnd.size();
 
-// A stretch of received text.
-struct Text {
-    const char *at;
-    size_t len;
-};
+std::string_view text_of(const uint8_t *data, size_t len) { return {reinterpret_cast<const char *>(data), len}; }
 
-Text text_of(const uint8_t *data, size_t len) { return {reinterpret_cast<const char *>(data), len}; }
-
-ptrdiff_t find(Text text, const char *what) { return os_datapos(text.at, text.len, what, strlen(what)); }
+ptrdiff_t find(std::string_view text, std::string_view what) {
+    return os_datapos(text.data(), text.size(), what.data(), what.size());
+}
 
 // line_end finds the first CR LF, -1 when there is none before a zero byte or the end.
-ptrdiff_t line_end(Text text) {
-    const ptrdiff_t end = os_datapos(text.at, text.len, kLineEnd, kLineEndLen);
-    return end > 0 && strnlen(text.at, static_cast<size_t>(end)) < static_cast<size_t>(end) ? -1 : end;
+ptrdiff_t line_end(std::string_view text) {
+    const ptrdiff_t end = find(text, kLineEnd);
+    return end > 0 && strnlen(text.data(), static_cast<size_t>(end)) < static_cast<size_t>(end) ? -1 : end;
 }
 
 // value_of finds the value of `key` in a header line: what stands between the key, wherever it is, and the line's end.
 // A null text where there is none.
-Text value_of(Text line, const char *key) {
+std::string_view value_of(std::string_view line, std::string_view key) {
     const ptrdiff_t key_at = find(line, key);
     if (key_at < 0) return {};
-    const size_t begin = static_cast<size_t>(key_at) + strlen(key);
-    const Text rest = {line.at + begin, line.len - begin};
-    const ptrdiff_t end = line_end(rest);
+    line.remove_prefix(static_cast<size_t>(key_at) + key.size());
+    const ptrdiff_t end = line_end(line);
     if (end < 0) return {};
-    return {rest.at, static_cast<size_t>(end)};
+    return {line.data(), static_cast<size_t>(end)};
 }
 
-void parse_status(Text line, cloudtunnel_http_resp *resp) {
+void parse_status(std::string_view line, cloudtunnel_http_resp *resp) {
     uint32_t index = 0;
-    for (const char *status = kHttpStatuses; *status; status += strlen(status) + 1, index++) {
-        if (find(line, status) < 0) continue;
-        resp->status_index = index;
-        resp->status_code = os_atoi(status, kStatusCodeSize);
-        resp->status_text = status;
-        LOG(package, "Rcv http resp status %s.", status);
-        return;
+    for (const char *status = kHttpStatuses; *status; index++) {
+        const std::string_view known = status;
+        if (find(line, known) >= 0) {
+            resp->status_index = index;
+            resp->status_code = os_atoi(status, kStatusCodeSize);
+            resp->status_text = status;
+            LOG(package, "Rcv http resp status %s.", status);
+            return;
+        }
+        status += known.size() + 1;
     }
 }
 
 // take_text copies the value of a key into a field that is still empty. The copy, or null where nothing was taken.
-const char *take_text(Text line, const char *key, char **field) {
+const char *take_text(std::string_view line, std::string_view key, char **field) {
     if (*field) return nullptr;
-    const Text value = value_of(line, key);
-    return *field = os_strndup(value.at, value.len);
+    const std::string_view value = value_of(line, key);
+    return *field = os_strndup(value.data(), value.size());
 }
 
-void parse_content_length(Text line, cloudtunnel_http_resp *resp) {
+void parse_content_length(std::string_view line, cloudtunnel_http_resp *resp) {
     if (resp->content_length != 0) return;
-    const Text value = value_of(line, "Content-Length: ");
-    if (!value.at) return;
-    resp->content_length = os_atoi(value.at, value.len);
+    const std::string_view value = value_of(line, "Content-Length: ");
+    if (!value.data()) return;
+    resp->content_length = os_atoi(value.data(), value.size());
     LOG(package, "Rcv Content-Length %d.", resp->content_length);
 }
 
-void parse_transfer_encoding(Text line, cloudtunnel_http_resp *resp) {
+void parse_transfer_encoding(std::string_view line, cloudtunnel_http_resp *resp) {
     if (resp->chunked) return;
-    const Text value = value_of(line, "Transfer-Encoding: ");
-    if (!value.at) return;
+    const std::string_view value = value_of(line, "Transfer-Encoding: ");
+    if (!value.data()) return;
     if (log_wanted(LogLevel::package)) {
-        const Owned<char> shown(os_strndup(value.at, value.len));
+        const Owned<char> shown(os_strndup(value.data(), value.size()));
         LOG(package, "Rcv Transfer-Encoding: %s.", shown ? shown.get() : "");
     }
     if (find(value, "chunked") < 0) return;
@@ -130,13 +129,13 @@ int decode_chunks(const uint8_t *body, size_t avail, cloudtunnel_http_resp *resp
     for (int count = 0; processed < avail; count++) {
         last = last->next = chunk_make();
         if (!last) break;
-        const Text rest = text_of(body + processed, avail - processed);
+        const std::string_view rest = text_of(body + processed, avail - processed);
         const ptrdiff_t size_len = line_end(rest);
         if (size_len < 0) {
             LOG(package, "No end flag, rcv incomplete, proclen %d.", static_cast<int>(processed));
             break;
         }
-        const Owned<char> size_line(os_strndup(rest.at, static_cast<size_t>(size_len)));
+        const Owned<char> size_line(os_strndup(rest.data(), static_cast<size_t>(size_len)));
         if (!size_line) {
             LOG(package, "Malloc failed, proclen %d.", static_cast<int>(processed));
             break;
@@ -150,19 +149,19 @@ int decode_chunks(const uint8_t *body, size_t avail, cloudtunnel_http_resp *resp
         }
 
         last->length = size;
-        if (size >= static_cast<int64_t>(rest.len) - 1) {  // nothing is added to it yet: the size is the peer's
+        if (size >= static_cast<int64_t>(rest.size()) - 1) {  // nothing is added to it yet: the size is the peer's
             LOG(package, "Buf not enough, rcv incomplete, proclen %d.", static_cast<int>(processed));
             break;
         }
         processed += static_cast<size_t>(size_len + kLineEndLen);
-        const Text data = text_of(body + processed, avail - processed);
+        const std::string_view data = text_of(body + processed, avail - processed);
         const ptrdiff_t real = line_end(data);
         if (size < 0 || real != size) {
             LOG(package, "Body block error, block encode len %ld, real len %ld.", static_cast<long>(size),
                 static_cast<long>(real));
             break;
         }
-        last->data = os_memcat(data.at, static_cast<size_t>(size), nullptr, 0);
+        last->data = os_memcat(data.data(), static_cast<size_t>(size), nullptr, 0);
         if (!last->data) {
             LOG(package, "Malloc failed, proclen %d.", static_cast<int>(processed));
             break;
@@ -206,14 +205,15 @@ Chunks chunks_join(Chunk *head, int count, cloudtunnel_http_resp *resp) {
     const int number = count + 1;
     for (; count > 0; count--) {
         const Chunk *node = head->next;
-        if (!node || node->length == 0) {
-            LOG(package, node ? "Chunk proc node %d len 0 error." : "Chunk proc node %d null.", number);
-            result = Chunks::error;
+        const bool sound = node && node->length != 0;
+        if (!sound || (result == Chunks::done && !append_body(resp, node))) {
+            LOG(package,
+                sound  ? "Chunk proc node %d malloc failed."
+                : node ? "Chunk proc node %d len 0 error."
+                       : "Chunk proc node %d null.",
+                number);
+            result = sound ? Chunks::incomplete : Chunks::error;
             if (!node) break;
-        }
-        if (result == Chunks::done && !append_body(resp, node)) {
-            LOG(package, "Chunk proc node %d malloc failed.", number);
-            result = Chunks::incomplete;
         }
         head = chunk_free(head);
     }
@@ -225,8 +225,8 @@ int cloudtunnel_http_hdr_line_parse(const uint8_t *line, int32_t len, int32_t nu
     if (!line || len <= 0) return 0;
     if (!resp) return len;
     const auto size = static_cast<size_t>(len);
-    Text text = text_of(line, size < kAreaSize ? size : kAreaSize);
-    text.len = strnlen(text.at, text.len);  // searches end at a zero byte
+    const auto *begin = reinterpret_cast<const char *>(line);
+    const std::string_view text(begin, strnlen(begin, size < kAreaSize ? size : kAreaSize));  // ends at a zero byte
     if (number == 1) parse_status(text, resp);
     if (const char *value = take_text(text, "Sec-WebSocket-Accept: ", &resp->ws_accept))
         LOG(package, "Rcv Sec-WebSocket-Accept %s.", value);
@@ -244,7 +244,7 @@ int cloudtunnel_http_hdr_decode(const uint8_t *data, uint32_t len, cloudtunnel_h
     int32_t number = 0;
     ptrdiff_t found = 0;
     do {
-        found = os_datapos(line, static_cast<size_t>(data + len - line), kLineEnd, kLineEndLen);
+        found = find(text_of(line, static_cast<size_t>(data + len - line)), kLineEnd);
         if (found < 0) return -1;
         number++;
         line += cloudtunnel_http_hdr_line_parse(line, static_cast<int32_t>(found + kLineEndLen), number, resp);
