@@ -135,12 +135,13 @@ int decode_chunks(const uint8_t *body, size_t avail, cloudtunnel_http_resp *resp
             LOG(package, "No end flag, rcv incomplete, proclen %d.", static_cast<int>(processed));
             break;
         }
-        const Owned<char> size_line(os_strndup(rest.data(), static_cast<size_t>(size_len)));
+        Owned<char> size_line(os_strndup(rest.data(), static_cast<size_t>(size_len)));
         if (!size_line) {
             LOG(package, "Malloc failed, proclen %d.", static_cast<int>(processed));
             break;
         }
         const int64_t size = strtol(size_line.get(), nullptr, 16);
+        size_line.reset();
         if (size == 0) {
             processed += 3;
             LOG(package, "End of body, prolen %d.", static_cast<int>(processed));
