@@ -189,13 +189,14 @@ int read_body(const char *model, const uint8_t *body, size_t avail, cloudtunnel_
                 model);
         return used;
     }
-    const bool given = resp->content_length > 0;
-    if (!given) {  // everything that came with the headers is the body
+    int failed = kReadError;
+    if (resp->content_length == 0) {  // none was given: everything that came with the headers is the body
+        failed = kIncomplete;
         resp->content_length = static_cast<int32_t>(avail);
         LOG(package, "[Model %s]msg rcv calculate body len: %d.", model, resp->content_length);
     }
     const int length = cloudtunnel_http_body_decode(body, resp);
-    return length < 0 && !given ? kIncomplete : length;
+    return length < 0 ? failed : length;
 }
 
 }  // namespace
@@ -242,14 +243,13 @@ int cloudtunnel_http_hdr_line_parse(const uint8_t *line, int32_t len, int32_t nu
 int cloudtunnel_http_hdr_decode(const uint8_t *data, uint32_t len, cloudtunnel_http_resp *resp) {
     if (!data || !resp || len > INT32_MAX) return -1;
     const uint8_t *line = data;
-    int32_t number = 0;
+    int32_t number = 1;
     ptrdiff_t found = 0;
     do {
         found = find(text_of(line, static_cast<size_t>(data + len - line)), kLineEnd);
         if (found < 0) return -1;
-        number++;
         line += cloudtunnel_http_hdr_line_parse(line, static_cast<int32_t>(found + kLineEndLen), number, resp);
-    } while (found > 0 || number == 1);  // a block that begins with CR LF begins with a line, not with its end
+    } while (number++ == 1 || found > 0);  // a block that begins with CR LF begins with a line, not with its end
     return static_cast<int>(line - data);
 }
 

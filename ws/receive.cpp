@@ -41,10 +41,8 @@ int read_header(Incoming &in, int need) {
 int read_length(Incoming &in) {
     const int code = in.header[1] & kLengthBits;
     const int size = code == kLength16 ? 2 : code == kLength64 ? 8 : 0;
-    if (size > 0) {
-        const int result = read_header(in, size);
-        if (result != 0) return result;
-    }
+    const int result = read_header(in, size);
+    if (result != 0) return result;
     const uint8_t *field = in.header + kBaseHeader;
     uint64_t length = size > 0 ? 0 : static_cast<uint64_t>(code);
     for (int i = 0; i < size; i++) length = length << 8 | field[i];
@@ -62,9 +60,9 @@ int read_length(Incoming &in) {
 int read_mask(Incoming &in) {
     if (!(in.header[1] & kMaskBit)) return 0;
     in.msg->mask_set = 1;
-    const int at = in.header_len;
+    const uint8_t *mask = in.header + in.header_len;
     const int result = read_header(in, static_cast<int>(kMaskSize));
-    if (result == 0) memcpy(in.msg->mask, in.header + at, kMaskSize);
+    if (result == 0) memcpy(in.msg->mask, mask, kMaskSize);
     return result;
 }
 
