@@ -20,8 +20,6 @@ cloudtunnel_connect_head cloudtunnel_connectlist = {};
 
 namespace {
 
-ConnWatch *g_watches = nullptr;  // the innermost
-
 void conn_unlink(cloudtunnel_connect_node *node) {
     cloudmgr_dl_list_del(&node->link);
     cloudtunnel_connectlist.count--;
@@ -68,18 +66,13 @@ int set_timer(int sock, uint32_t id, uint32_t cloudtunnel_connect_node::*timer) 
 
 }  // namespace
 
-ConnWatch::ConnWatch(cloudtunnel_connect_node *node) : node_(node), failure_(node->failureCallback), outer_(g_watches) {
+ConnWatch::ConnWatch(cloudtunnel_connect_node *node)
+    : node_(node), failure_(node->failureCallback), outer_(innermost_) {
     os_strlcpy(model_, node->modelName, sizeof model_);
-    g_watches = this;
+    innermost_ = this;
 }
 
-ConnWatch::~ConnWatch() { g_watches = outer_; }
-
-void ConnWatch::forget(const cloudtunnel_connect_node *node) {
-    for (ConnWatch *watch = g_watches; watch; watch = watch->outer_) {
-        if (watch->node_ == node) watch->node_ = nullptr;
-    }
-}
+ConnWatch::~ConnWatch() { innermost_ = outer_; }
 
 void ConnWatch::fail() {
     if (node_) {

@@ -43,9 +43,15 @@ class ConnWatch {
     void fail();
 
     // forget tells every watch that a node is about to be freed.
-    static void forget(const cloudtunnel_connect_node *node);
+    static void forget(const cloudtunnel_connect_node *node) {
+        for (ConnWatch *watch = innermost_; watch; watch = watch->outer_) {
+            if (watch->node_ == node) watch->node_ = nullptr;
+        }
+    }
 
   private:
+    static inline ConnWatch *innermost_ = nullptr;
+
     cloudtunnel_connect_node *node_;
     cloudtunnel_failure_fn *failure_;
     char model_[33];

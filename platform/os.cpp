@@ -16,7 +16,7 @@ void *os_alloc(size_t size) { return calloc(1, size ? size : 1); }
 
 void os_free(void *block) { free(block); }
 
-char *os_strdup(const char *text) { return text ? os_strndup(text, strlen(text)) : nullptr; }
+char *os_strdup(const char *text) { return os_strndup(text, PTRDIFF_MAX); }
 
 char *os_strndup(const char *text, size_t max) {
     if (!text) return nullptr;
@@ -35,8 +35,9 @@ bool os_replace(char **field, const char *text) {
 
 void os_strlcpy(char *to, const char *from, size_t size) {
     if (!to || size == 0) return;
-    const size_t len = from ? strnlen(from, size - 1) : 0;
-    if (len) memmove(to, from, len);
+    if (!from) from = "";
+    const size_t len = strnlen(from, size - 1);
+    memmove(to, from, len);
     to[len] = '\0';
 }
 
