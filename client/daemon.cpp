@@ -18,7 +18,7 @@ int32_t g_iCloudClientReConnTimeFd = -1;
 namespace {
 
 constexpr char kDaemonPath[] = "/tmp/cloudmgr_subconn.sock";
-constexpr time_t kReplyTimeoutS = 20;
+constexpr struct timeval kReplyTimeout = {.tv_sec = 20, .tv_usec = 0};
 constexpr uint64_t kReconnectMs = 10000;
 constexpr size_t kMessageMax = 2048;
 
@@ -175,8 +175,7 @@ int cloudtunnel_cl_connect(const char *path) {
     address.sun_family = AF_UNIX;
     os_strlcpy(address.sun_path, path, sizeof address.sun_path);
     const auto len = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + os_strlen(address.sun_path));
-    const struct timeval timeout = {.tv_sec = kReplyTimeoutS, .tv_usec = 0};
-    const bool timed = setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) == 0;
+    const bool timed = setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &kReplyTimeout, sizeof kReplyTimeout) == 0;
     if (!timed || connect(fd.get(), reinterpret_cast<const struct sockaddr *>(&address), len) != 0) {
         LOG(error,
             timed ? "[libcloudtunnel client]connect kyrcloud error:%s\n"

@@ -2,7 +2,7 @@
 // module's failure callback with the model's name, once, after the node is gone.
 #include "cloud/setup.h"
 
-#include <cstring>
+#include <cstdio>
 
 #include "cloud/registration.h"
 #include "conn/url.h"
