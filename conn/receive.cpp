@@ -146,14 +146,11 @@ int CLOUDMGR_socket_bufUpdata(cloudtunnel_connect_node *conn, const uint8_t *dat
 int CLOUDMGR_socket_bufClean(cloudtunnel_connect_node *conn, uint32_t consumed) {
     if (!conn) return -1;
     if (!conn->buf) return 0;
+    const int64_t rest_len = int64_t{conn->bufLen} - consumed;
     uint8_t *rest = nullptr;
-    int32_t rest_len = 0;
-    if (conn->bufLen > 0 && static_cast<uint32_t>(conn->bufLen) > consumed) {
-        rest_len = conn->bufLen - static_cast<int32_t>(consumed);
-        rest = os_memcat(conn->buf + consumed, static_cast<size_t>(rest_len), nullptr, 0);
-    }
+    if (rest_len > 0) rest = os_memcat(conn->buf + consumed, static_cast<size_t>(rest_len), nullptr, 0);
     os_free(conn->buf);
     conn->buf = rest;
-    conn->bufLen = rest ? rest_len : 0;
+    conn->bufLen = rest ? static_cast<int32_t>(rest_len) : 0;
     return 0;
 }

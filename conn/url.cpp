@@ -128,7 +128,8 @@ bool resolve(cloudtunnel_url_node *node, int64_t now) {
 
 // store_url returns false when the set fails; a host that cannot even be copied takes the whole model with it.
 bool store_url(cloudtunnel_url_node *node, const char *url) {
-    if (!os_replace(&node->url, url)) {
+    node->url = os_strdup(url);
+    if (!node->url) {
         LOG(error, "Set url host error.");
         CLOUDMGR_socket_urllist_del(node->modelName);
         return false;
