@@ -18,28 +18,12 @@ constexpr uint32_t kVersion11 = 2;  // in the tables of the request
 constexpr uint32_t kMethodGet = 1;
 constexpr int32_t kWebSocketVersion = 13;    // RFC 6455, section 4.1
 constexpr uint32_t kSwitchingProtocols = 1;  // the status index of 101
-// "JSESSIONID=", the token and the cookie, of 128 characters each, and what runs on into the token when the daemon's
-// cookie was not terminated.
-constexpr size_t kCookieSize = 512;
+constexpr size_t kCookieSize = 4097;
 
 struct ReqFree {
     void operator()(cloudtunnel_http_req *req) const { cloudtunnel_http_req_destory(req); }
 };
 using OwnedReq = std::unique_ptr<cloudtunnel_http_req, ReqFree>;
-
-// set_timer stores the id of the step timer that runs, 0 for none. Another one that ran is deleted.
-void set_timer(cloudmgr_v3wscnct_node *node, uint32_t timer_id) {
-    if (node->timerId != timer_id) cloudtunnel_timer_del(node->timerId);
-    node->timerId = timer_id;
-}
-
-// advance moves a set-up on by one state. There is no way back: a step that fails ends the set-up.
-void advance(cloudmgr_v3wscnct_node *node) {
-    if (node->state >= static_cast<uint32_t>(SetupState::connect)) return;
-    const char *from = setup_state_name(node);
-    node->state++;
-    LOG(fsm, "[Model %s]v3 connect fsm trigger from [%s] to [%s].", node->cloudModelName, from, setup_state_name(node));
-}
 
 // fill_upgrade sets the lines of the upgrade request. The key is kept in the node for the check of the answer; without
 // a key the request goes out all the same and its answer is refused.
@@ -55,7 +39,7 @@ void fill_upgrade(cloudtunnel_http_req *req, const char *model, cloudmgr_v3wscnc
     if (node && req->ws_key) os_replace(&node->key, req->ws_key);
     req->cookie = static_cast<char *>(os_alloc(kCookieSize));
     if (req->cookie)
-        snprintf(req->cookie, kCookieSize, "JSESSIONID=%s; %s", CLOUDMGR_TUNNEL_GetToken(), cloudmgr_v3_getCookie());
+        os_snprintf(req->cookie, kCookieSize, "JSESSIONID=%s; %s", CLOUDMGR_TUNNEL_GetToken(), cloudmgr_v3_getCookie());
 }
 
 // cloudmgr_v3wscnct_timeout ends a set-up whose step got no answer. A timer that is not the node's any more does
@@ -63,7 +47,7 @@ void fill_upgrade(cloudtunnel_http_req *req, const char *model, cloudmgr_v3wscnc
 int cloudmgr_v3wscnct_timeout(uint32_t timer_id, void *data) {
     const int sock = *static_cast<const int *>(data);
     const cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
-    if (!node || node->timerId != timer_id) return 0;
+    if (!node || cloudmgr_v3wscnct_getTimerBySock(sock) != timer_id) return 0;
     char model[sizeof node->cloudModelName];
     os_strlcpy(model, node->cloudModelName, sizeof model);
     LOG(error, "V3 ws cnct msg send time out [sock %d][name %s][fsm %s].", sock, model, setup_state_name(node));
@@ -91,15 +75,14 @@ int cloudmgr_v3wscnct_sendHandshake(int sock) {
     const char *model = CLOUDMGR_socket_getModelNameBySock(sock);
     const OwnedReq req(model ? cloudtunnel_http_req_create() : nullptr);
     if (!req) return -1;
-    cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeByName(model);
-    fill_upgrade(req.get(), model, node);
+    fill_upgrade(req.get(), model, cloudmgr_v3wscnct_getNodeByName(model));
     const int sent = cloudtunnel_http_send(sock, req.get());
     if (sent != 0) {
         LOG(error, "[Model %s]Send Websocket handshake failed.", model);
         return sent;
     }
     LOG(event, "[Model %s]Send Websocket handshake successfully.", model);
-    return setup_step_sent(sock, node) ? 0 : -1;
+    return setup_step_sent(sock) ? 0 : -1;
 }
 
 // answer_is_good checks the platform's answer to the upgrade request.
@@ -120,39 +103,38 @@ bool answer_is_good(const cloudmgr_v3wscnct_node *node, const cloudtunnel_http_r
 // cloudmgr_v3wscnct_handshakeRcv is the data callback until the upgrade: it checks the answer and sends the
 // registration.
 int cloudmgr_v3wscnct_handshakeRcv(int sock, void *message) {
-    cloudmgr_v3wscnct_node *node = setup_answered(sock, message, SetupState::handshake);
+    const cloudmgr_v3wscnct_node *node = setup_answered(sock, message, SetupState::handshake);
     if (!node || !answer_is_good(node, static_cast<const cloudtunnel_http_resp *>(message))) return -1;
 
     CLOUDMGR_socket_connect_modify(sock, cloudmgr_v3wscnct_requestRcv, nullptr);
     CLOUDMGR_socket_urllist_set(node->cloudModelName, nullptr, nullptr, CLOUDTUNNEL_DATATYPE_WS, 0);
     // A registration that is not sent is only logged: the set-up then stays in WS_HANDSHAKE, without a timer, until the
     // socket fails or closes.
-    if (cloudmgr_v3wscnct_sendRegist(sock, node)) (void)setup_step_sent(sock, node);
+    if (cloudmgr_v3wscnct_sendRegist(sock, node)) (void)setup_step_sent(sock);
     return 0;
 }
 
 }  // namespace
 
-bool setup_step_sent(int sock, cloudmgr_v3wscnct_node *node) {
+bool setup_step_sent(int sock) {
     auto *copy = static_cast<int *>(os_alloc(sizeof sock));
     if (!copy) return false;
     *copy = sock;
     const int id = cloudtunnel_timer_add(0, 0, kStepTimeoutMs, copy, cloudmgr_v3wscnct_timeout);
-    if (!node) return true;
-    set_timer(node, id > 0 ? static_cast<uint32_t>(id) : 0);
-    advance(node);
+    cloudmgr_v3wscnct_setTimerBySock(sock, id > 0 ? static_cast<uint32_t>(id) : 0);
+    cloudmgr_v3wscnct_fsmTrigger(sock);
     return true;
 }
 
-cloudmgr_v3wscnct_node *setup_answered(int sock, const void *message, SetupState expected) {
+const cloudmgr_v3wscnct_node *setup_answered(int sock, const void *message, SetupState expected) {
     const char *model = CLOUDMGR_socket_getModelNameBySock(sock);
     if (!message || !model) return nullptr;
-    cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeByName(model);
-    if (node) set_timer(node, 0);
+    cloudmgr_v3wscnct_setTimerBySock(sock, 0);
     LOG(connect,
         expected == SetupState::handshake ? "[V3 Model %s] ws handshake rcv message."
                                           : "V3 [%s] ws request rcv message.",
         model);
+    const cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeByName(model);
     return node && node->state == static_cast<uint32_t>(expected) ? node : nullptr;
 }
 

@@ -87,6 +87,26 @@ cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeBySock(int sock) {
     return cloudmgr_v3wscnct_getNodeByName(CLOUDMGR_socket_getModelNameBySock(sock));
 }
 
+uint32_t cloudmgr_v3wscnct_getTimerBySock(int sock) {
+    const cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
+    return node ? node->timerId : 0;
+}
+
+void cloudmgr_v3wscnct_setTimerBySock(int sock, uint32_t timer_id) {
+    cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
+    if (!node) return;
+    if (node->timerId != timer_id) cloudtunnel_timer_del(node->timerId);
+    node->timerId = timer_id;
+}
+
+void cloudmgr_v3wscnct_fsmTrigger(int sock) {
+    cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
+    if (!node || node->state + 1 >= std::size(kStateNames)) return;
+    const char *from = setup_state_name(node);
+    node->state++;
+    LOG(fsm, "[Model %s]v3 connect fsm trigger from [%s] to [%s].", node->cloudModelName, from, setup_state_name(node));
+}
+
 const char *setup_state_name(const cloudmgr_v3wscnct_node *node) {
     return node->state < std::size(kStateNames) ? kStateNames[node->state] : "";
 }

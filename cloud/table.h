@@ -15,5 +15,12 @@ cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeByName(const char *cloud_model)
 cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeBySock(int sock);
 cloudmgr_v3wscnct_node *setup_find_stored(const char *cloud_model);
 
+// The id of the step timer that runs for a socket's set-up, 0 when none does. Setting another id deletes the old timer.
+uint32_t cloudmgr_v3wscnct_getTimerBySock(int sock);
+void cloudmgr_v3wscnct_setTimerBySock(int sock, uint32_t timer_id);
+
+// cloudmgr_v3wscnct_fsmTrigger moves a set-up on by one state. There is no way back: a step that fails ends the set-up.
+void cloudmgr_v3wscnct_fsmTrigger(int sock);
+
 // setup_state_name returns the name of a node's state.
 const char *setup_state_name(const cloudmgr_v3wscnct_node *node);

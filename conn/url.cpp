@@ -54,10 +54,10 @@ int64_t now_s() {
     return clock_gettime(CLOCK_MONOTONIC, &now) == 0 ? now.tv_sec : 0;
 }
 
-// trim returns the host name in `text` without the blanks around it, copied into `room`.
-char *trim(char (&room)[kHostSize], const char *text) {
-    os_strlcpy(room, text, sizeof room);
-    return os_trim(room);
+void trim(char (&host)[kHostSize], const char *text) {
+    os_strlcpy(host, text, sizeof host);
+    os_strltrim(host);
+    os_strrtrim(host);
 }
 
 // entry_fill makes an empty entry a copy. False: without memory, or without room for the address.
@@ -109,8 +109,8 @@ cloudtunnel_url_node *node_add(const char *model) {
 
 // resolve gives the node the addresses of its host, from the cache where that holds them. False: the old ones stay.
 bool resolve(cloudtunnel_url_node *node, int64_t now) {
-    char room[kHostSize];
-    const char *host = trim(room, node->url);
+    char host[kHostSize];
+    trim(host, node->url);
     if (!cloudtunnel_urlanalysis.addrList || os_strcmp(cloudtunnel_urlanalysis.serverName, host) != 0) {
         const int result = CLOUDMGR_Socket_Analysis_Set_Addr(host);
         LOG(connect, "urlAnalysis reload ret = %d, urltmp = %s.", result, host);
@@ -213,8 +213,8 @@ int CLOUDMGR_Socket_Analysis_Set_Addr(const char *serverName) {
         LOG(error, "Set Addr error, serverName == NULL.");
         return -1;
     }
-    char room[kHostSize];
-    const char *host = trim(room, serverName);
+    char host[kHostSize];
+    trim(host, serverName);
     const struct addrinfo hints = {};
     struct addrinfo *list = nullptr;
     const int result = getaddrinfo(host, nullptr, &hints, &list);

@@ -38,11 +38,11 @@ void print_packet_header() {
     struct tm local;
     char date[kAsctimeSize] = "";
     tzset();
-    if (localtime_r(&now.tv_sec, &local) && os_asctime(local, date)) os_trim(date);
+    if (localtime_r(&now.tv_sec, &local) && os_asctime(local, date)) os_strrtrim(date);
 
     char header[256];
-    snprintf(header, sizeof header, "[%s][%06u][PACKAGE DETAIL]: \n***************** Data *****************\n", date,
-             static_cast<unsigned>(now.tv_usec));
+    os_snprintf(header, sizeof header, "[%s][%06u][PACKAGE DETAIL]: \n***************** Data *****************\n", date,
+                static_cast<unsigned>(now.tv_usec));
     fputs(header, g_CloudTunnelLogFile ? g_CloudTunnelLogFile : stdout);
 }
 

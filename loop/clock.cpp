@@ -47,13 +47,13 @@ int boot_text(char *text, bool cloudap) {
     if (!gmtime_r(&instant, &utc)) return -1;
     if (cloudap) {
         // The platform's time zone, UTC+8, added to the hour alone: its reports expect 24 to 31, not the next day.
-        snprintf(text, kTextSize, "%d-%02d-%02d %02d:%02d:%02d", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
-                 utc.tm_hour + 8, utc.tm_min, utc.tm_sec);
+        os_snprintf(text, kTextSize, "%d-%02d-%02d %02d:%02d:%02d", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
+                    utc.tm_hour + 8, utc.tm_min, utc.tm_sec);
         return 0;
     }
     char date[kAsctimeSize];
     if (!os_asctime(utc, date)) return -1;
-    snprintf(text, kTextSize, "System boot time: %s,", date);
+    os_snprintf(text, kTextSize, "System boot time: %s,", date);
     return 0;
 }
 
@@ -67,8 +67,8 @@ uint64_t cloudtunnel_timer_run_time(char *text) {
     const uint64_t seconds = told_uptime(false);
     if (seconds == kUnknown) return kUnknown;
     const auto of_day = static_cast<int>(seconds % 86400);
-    snprintf(text, kTextSize, "%02dD:%02dH:%02dM:%02dS", static_cast<int>(seconds / 86400), of_day / 3600,
-             of_day / 60 % 60, of_day % 60);
+    os_snprintf(text, kTextSize, "%02dD:%02dH:%02dM:%02dS", static_cast<int>(seconds / 86400), of_day / 3600,
+                of_day / 60 % 60, of_day % 60);
     return seconds;
 }
 

@@ -1,6 +1,7 @@
 #include "platform/os.h"
 
 #include <climits>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -41,16 +42,28 @@ void os_strlcpy(char *to, const char *from, size_t size) {
     to[len] = '\0';
 }
 
+int os_snprintf(char *to, size_t size, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int len = vsnprintf(to, size, format, args);
+    va_end(args);
+    return len;
+}
+
 size_t os_strlen(const char *text) { return text ? strlen(text) : 0; }
 
 int os_strcmp(const char *a, const char *b) { return a && b ? strcmp(a, b) : -1; }
 
-char *os_trim(char *text) {
-    while (is_space(*text)) text++;
+void os_strltrim(char *text) {
+    const char *from = text;
+    while (is_space(*from)) from++;
+    memmove(text, from, strlen(from) + 1);
+}
+
+void os_strrtrim(char *text) {
     size_t len = strlen(text);
     while (len && is_space(text[len - 1])) len--;
     text[len] = '\0';
-    return text;
 }
 
 ptrdiff_t os_datapos(const void *data, size_t len, const void *what, size_t what_len) {

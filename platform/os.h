@@ -29,13 +29,17 @@ bool os_replace(char **field, const char *text);
 // an empty one.
 void os_strlcpy(char *to, const char *from, size_t size);
 
+// os_snprintf formats into `size` bytes and always terminates the text; returns what vsnprintf returns.
+int os_snprintf(char *to, size_t size, const char *format, ...) __attribute__((format(printf, 3, 4)));
+
 size_t os_strlen(const char *text);  // 0 for null
 
 // os_strcmp returns 0 when both texts are there and equal, so that null matches nothing.
 int os_strcmp(const char *a, const char *b);
 
-// os_trim cuts the white space at the end of `text` off and returns its first character that is none.
-char *os_trim(char *text);
+// os_strltrim and os_strrtrim remove white space at the beginning or at the end of `text`, in place.
+void os_strltrim(char *text);
+void os_strrtrim(char *text);
 
 // os_datapos returns the offset of the first `what` (of `what_len` bytes) in `data`, -1 when there is none.
 ptrdiff_t os_datapos(const void *data, size_t len, const void *what, size_t what_len);

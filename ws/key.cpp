@@ -92,7 +92,7 @@ char *key_make() {
 bool key_accepts(const char *key, const char *accept) {
     if (!key || !accept) return false;
     char proof[kProofSize];
-    snprintf(proof, sizeof proof, "%s%s", key, cloudmgr_ws_guid);
+    os_snprintf(proof, sizeof proof, "%s%s", key, cloudmgr_ws_guid);
     uint8_t digest[SHA_DIGEST_LENGTH];
     SHA_CTX sha = {};
     SHA1_Init(&sha);

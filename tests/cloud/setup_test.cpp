@@ -820,7 +820,7 @@ TEST_F(SetupTest, another_step_deletes_the_timer_of_the_one_before) {
     cloudmgr_v3wscnct_node *const node = setup_node("model");
     const uint32_t first = node->timerId;
     ASSERT_NE(timer(first), nullptr);
-    EXPECT_TRUE(setup_step_sent(tunnel.sock, node));
+    EXPECT_TRUE(setup_step_sent(tunnel.sock));
     EXPECT_EQ(timer(first), nullptr);
     EXPECT_NE(node->timerId, first);
     EXPECT_NE(timer(node->timerId), nullptr);
@@ -831,7 +831,7 @@ TEST_F(SetupTest, a_step_whose_timer_cannot_be_armed_runs_without_one) {
     cloudmgr_v3wscnct_node *const node = setup_node("model");
     const uint32_t first = node->timerId;
     const support::FailAlloc fail(1);  // the argument is there, the timer is not
-    EXPECT_TRUE(setup_step_sent(tunnel.sock, node));
+    EXPECT_TRUE(setup_step_sent(tunnel.sock));
     EXPECT_TRUE(fail.hit());
     EXPECT_EQ(timer(first), nullptr);
     EXPECT_EQ(node->timerId, 0U);
@@ -849,18 +849,6 @@ TEST_F(SetupTest, an_answer_ends_the_timer_and_finds_the_set_up_in_its_state_alo
     EXPECT_EQ(timer(id), nullptr);
     EXPECT_EQ(node->timerId, 0U);
     EXPECT_EQ(setup_answered(tunnel.sock, message, SetupState::handshake), node);
-}
-
-TEST_F(SetupTest, the_machine_moves_forward_one_state_at_a_time_and_stops_at_the_last) {
-    cloudmgr_v3wscnct_node *const node = setup_add("model", "device");
-    for (const uint32_t expected : {1U, 2U, 2U}) {
-        EXPECT_TRUE(setup_step_sent(-1, node));
-        EXPECT_EQ(node->state, expected);
-    }
-    EXPECT_EQ(log.texts(kFsm), (Names{"[Model model]v3 connect fsm trigger from [WS_INIT] to [WS_HANDSHAKE].",
-                                      "[Model model]v3 connect fsm trigger from [WS_HANDSHAKE] to [WS_CONNECT]."}));
-    EXPECT_TRUE(setup_step_sent(-1, nullptr));
-    EXPECT_EQ(log.count(kFsm), 2);
 }
 
 // ------------------------------------------------------------------------------------------------- short of memory
@@ -908,7 +896,7 @@ TEST_F(SetupTest, a_step_is_not_taken_without_memory_for_its_timer) {
     Tunnel tunnel = lead(Wire::plain);
     ASSERT_GE(start(tunnel), 0);
     const support::FailAlloc fail(0);
-    EXPECT_FALSE(setup_step_sent(tunnel.sock, setup_node("model")));
+    EXPECT_FALSE(setup_step_sent(tunnel.sock));
     EXPECT_EQ(state_of(), 0U);
     EXPECT_EQ(setup_node("model")->timerId, 0U);
 }

@@ -73,18 +73,20 @@ TEST(OsTest, null_texts_have_no_length_and_equal_nothing) {
     EXPECT_NE(os_strcmp(nullptr, nullptr), 0);
 }
 
-TEST(OsTest, white_space_goes_from_both_ends) {
+TEST(OsTest, white_space_goes_from_either_end) {
     char text[] = " \t\v\f a b \r\n";
-    EXPECT_EQ(os_trim(text), text + 5);
-    EXPECT_STREQ(text + 5, "a b");
-    char tight[] = "a b";
-    EXPECT_EQ(os_trim(tight), tight);
-    EXPECT_STREQ(tight, "a b");
+    os_strltrim(text);
+    EXPECT_STREQ(text, "a b \r\n");
+    os_strrtrim(text);
+    EXPECT_STREQ(text, "a b");
     char blank[] = "  ";
-    EXPECT_STREQ(os_trim(blank), "");
-    EXPECT_STREQ(blank, "  ");
+    os_strrtrim(blank);
+    os_strltrim(blank);
+    EXPECT_STREQ(blank, "");
     char high[] = "\xa0x\xa0";  // no white space, and no negative index
-    EXPECT_STREQ(os_trim(high), "\xa0x\xa0");
+    os_strltrim(high);
+    os_strrtrim(high);
+    EXPECT_STREQ(high, "\xa0x\xa0");
 }
 
 TEST(OsTest, bytes_are_found_among_bytes) {
@@ -101,6 +103,12 @@ TEST(OsTest, two_blocks_become_one) {
     EXPECT_EQ(os_memcat("a", SIZE_MAX, "b", 1), nullptr);
     const support::FailAlloc fail(0);
     EXPECT_EQ(os_memcat("a", 1, "b", 1), nullptr);
+}
+
+TEST(OsTest, a_format_is_cut_to_its_area) {
+    char to[4];
+    EXPECT_EQ(os_snprintf(to, sizeof to, "%d", 12345), 5);
+    EXPECT_STREQ(to, "123");
 }
 
 TEST(OsTest, a_commands_first_line_is_its_answer) {
