@@ -98,7 +98,7 @@ int open_connection(const char *model, const ConnCallbacks &callbacks) {
     }
     if (!set_options(sock)) {
         LOG(error, "[Model %s]Failed to set socket %d opt.", model, sock);
-    } else if (conn_watch(sock, EPOLLIN | EPOLLOUT | EPOLLET, CLOUDMGR_socket_connectProc, LoopCall::add) != 0) {
+    } else if (conn_wait_for(sock, EPOLLIN | EPOLLOUT | EPOLLET, CLOUDMGR_socket_connectProc, LoopCall::add) != 0) {
         LOG(error, "[Model %s]Failed to add socket %d to epoll.", model, sock);
     } else {
         // The table is asked only with the connection under way: a refusal closes it again.
@@ -187,8 +187,8 @@ int CLOUDMGR_ssl_connect(int sock) {
     const TlsStep step = tls_handshake(conn);
     if (step == TlsStep::failed) return -1;
     if (step == TlsStep::done) return CLOUDMGR_socket_normal_connect(sock);
-    return conn_watch(sock, (step == TlsStep::want_read ? EPOLLIN : EPOLLOUT) | EPOLLET, CLOUDMGR_socket_connectProc,
-                      LoopCall::modify);
+    return conn_wait_for(sock, (step == TlsStep::want_read ? EPOLLIN : EPOLLOUT) | EPOLLET, CLOUDMGR_socket_connectProc,
+                         LoopCall::modify);
 }
 
 int cloudtunnel_socket_connectTimeout(uint32_t timerId, void *sockArg) {

@@ -108,7 +108,7 @@ cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallba
     return node;
 }
 
-int conn_watch(int sock, uint32_t events, CLOUDMGR_ELOOP_HANDLER *handler, LoopCall call) {
+int conn_wait_for(int sock, uint32_t events, CLOUDMGR_ELOOP_HANDLER *handler, LoopCall call) {
     struct epoll_event event = {};
     event.events = events | EPOLLERR | EPOLLHUP;
     event.data.fd = sock;

@@ -19,10 +19,10 @@ struct ConnCallbacks {
 // -1 for an unknown socket.
 int cloudtunnel_socket_setConnectTimer(int sock, uint32_t timerId);
 
-// conn_watch has the event loop call `handler` for what `events` name, an error or a hang-up of the socket: for a
+// conn_wait_for has the event loop call `handler` for what `events` name, an error or a hang-up of the socket: for a
 // socket that it does not know yet, or from now on. 0, or -1.
 enum class LoopCall { add, modify };
-[[nodiscard]] int conn_watch(int sock, uint32_t events, CLOUDMGR_ELOOP_HANDLER *handler, LoopCall call);
+[[nodiscard]] int conn_wait_for(int sock, uint32_t events, CLOUDMGR_ELOOP_HANDLER *handler, LoopCall call);
 
 // A connection kept in sight while something is called out that may close or replace it. Its name and failure callback
 // are copied for that case.

@@ -61,7 +61,7 @@ int keep_promise(const cloudtunnel_connect_node *conn) {
 }  // namespace
 
 int dispatch_register(int sock, bool draining) {
-    return conn_watch(sock, draining ? EPOLLIN | EPOLLOUT : EPOLLIN, cloudtunnel_socket_dataProc, LoopCall::modify);
+    return conn_wait_for(sock, draining ? EPOLLIN | EPOLLOUT : EPOLLIN, cloudtunnel_socket_dataProc, LoopCall::modify);
 }
 
 int cloudtunnel_socket_dataProc(const struct epoll_event *event, int sock) {
