@@ -91,21 +91,19 @@ int open_connection(const char *model, const ConnCallbacks &callbacks) {
     }
     const struct sockaddr_in to = make_destination(model, first);
 
-    const int sock = socket(AF_INET, SOCK_STREAM, 0);
+    Fd owned(socket(AF_INET, SOCK_STREAM, 0));
+    const int sock = owned.get();
     if (sock < 0) {
         LOG(error, "[Model %s]Create socket failed.", model);
-        return -1;
-    }
-    if (!set_options(sock)) {
+    } else if (!set_options(sock)) {
         LOG(error, "[Model %s]Failed to set socket %d opt.", model, sock);
     } else if (conn_wait_for(sock, EPOLLIN | EPOLLOUT | EPOLLET, CLOUDMGR_socket_connectProc, LoopCall::add) != 0) {
         LOG(error, "[Model %s]Failed to add socket %d to epoll.", model, sock);
     } else {
         // The table is asked only with the connection under way: a refusal closes it again.
-        if (begin_connect(model, sock, to) && conn_add(sock, model, callbacks)) return sock;
+        if (begin_connect(model, sock, to) && conn_add(sock, model, callbacks)) return owned.release();
         CLOUDMGR_eloop_sock_del(sock);
     }
-    close(sock);
     return -1;
 }
 
