@@ -29,7 +29,7 @@ bool text_reserve(cloudtunnel_http_text *text, uint64_t length) {
 
 // text_append adds a formatted piece. 0; kCannotGrow; or -1 or vsnprintf's negative result, the text as it was.
 int text_append(cloudtunnel_http_text *text, const char *format, va_list &args) {
-    const Owned<char> piece(static_cast<char *>(os_alloc(kPieceSize)));
+    const Owned<char> piece(static_cast<char *>(malloc(kPieceSize)));
     if (!piece) return -1;
     const int formatted = vsnprintf(piece.get(), kPieceSize, format, args);
     if (formatted < 0) return formatted;
