@@ -24,7 +24,7 @@ constexpr size_t kMessageMax = 2048;
 
 int g_own_fd = -1;  // the descriptor this room connected last: the exported one can be written by others
 
-// reconnect_armed is false for -1 as well: no timer has that id.
+// reconnect_armed is false for -1 as well: a timer that a caller gave that id has another callback.
 bool reconnect_armed() {
     return timer_armed(static_cast<uint32_t>(g_iCloudClientReConnTimeFd), cloudtunnel_cl_reConnTimerProc);
 }
@@ -97,7 +97,7 @@ int take_notification(const Message &message) {
         module = cloudmgr_module_getmodNodeByName(model_of(message));
         if (!module) LOG(error, "pstModule == NULL");
     }
-    if (!module) return 1;
+    if (!module) return 1;  // the other two kinds go without a word
     return call(sub_type == kTunnelData     ? module->tunnel_open_cb
                 : sub_type == kTunnelClosed ? module->tunnel_close_cb
                                             : module->tunnel_third_cb);
@@ -171,7 +171,7 @@ int cloudtunnel_cl_connect(const char *path) {
         LOG(error, "[libcloudtunnel client] connect server error, create sock failed");
         return 1;
     }
-    struct sockaddr_un address;  // set as far as it is used
+    struct sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     os_strlcpy(address.sun_path, path, sizeof address.sun_path);
     const auto len = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + os_strlen(address.sun_path));

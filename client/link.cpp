@@ -33,7 +33,7 @@ bool send_all(int fd, const uint8_t *data, size_t len) {
 // wait_for_reply blocks until the daemon answers or the link breaks. The socket's receive time-out ends each wait, not
 // the waiting.
 void wait_for_reply(int fd) {
-    uint8_t reply[kReplyMax];
+    uint8_t reply[kReplyMax] = {};
     while (recv(fd, reply, sizeof reply, 0) < 0 && os_try_again(errno)) {
     }
 }

@@ -2,7 +2,7 @@
 
 #include <json-c/json.h>
 
-#include "cloud/setup.h"
+#include "cloud/table.h"
 #include "frame/json.h"
 #include "frame/log.h"
 #include "platform/os.h"

@@ -2,9 +2,8 @@
 // module's failure callback with the model's name, once, after the node is gone.
 #include "cloud/setup.h"
 
-#include <cstdio>
-
 #include "cloud/registration.h"
+#include "cloud/table.h"
 #include "conn/url.h"
 #include "frame/log.h"
 #include "platform/os.h"
@@ -47,7 +46,7 @@ void fill_upgrade(cloudtunnel_http_req *req, const char *model, cloudmgr_v3wscnc
 int cloudmgr_v3wscnct_timeout(uint32_t timer_id, void *data) {
     const int sock = *static_cast<const int *>(data);
     const cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
-    if (!node || cloudmgr_v3wscnct_getTimerBySock(sock) != timer_id) return 0;
+    if (!node || node->timerId != timer_id) return 0;
     char model[sizeof node->cloudModelName];
     os_strlcpy(model, node->cloudModelName, sizeof model);
     LOG(error, "V3 ws cnct msg send time out [sock %d][name %s][fsm %s].", sock, model, setup_state_name(node));
@@ -124,18 +123,6 @@ bool setup_step_sent(int sock) {
     cloudmgr_v3wscnct_setTimerBySock(sock, id > 0 ? static_cast<uint32_t>(id) : 0);
     cloudmgr_v3wscnct_fsmTrigger(sock);
     return true;
-}
-
-const cloudmgr_v3wscnct_node *setup_answered(int sock, const void *message, SetupState expected) {
-    const char *model = CLOUDMGR_socket_getModelNameBySock(sock);
-    if (!message || !model) return nullptr;
-    cloudmgr_v3wscnct_setTimerBySock(sock, 0);
-    LOG(connect,
-        expected == SetupState::handshake ? "[V3 Model %s] ws handshake rcv message."
-                                          : "V3 [%s] ws request rcv message.",
-        model);
-    const cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeByName(model);
-    return node && node->state == static_cast<uint32_t>(expected) ? node : nullptr;
 }
 
 int CLOUDMGR_v3wscnct_start(const char *cloudModelName, const char *deviceModelName,

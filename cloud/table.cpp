@@ -20,6 +20,7 @@ constexpr uint32_t kSetupMax = 32;
 
 // By SetupState. Characters, not pointers: these would have to be relocated.
 constexpr char kStateNames[][13] = {"WS_INIT", "WS_HANDSHAKE", "WS_CONNECT"};
+static_assert(std::size(kStateNames) == static_cast<uint32_t>(SetupState::connect) + 1);
 
 void node_free(cloudtunnel_link *link) {
     auto *node = record_of<cloudmgr_v3wscnct_node>(link);
@@ -105,6 +106,18 @@ void cloudmgr_v3wscnct_fsmTrigger(int sock) {
     const char *from = setup_state_name(node);
     node->state++;
     LOG(fsm, "[Model %s]v3 connect fsm trigger from [%s] to [%s].", node->cloudModelName, from, setup_state_name(node));
+}
+
+const cloudmgr_v3wscnct_node *setup_answered(int sock, const void *message, SetupState expected) {
+    const char *model = CLOUDMGR_socket_getModelNameBySock(sock);
+    if (!message || !model) return nullptr;
+    cloudmgr_v3wscnct_setTimerBySock(sock, 0);
+    LOG(connect,
+        expected == SetupState::handshake ? "[V3 Model %s] ws handshake rcv message."
+                                          : "V3 [%s] ws request rcv message.",
+        model);
+    const cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeByName(model);
+    return node && node->state == static_cast<uint32_t>(expected) ? node : nullptr;
 }
 
 const char *setup_state_name(const cloudmgr_v3wscnct_node *node) {

@@ -22,5 +22,10 @@ void cloudmgr_v3wscnct_setTimerBySock(int sock, uint32_t timer_id);
 // cloudmgr_v3wscnct_fsmTrigger moves a set-up on by one state. There is no way back: a step that fails ends the set-up.
 void cloudmgr_v3wscnct_fsmTrigger(int sock);
 
+// setup_answered is told of the message that came after a step: the step's timer ends. It returns the socket's set-up;
+// null when that is not in the state in which such a message is expected and, with nothing done, without a message or a
+// model.
+[[nodiscard]] const cloudmgr_v3wscnct_node *setup_answered(int sock, const void *message, SetupState expected);
+
 // setup_state_name returns the name of a node's state.
 const char *setup_state_name(const cloudmgr_v3wscnct_node *node);

@@ -1,15 +1,17 @@
-# What a small build (MinSizeRel) leaves out of the library's file, and how it is laid out. The twin that is not stripped
-# keeps what a debugger needs to walk the stack: with neither unwind tables nor frame pointers in the code, it is all that
-# does.
+# What a small build (MinSizeRel, by a generator of one configuration) leaves out of the library's file, and how it is
+# laid out. The twin that is not stripped keeps what a debugger needs to walk the stack: with neither unwind tables nor
+# frame pointers in the code, it is all that does.
 include(CheckCXXSourceCompiles)
 include(CheckLinkerFlag)
 add_library(cloudtunnel_small INTERFACE)
-if(NOT CMAKE_BUILD_TYPE STREQUAL "MinSizeRel")
+string(TOUPPER "${CMAKE_BUILD_TYPE}" build_type)
+if(NOT build_type STREQUAL "MINSIZEREL")
+  set(CLOUDTUNNEL_TINY_MODEL OFF) # whatever a small build left in the cache
   return()
 endif()
 
 target_compile_options(cloudtunnel_small INTERFACE
-  -g -fno-asynchronous-unwind-tables -fno-unwind-tables -fomit-frame-pointer -ffunction-sections)
+  -g -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -fno-asynchronous-unwind-tables -fno-unwind-tables -fomit-frame-pointer -ffunction-sections)
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   # Helpers of a few lines that are used in many places stay functions.
   target_compile_options(cloudtunnel_small INTERFACE "SHELL:-mllvm -inline-threshold=20")

@@ -52,7 +52,9 @@ struct sockaddr_in make_destination(const char *model, const struct addrinfo *fi
     if (first->ai_addr) {
         const void *address = &reinterpret_cast<const struct sockaddr_in *>(first->ai_addr)->sin_addr;
         if (family == AF_INET6) address = &reinterpret_cast<const struct sockaddr_in6 *>(first->ai_addr)->sin6_addr;
-        if (inet_ntop(family, address, text, sizeof text)) memcpy(&to.sin_addr, address, sizeof to.sin_addr);
+        struct in6_addr bytes = {};
+        if (inet_ntop(family, address, text, sizeof text)) inet_pton(family, text, &bytes);
+        memcpy(&to.sin_addr, &bytes, sizeof to.sin_addr);
     }
 
     // Plain or TLS goes by the model's own port, not by the one that is connected to.

@@ -35,7 +35,7 @@ void conn_release(cloudtunnel_connect_node *node) {
     os_free(node);
 }
 
-// conn_close frees a connection that is in no list any more, and ends what lies under it.
+// conn_close frees a connection that is in no list any more, and ends what lies under it. Returns 0.
 int conn_close(cloudtunnel_connect_node *node) {
     const int sock = node->sock;
     const bool unclose = node->unclose != 0;
@@ -86,17 +86,24 @@ void ConnWatch::fail() {
 }
 
 cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallbacks &callbacks) {
-    cloudtunnel_connect_node *node = nullptr;
-    if (cloudtunnel_connectlist.count >= kConnectionMax) LOG(error, "Daemon socket connect reach max.");
+    if (cloudtunnel_connectlist.count >= kConnectionMax) {
+        LOG(error, "Daemon socket connect reach max.");
+        return nullptr;
+    }
     // Looked for as it is given: one that is cut when it is stored is never found, and can have several connections.
-    else if (CLOUDMGR_socket_getCnctByModelName(model))
+    if (CLOUDMGR_socket_getCnctByModelName(model)) {
         LOG(error, "Connect node of model [%s] is exist.", model);
-    else if (CLOUDMGR_socket_getCnctBySock(sock))
+        return nullptr;
+    }
+    if (CLOUDMGR_socket_getCnctBySock(sock)) {
         LOG(error, "Connect node of sock [%d] is exist", sock);
-    else if (!(node = static_cast<cloudtunnel_connect_node *>(os_alloc(sizeof(cloudtunnel_connect_node)))))
+        return nullptr;
+    }
+    auto *node = static_cast<cloudtunnel_connect_node *>(os_alloc(sizeof(cloudtunnel_connect_node)));
+    if (!node) {
         LOG(error, "Malloc fo connect node failed.");
-    if (!node) return nullptr;
-
+        return nullptr;
+    }
     node->connectedCallback = callbacks.connected;
     node->failureCallback = callbacks.failure;
     node->dataCallback = callbacks.data;

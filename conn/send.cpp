@@ -16,17 +16,16 @@ namespace {
 
 constexpr int kTryAgain = -2;
 
-// How a connection's bytes go out. The session is taken along, so that writing does not touch the table.
-struct Road {
-    bool plain;
-    SSL *ssl;  // null for a plain connection, and where there is no session
-};
-
-Road road_of(int sock) {
+bool is_plain(int sock) {
     const Lock hold(cloudtunnel_connectlist.lock);
-    const bool plain = cloudtunnel_socket_getPortBySock(sock) == kPlainPort;
-    const cloudtunnel_ssl_node *node = plain ? nullptr : CLOUDMGR_ssl_GetSslBySock(sock);
-    return {.plain = plain, .ssl = node ? node->ssl : nullptr};
+    return cloudtunnel_socket_getPortBySock(sock) == kPlainPort;
+}
+
+// session_of returns a connection's TLS session, null where there is none, so that writing does not touch the table.
+SSL *session_of(int sock) {
+    const Lock hold(cloudtunnel_connectlist.lock);
+    const cloudtunnel_ssl_node *node = CLOUDMGR_ssl_GetSslBySock(sock);
+    return node ? node->ssl : nullptr;
 }
 
 // log_content shows the outgoing bytes as a text: themselves where a zero byte stands among them, else a copy.
@@ -44,24 +43,25 @@ void log_content(bool plain, const uint8_t *data, size_t len) {
 int CLOUDMGR_socket_sendData(int sock, const uint8_t *data, int len, int retryCount, uint32_t waitUs) {
     if (len < 0 || (!data && len > 0)) return -1;
     errno = 0;
-    const auto [plain, ssl] = road_of(sock);
+    const bool plain = is_plain(sock);
     if (log_wanted(LogLevel::package)) log_content(plain, data, static_cast<size_t>(len));
+    SSL *ssl = plain ? nullptr : session_of(sock);
     if (!plain && !ssl) return -1;
 
     int result = 0;  // plain: of the last attempt; TLS: of all attempts together
-    for (int attempt = 0; !ssl || result < len; attempt++) {
+    for (int attempt = 0; plain || result < len; attempt++) {
         if (attempt >= retryCount) {
             const int error = errno;
             LOG(error,
-                ssl ? "[Socket %d]Send https message retry count reach max, result %d, message [%s]."
-                    : "[Socket %d]Send http message retry count reach max, result %d, message [%s].",
+                plain ? "[Socket %d]Send http message retry count reach max, result %d, message [%s]."
+                      : "[Socket %d]Send https message retry count reach max, result %d, message [%s].",
                 sock, result, strerror(error));
             errno = error;
-            if (result == -1) result = kTryAgain;
+            if (result == -1) result = kTryAgain;  // only a plain send leaves -1 here
             break;
         }
         if (waitUs) usleep(waitUs);
-        if (!ssl) {
+        if (plain) {
             result = static_cast<int>(send(sock, data, static_cast<size_t>(len), 0));
             if (result == -1 && os_try_again(errno)) continue;
             break;
@@ -69,10 +69,10 @@ int CLOUDMGR_socket_sendData(int sock, const uint8_t *data, int len, int retryCo
         ERR_clear_error();
         errno = 0;
         const int written = SSL_write(ssl, data + result, len - result);
+        const int error = errno;
+        // The code asked for is that of the running total, not of this write: what is logged says how far it came.
+        const int code = SSL_get_error(ssl, result);
         if (written <= 0) {
-            const int error = errno;
-            // The code asked for is that of the running total, not of this write: what is logged says how far it came.
-            const int code = SSL_get_error(ssl, result);
             LOG(error,
                 "[Socket %d]Send https message write error, result %d, errno = %d, message [%s],ssl error code = %d "
                 "[%s],loop count = %d.",

@@ -1,7 +1,6 @@
 // The table of models and the one cached name resolution.
 #include "conn/url.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <utility>
@@ -34,7 +33,7 @@ struct {
     uint16_t v2, v3, user, cas;
 } g_link_ports = {};
 
-void list_free(struct addrinfo *list) {
+void addresses_free(struct addrinfo *list) {
     while (list) {
         struct addrinfo *entry = list;
         list = entry->ai_next;
@@ -80,12 +79,12 @@ void cache_put(const char *host, struct addrinfo *list) {
     cloudtunnel_urlanalysis.addrList = list;
 }
 
-// node_free frees a node that is in no list any more.
+// node_free frees a node that is in no list any more, and counts it out.
 void node_free(cloudtunnel_url_node *node) {
     os_free(node->modelName);
     os_free(node->url);
     os_free(node->path);
-    list_free(node->addrList);
+    addresses_free(node->addrList);
     os_free(node);
     cloudtunnel_urllist.count--;
 }
@@ -120,21 +119,19 @@ bool resolve(cloudtunnel_url_node *node, int64_t now) {
     const int result = cloudtunnel_dumpAddrInfo(&copy, cloudtunnel_urlanalysis.addrList);
     LOG(connect, "dumpAddrInfo, ret = %d, url = %s.", result, node->url);
     if (result != 0 || !copy) return false;
-    list_free(node->addrList);
+    addresses_free(node->addrList);
     node->addrList = copy;
     node->resolveTime = now;
     return true;
 }
 
 // store_url returns false when the set fails; a host that cannot even be copied takes the whole model with it.
-bool store_url(cloudtunnel_url_node *node, const char *url) {
-    node->url = os_strdup(url);
-    if (!node->url) {
+bool store_url(cloudtunnel_url_node *node, const char *url, int64_t now) {
+    if (!os_replace(&node->url, url)) {
         LOG(error, "Set url host error.");
         CLOUDMGR_socket_urllist_del(node->modelName);
         return false;
     }
-    const int64_t now = now_s();
     if (node->resolveTime != 0 && now - node->resolveTime < kResolveEveryS) return true;
     if (resolve(node, now)) return true;
     LOG(error, "Set ailist error.");
@@ -179,13 +176,14 @@ int CLOUDMGR_socket_urllist_set(const char *modelName, const char *url, const ch
     LOG(connect, "urllist_set modelname. %s %s %s %d %d", printable(modelName), printable(url), printable(path),
         static_cast<int>(dataType), static_cast<int>(port));
     if (!modelName) LOG(connect, "modelname is NULL");
+    const int64_t now = now_s();
     cloudtunnel_url_node *node = cloudtunnel_socket_getUrlNodeByModelname(modelName);
     if (!node) node = node_add(modelName);
     if (!node) return -1;
 
     // The old host lives until the end: the path may be that very text.
     const Owned<char> old_url(url ? std::exchange(node->url, nullptr) : nullptr);
-    if (url && !store_url(node, url)) return -1;
+    if (url && !store_url(node, url, now)) return -1;
     if (path && !os_replace(&node->path, path)) {
         LOG(error, "Set url path error.");
         CLOUDMGR_socket_urllist_del(node->modelName);
@@ -234,7 +232,7 @@ int cloudtunnel_dumpAddrInfo(struct addrinfo **out, const struct addrinfo *list)
         auto *entry = static_cast<Entry *>(os_alloc(sizeof(Entry)));
         if (!entry || !entry_fill(entry, list)) {
             os_free(entry);
-            list_free(copies);
+            addresses_free(copies);
             return -1;
         }
         if (last)

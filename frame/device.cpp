@@ -41,9 +41,9 @@ void add_text(json_object *object, const char *key, const char *text) {
 }  // namespace
 
 int cloudmgr_dev_setSN(void) {
-    char serial[kSerialSize];
+    char serial[kSerialSize] = "";
     os_getcommand("cat /proc/sys/product_info | grep HW_SERIES_NUM | cut -d: -f 2", serial, sizeof serial);
-    if (serial[0]) os_strlcpy(g_serial, serial, sizeof g_serial);
+    if (serial[0]) memcpy(g_serial, serial, sizeof g_serial);
     // At ERROR although it is none: it is the one line that says which device wrote the log.
     LOG(error, "Cloud-Tunnel-Lib Set Device SN [%s].", g_serial);
     return 0;

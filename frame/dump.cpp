@@ -43,7 +43,10 @@ void print_packet_header() {
     char header[256];
     os_snprintf(header, sizeof header, "[%s][%06u][PACKAGE DETAIL]: \n***************** Data *****************\n", date,
                 static_cast<unsigned>(now.tv_usec));
-    fputs(header, g_CloudTunnelLogFile ? g_CloudTunnelLogFile : stdout);
+    if (g_CloudTunnelLogFile)
+        fputs(header, g_CloudTunnelLogFile);
+    else
+        printf("%s", header);
 }
 
 void print_packet_hex(char *line, const uint8_t *data, size_t len) {

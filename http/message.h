@@ -1,6 +1,7 @@
 // The fixed names of HTTP that requests are written with and responses are read by.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <iterator>
 

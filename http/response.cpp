@@ -1,6 +1,5 @@
 // Responses in. Incomplete data is never an error: every byte goes back to the connection, and the next readiness
 // starts again from the first header line with a fresh response record.
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -60,7 +59,8 @@ void parse_status(std::string_view line, cloudtunnel_http_resp *resp) {
 const char *take_text(std::string_view line, std::string_view key, char **field) {
     if (*field) return nullptr;
     const std::string_view value = value_of(line, key);
-    return *field = os_strndup(value.data(), value.size());
+    *field = os_strndup(value.data(), value.size());
+    return *field;
 }
 
 void parse_content_length(std::string_view line, cloudtunnel_http_resp *resp) {
@@ -127,8 +127,9 @@ int decode_chunks(const uint8_t *body, size_t avail, cloudtunnel_http_resp *resp
     Chunks result = Chunks::incomplete;
     size_t processed = 0;
     for (int count = 0; processed < avail; count++) {
-        last = last->next = chunk_make();
-        if (!last) break;
+        last->next = chunk_make();
+        if (!last->next) break;
+        last = last->next;
         const std::string_view rest = text_of(body + processed, avail - processed);
         const ptrdiff_t size_len = line_end(rest);
         if (size_len < 0) {
@@ -207,15 +208,18 @@ Chunks chunks_join(Chunk *head, int count, cloudtunnel_http_resp *resp) {
     const int number = count + 1;
     for (; count > 0; count--) {
         const Chunk *node = head->next;
-        const bool sound = node && node->length != 0;
-        if (!sound || (result == Chunks::done && !append_body(resp, node))) {
-            LOG(package,
-                sound  ? "Chunk proc node %d malloc failed."
-                : node ? "Chunk proc node %d len 0 error."
-                       : "Chunk proc node %d null.",
-                number);
-            result = sound ? Chunks::incomplete : Chunks::error;
-            if (!node) break;
+        if (!node) {
+            LOG(package, "Chunk proc node %d null.", number);
+            result = Chunks::error;
+            break;
+        }
+        if (node->length == 0) {
+            LOG(package, "Chunk proc node %d len 0 error.", number);
+            result = Chunks::error;
+        }
+        if (result == Chunks::done && !append_body(resp, node)) {
+            LOG(package, "Chunk proc node %d malloc failed.", number);
+            result = Chunks::incomplete;
         }
         head = chunk_free(head);
     }
@@ -249,7 +253,8 @@ int cloudtunnel_http_hdr_decode(const uint8_t *data, uint32_t len, cloudtunnel_h
         found = find(text_of(line, static_cast<size_t>(data + len - line)), kLineEnd);
         if (found < 0) return -1;
         line += cloudtunnel_http_hdr_line_parse(line, static_cast<int32_t>(found + kLineEndLen), number, resp);
-    } while (number++ == 1 || found > 0);  // a block that begins with CR LF begins with a line, not with its end
+        // A block that begins with CR LF begins with a line, not with its end. The end is parsed, too: it holds no key.
+    } while (number++ == 1 || found > 0);
     return static_cast<int>(line - data);
 }
 
@@ -290,6 +295,7 @@ int cloudtunnel_http_rcv(int sock, cloudtunnel_http_resp *resp) {
         if (resp->content_length < 0) return kReadError;
         if (len - headers >= static_cast<size_t>(resp->content_length))
             result = read_body(conn->modelName, area.get() + headers, len - headers, resp);
+        // A chunk error leaves the saved bytes as they were; a body without memory does not.
         if (result == kReadError && resp->chunked) return kReadError;
         if (result >= 0) consumed = headers + static_cast<size_t>(result);
     }
@@ -297,5 +303,6 @@ int cloudtunnel_http_rcv(int sock, cloudtunnel_http_resp *resp) {
     // in the middle of the stream.
     if (consumed == len) return CLOUDMGR_socket_bufClean(conn, static_cast<uint32_t>(len));
     const int kept = CLOUDMGR_socket_bufUpdata(conn, area.get() + consumed, static_cast<uint32_t>(len - consumed));
-    return consumed > 0 || kept != 0 ? kept : result;
+    if (kept != 0) return kept;
+    return consumed > 0 ? 0 : result;
 }

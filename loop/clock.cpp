@@ -1,7 +1,6 @@
 #include <sys/sysinfo.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 

@@ -36,8 +36,9 @@ volatile sig_atomic_t g_timeout_pending = 0;  // set by the signal handler, read
 
 // A pass over the list that is under way.
 struct Pass {
-    cloudtunnel_link *next = nullptr;           // where it goes on; moved on when that node is removed
-    cloudtunnel_timer_node *running = nullptr;  // its callback runs: nobody else frees it. Null once it left the list
+    cloudtunnel_link *next = nullptr;  // where it goes on; moved on when that node is removed
+    // Its callback runs: nobody else frees it. Null in the outermost such pass once the node has left the list.
+    cloudtunnel_timer_node *running = nullptr;
     Pass *outer = nullptr;
 };
 Pass *g_passes = nullptr;  // the innermost

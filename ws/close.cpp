@@ -35,7 +35,7 @@ bool send_close(int sock, uint16_t status, const void *reason, size_t reason_len
     msg->opcode = kOpcodeClose;
     if (mask == Mask::fresh)
         CLOUDMGR_ws_setmask(msg.get(), CLOUDMGR_ws_getMask());
-    else
+    else  // the library's own close is told before it is sent, the module's when it is
         LOG(package, "Send websocket close msg.");
     CLOUDMGR_ws_send(sock, msg.get(), kSendAttempts);
     return true;

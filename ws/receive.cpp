@@ -1,7 +1,6 @@
 // Frames in: one frame a call. What is not complete goes back to the connection whole, and the next call parses it from
 // its first byte. A payload that comes in many pieces is gathered in the connection's saved bytes, each piece added
 // behind the others, and that very block becomes the body: the time it takes grows with its size, not with the pieces.
-#include <cstdlib>
 #include <cstring>
 
 #include "conn/receive.h"
@@ -40,7 +39,9 @@ int read_header(Incoming &in, int need) {
 // read_length reads the extended length, if the code asks for one, and tells what the header says.
 int read_length(Incoming &in) {
     const int code = in.header[1] & kLengthBits;
-    const int size = code == kLength16 ? 2 : code == kLength64 ? 8 : 0;
+    int size = 0;
+    if (code == kLength16) size = 2;
+    if (code == kLength64) size = 8;
     const int result = read_header(in, size);
     if (result != 0) return result;
     const uint8_t *field = in.header + kBaseHeader;

@@ -13,7 +13,9 @@ namespace {
 
 constexpr int64_t kFragment = 8192;
 constexpr int64_t kLargeFragment = 16000;
-constexpr int64_t kUncut = 0;  // what CLOUDMGR_ws_send sends by: it has texts and results of its own
+// What CLOUDMGR_ws_send sends by: it has texts and results of its own. Only beside Fragment::whole: a last fragment is
+// worked out by a division.
+constexpr int64_t kUncut = 0;
 constexpr size_t kFrameSlack =
     17;  // allocated beyond the payload; the header takes 14 at most, a zero byte ends the log
 static_assert(kHeaderMax < kFrameSlack);
@@ -99,6 +101,7 @@ int send_fragment(int sock, const cloudmgr_ws_msg *msg, int position, int index,
     LOG(package,
         cut ? "WEB: [Socket %d]Send websocket mask 0x%x 0x%x 0x%x 0x%x."
             : "[Socket %d]Send websocket mask 0x%x 0x%x 0x%x 0x%x.",
+        // As ints: one log_print for all.
         sock, +msg->mask[0], +msg->mask[1], +msg->mask[2], +msg->mask[3]);
     const int sent = CLOUDMGR_socket_sendData(sock, frame.get(), static_cast<int>(header + size), attempts, delay_us);
     if (sent == -2 && !cut) return -2;

@@ -26,11 +26,14 @@ set(CMAKE_CXX_COMPILER_TARGET aarch64-linux-musl)
 set(cloudtunnel_alone "--gcc-toolchain=${CLOUDTUNNEL_SYSROOT}/no-compiler -Wno-unused-command-line-argument")
 set(CMAKE_C_FLAGS_INIT "${cloudtunnel_alone}")
 set(CMAKE_CXX_FLAGS_INIT "${cloudtunnel_alone} -stdlib=libc++")
-# The newest lld that is there and known to be good, else the one that has the plain name.
-find_program(CLOUDTUNNEL_LINKER NAMES ld.lld-19 ld.lld NO_CMAKE_FIND_ROOT_PATH)
-string(REGEX REPLACE "^.*ld\\." "" cloudtunnel_linker "${CLOUDTUNNEL_LINKER}")
+# lld 19 where it is installed: it knows 64-bit ARM's tiny model. Else the compiler's own.
+find_program(CLOUDTUNNEL_LINKER NAMES ld.lld-19 NO_CMAKE_FIND_ROOT_PATH)
+set(cloudtunnel_linker -fuse-ld=lld)
+if(CLOUDTUNNEL_LINKER)
+  set(cloudtunnel_linker --ld-path=${CLOUDTUNNEL_LINKER})
+endif()
 foreach(kind EXE SHARED MODULE)
-  set(CMAKE_${kind}_LINKER_FLAGS_INIT "-fuse-ld=${cloudtunnel_linker}")
+  set(CMAKE_${kind}_LINKER_FLAGS_INIT "${cloudtunnel_linker}")
 endforeach()
 
 set(CMAKE_FIND_ROOT_PATH ${CLOUDTUNNEL_SYSROOT})

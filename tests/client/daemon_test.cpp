@@ -459,6 +459,17 @@ TEST_F(NotificationTest, a_wake_up_for_nothing_reads_once_and_does_not_spin) {
     EXPECT_TRUE(log.all().empty());
 }
 
+TEST_F(NotificationTest, a_read_is_not_repeated_where_the_waiting_bytes_cannot_be_counted) {
+    support::send_all(pair.b.get(), notice(2, "model").bytes());
+    const Fault again("recv", {.error = EAGAIN});
+    const Fault uncounted("ioctl", {.error = ENOTTY});
+    const Calls reads("recv");
+    EXPECT_EQ(handle(EPOLLIN, pair.a.get()), 0);
+    EXPECT_EQ(uncounted.hits(), 1);
+    EXPECT_EQ(reads(), 1);
+    EXPECT_TRUE(log.all().empty());
+}
+
 TEST_F(NotificationTest, a_read_that_fails_is_left_to_the_next_event) {
     support::send_all(pair.b.get(), "sixteen bytes...");
     const Fault broken("recv", {.error = ECONNRESET});

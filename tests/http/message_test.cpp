@@ -161,10 +161,17 @@ TEST_F(HttpMessageTest, the_names_are_these_and_no_others) {
                     {403, "403 Forbidden"},
                     {404, "404 Not Found"}};
     const char *known = kHttpStatuses;
+    uint32_t index = 0;
     for (const auto &status : statuses) {
         EXPECT_STREQ(known, status.text);
-        EXPECT_EQ(std::stoi(std::string(known, kStatusCodeSize)), status.code);
         known += std::strlen(known) + 1;
+        cloudtunnel_http_resp resp = {};
+        const std::string line = "HTTP/1.1 " + std::string(status.text) + "\r\n";
+        cloudtunnel_http_hdr_line_parse(reinterpret_cast<const uint8_t *>(line.data()),
+                                        static_cast<int32_t>(line.size()), 1, &resp);
+        EXPECT_EQ(resp.status_index, index++);
+        EXPECT_EQ(resp.status_code, status.code);
+        EXPECT_STREQ(resp.status_text, status.text);
     }
     EXPECT_STREQ(known, "");  // no status line matches an end marker
 }

@@ -9,7 +9,6 @@
 
 #include <arpa/inet.h>
 #include <netdb.h>
-#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -150,6 +149,7 @@ WRAP(tm *, localtime_r, (const time_t *instant, tm *broken_down), (instant, brok
 WRAP(char *, asctime_r, (const tm *broken_down, char *text), (broken_down, text))
 
 // Names
+WRAP(int, inet_pton, (int family, const char *text, void *address), (family, text, address))
 WRAP(const char *, inet_ntop, (int family, const void *address, char *text, socklen_t size),
      (family, address, text, size))
 WRAP_FAKED(int, getaddrinfo, (const char *name, const char *service, const addrinfo *hints, addrinfo **list),
@@ -171,7 +171,6 @@ WRAP(int, setsockopt, (int fd, int level, int option, const void *value, socklen
 WRAP(int, getsockopt, (int fd, int level, int option, void *value, socklen_t *length),
      (fd, level, option, value, length))
 WRAP(int, close, (int fd), (fd))
-WRAP(int, poll, (pollfd * fds, nfds_t count, int timeout_ms), (fds, count, timeout_ms))
 WRAP(int, epoll_create, (int size), (size))
 WRAP(int, epoll_create1, (int flags), (flags))
 WRAP(int, epoll_ctl, (int epfd, int operation, int fd, epoll_event *event), (epfd, operation, fd, event))
