@@ -5,14 +5,19 @@ find_package(PkgConfig REQUIRED)
 pkg_check_modules(JSONC REQUIRED IMPORTED_TARGET json-c)
 
 set(sources
-  platform/os.cpp
-  frame/list.cpp frame/log.cpp frame/dump.cpp frame/json.cpp frame/device.cpp frame/module.cpp frame/lifecycle.cpp
+  base/os.cpp base/list.cpp base/log.cpp base/json.cpp
   loop/clock.cpp loop/eloop.cpp loop/timer.cpp
-  conn/url.cpp conn/tls.cpp conn/connection.cpp conn/connect.cpp conn/send.cpp conn/receive.cpp conn/dispatch.cpp
+  trace/dump.cpp
+  identity/identity.cpp
+  model/models.cpp
+  conn/connection.cpp conn/tls.cpp conn/send.cpp conn/receive.cpp
   http/message.cpp http/request.cpp http/response.cpp
   ws/message.cpp ws/object.cpp ws/key.cpp ws/send.cpp ws/receive.cpp ws/close.cpp
-  cloud/table.cpp cloud/setup.cpp cloud/registration.cpp
-  client/link.cpp client/daemon.cpp)
+  session/connect.cpp session/dispatch.cpp
+  daemon/modules.cpp daemon/link.cpp daemon/client.cpp
+  tunnel/table.cpp tunnel/setup.cpp tunnel/registration.cpp
+  lifecycle/lifecycle.cpp)
+list(TRANSFORM sources PREPEND src/)
 
 function(cloudtunnel_add_objects name)
   add_library(${name} OBJECT ${sources})
@@ -20,7 +25,7 @@ function(cloudtunnel_add_objects name)
   target_compile_definitions(${name} PRIVATE OPENSSL_API_COMPAT=0x10100000L _GNU_SOURCE)
   target_include_directories(${name}
     PUBLIC ${PROJECT_SOURCE_DIR}/include
-    PRIVATE ${PROJECT_SOURCE_DIR})
+    PRIVATE ${PROJECT_SOURCE_DIR}/src)
   # No C++ run-time library on the device: no exceptions, no RTTI, no guarded statics.
   target_compile_options(${name} PRIVATE
     -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility=hidden -fvisibility-inlines-hidden)
@@ -36,7 +41,7 @@ function(cloudtunnel_add_objects name)
 endfunction()
 
 # `strings` on the library, or on a program it is linked into, tells which release it is.
-set_source_files_properties(frame/lifecycle.cpp PROPERTIES
+set_source_files_properties(src/lifecycle/lifecycle.cpp PROPERTIES
   COMPILE_DEFINITIONS CLOUDTUNNEL_VERSION="${PROJECT_VERSION}")
 
 # One set of objects serves both, where the shared one is not made for an address model of its own.

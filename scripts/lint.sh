@@ -6,9 +6,8 @@ cd "$(dirname "$0")/.."
 build=${1:?"lint.sh: needs the build tree of the preset 'clang'"}
 
 sources() {
-    git ls-files 'platform/*.cpp' 'frame/*.cpp' 'loop/*.cpp' 'conn/*.cpp' 'http/*.cpp' 'ws/*.cpp' 'cloud/*.cpp' \
-    'client/*.cpp' 'tools/*.cpp' 'examples/*.c'
+    git ls-files 'src/*.cpp' 'tools/*.cpp' 'examples/*.c'
 }
 sources | xargs -P "$(nproc)" -n 3 clang-tidy --quiet -p "$build"
 sources | xargs cppcheck -q -j "$(nproc)" --enable=warning,performance,portability --error-exitcode=1 \
-    --suppress=missingIncludeSystem -D_GNU_SOURCE -I. -Iinclude -Itools
+    --suppress=missingIncludeSystem -D_GNU_SOURCE -Isrc -Iinclude -Itools

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "conn/dispatch.h"
+#include "session/dispatch.h"
 #include "tests/support/fault.h"
 #include "tests/support/fixture.h"
 #include "tests/support/quiet.h"

@@ -6,9 +6,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/list.h"
 #include "conn/connection.h"
-#include "conn/url.h"
-#include "frame/list.h"
+#include "model/models.h"
 #include "tests/support/library.h"
 
 namespace fuzz {

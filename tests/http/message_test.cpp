@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "frame/list.h"
+#include "base/list.h"
 #include "tests/support/fault.h"
 #include "tests/support/fixture.h"
 

@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "tests/client/modules.h"
+#include "tests/daemon/modules.h"
 #include "tests/soak/allocations.h"
 #include "tests/soak/soak.h"
 #include "tests/support/daemon.h"

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/cloud/tunnel_steps.h"
 #include "tests/soak/soak.h"
+#include "tests/tunnel/tunnel_steps.h"
 
 namespace {
 

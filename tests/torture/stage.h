@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "tests/client/modules.h"
-#include "tests/cloud/tunnel_steps.h"
+#include "tests/daemon/modules.h"
 #include "tests/support/daemon.h"
+#include "tests/tunnel/tunnel_steps.h"
 
 namespace torture {
 

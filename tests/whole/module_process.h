@@ -8,9 +8,9 @@
 
 #include <string>
 
-#include "tests/client/modules.h"
-#include "tests/cloud/tunnel_steps.h"
+#include "tests/daemon/modules.h"
 #include "tests/support/daemon.h"
+#include "tests/tunnel/tunnel_steps.h"
 
 class ModuleProcess : public TunnelSteps<support::ProcessTest> {
   protected:

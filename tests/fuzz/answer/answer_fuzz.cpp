@@ -5,9 +5,9 @@
 
 #include <json-c/json.h>
 
-#include "cloud/registration.h"
-#include "cloud/table.h"
 #include "tests/fuzz/fuzz.h"
+#include "tunnel/registration.h"
+#include "tunnel/table.h"
 
 namespace {
 

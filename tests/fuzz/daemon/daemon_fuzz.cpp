@@ -5,9 +5,9 @@
 #include <cstring>
 #include <set>
 
-#include "client/daemon.h"
-#include "client/wire.h"
-#include "frame/list.h"
+#include "base/list.h"
+#include "daemon/client.h"
+#include "daemon/wire.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace {

@@ -10,11 +10,11 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "cloud/table.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/quiet.h"
 #include "tests/support/server.h"
 #include "tests/support/wire.h"
+#include "tunnel/table.h"
 
 namespace {
 

@@ -1,0 +1,61 @@
+#include "base/list.h"
+
+#include "base/os.h"
+
+void list_insert_after(cloudtunnel_link &place, cloudtunnel_link &node) {
+    if (!place.next) list_init(place);
+    node.prev = &place;
+    node.next = place.next;
+    place.next->prev = &node;
+    place.next = &node;
+}
+
+void list_append(cloudtunnel_link &head, cloudtunnel_link &node) {
+    list_insert_after(head.prev ? *head.prev : head, node);
+}
+
+cloudtunnel_link *list_find_number(const cloudtunnel_link &head, size_t offset, uint32_t number) {
+    for (cloudtunnel_link *at = head.next; at && at != &head; at = at->next) {
+        if (*reinterpret_cast<const uint32_t *>(reinterpret_cast<const char *>(at) + offset) == number) return at;
+    }
+    return nullptr;
+}
+
+cloudtunnel_link *list_find_text(const cloudtunnel_link &head, size_t offset, TextField kind, const char *text) {
+    for (cloudtunnel_link *at = head.next; at && at != &head; at = at->next) {
+        const char *field = reinterpret_cast<const char *>(at) + offset;
+        if (kind == TextField::pointer) field = *reinterpret_cast<const char *const *>(field);
+        if (os_strcmp(field, text) == 0) return at;
+    }
+    return nullptr;
+}
+
+void CLOUDMGR_DL_Del(cloudtunnel_link *node) {
+    if (!node || !node->next || !node->prev) return;
+    node->prev->next = node->next;
+    node->next->prev = node->prev;
+}
+
+void cloudmgr_dl_list_del(cloudtunnel_link *node) {
+    if (!node) return;
+    CLOUDMGR_DL_Del(node);
+    node->next = node->prev = nullptr;
+}
+
+cloudtunnel_link *CLOUDMGR_DL_DelHead(cloudtunnel_link *head) {
+    if (!head || list_empty(*head)) return nullptr;
+    cloudtunnel_link *first = head->next;
+    cloudmgr_dl_list_del(first);
+    return first;
+}
+
+int CLOUDMGR_DL_IsEndOfQ(const cloudtunnel_link *head, const cloudtunnel_link *node) {
+    return !head || list_empty(*head) || !node || node == head;
+}
+
+void cloudmgr_dl_FreeAll(cloudtunnel_link *head, void (*free_node)(cloudtunnel_link *node)) {
+    while (cloudtunnel_link *node = CLOUDMGR_DL_DelHead(head)) {
+        if (free_node) free_node(node);
+    }
+    if (head) list_init(*head);
+}

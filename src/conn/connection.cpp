@@ -1,0 +1,217 @@
+#include "conn/connection.h"
+
+#include <cstring>
+
+#include "base/list.h"
+#include "base/log.h"
+#include "base/os.h"
+#include "model/models.h"
+
+static_assert(offsetof(cloudtunnel_connect_node, connectedCallback) == 16 &&
+              offsetof(cloudtunnel_connect_node, modelName) == 40 && offsetof(cloudtunnel_connect_node, sock) == 76 &&
+              offsetof(cloudtunnel_connect_node, unclose) == 80 && offsetof(cloudtunnel_connect_node, buf) == 88 &&
+              offsetof(cloudtunnel_connect_node, bufLen) == 96 && offsetof(cloudtunnel_connect_node, ssl) == 104 &&
+              offsetof(cloudtunnel_connect_node, sslState) == 112 &&
+              offsetof(cloudtunnel_connect_node, delTimer) == 116 &&
+              offsetof(cloudtunnel_connect_node, connectTimer) == 120 &&
+              offsetof(cloudtunnel_connect_head, count) == 128 && offsetof(cloudtunnel_connect_head, lock) == 136);
+
+cloudtunnel_connect_head cloudtunnel_connectlist = {};
+
+namespace {
+
+void conn_unlink(cloudtunnel_connect_node *node) {
+    cloudmgr_dl_list_del(&node->link);
+    cloudtunnel_connectlist.count--;
+}
+
+// conn_release frees a connection that is in no list any more.
+void conn_release(cloudtunnel_connect_node *node) {
+    ConnWatch::forget(node);
+    CLOUDMGR_ssl_Destory(node);
+    cloudtunnel_timer_del(node->delTimer);
+    cloudtunnel_timer_del(node->connectTimer);
+    os_free(node->buf);
+    os_free(node);
+}
+
+// conn_close frees a connection that is in no list any more, and ends what lies under it. Returns 0.
+int conn_close(cloudtunnel_connect_node *node) {
+    const int sock = node->sock;
+    const bool unclose = node->unclose != 0;
+    conn_release(node);
+    LOG(connect, "Del socket connect node ok, sock %d.", sock);
+    CLOUDMGR_eloop_sock_del(sock);
+    if (unclose) return 0;
+    LOG(connect, "Real close sock [%d] .", sock);
+    close(sock);
+    return 0;
+}
+
+void set_unclose(int sock, bool unclose) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return;
+    node->unclose = unclose;
+    LOG(connect, unclose ? "Set sock [%d] unclose." : "Clear sock [%d] unclose.", sock);
+}
+
+// set_timer deletes the timer that was set and stores the new one.
+int set_timer(int sock, uint32_t id, uint32_t cloudtunnel_connect_node::*timer) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return -1;
+    cloudtunnel_timer_del(node->*timer);
+    node->*timer = id;
+    return 0;
+}
+
+}  // namespace
+
+ConnWatch::ConnWatch(cloudtunnel_connect_node *node)
+    : node_(node), failure_(node->failureCallback), outer_(innermost_) {
+    os_strlcpy(model_, node->modelName, sizeof model_);
+    innermost_ = this;
+}
+
+ConnWatch::~ConnWatch() { innermost_ = outer_; }
+
+void ConnWatch::fail() {
+    if (node_) {
+        for (ConnWatch *outer = outer_; outer; outer = outer->outer_) {
+            if (outer->node_ == node_) outer->failure_ = nullptr;
+        }
+        failure_ = node_->failureCallback;
+        CLOUDMGR_socket_closeBySock(node_->sock);
+    }
+    if (failure_) failure_(model_);
+}
+
+cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallbacks &callbacks) {
+    if (cloudtunnel_connectlist.count >= kConnectionMax) {
+        LOG(error, "Daemon socket connect reach max.");
+        return nullptr;
+    }
+    // Looked for as it is given: one that is cut when it is stored is never found, and can have several connections.
+    if (CLOUDMGR_socket_getCnctByModelName(model)) {
+        LOG(error, "Connect node of model [%s] is exist.", model);
+        return nullptr;
+    }
+    if (CLOUDMGR_socket_getCnctBySock(sock)) {
+        LOG(error, "Connect node of sock [%d] is exist", sock);
+        return nullptr;
+    }
+    auto *node = static_cast<cloudtunnel_connect_node *>(os_alloc(sizeof(cloudtunnel_connect_node)));
+    if (!node) {
+        LOG(error, "Malloc fo connect node failed.");
+        return nullptr;
+    }
+    node->connectedCallback = callbacks.connected;
+    node->failureCallback = callbacks.failure;
+    node->dataCallback = callbacks.data;
+    os_strlcpy(node->modelName, model, sizeof node->modelName);
+    node->sock = sock;
+    list_append(cloudtunnel_connectlist.head.link, node->link);
+    cloudtunnel_connectlist.count++;
+    LOG(connect, "Add socket connect node ok, model %s, socket %d.", node->modelName, sock);
+    return node;
+}
+
+int conn_wait_for(int sock, uint32_t events, CLOUDMGR_ELOOP_HANDLER *handler, LoopCall call) {
+    struct epoll_event event = {};
+    event.events = events | EPOLLERR | EPOLLHUP;
+    event.data.fd = sock;
+    return call == LoopCall::add ? CLOUDMGR_eloop_sock_add(sock, &event, handler)
+                                 : CLOUDMGR_eloop_sock_modify(sock, &event, handler);
+}
+
+void CLOUDMGR_socket_init(void) {
+    memset(&cloudtunnel_connectlist, 0, sizeof cloudtunnel_connectlist);
+    list_init(cloudtunnel_connectlist.head.link);
+    url_init();
+}
+
+void CLOUDMGR_socket_deinit(void) {
+    while (cloudtunnel_link *link = CLOUDMGR_DL_DelHead(&cloudtunnel_connectlist.head.link)) {
+        cloudtunnel_connectlist.count--;
+        conn_release(record_of<cloudtunnel_connect_node>(link));
+    }
+    url_deinit();
+}
+
+cloudtunnel_connect_node *CLOUDMGR_socket_getCnctBySock(int sock) {
+    if (sock == -1) return nullptr;
+    return record_of<cloudtunnel_connect_node>(list_find_number(
+        cloudtunnel_connectlist.head.link, offsetof(cloudtunnel_connect_node, sock), static_cast<uint32_t>(sock)));
+}
+
+// Not inlined: each of its callers here would set the search up.
+[[gnu::noinline]] cloudtunnel_connect_node *CLOUDMGR_socket_getCnctByModelName(const char *modelName) {
+    return record_of<cloudtunnel_connect_node>(list_find_text(
+        cloudtunnel_connectlist.head.link, offsetof(cloudtunnel_connect_node, modelName), TextField::array, modelName));
+}
+
+const char *CLOUDMGR_socket_getModelNameBySock(int sock) {
+    const cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    return node ? node->modelName : nullptr;
+}
+
+int CLOUDMGR_socket_getSockByModelName(const char *modelName) {
+    const cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctByModelName(modelName);
+    return node ? node->sock : -1;
+}
+
+int CLOUDMGR_socket_connect_modify(int sock, cloudtunnel_data_fn *data, cloudtunnel_failure_fn *failure) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) {
+        LOG(error, "Modify socket connect node failed, sock %d.", sock);
+        return -1;
+    }
+    if (data) node->dataCallback = data;
+    if (failure) node->failureCallback = failure;
+    LOG(connect, "Modify socket connect node ok, sock %d.", sock);
+    return 0;
+}
+
+void CLOUDMGR_socket_connect_del(int sock) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return;
+    conn_unlink(node);
+    conn_release(node);
+    LOG(connect, "Del socket connect node ok, sock %d.", sock);
+}
+
+int CLOUDMGR_socket_closeBySock(int sock) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return 0;
+    {
+        const Lock hold(cloudtunnel_connectlist.lock);
+        conn_unlink(node);
+    }
+    // Closed outside the lock: this ends the TLS session, which writes to the socket.
+    return conn_close(node);
+}
+
+int CLOUDMGR_socket_closeByModelName(const char *modelName) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctByModelName(modelName);
+    if (!node) return 0;
+    conn_unlink(node);
+    return conn_close(node);
+}
+
+void CLOUDMGR_socket_SetUnclose(int sock) { set_unclose(sock, true); }
+
+void CLOUDMGR_socket_ClearUnclose(int sock) { set_unclose(sock, false); }
+
+uint32_t CLOUDMGR_socket_getDelTimerBySock(int sock) {
+    const cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    return node ? node->delTimer : 0;
+}
+
+int CLOUDMGR_socket_setDelTimerBySock(int sock, uint32_t timerId) {
+    return set_timer(sock, timerId, &cloudtunnel_connect_node::delTimer);
+}
+
+int cloudtunnel_socket_setConnectTimer(int sock, uint32_t timerId) {
+    return set_timer(sock, timerId, &cloudtunnel_connect_node::connectTimer);
+}
+
+void CLOUDMGR_v3_socketError(int) {}

@@ -1,0 +1,58 @@
+#include "base/list.h"
+#include "base/log.h"
+#include "base/os.h"
+#include "daemon/link.h"
+
+static_assert(offsetof(CLOUDTUNNEL_MODULE_NODE, registered) == 16 && offsetof(CLOUDTUNNEL_MODULE_NODE, name) == 24 &&
+              offsetof(CLOUDTUNNEL_MODULE_NODE, tunnel_open_cb) == 40 &&
+              offsetof(CLOUDTUNNEL_MODULE_NODE, url_host) == 64 &&
+              offsetof(CLOUDTUNNEL_MODULE_NODE, tunnel_value) == 80 && offsetof(CLOUDTUNNEL_MODULE_NODE, port) == 84);
+static_assert(sizeof(CLOUDTUNNEL_MODULE_REG) == 5 * sizeof(void *));
+
+cloudtunnel_module_head cloudtunnel_module_list = {};
+
+void cloudtunnel_initModuleList(void) {
+    cloudtunnel_module_list = {};
+    list_init(cloudtunnel_module_list.link);
+    LOG(init, "cloudtunnel_initModuleList cloudtunnel_module_list count %d.", cloudtunnel_module_list.count);
+}
+
+int CLOUDTUNNEL_MODULE_Register(const CLOUDTUNNEL_MODULE_REG *reg) {
+    if (!reg) return -1;
+    auto *node = static_cast<CLOUDTUNNEL_MODULE_NODE *>(os_alloc(sizeof(CLOUDTUNNEL_MODULE_NODE)));
+    if (!node) {
+        LOG(error, "malloc fo module node failed.");
+        return -1;
+    }
+    // Copied twice, the first copy not released: kept on purpose, a module registers once in the life of its process.
+    node->name = os_strdup(reg->pcName);
+    node->name = os_strdup(reg->pcName);
+    node->sub_name = os_strdup(reg->pcSubName);
+    node->tunnel_open_cb = reg->tunnel_open_cb;
+    node->tunnel_close_cb = reg->tunnel_close_cb;
+    node->tunnel_third_cb = reg->tunnel_third_cb;
+    list_append(cloudtunnel_module_list.link, node->link);
+    cloudtunnel_module_list.count++;
+    LOG(init, "CLOUDTUNNEL_MODULE_Register cloudtunnel_module_list count %d.", cloudtunnel_module_list.count);
+    cloudtunnel_module_reg2Server();
+    return 0;
+}
+
+CLOUDTUNNEL_MODULE_NODE *cloudmgr_module_getmodNodeByName(const char *name) {
+    return record_of<CLOUDTUNNEL_MODULE_NODE>(list_find_text(
+        cloudtunnel_module_list.link, offsetof(CLOUDTUNNEL_MODULE_NODE, name), TextField::pointer, name));
+}
+
+void cloudtunnel_module_reg2Server(void) {
+    LOG(event, "cloudtunnel_module_reg2Server cloudtunnel_module_list count %d.", cloudtunnel_module_list.count);
+    for (auto &node : Each<CLOUDTUNNEL_MODULE_NODE>(cloudtunnel_module_list.link)) {
+        if (node.registered) continue;
+        WireModule module = {};
+        os_strlcpy(module.name, node.name, sizeof module.name);
+        os_strlcpy(module.same_name, node.name, sizeof module.same_name);
+        os_strlcpy(module.sub_name, node.sub_name, sizeof module.sub_name);
+        WireReply reply = {};
+        LOG(event, "sendRegMsg2Server %s .", node.name ? node.name : "");
+        if (cloudtunnel_cl_sendRegMsg2Server(&module, &reply) == 0 && reply.result == 0) node.registered = 1;
+    }
+}

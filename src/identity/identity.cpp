@@ -1,0 +1,86 @@
+// The device's identity and the main tunnel's status: what the registration tells the platform.
+#include <json-c/json.h>
+
+#include <cstring>
+
+#include "base/json.h"
+#include "base/log.h"
+#include "base/os.h"
+
+static_assert(sizeof(CLOUDTUNNEL_MAIN_TUNNEL_INFO) == 140 &&
+                  offsetof(CLOUDTUNNEL_MAIN_TUNNEL_INFO, last_down_error_code) == 4 &&
+                  offsetof(CLOUDTUNNEL_MAIN_TUNNEL_INFO, last_down_socket_errno) == 8 &&
+                  offsetof(CLOUDTUNNEL_MAIN_TUNNEL_INFO, kept) == 12,
+              "it arrives in the daemon's message as it is");
+
+namespace {
+
+constexpr size_t kSerialSize = 64;   // bytes of the serial number, its zero byte included
+constexpr size_t kSecretSize = 128;  // bytes of the cookie and of the token
+
+char g_serial[kSerialSize] = "-NA-";
+
+// Cookie and token stand side by side because they arrive as one block, terminated or not; `end` stops a reader.
+struct Store {
+    CLOUDTUNNEL_MAIN_TUNNEL_INFO info;
+    struct {
+        char cookie[kSecretSize];
+        char token[kSecretSize];
+    } secrets;
+    char end;
+};
+static_assert(sizeof(Store::secrets) == 2 * kSecretSize &&
+              offsetof(Store, end) == offsetof(Store, secrets) + 2 * kSecretSize);
+
+Store g_store = {};
+
+void add_text(json_object *object, const char *key, const char *text) {
+    json_add(object, key, json_object_new_string(text ? text : ""));
+}
+
+}  // namespace
+
+int cloudmgr_dev_setSN(void) {
+    char serial[kSerialSize] = "";
+    os_getcommand("cat /proc/sys/product_info | grep HW_SERIES_NUM | cut -d: -f 2", serial, sizeof serial);
+    if (serial[0]) memcpy(g_serial, serial, sizeof g_serial);
+    // At ERROR although it is none: it is the one line that says which device wrote the log.
+    LOG(error, "Cloud-Tunnel-Lib Set Device SN [%s].", g_serial);
+    return 0;
+}
+
+const char *cloudmgr_dev_getSN(void) {
+    if (!g_serial[0]) cloudmgr_dev_setSN();
+    return g_serial;
+}
+
+void cloudtunnel_dev_setMainTunnelInfo(const CLOUDTUNNEL_MAIN_TUNNEL_INFO *info, const void *cookie_and_token) {
+    if (info) memcpy(&g_store.info, info, sizeof g_store.info);
+    if (cookie_and_token) memcpy(&g_store.secrets, cookie_and_token, sizeof g_store.secrets);
+}
+
+// Called where a tunnel goes down; what went wrong is told by the daemon alone.
+void cloudmgr_dev_settunnellastdownerror(void) {}
+
+int32_t cloudmgr_dev_gettunnellastdownreason(void) { return g_store.info.last_down_reason; }
+int32_t cloudmgr_dev_gettunnellastdownerrcode(void) { return g_store.info.last_down_error_code; }
+int32_t cloudmgr_dev_gettunnellastdownerrno(void) { return g_store.info.last_down_socket_errno; }
+
+void cloudmgr_v3_setTokenID(const char *text) {
+    if (text) os_strlcpy(g_store.secrets.token, text, kSecretSize);
+}
+
+void cloudmgr_v3_setCookie(const char *text) {
+    if (text) os_strlcpy(g_store.secrets.cookie, text, kSecretSize);
+}
+
+const char *CLOUDMGR_TUNNEL_GetToken(void) { return g_store.secrets.token; }
+const char *cloudmgr_v3_getCookie(void) { return g_store.secrets.cookie; }
+
+void cloudmgr_v3_basic_add(json_object *object, const char *cloud_model, const char *device_model) {
+    if (!object) return;
+    add_text(object, "cloudModName", cloud_model);
+    add_text(object, "tokenID", CLOUDMGR_TUNNEL_GetToken());
+    add_text(object, "devSN", cloudmgr_dev_getSN());
+    add_text(object, "devModName", device_model);
+}

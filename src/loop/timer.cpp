@@ -1,0 +1,296 @@
+// One list of timers, driven by polling: every pass fires what is due. Deleting is lazy: a deleted timer keeps its
+// place until the next pass takes it out, while its id is free at once.
+//
+// A pass calls out with no lock held, and a callback may do anything: add, delete, make another pass, end the pool. So
+// each pass keeps its place in a record that whoever removes nodes can see and mend, and the node whose callback is
+// running is freed by the pass that runs it.
+#include "loop/timer.h"
+
+#include <array>
+#include <csignal>
+
+#include "base/list.h"
+#include "base/log.h"
+#include "base/os.h"
+
+cloudtunnel_timer_head cloudtunnel_timerlist = {};
+pthread_mutex_t cloudtunnel_timerlistLock = PTHREAD_MUTEX_INITIALIZER;  // guards the list and the id pool
+
+namespace {
+
+constexpr uint32_t kTimerMax = 200;        // timers in the list, deleted ones included
+constexpr uint32_t kFirstDynamicId = 100;  // below are ids that a caller may pick
+constexpr uint32_t kPoolBytes = 32;
+constexpr uint32_t kDynamicIds = kPoolBytes * 8;
+constexpr uint64_t kNoUptime = UINT64_MAX;
+static_assert(kTimerMax <= kDynamicIds);
+
+// The pool's own pace, for a host that asks for the signal.
+constexpr suseconds_t kPaceUs = 100000;
+constexpr struct itimerval kPace = {.it_interval = {.tv_sec = 0, .tv_usec = kPaceUs},
+                                    .it_value = {.tv_sec = 0, .tv_usec = kPaceUs}};
+constexpr struct itimerval kNoPace = {};
+
+std::array<uint8_t, kPoolBytes> g_pool = {};  // bit b of byte B: id 100 + 8 * B + b is taken
+volatile sig_atomic_t g_timeout_pending = 0;  // set by the signal handler, read by nobody here
+
+// A pass over the list that is under way.
+struct Pass {
+    cloudtunnel_link *next = nullptr;  // where it goes on; moved on when that node is removed
+    // Its callback runs: nobody else frees it. Null in the outermost such pass once the node has left the list.
+    cloudtunnel_timer_node *running = nullptr;
+    Pass *outer = nullptr;
+};
+Pass *g_passes = nullptr;  // the innermost
+
+void timer_free(cloudtunnel_timer_node *node) {
+    os_free(node->arg);
+    os_free(node);
+}
+
+bool is_running(const cloudtunnel_timer_node *node) {
+    for (const Pass *pass = g_passes; pass; pass = pass->outer) {
+        if (pass->running == node) return true;
+    }
+    return false;
+}
+
+// remove_locked takes a node out of the list and frees it, or leaves that to the outermost pass that runs its callback.
+void remove_locked(cloudtunnel_timer_node *node) {
+    Pass *runner = nullptr;
+    for (Pass *pass = g_passes; pass; pass = pass->outer) {
+        if (pass->next == &node->link) pass->next = node->link.next;
+        if (pass->running == node) runner = pass;
+    }
+    cloudmgr_dl_list_del(&node->link);
+    cloudtunnel_timerlist.count--;
+    if (runner)
+        runner->running = nullptr;
+    else
+        timer_free(node);
+}
+
+cloudtunnel_timer_node *find_locked(uint32_t id) {
+    return record_of<cloudtunnel_timer_node>(
+        list_find_number(cloudtunnel_timerlist.link, offsetof(cloudtunnel_timer_node, id), id));
+}
+
+void dump_pool_locked() {
+    for (size_t i = 0; i < g_pool.size(); i++)
+        LOG(timer_detail, " DynamicTest: pool[%d] = 0x%02x", static_cast<int>(i), static_cast<unsigned>(g_pool[i]));
+}
+
+// mark_locked takes the id at a place of the pool or gives it back, and shows the pool before and after. False beyond
+// the pool.
+bool mark_locked(uint32_t place, bool taken) {
+    LOG(timer_detail, taken ? " Dynamic Timer pool before add." : " Dynamic Timer pool before del.");
+    dump_pool_locked();
+    if (place >= kDynamicIds) return false;
+    const uint32_t bit = 1U << place % 8;
+    uint8_t &byte = g_pool[place / 8];
+    byte = static_cast<uint8_t>(taken ? byte | bit : byte & ~bit);
+    LOG(timer_detail, taken ? " Dynamic Timer pool after add." : " Dynamic Timer pool after del.");
+    dump_pool_locked();
+    return true;
+}
+
+// take_id_locked returns the lowest free dynamic id, 0 when all are taken: ids outlive a de-init, so they can be.
+uint32_t take_id_locked() {
+    uint32_t place = 0;
+    while (place < kDynamicIds && g_pool[place / 8] >> place % 8 & 1) place++;
+    return mark_locked(place, true) ? kFirstDynamicId + place : 0;
+}
+
+void release_id_locked(uint32_t id) {
+    const auto signed_id = static_cast<int32_t>(id);
+    if (signed_id < 0) {
+        LOG(timer, "Invalid dynamic timer id %d.", signed_id);
+        return;
+    }
+    if (id < kFirstDynamicId) return;
+    const uint32_t place = id - kFirstDynamicId;
+    if (!mark_locked(place, false))
+        LOG(timer, "Invalid dynamic timer id %d, bytecnt %d, bitcnt %d.", static_cast<int>(place),
+            static_cast<int>(place / 8), static_cast<int>(place % 8));
+}
+
+void delete_locked(cloudtunnel_timer_node *node) {
+    node->deleted = 1;
+    LOG(timer, "Del user timer ok, timer id %d.", static_cast<int>(node->id));
+    release_id_locked(node->id);
+}
+
+// make_locked returns a new node in the list, with its id; null when memory or ids run out.
+cloudtunnel_timer_node *make_locked(uint32_t id) {
+    auto *node = static_cast<cloudtunnel_timer_node *>(os_alloc(sizeof(cloudtunnel_timer_node)));
+    if (!node) {
+        LOG(error, "Timer malloc failed.");
+        return nullptr;
+    }
+    node->id = id ? id : take_id_locked();  // before it is linked: no walk ever sees a timer without its id
+    if (node->id == 0) {
+        LOG(timer, "Daemon user timer reach max count, create failed.");
+        os_free(node);
+        return nullptr;
+    }
+    // Behind the first node, not at the tail: the firing order depends on it.
+    cloudtunnel_link &head = cloudtunnel_timerlist.link;
+    list_insert_after(head.next ? *head.next : head, node->link);
+    cloudtunnel_timerlist.count++;
+    return node;
+}
+
+void fire(Pass &pass, cloudtunnel_timer_node *node, uint64_t now) {
+    if (node->periodic) {
+        node->last_s = now;
+    } else {
+        const Lock hold(cloudtunnel_timerlistLock);
+        delete_locked(node);
+    }
+    LOG(timer, "Timer %d reach time out.", static_cast<int>(node->id));
+    if (!node->callback) return;
+
+    pass.running = node;
+    node->callback(node->id, node->arg);
+    if (!pass.running) timer_free(node);
+    pass.running = nullptr;
+}
+
+void visit(Pass &pass, cloudtunnel_timer_node *node, uint64_t now) {
+    if (node->id == 0) return;
+    if (node->deleted) {
+        // Where an outer pass still runs the callback, the argument is in use: a later pass takes the node out.
+        const Lock hold(cloudtunnel_timerlistLock);
+        if (!is_running(node)) remove_locked(node);
+        return;
+    }
+    LOG(timer_detail, " Timer check last timer %ld.", static_cast<long>(node->last_s));
+    LOG(timer_detail, " Timer check now timer %ld.", static_cast<long>(now));
+    LOG(timer_detail, " Timer check period %ld.", static_cast<long>(node->period_ms));
+    if (now - node->last_s >= node->period_ms / 1000) fire(pass, node, now);
+}
+
+}  // namespace
+
+void CLOUDMGR_timer_init(void) {
+    cloudtunnel_timerlist = {};
+    list_init(cloudtunnel_timerlist.link);
+    g_pool.fill(0);
+    for (Pass *pass = g_passes; pass; pass = pass->outer) pass->next = &cloudtunnel_timerlist.link;
+}
+
+int CLOUDMGR_timer_deinit(void) {
+    pthread_mutex_lock(&cloudtunnel_timerlistLock);
+    for (auto &node : Each<cloudtunnel_timer_node>(cloudtunnel_timerlist.link)) remove_locked(&node);
+    return pthread_mutex_unlock(&cloudtunnel_timerlistLock);
+}
+
+int cloudtunnel_timer_add(int32_t id, uint32_t periodic, uint64_t period_ms, void *arg,
+                          cloudtunnel_timer_fn *callback) {
+    Owned<void> owned_arg(arg);
+    const uint64_t now = cloudtunnel_timer_run_time_nobuf();
+    if (now == kNoUptime) {
+        LOG(error, "Get run time error when add timer.");
+        return -1;
+    }
+
+    const Lock hold(cloudtunnel_timerlistLock);
+    if (cloudtunnel_timerlist.count >= kTimerMax) {
+        LOG(timer, "Daemon user timer reach max count, create failed.");
+        return -1;
+    }
+    const auto wanted = static_cast<uint32_t>(id);
+    cloudtunnel_timer_node *node = wanted ? find_locked(wanted) : nullptr;
+    if (node && !node->deleted) {
+        LOG(timer, "Timer %d is already exit.", id);
+        return id;
+    }
+    // A deleted node with this id is taken over where it stands. Its old argument may be in use by the callback that
+    // re-adds its own timer, so it is not freed here.
+    if (!node) node = make_locked(wanted);
+    if (!node) return -1;
+
+    node->last_s = now;
+    node->arg = owned_arg.release();
+    node->callback = callback;
+    node->periodic = periodic;
+    node->period_ms = period_ms;
+    node->deleted = 0;
+    LOG(timer, "Add user timer ok, timer id %d.", static_cast<int>(node->id));
+    return static_cast<int>(node->id);
+}
+
+int cloudtunnel_timer_del(uint32_t id) {
+    if (id == 0) return 0;
+    const Lock hold(cloudtunnel_timerlistLock);
+    cloudtunnel_timer_node *node = find_locked(id);
+    if (!node)
+        LOG(timer, "Del timer id %d is not exist.", static_cast<int>(id));
+    else if (!node->deleted)
+        delete_locked(node);
+    return 0;
+}
+
+int cloudtunnel_timer_refresh(uint32_t id) {
+    const uint64_t now = cloudtunnel_timer_run_time_nobuf();
+    if (now == kNoUptime) {
+        LOG(error, "Get run time error when refresh timer.");
+        return -1;
+    }
+    if (id == 0) return -1;
+    const Lock hold(cloudtunnel_timerlistLock);
+    if (cloudtunnel_timer_node *node = find_locked(id)) {
+        node->last_s = now;
+        LOG(timer, "Refresh user timer ok, timer id %d.", static_cast<int>(id));
+    }
+    return 0;
+}
+
+bool timer_armed(uint32_t id, cloudtunnel_timer_fn *callback) {
+    const Lock hold(cloudtunnel_timerlistLock);
+    for (const auto &node : Each<cloudtunnel_timer_node>(cloudtunnel_timerlist.link)) {
+        if (node.id == id && node.callback == callback && !node.deleted) return true;
+    }
+    return false;
+}
+
+void cloudtunnel_timer_proc(void) {
+    const uint64_t now = cloudtunnel_timer_run_time_nobuf();
+    if (now == kNoUptime || list_empty(cloudtunnel_timerlist.link)) return;
+    Pass pass = {.next = cloudtunnel_timerlist.link.next, .outer = g_passes};
+    g_passes = &pass;
+    while (pass.next != &cloudtunnel_timerlist.link) {
+        auto *node = record_of<cloudtunnel_timer_node>(pass.next);
+        pass.next = node->link.next;
+        visit(pass, node, now);
+    }
+    g_passes = pass.outer;
+    g_timeout_pending = 0;
+}
+
+int cloudtunnel_timer_slotnow(void) {
+    const Lock hold(cloudtunnel_timerlistLock);
+    return cloudtunnel_timerlist.count != 0;
+}
+
+void CLOUDTUNNEL_TIMER_Proc(void) {
+    if (cloudtunnel_timer_slotnow() == 1) cloudtunnel_timer_proc();
+}
+
+int cloudtunnel_timer_settimer(void) {
+    const int result = setitimer(ITIMER_REAL, &kPace, nullptr);
+    LOG(init, result == 0 ? "Daemon timer create ok." : "Daemon timer create failed.");
+    return result;
+}
+
+void cloudtunnel_timer_stoptimer(void) {
+    setitimer(ITIMER_REAL, &kNoPace, nullptr);
+    LOG(init, "Daemon timer stop ok.");
+}
+
+void CLOUDTUNNEL_TIMER_Stop(void) { cloudtunnel_timer_stoptimer(); }
+
+// Runs as a signal handler: it may only set a flag.
+void cloudtunnel_timer_timerout(int signal_number) {
+    if (signal_number == SIGALRM || signal_number == SIGVTALRM) g_timeout_pending = 1;
+}
