@@ -24,7 +24,7 @@ help: ## What can be made
 demo: packages ## Build, and watch a tunnel come up, work and close
 	cmake --preset release
 	cmake --build --preset release --target demo_programs
-	tools/demo.sh build/release/sim/cloudtunnel-sim build/release/tools/cloudtunnel-module
+	scripts/demo.sh build/release/apps/sim/cloudtunnel-sim build/release/apps/module/cloudtunnel-module
 
 test: test-release test-sanitize ## Build and run all tests, and once more under the sanitizers
 
@@ -61,18 +61,18 @@ soak: packages ## Load and simulated months over real sockets, under 10 minutes 
 	build/release/tests/soak/soak_test --form=full --seed=$(SEED)
 
 device: device-tested ## For the device (64-bit ARM, musl, OpenSSL 1.1): build, test under emulation, measure
-	device/footprint.py check build/device build/device-fast docs/footprint.md
+	scripts/device/footprint.py check build/device build/device-fast docs/footprint.md
 
 footprint: device-tested ## Measure what the library costs on the device, and write docs/footprint.md
-	device/footprint.py write build/device build/device-fast docs/footprint.md
+	scripts/device/footprint.py write build/device build/device-fast docs/footprint.md
 
 matrix: packages packages-lint packages-device ## Build and test with both compilers, both releases of OpenSSL, Debug and Release
-	device/host-openssl.sh build/platform
+	scripts/device/host-openssl.sh build/platform
 	scripts/matrix.sh build/platform/openssl
 
 # The stand-ins run on this machine.
 device-tested: packages packages-device
-	device/sysroot.sh build/platform
+	scripts/device/sysroot.sh build/platform
 	cmake --preset release
 	cmake --build --preset release --target cloudtunnel-sim
 	cmake --preset device

@@ -8,7 +8,7 @@ fail() {
     exit 1
 }
 [ $# -ge 1 ] || fail "usage: matrix.sh OPENSSL_DIR [BUILD...]"
-[ -e "$1/lib/libssl.so" ] || fail "no OpenSSL in $1; device/host-openssl.sh makes it"
+[ -e "$1/lib/libssl.so" ] || fail "no OpenSSL in $1; scripts/device/host-openssl.sh makes it"
 device_openssl=$(cd "$1" && pwd)
 shift
 wanted=" $* "

@@ -92,7 +92,7 @@ mount_proc
 if within dpkg-query -W libcloudtunnel1 >/dev/null 2>&1; then out; fi # of a run that was cut off
 rm -rf "$root/test"
 mkdir "$root/test"
-cp "$debs"/*.deb tests/tools/scenario.sh packaging/debian/inside.sh "$root/test/"
+cp "$debs"/*.deb tests/apps/module/scenario.sh packaging/debian/inside.sh "$root/test/"
 within sh -c 'apt-get install -y -qq --no-install-recommends /test/*.deb' >"$cache/install.log" 2>&1 ||
     stop "the packages do not install: $(tail -n 1 "$cache/install.log")"
 within /test/inside.sh

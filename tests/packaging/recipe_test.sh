@@ -42,10 +42,10 @@ buildroot() {
     same 'installing for other packages' YES "$("$@" staging BR2_PACKAGE_CLOUDTUNNEL_MODULE=)"
     # shellcheck disable=SC2046 # options, one word each
     configures without $("$@" options BR2_PACKAGE_CLOUDTUNNEL_MODULE=)
-    [ ! -e "$work/without/tools" ] || fail 'the module program is built where nobody asked for it'
+    [ ! -e "$work/without/apps/module" ] || fail 'the module program is built where nobody asked for it'
     # shellcheck disable=SC2046 # options, one word each
     configures with $("$@" options BR2_PACKAGE_CLOUDTUNNEL_MODULE=y)
-    [ -e "$work/with/tools" ] || fail 'the module program is not built'
+    [ -e "$work/with/apps/module" ] || fail 'the module program is not built'
 
     recipe=$sources/packaging/buildroot/package/cloudtunnel
     offered=$(sed -n 's/^config \(BR2_PACKAGE_CLOUDTUNNEL_[A-Z_]*\)$/\1/p' "$recipe/Config.in" | sort)
@@ -63,7 +63,7 @@ openwrt() {
     "$@" title-libcloudtunnel title-cloudtunnel-module || fail 'a package has no title'
     # shellcheck disable=SC2046 # options, one word each
     configures with $("$@" options)
-    [ -e "$work/with/tools" ] || fail 'the module program is not built'
+    [ -e "$work/with/apps/module" ] || fail 'the module program is not built'
 
     "$@" prepare
     prepared=$work/build/libcloudtunnel-$version

@@ -1,4 +1,4 @@
-#include "tests/sim/sim_process.h"
+#include "tests/apps/sim/sim_process.h"
 
 #include <algorithm>
 #include <csignal>

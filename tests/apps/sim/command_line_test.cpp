@@ -7,8 +7,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "tests/sim/desk_module.h"
-#include "tests/sim/sim_process.h"
+#include "tests/apps/sim/desk_module.h"
+#include "tests/apps/sim/sim_process.h"
 
 using simtest::fresh_path;
 using simtest::lines;

@@ -1,8 +1,8 @@
 // The daemon's side of the unix socket.
 #include <gtest/gtest.h>
 
-#include "tests/sim/desk_module.h"
-#include "tests/sim/sim_process.h"
+#include "tests/apps/sim/desk_module.h"
+#include "tests/apps/sim/sim_process.h"
 
 using simtest::half_at;
 using simtest::registration;

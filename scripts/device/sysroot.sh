@@ -1,7 +1,7 @@
 #!/bin/sh
 # Makes the platform of the device, to build for and to run under emulation: musl, OpenSSL 1.1.1, json-c, and for the
 # tests alone libc++ and GoogleTest, all for 64-bit ARM. Usage: sysroot.sh DIR. DIR/sysroot is there when all of it is
-# whole, never before; what was finished is not made again, until device/versions or a script here changes.
+# whole, never before; what was finished is not made again, until scripts/device/versions or a script here changes.
 set -eu
 fail() {
     echo "sysroot.sh: $1" >&2
@@ -17,7 +17,7 @@ for tool in clang clang++ ld.lld llvm-ar llvm-ranlib cmake ninja dpkg-deb dpkg-s
     command -v "$tool" >/dev/null || fail "$tool is missing; 'make device' installs it"
 done
 
-toolchain=$device/../cmake/toolchains/aarch64-linux-musl.cmake
+toolchain=$device/../../cmake/toolchains/aarch64-linux-musl.cmake
 made_of=$(cat "$device/versions" "$device/sysroot.sh" "$device/packages.sh" "$toolchain" | sha256sum)
 [ "$(cat "$work/sysroot/made-of" 2>/dev/null)" != "$made_of" ] || exit 0
 

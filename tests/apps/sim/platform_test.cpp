@@ -1,8 +1,8 @@
 // The platform's side of a tunnel, met by a module written in the test.
 #include <gtest/gtest.h>
 
-#include "tests/sim/desk_module.h"
-#include "tests/sim/sim_process.h"
+#include "tests/apps/sim/desk_module.h"
+#include "tests/apps/sim/sim_process.h"
 
 using simtest::library_frame;
 using simtest::open_tunnel;

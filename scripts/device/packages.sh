@@ -1,11 +1,11 @@
-# Packages of the releases in device/versions, by an apt directory of our own under $work/apt: the machine's own
+# Packages of the releases in scripts/device/versions, by an apt directory of our own under $work/apt: the machine's own
 # configuration stays as it was, and only lends the addresses. apt checks every signature. For sourcing; needs $work,
 # $device (the folder of this file) and fail.
 
-# pinned PACKAGE: its kind, release and version as device/versions has them.
+# pinned PACKAGE: its kind, release and version as scripts/device/versions has them.
 pinned() {
     awk -v package="$1" '$3 == package { print $1, $2, $4; found = 1 } END { exit !found }' "$device/versions" ||
-        fail "$1 is not pinned; add it to device/versions"
+        fail "$1 is not pinned; add it to scripts/device/versions"
 }
 
 private_apt() {
@@ -60,12 +60,12 @@ fetch() {
         case $2 in
             deb) set -- "$@" apt-get download -qq "$1=$4" ;;
             source) set -- "$@" apt-get source -qq --download-only --only-source "$1=$4" ;;
-            *) fail "device/versions: '$2' is neither deb nor source" ;;
+            *) fail "scripts/device/versions: '$2' is neither deb nor source" ;;
         esac
         package=$1 release=$3 version=$4
         shift 4
         (cd "$folder" && private_apt "$@") >&2 || fail \
-            "$package $version cannot be had from $release; put a version that the archive has into device/versions"
+            "$package $version cannot be had from $release; put a version that the archive has into scripts/device/versions"
         echo "$version" >"$folder/version"
     fi
     echo "$folder"

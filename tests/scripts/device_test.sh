@@ -20,11 +20,11 @@ fails() {
 }
 
 # A copy of the scripts, so that the pins can be changed, and a place with the package lists that are there already.
-mkdir -p "$work/tree/cmake" "$work/made" "$work/bin"
-cp -r "$device" "$work/tree/device"
-cp -r "$device/../cmake/toolchains" "$work/tree/cmake/"
+mkdir -p "$work/tree/cmake" "$work/tree/scripts" "$work/made" "$work/bin"
+cp -r "$device" "$work/tree/scripts/device"
+cp -r "$device/../../cmake/toolchains" "$work/tree/cmake/"
 ln -s "$platform/apt" "$work/made/apt"
-sysroot=$work/tree/device/sysroot.sh
+sysroot=$work/tree/scripts/device/sysroot.sh
 
 # without TOOL COMMAND...: runs the command where that tool is not found.
 without() {
@@ -55,20 +55,20 @@ PATH=$work/bin:$PATH fails 'c_library failed; the whole output is in ' "$sysroot
 
 # A package that the archive does not have, and one that nobody pinned.
 rm "$work/made/packages"
-sed -i 's/^\(deb .* musl  *\).*/\10.0-0/' "$work/tree/device/versions"
+sed -i 's/^\(deb .* musl  *\).*/\10.0-0/' "$work/tree/scripts/device/versions"
 fails 'c_library failed' "$sysroot" "$work/made"
-grep -q 'musl 0.0-0 cannot be had from bookworm; put a version that the archive has into device/versions' "$work/err" ||
+grep -q 'musl 0.0-0 cannot be had from bookworm; put a version that the archive has into scripts/device/versions' "$work/err" ||
     { echo 'failed: the package that cannot be had is not named'; cat "$work/err"; failures=$((failures + 1)); }
-sed -i '/ musl  */d' "$work/tree/device/versions"
+sed -i '/ musl  */d' "$work/tree/scripts/device/versions"
 fails 'c_library failed' "$sysroot" "$work/made"
-grep -q 'musl is not pinned; add it to device/versions' "$work/err" ||
+grep -q 'musl is not pinned; add it to scripts/device/versions' "$work/err" ||
     { echo 'failed: the package without a pin is not named'; cat "$work/err"; failures=$((failures + 1)); }
 
 # The toolchain file without a sysroot.
 fails_to_configure() {
     mkdir -p "$work/project"
     printf 'cmake_minimum_required(VERSION 3.25)\nproject(p C)\n' >"$work/project/CMakeLists.txt"
-    ! cmake -S "$work/project" -B "$work/project/build" -DCMAKE_TOOLCHAIN_FILE="$device/../cmake/toolchains/aarch64-linux-musl.cmake" \
+    ! cmake -S "$work/project" -B "$work/project/build" -DCMAKE_TOOLCHAIN_FILE="$device/../../cmake/toolchains/aarch64-linux-musl.cmake" \
         -DCLOUDTUNNEL_SYSROOT=/nowhere >"$work/out" 2>&1 && grep -q 'set CLOUDTUNNEL_SYSROOT' "$work/out"
 }
 fails_to_configure || { echo 'failed: a sysroot that is not there is not told'; failures=$((failures + 1)); }
@@ -76,7 +76,7 @@ fails_to_configure || { echo 'failed: a sysroot that is not there is not told'; 
 # The toolchain file stands alone: any project, a sysroot of the user's own.
 printf 'cmake_minimum_required(VERSION 3.25)\nproject(p C)\nadd_executable(p p.c)\n' >"$work/project/CMakeLists.txt"
 printf '#include <stdio.h>\nint main(void) { return puts("hello") < 0; }\n' >"$work/project/p.c"
-cp "$device/../cmake/toolchains/aarch64-linux-musl.cmake" "$work/alone.cmake"
+cp "$device/../../cmake/toolchains/aarch64-linux-musl.cmake" "$work/alone.cmake"
 rm -rf "$work/project/build"
 { cmake -S "$work/project" -B "$work/project/build" -DCMAKE_TOOLCHAIN_FILE="$work/alone.cmake" \
     -DCLOUDTUNNEL_SYSROOT="$platform/sysroot" && cmake --build "$work/project/build"; } >"$work/out" 2>&1 &&

@@ -132,12 +132,12 @@ def deepest(tree):
         by_plain.setdefault(short, []).append(name)
     for name in unsure:
         if names[name] not in INDIRECT:
-            raise Failure(f"{name} calls through a pointer; tell INDIRECT in device/footprint.py where that arrives")
+            raise Failure(f"{name} calls through a pointer; tell INDIRECT in scripts/device/footprint.py where that arrives")
     for caller, arrive in INDIRECT.items():
         for name in by_plain.get(caller, []):
             for callee in arrive:
                 if callee not in by_plain:
-                    raise Failure(f"{callee} is not in the library; mend INDIRECT in device/footprint.py")
+                    raise Failure(f"{callee} is not in the library; mend INDIRECT in scripts/device/footprint.py")
                 callees[name].update(by_plain[callee])
     best, on_path = {}, set()
 

@@ -1,4 +1,4 @@
-#include "tests/sim/desk_module.h"
+#include "tests/apps/sim/desk_module.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,7 +9,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "tests/sim/sim_process.h"
+#include "tests/apps/sim/sim_process.h"
 
 namespace simtest {
 
