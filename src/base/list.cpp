@@ -1,7 +1,5 @@
 #include "base/list.h"
 
-#include "base/os.h"
-
 void list_insert_after(cloudtunnel_link &place, cloudtunnel_link &node) {
     if (!place.next) list_init(place);
     node.prev = &place;
@@ -12,22 +10,6 @@ void list_insert_after(cloudtunnel_link &place, cloudtunnel_link &node) {
 
 void list_append(cloudtunnel_link &head, cloudtunnel_link &node) {
     list_insert_after(head.prev ? *head.prev : head, node);
-}
-
-cloudtunnel_link *list_find_number(const cloudtunnel_link &head, size_t offset, uint32_t number) {
-    for (cloudtunnel_link *at = head.next; at && at != &head; at = at->next) {
-        if (*reinterpret_cast<const uint32_t *>(reinterpret_cast<const char *>(at) + offset) == number) return at;
-    }
-    return nullptr;
-}
-
-cloudtunnel_link *list_find_text(const cloudtunnel_link &head, size_t offset, TextField kind, const char *text) {
-    for (cloudtunnel_link *at = head.next; at && at != &head; at = at->next) {
-        const char *field = reinterpret_cast<const char *>(at) + offset;
-        if (kind == TextField::pointer) field = *reinterpret_cast<const char *const *>(field);
-        if (os_strcmp(field, text) == 0) return at;
-    }
-    return nullptr;
 }
 
 void CLOUDMGR_DL_Del(cloudtunnel_link *node) {

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <type_traits>
 
+#include "base/os.h"
+
 inline void list_init(cloudtunnel_link &head) { head.next = head.prev = &head; }
 
 inline bool list_empty(const cloudtunnel_link &head) { return !head.next || head.next == &head; }
@@ -21,12 +23,6 @@ T *record_of(cloudtunnel_link *link) {
     static_assert(std::is_standard_layout_v<T> && offsetof(T, link) == 0, "the links come first in a record");
     return reinterpret_cast<T *>(link);
 }
-
-// list_find_number and list_find_text return the first node with that value in the field at `offset`, null when there
-// is none. A text stands in the record, or elsewhere and the field points to it; null matches nothing.
-cloudtunnel_link *list_find_number(const cloudtunnel_link &head, size_t offset, uint32_t number);
-enum class TextField { array, pointer };
-cloudtunnel_link *list_find_text(const cloudtunnel_link &head, size_t offset, TextField kind, const char *text);
 
 // Each walks a list in order: `for (Node &node : Each<Node>(head))`. The successor is read before the body runs, so the
 // body may unlink and free the node in hand, but no other.
@@ -57,3 +53,31 @@ class Each {
   private:
     cloudtunnel_link *head_;
 };
+
+// What a pointer to a member is made of. An array of characters is read like the text that it holds.
+template <typename>
+struct Member;
+template <typename T, typename Field>
+struct Member<Field T::*> {
+    using Record = T;
+    using Value = std::conditional_t<std::is_array_v<Field> || std::is_pointer_v<Field>, const char *, Field>;
+};
+
+// list_find returns the first node whose member equals `wanted`, null when there is none:
+// list_find<&cloudtunnel_connect_node::sock>(head, sock). Texts are compared by their characters; a null text equals
+// nothing, not even another one.
+template <auto kMember>
+typename Member<decltype(kMember)>::Record *list_find(const cloudtunnel_link &head,
+                                                      typename Member<decltype(kMember)>::Value wanted) {
+    using Value = typename Member<decltype(kMember)>::Value;
+    for (cloudtunnel_link *at = head.next; at && at != &head; at = at->next) {
+        auto *record = record_of<typename Member<decltype(kMember)>::Record>(at);
+        const Value value = record->*kMember;
+        if constexpr (std::is_same_v<Value, const char *>) {
+            if (os_strcmp(value, wanted) == 0) return record;
+        } else {
+            if (value == wanted) return record;
+        }
+    }
+    return nullptr;
+}

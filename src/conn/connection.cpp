@@ -139,14 +139,11 @@ void CLOUDMGR_socket_deinit(void) {
 
 cloudtunnel_connect_node *CLOUDMGR_socket_getCnctBySock(int sock) {
     if (sock == -1) return nullptr;
-    return record_of<cloudtunnel_connect_node>(list_find_number(
-        cloudtunnel_connectlist.head.link, offsetof(cloudtunnel_connect_node, sock), static_cast<uint32_t>(sock)));
+    return list_find<&cloudtunnel_connect_node::sock>(cloudtunnel_connectlist.head.link, sock);
 }
 
-// Not inlined: each of its callers here would set the search up.
-[[gnu::noinline]] cloudtunnel_connect_node *CLOUDMGR_socket_getCnctByModelName(const char *modelName) {
-    return record_of<cloudtunnel_connect_node>(list_find_text(
-        cloudtunnel_connectlist.head.link, offsetof(cloudtunnel_connect_node, modelName), TextField::array, modelName));
+cloudtunnel_connect_node *CLOUDMGR_socket_getCnctByModelName(const char *modelName) {
+    return list_find<&cloudtunnel_connect_node::modelName>(cloudtunnel_connectlist.head.link, modelName);
 }
 
 const char *CLOUDMGR_socket_getModelNameBySock(int sock) {

@@ -39,8 +39,7 @@ int CLOUDTUNNEL_MODULE_Register(const CLOUDTUNNEL_MODULE_REG *reg) {
 }
 
 CLOUDTUNNEL_MODULE_NODE *cloudmgr_module_getmodNodeByName(const char *name) {
-    return record_of<CLOUDTUNNEL_MODULE_NODE>(list_find_text(
-        cloudtunnel_module_list.link, offsetof(CLOUDTUNNEL_MODULE_NODE, name), TextField::pointer, name));
+    return list_find<&CLOUDTUNNEL_MODULE_NODE::name>(cloudtunnel_module_list.link, name);
 }
 
 void cloudtunnel_module_reg2Server(void) {

@@ -47,10 +47,7 @@ void loop_reset() {
     memset(&g_loop, 0, sizeof g_loop);
 }
 
-CLOUDMGR_ELOOP_SOCK *find_locked(int fd) {
-    return record_of<CLOUDMGR_ELOOP_SOCK>(
-        list_find_number(g_loop.sockets, offsetof(CLOUDMGR_ELOOP_SOCK, fd), static_cast<uint32_t>(fd)));
-}
+CLOUDMGR_ELOOP_SOCK *find_locked(int fd) { return list_find<&CLOUDMGR_ELOOP_SOCK::fd>(g_loop.sockets, fd); }
 
 // sock_find returns the node of a socket, null when there is none; `take` takes it off the table.
 CLOUDMGR_ELOOP_SOCK *sock_find(int fd, bool take) {

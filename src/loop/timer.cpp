@@ -71,8 +71,7 @@ void remove_locked(cloudtunnel_timer_node *node) {
 }
 
 cloudtunnel_timer_node *find_locked(uint32_t id) {
-    return record_of<cloudtunnel_timer_node>(
-        list_find_number(cloudtunnel_timerlist.link, offsetof(cloudtunnel_timer_node, id), id));
+    return list_find<&cloudtunnel_timer_node::id>(cloudtunnel_timerlist.link, id);
 }
 
 void dump_pool_locked() {

@@ -147,10 +147,8 @@ int set_port(uint16_t *port, const char *text) {
 
 }  // namespace
 
-// Not inlined: each of its callers here would set the search up.
-[[gnu::noinline]] cloudtunnel_url_node *cloudtunnel_socket_getUrlNodeByModelname(const char *model) {
-    return record_of<cloudtunnel_url_node>(list_find_text(
-        cloudtunnel_urllist.head.link, offsetof(cloudtunnel_url_node, modelName), TextField::pointer, model));
+cloudtunnel_url_node *cloudtunnel_socket_getUrlNodeByModelname(const char *model) {
+    return list_find<&cloudtunnel_url_node::modelName>(cloudtunnel_urllist.head.link, model);
 }
 
 uint16_t cloudtunnel_socket_getPortBySock(int sock) {

@@ -72,10 +72,8 @@ cloudmgr_v3wscnct_node *setup_add(const char *cloud_model, const char *device_mo
     return node;
 }
 
-// Not inlined: each of its callers here would set the search up.
-[[gnu::noinline]] cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeByName(const char *cloud_model) {
-    return record_of<cloudmgr_v3wscnct_node>(list_find_text(
-        wscnctlist.link, offsetof(cloudmgr_v3wscnct_node, cloudModelName), TextField::array, cloud_model));
+cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeByName(const char *cloud_model) {
+    return list_find<&cloudmgr_v3wscnct_node::cloudModelName>(wscnctlist.link, cloud_model);
 }
 
 cloudmgr_v3wscnct_node *setup_find_stored(const char *cloud_model) {

@@ -58,18 +58,15 @@ TEST_F(ListTest, a_search_finds_the_first_match_by_number_or_text) {
         char array[4] = "";
     } named[3] = {
         {.number = 7, .array = "a"}, {.number = 8, .pointer = "x", .array = "b"}, {.number = 8, .array = "b"}};
-    const auto by_text = [this](size_t offset, TextField kind, const char *text) {
-        return list_find_text(head, offset, kind, text);
-    };
-    EXPECT_EQ(list_find_number(head, offsetof(Named, number), 7), nullptr);
-    EXPECT_EQ(by_text(offsetof(Named, array), TextField::array, "a"), nullptr);
-    for (Named &one : named) list_append(head, one.link);
-    EXPECT_EQ(list_find_number(head, offsetof(Named, number), 8), &named[1].link);
-    EXPECT_EQ(list_find_number(head, offsetof(Named, number), 9), nullptr);
-    EXPECT_EQ(by_text(offsetof(Named, array), TextField::array, "b"), &named[1].link);
-    EXPECT_EQ(by_text(offsetof(Named, pointer), TextField::pointer, "x"), &named[1].link);
-    EXPECT_EQ(by_text(offsetof(Named, pointer), TextField::pointer, "y"), nullptr);
-    EXPECT_EQ(by_text(offsetof(Named, pointer), TextField::pointer, nullptr), nullptr);
+    EXPECT_EQ(list_find<&Named::number>(head, 7), nullptr);
+    EXPECT_EQ(list_find<&Named::array>(head, "a"), nullptr);
+    for (Named &node : named) list_append(head, node.link);
+    EXPECT_EQ(list_find<&Named::number>(head, 8), &named[1]);
+    EXPECT_EQ(list_find<&Named::number>(head, 9), nullptr);
+    EXPECT_EQ(list_find<&Named::array>(head, "b"), &named[1]);
+    EXPECT_EQ(list_find<&Named::pointer>(head, "x"), &named[1]);
+    EXPECT_EQ(list_find<&Named::pointer>(head, "y"), nullptr);
+    EXPECT_EQ(list_find<&Named::pointer>(head, nullptr), nullptr);
 }
 
 TEST_F(ListTest, list_del_clears_the_links_and_can_be_repeated) {
