@@ -156,6 +156,17 @@ int CLOUDMGR_socket_getSockByModelName(const char *modelName) {
     return node ? node->sock : -1;
 }
 
+uint16_t cloudtunnel_socket_getPortBySock(int sock) {
+    const cloudtunnel_url_node *url =
+        cloudtunnel_socket_getUrlNodeByModelname(CLOUDMGR_socket_getModelNameBySock(sock));
+    return url ? url->port : kPlainPort;
+}
+
+cloudtunnel_ssl_node *CLOUDMGR_ssl_GetSslBySock(int sock) {
+    const cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    return node ? node->ssl : nullptr;
+}
+
 int CLOUDMGR_socket_connect_modify(int sock, cloudtunnel_data_fn *data, cloudtunnel_failure_fn *failure) {
     cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
     if (!node) {

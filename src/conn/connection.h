@@ -15,6 +15,10 @@ struct ConnCallbacks {
 // conn_add puts a connection into the table; null, with the reason logged, when it has no place there.
 [[nodiscard]] cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallbacks &callbacks);
 
+// cloudtunnel_socket_getPortBySock returns the port of the model that owns connection `sock`; 80 when there is no such
+// connection or model, so that an unknown socket is treated as plain.
+uint16_t cloudtunnel_socket_getPortBySock(int sock);
+
 // cloudtunnel_socket_setConnectTimer deletes the connect time-out that was set and stores the new id; 0 cancels. 0, or
 // -1 for an unknown socket.
 int cloudtunnel_socket_setConnectTimer(int sock, uint32_t timerId);

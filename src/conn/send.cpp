@@ -10,6 +10,7 @@
 
 #include "base/log.h"
 #include "base/os.h"
+#include "conn/connection.h"
 #include "model/models.h"
 
 namespace {

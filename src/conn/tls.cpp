@@ -73,11 +73,6 @@ bool tls_pending(const cloudtunnel_connect_node *conn) {
     return conn->ssl && conn->ssl->ssl && SSL_pending(conn->ssl->ssl) > 0;
 }
 
-cloudtunnel_ssl_node *CLOUDMGR_ssl_GetSslBySock(int sock) {
-    const cloudtunnel_connect_node *conn = CLOUDMGR_socket_getCnctBySock(sock);
-    return conn ? conn->ssl : nullptr;
-}
-
 void CLOUDMGR_ssl_Destory(cloudtunnel_connect_node *conn) {
     if (!conn || !conn->ssl) return;
     if (conn->ssl->ssl) SSL_shutdown(conn->ssl->ssl);

@@ -151,12 +151,6 @@ cloudtunnel_url_node *cloudtunnel_socket_getUrlNodeByModelname(const char *model
     return list_find<&cloudtunnel_url_node::modelName>(cloudtunnel_urllist.head.link, model);
 }
 
-uint16_t cloudtunnel_socket_getPortBySock(int sock) {
-    const cloudtunnel_url_node *node =
-        cloudtunnel_socket_getUrlNodeByModelname(CLOUDMGR_socket_getModelNameBySock(sock));
-    return node ? node->port : kPlainPort;
-}
-
 void url_init() {
     cloudtunnel_urllist = {};
     list_init(cloudtunnel_urllist.head.link);

@@ -9,10 +9,6 @@ constexpr uint16_t kPlainPort = 80;
 // cloudtunnel_socket_getUrlNodeByModelname returns the model's node, or null.
 cloudtunnel_url_node *cloudtunnel_socket_getUrlNodeByModelname(const char *model);
 
-// cloudtunnel_socket_getPortBySock returns the port of the model that owns connection `sock`; 80 when there is no such
-// connection or model, so that an unknown socket is treated as plain.
-uint16_t cloudtunnel_socket_getPortBySock(int sock);
-
 // url_init makes the table and the cache empty without freeing; url_deinit frees them.
 void url_init();
 void url_deinit();

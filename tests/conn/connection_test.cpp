@@ -429,4 +429,13 @@ TEST_F(ConnectionTest, at_level_0_the_table_says_nothing_and_does_the_same) {
     EXPECT_TRUE(log.all().empty());
 }
 
+TEST_F(ConnectionTest, an_unknown_socket_counts_as_plain) {
+    EXPECT_EQ(cloudtunnel_socket_getPortBySock(-1), 80);
+    EXPECT_EQ(cloudtunnel_socket_getPortBySock(999), 80);
+    const support::Connection conn = connect(support::Wire::tls);
+    EXPECT_EQ(cloudtunnel_socket_getPortBySock(conn.sock), conn.server->port());
+    CLOUDMGR_socket_urllist_del(conn.model.c_str());
+    EXPECT_EQ(cloudtunnel_socket_getPortBySock(conn.sock), 80);
+}
+
 }  // namespace

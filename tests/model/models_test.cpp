@@ -511,15 +511,6 @@ TEST_F(PortTest, a_port_is_read_as_a_decimal_text_and_its_low_16_bits_are_stored
     }
 }
 
-TEST_F(PortTest, an_unknown_socket_counts_as_plain) {
-    EXPECT_EQ(cloudtunnel_socket_getPortBySock(-1), 80);
-    EXPECT_EQ(cloudtunnel_socket_getPortBySock(999), 80);
-    const support::Connection conn = connect(support::Wire::tls);
-    EXPECT_EQ(cloudtunnel_socket_getPortBySock(conn.sock), conn.server->port());
-    CLOUDMGR_socket_urllist_del(conn.model.c_str());
-    EXPECT_EQ(cloudtunnel_socket_getPortBySock(conn.sock), 80);
-}
-
 TEST_F(PortTest, a_table_of_zeros_takes_its_first_model) {
     cloudtunnel_urllist = {};
     EXPECT_EQ(cloudtunnel_socket_getUrlNodeByModelname("model"), nullptr);
