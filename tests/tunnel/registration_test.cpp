@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "tests/support/fault.h"
+#include "tests/support/timers.h"
 #include "tests/tunnel/tunnel_steps.h"
 #include "tunnel/table.h"
 
@@ -275,7 +276,7 @@ TEST_F(RegistrationTest, no_message_and_no_connection_change_nothing) {
     EXPECT_EQ(cloudmgr_v3wscnct_requestRcv(tunnel.sock, nullptr), -1);
     for (const int sock : {-1, 0, 9999}) EXPECT_EQ(cloudmgr_v3wscnct_requestRcv(sock, &good), -1);
     EXPECT_TRUE(log.all().empty());
-    EXPECT_NE(timer(setup_node("model")->timerId), nullptr);
+    EXPECT_NE(support::live_timer(setup_node("model")->timerId), nullptr);
     EXPECT_TRUE(callbacks.connected.empty());
 }
 
@@ -312,7 +313,7 @@ TEST_F(RegistrationTest, every_answer_stops_the_running_step_timer) {
     std::string body = "{}";
     cloudmgr_ws_msg bad = text(body);
     EXPECT_EQ(cloudmgr_v3wscnct_requestRcv(tunnel.sock, &bad), -1);
-    EXPECT_EQ(timer(id), nullptr);
+    EXPECT_EQ(support::live_timer(id), nullptr);
     EXPECT_EQ(setup_node("model")->timerId, 0U);
 }
 

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "tests/support/fault.h"
+#include "tests/support/timers.h"
 #include "tests/tunnel/tunnel_steps.h"
 
 namespace {
@@ -196,12 +197,12 @@ TEST_F(TableTest, a_connection_that_is_not_being_set_up_has_no_node_and_no_timer
 TEST_F(TableTest, setting_another_timer_deletes_the_old_one) {
     const Tunnel tunnel = begin(Wire::plain);
     const uint32_t first = cloudmgr_v3wscnct_getTimerBySock(tunnel.sock);
-    ASSERT_NE(timer(first), nullptr);
+    ASSERT_NE(support::live_timer(first), nullptr);
     const auto second =
         static_cast<uint32_t>(cloudtunnel_timer_add(0, 0, 1000, nullptr, [](uint32_t, void *) { return 0; }));
     cloudmgr_v3wscnct_setTimerBySock(tunnel.sock, second);
-    EXPECT_EQ(timer(first), nullptr);
-    EXPECT_NE(timer(second), nullptr);
+    EXPECT_EQ(support::live_timer(first), nullptr);
+    EXPECT_NE(support::live_timer(second), nullptr);
     EXPECT_EQ(cloudmgr_v3wscnct_getTimerBySock(tunnel.sock), second);
 }
 
@@ -209,14 +210,14 @@ TEST_F(TableTest, setting_the_same_timer_leaves_it_running) {
     const Tunnel tunnel = begin(Wire::plain);
     const uint32_t id = cloudmgr_v3wscnct_getTimerBySock(tunnel.sock);
     cloudmgr_v3wscnct_setTimerBySock(tunnel.sock, id);
-    EXPECT_NE(timer(id), nullptr);
+    EXPECT_NE(support::live_timer(id), nullptr);
 }
 
 TEST_F(TableTest, setting_timer_0_clears_it) {
     const Tunnel tunnel = begin(Wire::plain);
     const uint32_t id = cloudmgr_v3wscnct_getTimerBySock(tunnel.sock);
     cloudmgr_v3wscnct_setTimerBySock(tunnel.sock, 0);
-    EXPECT_EQ(timer(id), nullptr);
+    EXPECT_EQ(support::live_timer(id), nullptr);
     EXPECT_EQ(cloudmgr_v3wscnct_getTimerBySock(tunnel.sock), 0U);
 }
 

@@ -154,15 +154,6 @@ class TunnelSteps : public Base {
         }
         return nullptr;
     }
-    // A live timer, null when there is none of that id.
-    static const cloudtunnel_timer_node *timer(uint32_t id) {
-        const cloudtunnel_link *const head = &cloudtunnel_timerlist.link;
-        for (const cloudtunnel_link *link = head->next; link && link != head; link = link->next) {
-            const auto *const node = reinterpret_cast<const cloudtunnel_timer_node *>(link);
-            if (node->id == id && !node->deleted) return node;
-        }
-        return nullptr;
-    }
     static bool descriptor_open(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
 
     void expect_told_once(const Tunnel &tunnel) {
