@@ -9,7 +9,7 @@ set(sources
   loop/clock.cpp loop/eloop.cpp loop/timer.cpp
   trace/dump.cpp
   identity/identity.cpp
-  model/models.cpp
+  model/models.cpp model/resolver.cpp model/ports.cpp
   conn/connection.cpp conn/tls.cpp conn/send.cpp conn/receive.cpp
   http/message.cpp http/request.cpp http/response.cpp
   ws/message.cpp ws/object.cpp ws/key.cpp ws/send.cpp ws/receive.cpp ws/close.cpp

@@ -126,7 +126,7 @@ int conn_wait_for(int sock, uint32_t events, CLOUDMGR_ELOOP_HANDLER *handler, Lo
 void CLOUDMGR_socket_init(void) {
     memset(&cloudtunnel_connectlist, 0, sizeof cloudtunnel_connectlist);
     list_init(cloudtunnel_connectlist.head.link);
-    url_init();
+    models_init();
 }
 
 void CLOUDMGR_socket_deinit(void) {
@@ -134,7 +134,7 @@ void CLOUDMGR_socket_deinit(void) {
         cloudtunnel_connectlist.count--;
         conn_release(record_of<cloudtunnel_connect_node>(link));
     }
-    url_deinit();
+    models_deinit();
 }
 
 cloudtunnel_connect_node *CLOUDMGR_socket_getCnctBySock(int sock) {

@@ -1,4 +1,4 @@
-// Models: where each one's platform is, and what its connection carries.
+// Models: where each one's platform is, and what its connection carries. Only this component writes the table.
 #pragma once
 
 #include <cloudtunnel.h>
@@ -9,6 +9,9 @@ constexpr uint16_t kPlainPort = 80;
 // cloudtunnel_socket_getUrlNodeByModelname returns the model's node, or null.
 cloudtunnel_url_node *cloudtunnel_socket_getUrlNodeByModelname(const char *model);
 
-// url_init makes the table and the cache empty without freeing; url_deinit frees them.
-void url_init();
-void url_deinit();
+// model_set_data_type changes what the model's connection carries, and nothing else; an unknown model is ignored.
+void model_set_data_type(const char *model, uint32_t type);
+
+// models_init makes the table empty without freeing its nodes; models_deinit frees them. The resolver goes with them.
+void models_init();
+void models_deinit();
