@@ -1,6 +1,6 @@
-// Bytes out. The two roads retry differently, and callers count on both: a plain connection repeats only a send that
-// took nothing and never completes a partial one; a TLS connection goes on after a partial write and gives up at the
-// first write that fails.
+// Bytes out. A plain connection and a TLS connection retry differently, and callers rely on both: plain repeats only a
+// send that took nothing and never completes a partial one; TLS goes on after a partial write and gives up at the first
+// write that fails.
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
@@ -22,21 +22,75 @@ bool is_plain(int sock) {
     return cloudtunnel_socket_getPortBySock(sock) == kPlainPort;
 }
 
-// session_of returns a connection's TLS session, null where there is none, so that writing does not touch the table.
+// session_of returns a connection's TLS session, or null. The write that follows does not touch the table any more.
 SSL *session_of(int sock) {
     const Lock hold(cloudtunnel_connectlist.lock);
     const cloudtunnel_ssl_node *node = CLOUDMGR_ssl_GetSslBySock(sock);
     return node ? node->ssl : nullptr;
 }
 
-// log_content shows the outgoing bytes as a text: themselves where a zero byte stands among them, else a copy.
-void log_content(bool plain, const uint8_t *data, size_t len) {
-    const auto *text = reinterpret_cast<const char *>(data);
-    const bool terminated = len > 0 && os_datapos(data, len, "", 1) >= 0;
-    char *copy = terminated ? nullptr : os_strndup(text, len);
-    if (!terminated) text = copy ? copy : "";
-    LOG(package, plain ? "normal port send content:\n%s" : "ssl port send content:\n%s", text);
-    os_free(copy);
+// The outgoing bytes as a text for the log: the bytes themselves if a zero byte is among them, else a copy.
+class Content {
+  public:
+    Content(const uint8_t *data, size_t len) : text_(reinterpret_cast<const char *>(data)) {
+        if (len > 0 && os_datapos(data, len, "", 1) >= 0) return;
+        copy_.reset(os_strndup(text_, len));
+        text_ = copy_ ? copy_.get() : "";
+    }
+    [[nodiscard]] const char *text() const { return text_; }
+
+  private:
+    const char *text_;
+    Owned<char> copy_;
+};
+
+int send_plain(int sock, const uint8_t *data, size_t len, int attempts, uint32_t wait_us) {
+    if (log_wanted(LogLevel::package)) LOG(package, "normal port send content:\n%s", Content(data, len).text());
+    int result = 0;
+    for (int attempt = 0; attempt < attempts; attempt++) {
+        if (wait_us) usleep(wait_us);
+        result = static_cast<int>(send(sock, data, len, 0));
+        if (result != -1 || !os_try_again(errno)) return result;
+    }
+    const int error = errno;
+    LOG(error, "[Socket %d]Send http message retry count reach max, result %d, message [%s].", sock, result,
+        strerror(error));
+    errno = error;
+    return result == -1 ? kTryAgain : result;
+}
+
+// write_some makes one SSL_write of what is left behind `total` bytes. It returns what was written, -1 on any failure.
+int write_some(int sock, SSL *ssl, const uint8_t *data, int len, int total, int attempt) {
+    ERR_clear_error();
+    errno = 0;
+    const int written = SSL_write(ssl, data + total, len - total);
+    const int error = errno;
+    // The code is asked for the total so far, not for this write: the logged code depends on it.
+    const int code = SSL_get_error(ssl, total);
+    if (written > 0) return written;
+    LOG(error,
+        "[Socket %d]Send https message write error, result %d, errno = %d, message [%s],ssl error code = %d "
+        "[%s],loop count = %d.",
+        sock, total, error, strerror(error), code, ERR_error_string(ERR_get_error(), nullptr), attempt);
+    return -1;
+}
+
+int send_tls(int sock, SSL *ssl, const uint8_t *data, int len, int attempts, uint32_t wait_us) {
+    int total = 0;
+    for (int attempt = 0; total < len; attempt++) {
+        if (attempt >= attempts) {
+            const int error = errno;
+            LOG(error, "[Socket %d]Send https message retry count reach max, result %d, message [%s].", sock, total,
+                strerror(error));
+            errno = error;
+            return total;
+        }
+        if (wait_us) usleep(wait_us);
+        const int written = write_some(sock, ssl, data, len, total, attempt);
+        if (written < 0) return -1;
+        total += written;
+    }
+    return total;
 }
 
 }  // namespace
@@ -44,43 +98,16 @@ void log_content(bool plain, const uint8_t *data, size_t len) {
 int CLOUDMGR_socket_sendData(int sock, const uint8_t *data, int len, int retryCount, uint32_t waitUs) {
     if (len < 0 || (!data && len > 0)) return -1;
     errno = 0;
-    const bool plain = is_plain(sock);
-    if (log_wanted(LogLevel::package)) log_content(plain, data, static_cast<size_t>(len));
-    SSL *ssl = plain ? nullptr : session_of(sock);
-    if (!plain && !ssl) return -1;
-
-    int result = 0;  // plain: of the last attempt; TLS: of all attempts together
-    for (int attempt = 0; plain || result < len; attempt++) {
-        if (attempt >= retryCount) {
-            const int error = errno;
-            LOG(error,
-                plain ? "[Socket %d]Send http message retry count reach max, result %d, message [%s]."
-                      : "[Socket %d]Send https message retry count reach max, result %d, message [%s].",
-                sock, result, strerror(error));
-            errno = error;
-            if (result == -1) result = kTryAgain;  // only a plain send leaves -1 here
-            break;
-        }
-        if (waitUs) usleep(waitUs);
-        if (plain) {
-            result = static_cast<int>(send(sock, data, static_cast<size_t>(len), 0));
-            if (result == -1 && os_try_again(errno)) continue;
-            break;
-        }
-        ERR_clear_error();
-        errno = 0;
-        const int written = SSL_write(ssl, data + result, len - result);
-        const int error = errno;
-        // The code asked for is that of the running total, not of this write: what is logged says how far it came.
-        const int code = SSL_get_error(ssl, result);
-        if (written <= 0) {
-            LOG(error,
-                "[Socket %d]Send https message write error, result %d, errno = %d, message [%s],ssl error code = %d "
-                "[%s],loop count = %d.",
-                sock, result, error, strerror(error), code, ERR_error_string(ERR_get_error(), nullptr), attempt);
-            return -1;
-        }
-        result += written;
+    int result = 0;
+    if (is_plain(sock)) {
+        result = send_plain(sock, data, static_cast<size_t>(len), retryCount, waitUs);
+    } else {
+        if (log_wanted(LogLevel::package))
+            LOG(package, "ssl port send content:\n%s", Content(data, static_cast<size_t>(len)).text());
+        SSL *ssl = session_of(sock);
+        if (!ssl) return -1;
+        result = send_tls(sock, ssl, data, len, retryCount, waitUs);
+        if (result < 0) return -1;
     }
     LOG(package, "[Socket %d]Send message result %d, message [%s].", sock, result, strerror(errno));
     return result;
