@@ -1,3 +1,14 @@
+// The life of a connection. conn_add makes its record when the connect is under way, and links it into the table. It
+// ends in one of four ways:
+//
+//   CLOUDMGR_socket_connect_del                    unlinks the record and frees it
+//   CLOUDMGR_socket_closeBySock, _closeByModelName do the same, take the socket out of the event loop, and close the
+//                                                  descriptor unless `unclose` is set
+//   CLOUDMGR_socket_deinit                         frees every record; sockets and event loop stay as they are
+//
+// A record owns its TLS session, its receive buffer and its two timers: conn_free ends them all. Callbacks may end the
+// connection they are called for, and a new connection may get the same descriptor, even the same address. So whoever
+// calls back holds a ConnGuard, which conn_free notifies, and never looks the connection up by descriptor afterwards.
 #include "conn/connection.h"
 
 #include <cstring>
@@ -8,12 +19,14 @@
 #include "model/models.h"
 
 static_assert(offsetof(cloudtunnel_connect_node, connectedCallback) == 16 &&
+              offsetof(cloudtunnel_connect_node, failureCallback) == 24 &&
+              offsetof(cloudtunnel_connect_node, dataCallback) == 32 &&
               offsetof(cloudtunnel_connect_node, modelName) == 40 && offsetof(cloudtunnel_connect_node, sock) == 76 &&
               offsetof(cloudtunnel_connect_node, unclose) == 80 && offsetof(cloudtunnel_connect_node, buf) == 88 &&
               offsetof(cloudtunnel_connect_node, bufLen) == 96 && offsetof(cloudtunnel_connect_node, ssl) == 104 &&
               offsetof(cloudtunnel_connect_node, sslState) == 112 &&
               offsetof(cloudtunnel_connect_node, delTimer) == 116 &&
-              offsetof(cloudtunnel_connect_node, connectTimer) == 120 &&
+              offsetof(cloudtunnel_connect_node, connectTimer) == 120 && sizeof(cloudtunnel_connect_node) == 128 &&
               offsetof(cloudtunnel_connect_head, count) == 128 && offsetof(cloudtunnel_connect_head, lock) == 136);
 
 cloudtunnel_connect_head cloudtunnel_connectlist = {};
@@ -25,9 +38,10 @@ void conn_unlink(cloudtunnel_connect_node *node) {
     cloudtunnel_connectlist.count--;
 }
 
-// conn_release frees a connection that is in no list any more.
-void conn_release(cloudtunnel_connect_node *node) {
-    ConnWatch::forget(node);
+// conn_free frees an unlinked connection with its TLS session, its timers and its receive buffer. The socket stays as
+// it is.
+void conn_free(cloudtunnel_connect_node *node) {
+    ConnGuard::forget(node);
     CLOUDMGR_ssl_Destory(node);
     cloudtunnel_timer_del(node->delTimer);
     cloudtunnel_timer_del(node->connectTimer);
@@ -35,48 +49,37 @@ void conn_release(cloudtunnel_connect_node *node) {
     os_free(node);
 }
 
-// conn_close frees a connection that is in no list any more, and ends what lies under it. Returns 0.
-int conn_close(cloudtunnel_connect_node *node) {
+// conn_close frees an unlinked connection, takes its socket out of the event loop and closes it, unless the connection
+// is marked to leave its socket open.
+void conn_close(cloudtunnel_connect_node *node) {
     const int sock = node->sock;
-    const bool unclose = node->unclose != 0;
-    conn_release(node);
+    const bool leave_open = node->unclose != 0;
+    conn_free(node);
     LOG(connect, "Del socket connect node ok, sock %d.", sock);
     CLOUDMGR_eloop_sock_del(sock);
-    if (unclose) return 0;
+    if (leave_open) return;
     LOG(connect, "Real close sock [%d] .", sock);
     close(sock);
-    return 0;
 }
 
-void set_unclose(int sock, bool unclose) {
-    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
-    if (!node) return;
-    node->unclose = unclose;
-    LOG(connect, unclose ? "Set sock [%d] unclose." : "Clear sock [%d] unclose.", sock);
-}
-
-// set_timer deletes the timer that was set and stores the new one.
-int set_timer(int sock, uint32_t id, uint32_t cloudtunnel_connect_node::*timer) {
-    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
-    if (!node) return -1;
-    cloudtunnel_timer_del(node->*timer);
-    node->*timer = id;
-    return 0;
+void replace_timer(uint32_t *timer, uint32_t id) {
+    cloudtunnel_timer_del(*timer);
+    *timer = id;
 }
 
 }  // namespace
 
-ConnWatch::ConnWatch(cloudtunnel_connect_node *node)
+ConnGuard::ConnGuard(cloudtunnel_connect_node *node)
     : node_(node), failure_(node->failureCallback), outer_(innermost_) {
     os_strlcpy(model_, node->modelName, sizeof model_);
     innermost_ = this;
 }
 
-ConnWatch::~ConnWatch() { innermost_ = outer_; }
+ConnGuard::~ConnGuard() { innermost_ = outer_; }
 
-void ConnWatch::fail() {
+void ConnGuard::fail() {
     if (node_) {
-        for (ConnWatch *outer = outer_; outer; outer = outer->outer_) {
+        for (ConnGuard *outer = outer_; outer; outer = outer->outer_) {
             if (outer->node_ == node_) outer->failure_ = nullptr;
         }
         failure_ = node_->failureCallback;
@@ -90,7 +93,8 @@ cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallba
         LOG(error, "Daemon socket connect reach max.");
         return nullptr;
     }
-    // Looked for as it is given: one that is cut when it is stored is never found, and can have several connections.
+    // The whole name is looked for. A name that is cut when it is stored is never found, so it can have several
+    // connections.
     if (CLOUDMGR_socket_getCnctByModelName(model)) {
         LOG(error, "Connect node of model [%s] is exist.", model);
         return nullptr;
@@ -115,14 +119,6 @@ cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallba
     return node;
 }
 
-int conn_wait_for(int sock, uint32_t events, CLOUDMGR_ELOOP_HANDLER *handler, LoopCall call) {
-    struct epoll_event event = {};
-    event.events = events | EPOLLERR | EPOLLHUP;
-    event.data.fd = sock;
-    return call == LoopCall::add ? CLOUDMGR_eloop_sock_add(sock, &event, handler)
-                                 : CLOUDMGR_eloop_sock_modify(sock, &event, handler);
-}
-
 void CLOUDMGR_socket_init(void) {
     memset(&cloudtunnel_connectlist, 0, sizeof cloudtunnel_connectlist);
     list_init(cloudtunnel_connectlist.head.link);
@@ -132,7 +128,7 @@ void CLOUDMGR_socket_init(void) {
 void CLOUDMGR_socket_deinit(void) {
     while (cloudtunnel_link *link = CLOUDMGR_DL_DelHead(&cloudtunnel_connectlist.head.link)) {
         cloudtunnel_connectlist.count--;
-        conn_release(record_of<cloudtunnel_connect_node>(link));
+        conn_free(record_of<cloudtunnel_connect_node>(link));
     }
     models_deinit();
 }
@@ -183,7 +179,7 @@ void CLOUDMGR_socket_connect_del(int sock) {
     cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
     if (!node) return;
     conn_unlink(node);
-    conn_release(node);
+    conn_free(node);
     LOG(connect, "Del socket connect node ok, sock %d.", sock);
 }
 
@@ -194,20 +190,31 @@ int CLOUDMGR_socket_closeBySock(int sock) {
         const Lock hold(cloudtunnel_connectlist.lock);
         conn_unlink(node);
     }
-    // Closed outside the lock: this ends the TLS session, which writes to the socket.
-    return conn_close(node);
+    conn_close(node);  // without the lock: it ends the TLS session, which writes to the socket
+    return 0;
 }
 
 int CLOUDMGR_socket_closeByModelName(const char *modelName) {
     cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctByModelName(modelName);
     if (!node) return 0;
     conn_unlink(node);
-    return conn_close(node);
+    conn_close(node);
+    return 0;
 }
 
-void CLOUDMGR_socket_SetUnclose(int sock) { set_unclose(sock, true); }
+void CLOUDMGR_socket_SetUnclose(int sock) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return;
+    node->unclose = 1;
+    LOG(connect, "Set sock [%d] unclose.", sock);
+}
 
-void CLOUDMGR_socket_ClearUnclose(int sock) { set_unclose(sock, false); }
+void CLOUDMGR_socket_ClearUnclose(int sock) {
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return;
+    node->unclose = 0;
+    LOG(connect, "Clear sock [%d] unclose.", sock);
+}
 
 uint32_t CLOUDMGR_socket_getDelTimerBySock(int sock) {
     const cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
@@ -215,11 +222,17 @@ uint32_t CLOUDMGR_socket_getDelTimerBySock(int sock) {
 }
 
 int CLOUDMGR_socket_setDelTimerBySock(int sock, uint32_t timerId) {
-    return set_timer(sock, timerId, &cloudtunnel_connect_node::delTimer);
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return -1;
+    replace_timer(&node->delTimer, timerId);
+    return 0;
 }
 
 int cloudtunnel_socket_setConnectTimer(int sock, uint32_t timerId) {
-    return set_timer(sock, timerId, &cloudtunnel_connect_node::connectTimer);
+    cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!node) return -1;
+    replace_timer(&node->connectTimer, timerId);
+    return 0;
 }
 
 void CLOUDMGR_v3_socketError(int) {}

@@ -1,84 +1,110 @@
-// One message is read for each readiness event. The kernel tells again of bytes that it still holds, but not of bytes
-// that a TLS session has taken in already: a platform that packs several frames into one TLS record would leave the
-// second one waiting until it sends more. So while the session holds bytes the loop is asked for writability, too, and
-// that event is taken as readable.
+// One message is read for each readiness event. The kernel reports bytes that it still holds again, but not bytes that
+// a TLS session has taken in already: if the platform packs several frames into one TLS record, the second one would
+// wait until it sends more. So while the session holds bytes the loop is asked for writability as well. Such a
+// connection is draining, and each event of it counts as readable.
 #include "session/dispatch.h"
+
+#include <memory>
 
 #include "base/log.h"
 #include "conn/connection.h"
 #include "conn/receive.h"
 #include "conn/tls.h"
+#include "loop/event.h"
 #include "model/models.h"
+#include "ws/message.h"
 
 namespace {
 
-// draining tells whether the loop was asked for writability; `loop` may be null.
-bool draining(const CLOUDMGR_ELOOP_SOCK *loop) {
-    return loop && loop->handler == cloudtunnel_socket_dataProc && (loop->event.events & EPOLLOUT);
+struct RespFree {
+    void operator()(cloudtunnel_http_resp *resp) const { cloudtunnel_http_resp_destory(resp); }
+};
+using OwnedResp = std::unique_ptr<cloudtunnel_http_resp, RespFree>;
+
+// watched returns what the loop holds of a socket while its events come here; null when they do not, since a module may
+// have registered a handler of its own.
+const CLOUDMGR_ELOOP_SOCK *watched(int sock) {
+    const CLOUDMGR_ELOOP_SOCK *registered = cloudmgr_eloop_get_sock(sock);
+    return registered && registered->handler == cloudtunnel_socket_dataProc ? registered : nullptr;
+}
+
+bool draining(const CLOUDMGR_ELOOP_SOCK *registered) { return registered->event.events & EPOLLOUT; }
+
+int watch_for(int sock, uint32_t events) {
+    struct epoll_event event = loop_event(sock, events);
+    return CLOUDMGR_eloop_sock_modify(sock, &event, cloudtunnel_socket_dataProc);
 }
 
 bool readable(uint32_t events, int sock) {
-    return (events & EPOLLIN) || ((events & EPOLLOUT) && draining(cloudmgr_eloop_get_sock(sock)));
+    if (events & EPOLLIN) return true;
+    const CLOUDMGR_ELOOP_SOCK *registered = events & EPOLLOUT ? watched(sock) : nullptr;
+    return registered && draining(registered);
 }
 
-// dispatch_message hands on one message. The connection may be gone afterwards.
-int dispatch_message(cloudtunnel_connect_node *conn) {
-    const cloudtunnel_url_node *url = cloudtunnel_socket_getUrlNodeByModelname(conn->modelName);
-    if (!url || url->dataType > CLOUDTUNNEL_DATATYPE_WS) return -1;
+// update_draining asks the loop for writability while the TLS session holds bytes, and no longer.
+int update_draining(const cloudtunnel_connect_node *conn) {
+    const CLOUDMGR_ELOOP_SOCK *registered = watched(conn->sock);
+    const bool pending = tls_pending(conn);
+    if (!registered || pending == draining(registered)) return 0;
+    return watch_for(conn->sock, pending ? EPOLLIN | EPOLLOUT : EPOLLIN);
+}
 
-    const bool web = url->dataType == CLOUDTUNNEL_DATATYPE_WS;
-    void *msg = web ? static_cast<void *>(CLOUDMGR_ws_msg_create()) : cloudtunnel_http_resp_create();
+// dispatch_http reads one HTTP response and passes it on. The connection may be gone afterwards. 0, or -1 or what the
+// data callback returned to have it closed.
+int dispatch_http(cloudtunnel_connect_node *conn) {
+    const OwnedResp resp(cloudtunnel_http_resp_create());
+    if (!resp) {
+        LOG(error, "Can not create msg struct.");
+        return -1;
+    }
+    LOG(package, "[Model %s]Rcv http msg.", conn->modelName);
+    const int result = cloudtunnel_http_rcv(conn->sock, resp.get());
+    if (result == 0) return conn->dataCallback(conn->sock, resp.get());
+    return incomplete(result) ? 0 : result;
+}
+
+// dispatch_ws does the same with one WebSocket frame.
+int dispatch_ws(cloudtunnel_connect_node *conn) {
+    const OwnedMsg msg(CLOUDMGR_ws_msg_create());
     if (!msg) {
         LOG(error, "Can not create msg struct.");
         return -1;
     }
-    LOG(package, web ? "[Model %s]Rcv websocket msg." : "[Model %s]Rcv http msg.", conn->modelName);
-    int result = web ? CLOUDMGR_ws_rcv(conn->sock, static_cast<cloudmgr_ws_msg *>(msg))
-                     : cloudtunnel_http_rcv(conn->sock, static_cast<cloudtunnel_http_resp *>(msg));
-    if (result == 0) {
-        result = conn->dataCallback(conn->sock, msg);
-    } else if (incomplete(result)) {
-        result = 0;
-    } else if (web) {
-        LOG(package, "[Model %s]Rcv websocket error.", conn->modelName);
-        result = -1;
-    }
-    if (web)
-        CLOUDMGR_ws_msg_destory(static_cast<cloudmgr_ws_msg *>(msg));
-    else
-        cloudtunnel_http_resp_destory(static_cast<cloudtunnel_http_resp *>(msg));
-    return result;
+    LOG(package, "[Model %s]Rcv websocket msg.", conn->modelName);
+    const int result = CLOUDMGR_ws_rcv(conn->sock, msg.get());
+    if (result == 0) return conn->dataCallback(conn->sock, msg.get());
+    if (incomplete(result)) return 0;
+    LOG(package, "[Model %s]Rcv websocket error.", conn->modelName);
+    return -1;
 }
 
-// keep_promise sees to it that bytes which the TLS session still holds lead to another call.
-int keep_promise(const cloudtunnel_connect_node *conn) {
-    const bool pending = tls_pending(conn);
-    const CLOUDMGR_ELOOP_SOCK *loop = cloudmgr_eloop_get_sock(conn->sock);
-    if (!loop || pending == draining(loop)) return 0;
-    return dispatch_register(conn->sock, pending);
+int dispatch_message(cloudtunnel_connect_node *conn) {
+    const cloudtunnel_url_node *url = cloudtunnel_socket_getUrlNodeByModelname(conn->modelName);
+    if (!url) return -1;
+    if (url->dataType == CLOUDTUNNEL_DATATYPE_HTTP) return dispatch_http(conn);
+    if (url->dataType == CLOUDTUNNEL_DATATYPE_WS) return dispatch_ws(conn);
+    return -1;
 }
 
 }  // namespace
 
-int dispatch_register(int sock, bool draining) {
-    return conn_wait_for(sock, draining ? EPOLLIN | EPOLLOUT : EPOLLIN, cloudtunnel_socket_dataProc, LoopCall::modify);
-}
+int dispatch_begin(int sock) { return watch_for(sock, EPOLLIN); }
 
 int cloudtunnel_socket_dataProc(const struct epoll_event *event, int sock) {
     cloudtunnel_connect_node *conn = CLOUDMGR_socket_getCnctBySock(sock);
     if (!event || !conn) return -1;
 
-    ConnWatch watch(conn);
+    ConnGuard guard(conn);
     const uint32_t events = event->events;
     int result = readable(events, sock) ? dispatch_message(conn) : -1;
-    if (result == 0 && watch.node()) result = keep_promise(watch.node());
+    if (result == 0 && guard.node()) result = update_draining(guard.node());
     if (!(events & (EPOLLERR | EPOLLHUP)) && result == 0) return 0;
 
-    LOG(error, "Socket data proc error,[model %s][sock %d][event %d][ret %d]", watch.model(), sock,
+    LOG(error, "Socket data proc error,[model %s][sock %d][event %d][ret %d]", guard.model(), sock,
         static_cast<int>(events), result);
     if (result != 0) {
-        watch.fail();
-        LOG(connect, "[Model %s] connect failed process complete.", watch.model());
+        guard.fail();
+        LOG(connect, "[Model %s] connect failed process complete.", guard.model());
     }
     return 0;
 }

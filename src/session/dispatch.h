@@ -1,13 +1,12 @@
-// Data mode: the event handler of a connection that is up.
+// The event handler of an established connection.
 #pragma once
 
 #include <cloudtunnel.h>
 
-// cloudtunnel_socket_dataProc reads one message of the kind that the model's data type names and hands it to the
-// connection's data callback; any failure closes the connection and tells its owner. 0; -1 for a null event or an
-// unknown connection.
+// cloudtunnel_socket_dataProc reads one message of the kind that the model's data type names and passes it to the
+// connection's data callback. A failure closes the connection and calls its failure callback. It returns 0; -1 for a
+// null event or an unknown connection.
 int cloudtunnel_socket_dataProc(const struct epoll_event *event, int sock);
 
-// dispatch_register puts the connection into data mode in the event loop. `draining` asks for writability as well, to
-// be called again at once for bytes that the TLS session holds. 0, or -1.
-[[nodiscard]] int dispatch_register(int sock, bool draining);
+// dispatch_begin has the event loop call cloudtunnel_socket_dataProc for a connection from now on. 0, or -1.
+[[nodiscard]] int dispatch_begin(int sock);

@@ -365,9 +365,9 @@ TEST_F(ConnectionTest, the_notice_of_a_socket_error_does_nothing) {
 
 TEST_F(ConnectionTest, a_watch_keeps_the_name_and_every_watch_forgets_a_connection_that_goes) {
     cloudtunnel_connect_node *node = add(kFar);
-    const ConnWatch outer(node);
+    const ConnGuard outer(node);
     {
-        const ConnWatch inner(node);
+        const ConnGuard inner(node);
         EXPECT_EQ(inner.node(), node);
         CLOUDMGR_socket_connect_del(kFar);
         EXPECT_EQ(inner.node(), nullptr);
@@ -379,7 +379,7 @@ TEST_F(ConnectionTest, a_watch_keeps_the_name_and_every_watch_forgets_a_connecti
 }
 
 TEST_F(ConnectionTest, a_failure_is_told_to_whoever_owns_the_connection_by_then) {
-    ConnWatch watch(add(kFar));
+    ConnGuard watch(add(kFar));
     CLOUDMGR_socket_connect_modify(kFar, nullptr, other_failure);
     watch.fail();
     EXPECT_EQ(CLOUDMGR_socket_getCnctBySock(kFar), nullptr);
@@ -388,7 +388,7 @@ TEST_F(ConnectionTest, a_failure_is_told_to_whoever_owns_the_connection_by_then)
 }
 
 TEST_F(ConnectionTest, a_failure_of_a_connection_that_is_gone_is_told_to_its_first_owner) {
-    ConnWatch watch(add(kFar));
+    ConnGuard watch(add(kFar));
     CLOUDMGR_socket_connect_modify(kFar, nullptr, other_failure);
     CLOUDMGR_socket_connect_del(kFar);
     ASSERT_NE(add(kFar, "other"), nullptr);
@@ -401,7 +401,7 @@ TEST_F(ConnectionTest, a_failure_of_a_connection_that_is_gone_is_told_to_its_fir
 TEST_F(ConnectionTest, a_failure_without_an_owner_is_told_to_nobody) {
     cloudtunnel_connect_node *node =
         conn_add(kFar, "model", {.connected = nullptr, .failure = nullptr, .data = nullptr});
-    ConnWatch watch(node);
+    ConnGuard watch(node);
     watch.fail();
     EXPECT_EQ(count(), 0U);
 }
