@@ -1,9 +1,9 @@
 // One list of timers, driven by polling: every pass fires what is due. Deleting is lazy: a deleted timer keeps its
-// place until the next pass takes it out, while its id is free at once.
+// place until the next pass removes it, while its id is free at once.
 //
-// A pass calls out with no lock held, and a callback may do anything: add, delete, make another pass, end the pool. So
-// each pass keeps its place in a record that whoever removes nodes can see and mend, and the node whose callback is
-// running is freed by the pass that runs it.
+// Passes are re-entrant. Callbacks run with no lock held and may do anything: add, delete, run another pass, end the
+// pool. So each pass keeps its position in a record on its stack. Whoever removes a node moves on every pass that was
+// about to visit it, and a node whose callback is running is freed by the pass that runs it.
 #include "loop/timer.h"
 
 #include <array>
@@ -13,8 +13,17 @@
 #include "base/log.h"
 #include "base/os.h"
 
+static_assert(offsetof(cloudtunnel_timer_node, link) == 0 && offsetof(cloudtunnel_timer_node, last_s) == 16 &&
+              offsetof(cloudtunnel_timer_node, arg) == 24 && offsetof(cloudtunnel_timer_node, callback) == 32 &&
+              offsetof(cloudtunnel_timer_node, id) == 40 && offsetof(cloudtunnel_timer_node, periodic) == 44 &&
+              offsetof(cloudtunnel_timer_node, period_ms) == 48 && offsetof(cloudtunnel_timer_node, deleted) == 56 &&
+              sizeof(cloudtunnel_timer_node) == 64);
+static_assert(offsetof(cloudtunnel_timer_head, link) == 0 && offsetof(cloudtunnel_timer_head, count) == 16 &&
+              sizeof(cloudtunnel_timer_head) == 24);
+
 cloudtunnel_timer_head cloudtunnel_timerlist = {};
 pthread_mutex_t cloudtunnel_timerlistLock = PTHREAD_MUTEX_INITIALIZER;  // guards the list and the id pool
+volatile sig_atomic_t timer_timeout_pending = 0;
 
 namespace {
 
@@ -32,30 +41,23 @@ constexpr struct itimerval kPace = {.it_interval = {.tv_sec = 0, .tv_usec = kPac
 constexpr struct itimerval kNoPace = {};
 
 std::array<uint8_t, kPoolBytes> g_pool = {};  // bit b of byte B: id 100 + 8 * B + b is taken
-volatile sig_atomic_t g_timeout_pending = 0;  // set by the signal handler, read by nobody here
 
 // A pass over the list that is under way.
 struct Pass {
-    cloudtunnel_link *next = nullptr;  // where it goes on; moved on when that node is removed
-    // Its callback runs: nobody else frees it. Null in the outermost such pass once the node has left the list.
+    cloudtunnel_link *next = nullptr;  // visited next; moved on when that node is removed
+    // The node whose callback this pass runs; only this pass frees it. Once the node has left the list, this is null in
+    // the outermost of the passes that run it.
     cloudtunnel_timer_node *running = nullptr;
     Pass *outer = nullptr;
 };
-Pass *g_passes = nullptr;  // the innermost
+Pass *g_passes = nullptr;  // the innermost pass
 
 void timer_free(cloudtunnel_timer_node *node) {
     os_free(node->arg);
     os_free(node);
 }
 
-bool is_running(const cloudtunnel_timer_node *node) {
-    for (const Pass *pass = g_passes; pass; pass = pass->outer) {
-        if (pass->running == node) return true;
-    }
-    return false;
-}
-
-// remove_locked takes a node out of the list and frees it, or leaves that to the outermost pass that runs its callback.
+// remove_locked removes a node from the list and frees it, or leaves that to the outermost pass that runs its callback.
 void remove_locked(cloudtunnel_timer_node *node) {
     Pass *runner = nullptr;
     for (Pass *pass = g_passes; pass; pass = pass->outer) {
@@ -79,25 +81,17 @@ void dump_pool_locked() {
         LOG(timer_detail, " DynamicTest: pool[%d] = 0x%02x", static_cast<int>(i), static_cast<unsigned>(g_pool[i]));
 }
 
-// mark_locked takes the id at a place of the pool or gives it back, and shows the pool before and after. False beyond
-// the pool.
-bool mark_locked(uint32_t place, bool taken) {
-    LOG(timer_detail, taken ? " Dynamic Timer pool before add." : " Dynamic Timer pool before del.");
-    dump_pool_locked();
-    if (place >= kDynamicIds) return false;
-    const uint32_t bit = 1U << place % 8;
-    uint8_t &byte = g_pool[place / 8];
-    byte = static_cast<uint8_t>(taken ? byte | bit : byte & ~bit);
-    LOG(timer_detail, taken ? " Dynamic Timer pool after add." : " Dynamic Timer pool after del.");
-    dump_pool_locked();
-    return true;
-}
-
-// take_id_locked returns the lowest free dynamic id, 0 when all are taken: ids outlive a de-init, so they can be.
+// take_id_locked returns the lowest free dynamic id; 0 when all are taken, which can be since ids outlive a de-init.
 uint32_t take_id_locked() {
+    LOG(timer_detail, " Dynamic Timer pool before add.");
+    dump_pool_locked();
     uint32_t place = 0;
     while (place < kDynamicIds && g_pool[place / 8] >> place % 8 & 1) place++;
-    return mark_locked(place, true) ? kFirstDynamicId + place : 0;
+    if (place == kDynamicIds) return 0;
+    g_pool[place / 8] |= static_cast<uint8_t>(1U << place % 8);
+    LOG(timer_detail, " Dynamic Timer pool after add.");
+    dump_pool_locked();
+    return kFirstDynamicId + place;
 }
 
 void release_id_locked(uint32_t id) {
@@ -107,16 +101,17 @@ void release_id_locked(uint32_t id) {
         return;
     }
     if (id < kFirstDynamicId) return;
+    LOG(timer_detail, " Dynamic Timer pool before del.");
+    dump_pool_locked();
     const uint32_t place = id - kFirstDynamicId;
-    if (!mark_locked(place, false))
+    if (place >= kDynamicIds) {
         LOG(timer, "Invalid dynamic timer id %d, bytecnt %d, bitcnt %d.", static_cast<int>(place),
             static_cast<int>(place / 8), static_cast<int>(place % 8));
-}
-
-void delete_locked(cloudtunnel_timer_node *node) {
-    node->deleted = 1;
-    LOG(timer, "Del user timer ok, timer id %d.", static_cast<int>(node->id));
-    release_id_locked(node->id);
+        return;
+    }
+    g_pool[place / 8] &= static_cast<uint8_t>(~(1U << place % 8));
+    LOG(timer_detail, " Dynamic Timer pool after del.");
+    dump_pool_locked();
 }
 
 // make_locked returns a new node in the list, with its id; null when memory or ids run out.
@@ -126,13 +121,13 @@ cloudtunnel_timer_node *make_locked(uint32_t id) {
         LOG(error, "Timer malloc failed.");
         return nullptr;
     }
-    node->id = id ? id : take_id_locked();  // before it is linked: no walk ever sees a timer without its id
+    node->id = id ? id : take_id_locked();  // before it is linked, so that no walk sees a timer without its id
     if (node->id == 0) {
         LOG(timer, "Daemon user timer reach max count, create failed.");
         os_free(node);
         return nullptr;
     }
-    // Behind the first node, not at the tail: the firing order depends on it.
+    // Linked behind the first node, not at the tail: the firing order depends on it.
     cloudtunnel_link &head = cloudtunnel_timerlist.link;
     list_insert_after(head.next ? *head.next : head, node->link);
     cloudtunnel_timerlist.count++;
@@ -140,12 +135,11 @@ cloudtunnel_timer_node *make_locked(uint32_t id) {
 }
 
 void fire(Pass &pass, cloudtunnel_timer_node *node, uint64_t now) {
-    if (node->periodic) {
+    if (node->periodic)
         node->last_s = now;
-    } else {
-        const Lock hold(cloudtunnel_timerlistLock);
-        delete_locked(node);
-    }
+    else
+        // By its id: where two timers have the same id, the first one in the list is deleted, be it this one or not.
+        cloudtunnel_timer_del(node->id);
     LOG(timer, "Timer %d reach time out.", static_cast<int>(node->id));
     if (!node->callback) return;
 
@@ -158,9 +152,8 @@ void fire(Pass &pass, cloudtunnel_timer_node *node, uint64_t now) {
 void visit(Pass &pass, cloudtunnel_timer_node *node, uint64_t now) {
     if (node->id == 0) return;
     if (node->deleted) {
-        // Where an outer pass still runs the callback, the argument is in use: a later pass takes the node out.
         const Lock hold(cloudtunnel_timerlistLock);
-        if (!is_running(node)) remove_locked(node);
+        remove_locked(node);
         return;
     }
     LOG(timer_detail, " Timer check last timer %ld.", static_cast<long>(node->last_s));
@@ -204,8 +197,8 @@ int cloudtunnel_timer_add(int32_t id, uint32_t periodic, uint64_t period_ms, voi
         LOG(timer, "Timer %d is already exit.", id);
         return id;
     }
-    // A deleted node with this id is taken over where it stands. Its old argument may be in use by the callback that
-    // re-adds its own timer, so it is not freed here.
+    // A deleted node with this id is reused in its place in the list. Its old argument is not freed: a callback that
+    // adds its own timer again may still use it.
     if (!node) node = make_locked(wanted);
     if (!node) return -1;
 
@@ -225,8 +218,11 @@ int cloudtunnel_timer_del(uint32_t id) {
     cloudtunnel_timer_node *node = find_locked(id);
     if (!node)
         LOG(timer, "Del timer id %d is not exist.", static_cast<int>(id));
-    else if (!node->deleted)
-        delete_locked(node);
+    else if (!node->deleted) {
+        node->deleted = 1;
+        LOG(timer, "Del user timer ok, timer id %d.", static_cast<int>(id));
+        release_id_locked(id);
+    }
     return 0;
 }
 
@@ -255,16 +251,17 @@ bool timer_armed(uint32_t id, cloudtunnel_timer_fn *callback) {
 
 void cloudtunnel_timer_proc(void) {
     const uint64_t now = cloudtunnel_timer_run_time_nobuf();
-    if (now == kNoUptime || list_empty(cloudtunnel_timerlist.link)) return;
-    Pass pass = {.next = cloudtunnel_timerlist.link.next, .outer = g_passes};
+    if (now == kNoUptime) return;
+    cloudtunnel_link *const head = &cloudtunnel_timerlist.link;
+    Pass pass = {.next = list_empty(*head) ? head : head->next, .outer = g_passes};
     g_passes = &pass;
-    while (pass.next != &cloudtunnel_timerlist.link) {
+    while (pass.next != head) {
         auto *node = record_of<cloudtunnel_timer_node>(pass.next);
         pass.next = node->link.next;
         visit(pass, node, now);
     }
     g_passes = pass.outer;
-    g_timeout_pending = 0;
+    timer_timeout_pending = 0;
 }
 
 int cloudtunnel_timer_slotnow(void) {
@@ -289,7 +286,7 @@ void cloudtunnel_timer_stoptimer(void) {
 
 void CLOUDTUNNEL_TIMER_Stop(void) { cloudtunnel_timer_stoptimer(); }
 
-// Runs as a signal handler: it may only set a flag.
+// This runs as a signal handler, so it only sets a flag.
 void cloudtunnel_timer_timerout(int signal_number) {
-    if (signal_number == SIGALRM || signal_number == SIGVTALRM) g_timeout_pending = 1;
+    if (signal_number == SIGALRM || signal_number == SIGVTALRM) timer_timeout_pending = 1;
 }

@@ -47,6 +47,13 @@ class TimerTest : public support::LibraryTest {
             found.push_back(reinterpret_cast<cloudtunnel_timer_node *>(at)->id);
         return found;
     }
+    static std::vector<uint32_t> nodes_deleted() {
+        std::vector<uint32_t> found;
+        for (cloudtunnel_link *at = cloudtunnel_timerlist.link.next; at && at != &cloudtunnel_timerlist.link;
+             at = at->next)
+            found.push_back(reinterpret_cast<cloudtunnel_timer_node *>(at)->deleted);
+        return found;
+    }
     static void *block() { return std::calloc(1, 4); }
 };
 

@@ -64,6 +64,58 @@ TEST_F(TimerTest, a_one_shot_fires_once_and_a_periodic_one_every_period) {
     EXPECT_EQ(ids(), Ids{2});
 }
 
+TEST_F(TimerTest, of_two_timers_with_one_id_the_first_in_the_list_is_deleted_when_the_other_expires) {
+    ASSERT_EQ(add(100, 1, 60000), 100);  // a fixed id of 100 or more does not mark the id as taken
+    ASSERT_EQ(add(0, 0, 1000), 100);
+    pass_time(1);
+    EXPECT_EQ(fired, Ids{100});
+    EXPECT_EQ(nodes_deleted(), (std::vector<uint32_t>{1, 0}));
+    pass_time(1);  // removes the first; the second expires once more, and is the first now
+    EXPECT_EQ(fired, (Ids{100, 100}));
+    EXPECT_EQ(nodes_deleted(), (std::vector<uint32_t>{1}));
+    pass_time(1);
+    EXPECT_EQ(fired, (Ids{100, 100}));
+    EXPECT_EQ(ids(), Ids{});
+}
+
+TEST_F(TimerTest, a_timer_that_expires_behind_a_deleted_one_with_its_id_stays_until_that_one_is_removed) {
+    ASSERT_EQ(add(100, 1, 60000), 100);
+    ASSERT_EQ(add(0, 0, 0), 100);
+    cloudtunnel_timer_del(100);
+    ASSERT_EQ(nodes_deleted(), (std::vector<uint32_t>{1, 0}));
+    pass_time(0);  // removes the first, then fires the second, which is the first by then
+    EXPECT_EQ(fired, Ids{100});
+    EXPECT_EQ(nodes_deleted(), (std::vector<uint32_t>{1}));
+}
+
+TEST_F(TimerTest, every_pass_clears_the_pending_flag_one_over_an_empty_list_too) {
+    for (const bool empty : {false, true}) {
+        if (!empty) add(0, 1, 60000);
+        cloudtunnel_timer_timerout(SIGALRM);
+        EXPECT_EQ(timer_timeout_pending, 1);
+        cloudtunnel_timer_proc();
+        EXPECT_EQ(timer_timeout_pending, 0) << empty;
+        CLOUDMGR_timer_deinit();
+    }
+}
+
+TEST_F(TimerTest, without_an_uptime_a_pass_leaves_the_pending_flag) {
+    cloudtunnel_timer_timerout(SIGALRM);
+    {
+        const support::Fault fault("sysinfo");
+        cloudtunnel_timer_proc();
+    }
+    EXPECT_EQ(timer_timeout_pending, 1);
+    cloudtunnel_timer_proc();
+}
+
+TEST_F(TimerTest, the_timer_loop_over_an_empty_pool_leaves_the_pending_flag) {
+    cloudtunnel_timer_timerout(SIGVTALRM);
+    CLOUDTUNNEL_TIMER_Proc();
+    EXPECT_EQ(timer_timeout_pending, 1);
+    cloudtunnel_timer_proc();
+}
+
 TEST_F(TimerTest, periods_count_in_whole_seconds) {
     add(1, 1, 0);
     add(2, 1, 999);
