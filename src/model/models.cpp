@@ -84,6 +84,11 @@ cloudtunnel_url_node *cloudtunnel_socket_getUrlNodeByModelname(const char *model
     return list_find<&cloudtunnel_url_node::modelName>(cloudtunnel_urllist.head.link, model);
 }
 
+uint32_t model_data_type(const char *model) {
+    const cloudtunnel_url_node *node = cloudtunnel_socket_getUrlNodeByModelname(model);
+    return node ? node->dataType : static_cast<uint32_t>(CLOUDTUNNEL_DATATYPE_HTTP);
+}
+
 void model_set_data_type(const char *model, uint32_t type) {
     cloudtunnel_url_node *node = cloudtunnel_socket_getUrlNodeByModelname(model);
     if (node) node->dataType = type;

@@ -121,4 +121,3 @@ int cloudtunnel_dumpAddrInfo(struct addrinfo **out, const struct addrinfo *list)
     *out = copies;
     return 0;
 }
-

@@ -68,9 +68,9 @@ bool answer_is_good(const char *model, const cloudmgr_ws_msg *msg) {
     return true;
 }
 
-// hand_over gives the connection to the module: every message and a later failure are the module's from here on, also
-// the failure that its connected callback may ask for.
-int hand_over(int sock, const cloudmgr_v3wscnct_node *node) {
+// hand_off gives the connection to the module. Every message and every later failure go to the module from here on, the
+// failure that its connected callback may ask for included.
+int hand_off(int sock, const cloudmgr_v3wscnct_node *node) {
     cloudtunnel_connected_fn *connected = node->connectedCallback;
     CLOUDMGR_socket_connect_modify(sock, node->receiveCallback, node->failureCallback);
     CLOUDMGR_v3wscnct_node_del(node->cloudModelName);
@@ -102,5 +102,5 @@ bool cloudmgr_v3wscnct_sendRegist(int sock, const cloudmgr_v3wscnct_node *node) 
 int cloudmgr_v3wscnct_requestRcv(int sock, void *message) {
     const cloudmgr_v3wscnct_node *node = setup_answered(sock, message, SetupState::connect);
     if (!node || !answer_is_good(node->cloudModelName, static_cast<const cloudmgr_ws_msg *>(message))) return -1;
-    return hand_over(sock, node);
+    return hand_off(sock, node);
 }

@@ -7,10 +7,13 @@
 #include "base/os.h"
 
 static_assert(offsetof(cloudmgr_v3wscnct_node, connectedCallback) == 16 &&
+              offsetof(cloudmgr_v3wscnct_node, failureCallback) == 24 &&
+              offsetof(cloudmgr_v3wscnct_node, receiveCallback) == 32 &&
               offsetof(cloudmgr_v3wscnct_node, cloudModelName) == 40 &&
               offsetof(cloudmgr_v3wscnct_node, deviceModelName) == 73 &&
               offsetof(cloudmgr_v3wscnct_node, state) == 108 && offsetof(cloudmgr_v3wscnct_node, timerId) == 112 &&
-              offsetof(cloudmgr_v3wscnct_node, key) == 120);
+              offsetof(cloudmgr_v3wscnct_node, key) == 120 && sizeof(cloudmgr_v3wscnct_node) == 128 &&
+              offsetof(cloudmgr_v3wscnct_head, count) == 16);
 
 cloudmgr_v3wscnct_head wscnctlist = {};
 
@@ -18,7 +21,7 @@ namespace {
 
 constexpr uint32_t kSetupMax = 32;
 
-// By SetupState. Characters, not pointers: these would have to be relocated.
+// Indexed by SetupState. Rows of characters, since pointers would have to be relocated.
 constexpr char kStateNames[][13] = {"WS_INIT", "WS_HANDSHAKE", "WS_CONNECT"};
 static_assert(std::size(kStateNames) == static_cast<uint32_t>(SetupState::connect) + 1);
 
@@ -86,35 +89,27 @@ cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeBySock(int sock) {
     return cloudmgr_v3wscnct_getNodeByName(CLOUDMGR_socket_getModelNameBySock(sock));
 }
 
-uint32_t cloudmgr_v3wscnct_getTimerBySock(int sock) {
-    const cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
-    return node ? node->timerId : 0;
-}
-
-void cloudmgr_v3wscnct_setTimerBySock(int sock, uint32_t timer_id) {
-    cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
-    if (!node) return;
+void setup_set_timer(cloudmgr_v3wscnct_node *node, uint32_t timer_id) {
     if (node->timerId != timer_id) cloudtunnel_timer_del(node->timerId);
     node->timerId = timer_id;
 }
 
-void cloudmgr_v3wscnct_fsmTrigger(int sock) {
-    cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeBySock(sock);
-    if (!node || node->state + 1 >= std::size(kStateNames)) return;
+void cloudmgr_v3wscnct_fsmTrigger(cloudmgr_v3wscnct_node *node) {
+    if (node->state + 1 >= std::size(kStateNames)) return;
     const char *from = setup_state_name(node);
     node->state++;
     LOG(fsm, "[Model %s]v3 connect fsm trigger from [%s] to [%s].", node->cloudModelName, from, setup_state_name(node));
 }
 
-const cloudmgr_v3wscnct_node *setup_answered(int sock, const void *message, SetupState expected) {
+cloudmgr_v3wscnct_node *setup_answered(int sock, const void *message, SetupState expected) {
     const char *model = CLOUDMGR_socket_getModelNameBySock(sock);
     if (!message || !model) return nullptr;
-    cloudmgr_v3wscnct_setTimerBySock(sock, 0);
+    cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeByName(model);
+    if (node) setup_set_timer(node, 0);
     LOG(connect,
         expected == SetupState::handshake ? "[V3 Model %s] ws handshake rcv message."
                                           : "V3 [%s] ws request rcv message.",
         model);
-    const cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeByName(model);
     return node && node->state == static_cast<uint32_t>(expected) ? node : nullptr;
 }
 

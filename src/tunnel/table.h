@@ -1,4 +1,4 @@
-// Tunnels that are being set up: one node a model, from the start to the hand-over or the failure.
+// Pending tunnels: those that are being set up. One node a model, from the start to the hand-off or the failure.
 #pragma once
 
 #include <cloudtunnel.h>
@@ -15,17 +15,16 @@ cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeByName(const char *cloud_model)
 cloudmgr_v3wscnct_node *cloudmgr_v3wscnct_getNodeBySock(int sock);
 cloudmgr_v3wscnct_node *setup_find_stored(const char *cloud_model);
 
-// The id of the step timer that runs for a socket's set-up, 0 when none does. Setting another id deletes the old timer.
-uint32_t cloudmgr_v3wscnct_getTimerBySock(int sock);
-void cloudmgr_v3wscnct_setTimerBySock(int sock, uint32_t timer_id);
+// setup_set_timer stores the id of the timer that runs for a set-up, 0 for none, and deletes the timer that ran before.
+void setup_set_timer(cloudmgr_v3wscnct_node *node, uint32_t timer_id);
 
-// cloudmgr_v3wscnct_fsmTrigger moves a set-up on by one state. There is no way back: a step that fails ends the set-up.
-void cloudmgr_v3wscnct_fsmTrigger(int sock);
+// cloudmgr_v3wscnct_fsmTrigger moves a set-up on by one state. It never moves back: a step that fails ends the set-up.
+void cloudmgr_v3wscnct_fsmTrigger(cloudmgr_v3wscnct_node *node);
 
-// setup_answered is told of the message that came after a step: the step's timer ends. It returns the socket's set-up;
-// null when that is not in the state in which such a message is expected and, with nothing done, without a message or a
-// model.
-[[nodiscard]] const cloudmgr_v3wscnct_node *setup_answered(int sock, const void *message, SetupState expected);
+// setup_answered is called for a message of the platform. It ends the response timeout and returns the set-up of the
+// socket, or null if that is not in the state `expected`. Without a message or a model it does nothing and returns
+// null.
+[[nodiscard]] cloudmgr_v3wscnct_node *setup_answered(int sock, const void *message, SetupState expected);
 
 // setup_state_name returns the name of a node's state.
 const char *setup_state_name(const cloudmgr_v3wscnct_node *node);

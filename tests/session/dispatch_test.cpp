@@ -122,6 +122,26 @@ TEST_F(DispatchTest, a_loop_that_refuses_to_watch_for_held_bytes_ends_the_connec
     EXPECT_EQ(callbacks.failures, std::vector<std::string>{"model"});
 }
 
+TEST_F(DispatchTest, a_handler_that_a_data_callback_registers_is_not_replaced_when_the_session_holds_bytes) {
+    static int handled;
+    handled = 0;
+    const support::Connection conn = connect(Wire::tls);
+    callbacks.during_data = [&conn](int) {
+        struct epoll_event event = {};
+        event.events = EPOLLIN | EPOLLOUT;
+        event.data.fd = conn.sock;
+        EXPECT_EQ(
+            CLOUDMGR_eloop_sock_modify(conn.sock, &event, [](const struct epoll_event *, int) { return ++handled; }),
+            0);
+    };
+    conn.server->send(frame(kText, "one") + frame(kText, "two"));
+    ASSERT_TRUE(turn(kWaitMs));
+    EXPECT_EQ(bodies(), std::vector<std::string>{"one"});
+    EXPECT_TRUE(turn(kWaitMs));
+    EXPECT_EQ(handled, 1);
+    EXPECT_EQ(bodies(), std::vector<std::string>{"one"});
+}
+
 TEST_F(DispatchTest, each_data_type_has_its_reader) {
     const support::Connection conn = connect(Wire::plain, "model", CLOUDTUNNEL_DATATYPE_HTTP);
     conn.server->send("HTTP/1.1 200 OK\r\n\r\n");

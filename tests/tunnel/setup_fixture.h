@@ -9,7 +9,6 @@
 #include "tests/support/fault.h"
 #include "tests/support/timers.h"
 #include "tests/tunnel/tunnel_steps.h"
-#include "tunnel/setup.h"
 #include "tunnel/table.h"
 
 class SetupTest : public TunnelSteps<support::LibraryTest> {
@@ -34,7 +33,7 @@ class SetupTest : public TunnelSteps<support::LibraryTest> {
         return CLOUDMGR_socket_getCnctBySock(tunnel.sock)->dataCallback(tunnel.sock, resp);
     }
     void fill_table() {
-        for (int i = 0; i < 32; ++i) {
+        for (int i = 0; wscnctlist.count < 32; ++i) {
             cloudmgr_v3wscnct_node *const node = setup_add(("filler" + std::to_string(i)).c_str(), "device");
             ASSERT_NE(node, nullptr);
             node->connectedCallback = Callbacks::on_connected;

@@ -118,6 +118,55 @@ TEST_F(SetupTest, a_start_refused_by_the_full_table_leaves_an_open_tunnel_a_web_
     expect_open(tunnel);
 }
 
+TEST_F(SetupTest, a_start_refused_by_the_full_table_leaves_a_model_that_has_nothing_running_at_http) {
+    Tunnel tunnel = lead(Wire::plain);
+    set_data_type("model", CLOUDTUNNEL_DATATYPE_WS);
+    fill_table();
+    EXPECT_EQ(start(tunnel), -1);
+    EXPECT_TRUE(log.said_once(kError, "Daemon ws connect reach max."));
+    EXPECT_EQ(data_type("model"), 0U);
+}
+
+TEST_F(SetupTest, a_start_refused_by_the_full_table_leaves_a_pending_tunnel_its_data_type) {
+    Tunnel tunnel = begin(Wire::tls);
+    upgrade(tunnel);
+    ASSERT_EQ(data_type("model"), 1U);
+    fill_table();
+    EXPECT_EQ(start(tunnel), -1);
+    EXPECT_EQ(data_type("model"), 1U);
+}
+
+TEST_F(SetupTest, a_start_with_the_name_of_the_connection_that_it_closes_passes_that_name_to_the_failure_callback) {
+    const Tunnel tunnel = open(Wire::plain);
+    const char *name = CLOUDMGR_socket_getModelNameBySock(tunnel.sock);
+    ASSERT_NE(name, nullptr);
+    EXPECT_EQ(
+        CLOUDMGR_v3wscnct_start(name, "device", Callbacks::on_connected, Callbacks::on_failure, Callbacks::on_frame),
+        -1);
+    EXPECT_EQ(callbacks.failures, Names{"model"});
+    EXPECT_EQ(CLOUDMGR_socket_getCnctBySock(tunnel.sock), nullptr);
+}
+
+TEST_F(SetupTest, without_memory_for_a_copy_the_failure_callback_gets_the_name_as_it_is_stored) {
+    const Tunnel tunnel = open(Wire::plain);
+    const char *name = CLOUDMGR_socket_getModelNameBySock(tunnel.sock);
+    {
+        const support::FailAlloc fail(3);  // behind the node, the timer's argument and the socket's node
+        EXPECT_EQ(CLOUDMGR_v3wscnct_start(name, "device", Callbacks::on_connected, Callbacks::on_failure,
+                                          Callbacks::on_frame),
+                  -1);
+        EXPECT_TRUE(fail.hit());
+    }
+    EXPECT_EQ(callbacks.failures, Names{"model"});
+}
+
+TEST_F(SetupTest, a_name_over_32_characters_reaches_the_failure_callback_whole_when_the_connect_is_refused_at_once) {
+    const std::string name(40, 'm');
+    EXPECT_EQ(start(name), -1);
+    EXPECT_EQ(callbacks.failures, Names{name});
+    EXPECT_EQ(wscnctlist.count, 0U);
+}
+
 TEST_F(SetupTest, without_memory_for_the_node_the_start_is_refused_and_an_open_tunnel_stays_one) {
     Tunnel tunnel = open(Wire::plain);
     log.clear();
@@ -270,30 +319,7 @@ TEST_F(SetupTest, a_set_up_goes_the_same_way_when_nothing_is_printed) {
     });
 }
 
-// ------------------------------------------------------------------------------------------------- steps
-
-TEST_F(SetupTest, another_step_deletes_the_timer_of_the_one_before) {
-    const Tunnel tunnel = begin(Wire::plain);
-    cloudmgr_v3wscnct_node *const node = setup_node("model");
-    const uint32_t first = node->timerId;
-    ASSERT_NE(support::live_timer(first), nullptr);
-    EXPECT_TRUE(setup_step_sent(tunnel.sock));
-    EXPECT_EQ(support::live_timer(first), nullptr);
-    EXPECT_NE(node->timerId, first);
-    EXPECT_NE(support::live_timer(node->timerId), nullptr);
-}
-
-TEST_F(SetupTest, a_step_whose_timer_cannot_be_armed_runs_without_one) {
-    const Tunnel tunnel = begin(Wire::plain);
-    cloudmgr_v3wscnct_node *const node = setup_node("model");
-    const uint32_t first = node->timerId;
-    const support::FailAlloc fail(1);  // the argument is there, the timer is not
-    EXPECT_TRUE(setup_step_sent(tunnel.sock));
-    EXPECT_TRUE(fail.hit());
-    EXPECT_EQ(support::live_timer(first), nullptr);
-    EXPECT_EQ(node->timerId, 0U);
-    EXPECT_EQ(node->state, 2U);
-}
+// ------------------------------------------------------------------------------------------------- answers
 
 TEST_F(SetupTest, an_answer_ends_the_timer_and_finds_the_set_up_in_its_state_alone) {
     const Tunnel tunnel = begin(Wire::plain);
@@ -347,15 +373,6 @@ TEST_F(SetupTest, whatever_allocation_fails_the_module_is_told_once_or_the_node_
             pass_time(200);
         }
     }
-}
-
-TEST_F(SetupTest, a_step_is_not_taken_without_memory_for_its_timer) {
-    Tunnel tunnel = lead(Wire::plain);
-    ASSERT_GE(start(tunnel), 0);
-    const support::FailAlloc fail(0);
-    EXPECT_FALSE(setup_step_sent(tunnel.sock));
-    EXPECT_EQ(state_of(), 0U);
-    EXPECT_EQ(setup_node("model")->timerId, 0U);
 }
 
 }  // namespace

@@ -15,6 +15,9 @@ class TableTest : public TunnelSteps<support::LibraryTest> {
     static cloudmgr_v3wscnct_node *add(const std::string &model, const std::string &device = "device") {
         return setup_add(model.c_str(), device.c_str());
     }
+    static uint32_t new_timer() {
+        return static_cast<uint32_t>(cloudtunnel_timer_add(0, 0, 1000, nullptr, [](uint32_t, void *) { return 0; }));
+    }
     static Names names() {
         Names found;
         for (cloudtunnel_link *link = wscnctlist.link.next; link != &wscnctlist.link; link = link->next)
@@ -182,57 +185,52 @@ TEST_F(TableTest, a_socket_leads_to_its_models_node) {
     for (const int sock : {-1, 0, 9999}) EXPECT_EQ(cloudmgr_v3wscnct_getNodeBySock(sock), nullptr) << sock;
 }
 
-TEST_F(TableTest, a_connection_that_is_not_being_set_up_has_no_node_and_no_timer) {
+TEST_F(TableTest, a_connection_that_is_not_being_set_up_has_no_node) {
     const support::Connection conn = connect(Wire::plain);
     ASSERT_NE(add("other"), nullptr);
     EXPECT_EQ(cloudmgr_v3wscnct_getNodeBySock(conn.sock), nullptr);
-    EXPECT_EQ(cloudmgr_v3wscnct_getTimerBySock(conn.sock), 0U);
-    cloudmgr_v3wscnct_setTimerBySock(conn.sock, 7);
-    cloudmgr_v3wscnct_fsmTrigger(conn.sock);
-    EXPECT_EQ(cloudmgr_v3wscnct_getTimerBySock(conn.sock), 0U);
-    EXPECT_EQ(log.count(kFsm), 0);
-    EXPECT_EQ(cloudmgr_v3wscnct_getNodeByName("other")->state, 0U);
 }
 
 TEST_F(TableTest, setting_another_timer_deletes_the_old_one) {
-    const Tunnel tunnel = begin(Wire::plain);
-    const uint32_t first = cloudmgr_v3wscnct_getTimerBySock(tunnel.sock);
-    ASSERT_NE(support::live_timer(first), nullptr);
-    const auto second =
-        static_cast<uint32_t>(cloudtunnel_timer_add(0, 0, 1000, nullptr, [](uint32_t, void *) { return 0; }));
-    cloudmgr_v3wscnct_setTimerBySock(tunnel.sock, second);
+    cloudmgr_v3wscnct_node *const node = add("model");
+    ASSERT_NE(node, nullptr);
+    const uint32_t first = new_timer();
+    const uint32_t second = new_timer();
+    setup_set_timer(node, first);
+    setup_set_timer(node, second);
     EXPECT_EQ(support::live_timer(first), nullptr);
     EXPECT_NE(support::live_timer(second), nullptr);
-    EXPECT_EQ(cloudmgr_v3wscnct_getTimerBySock(tunnel.sock), second);
+    EXPECT_EQ(node->timerId, second);
 }
 
 TEST_F(TableTest, setting_the_same_timer_leaves_it_running) {
-    const Tunnel tunnel = begin(Wire::plain);
-    const uint32_t id = cloudmgr_v3wscnct_getTimerBySock(tunnel.sock);
-    cloudmgr_v3wscnct_setTimerBySock(tunnel.sock, id);
+    cloudmgr_v3wscnct_node *const node = add("model");
+    ASSERT_NE(node, nullptr);
+    const uint32_t id = new_timer();
+    setup_set_timer(node, id);
+    setup_set_timer(node, id);
     EXPECT_NE(support::live_timer(id), nullptr);
 }
 
 TEST_F(TableTest, setting_timer_0_clears_it) {
-    const Tunnel tunnel = begin(Wire::plain);
-    const uint32_t id = cloudmgr_v3wscnct_getTimerBySock(tunnel.sock);
-    cloudmgr_v3wscnct_setTimerBySock(tunnel.sock, 0);
+    cloudmgr_v3wscnct_node *const node = add("model");
+    ASSERT_NE(node, nullptr);
+    const uint32_t id = new_timer();
+    setup_set_timer(node, id);
+    setup_set_timer(node, 0);
     EXPECT_EQ(support::live_timer(id), nullptr);
-    EXPECT_EQ(cloudmgr_v3wscnct_getTimerBySock(tunnel.sock), 0U);
+    EXPECT_EQ(node->timerId, 0U);
 }
 
 TEST_F(TableTest, the_machine_moves_forward_one_state_at_a_time_and_stops_at_the_last) {
-    Tunnel tunnel = lead(Wire::plain);
-    ASSERT_GE(start(tunnel), 0);
-    const cloudmgr_v3wscnct_node *const node = setup_node("model");
+    cloudmgr_v3wscnct_node *const node = add("model");
+    ASSERT_NE(node, nullptr);
     for (const uint32_t expected : {1U, 2U, 2U}) {
-        cloudmgr_v3wscnct_fsmTrigger(tunnel.sock);
+        cloudmgr_v3wscnct_fsmTrigger(node);
         EXPECT_EQ(node->state, expected);
     }
     EXPECT_EQ(log.texts(kFsm), (Names{"[Model model]v3 connect fsm trigger from [WS_INIT] to [WS_HANDSHAKE].",
                                       "[Model model]v3 connect fsm trigger from [WS_HANDSHAKE] to [WS_CONNECT]."}));
-    cloudmgr_v3wscnct_fsmTrigger(-1);
-    EXPECT_EQ(log.count(kFsm), 2);
 }
 
 TEST_F(TableTest, every_state_has_its_name) {

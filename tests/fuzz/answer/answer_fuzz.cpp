@@ -57,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     setup->receiveCallback = on_receive;
     setup->state = static_cast<uint32_t>(SetupState::connect);
     const int timer = cloudtunnel_timer_add(0, 0, 30000, nullptr, nullptr);
-    cloudmgr_v3wscnct_setTimerBySock(link.sock(), static_cast<uint32_t>(timer));
+    setup_set_timer(setup, static_cast<uint32_t>(timer));
 
     cloudmgr_ws_msg *msg = CLOUDMGR_ws_msg_create();
     CLOUDMGR_ws_setoptcode(msg, opcode);
@@ -74,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FUZZ_CHECK(g_connected == (accepted ? 1 : 0));
     FUZZ_CHECK(result == (accepted ? g_result : -1));
     FUZZ_CHECK(wscnctlist.count == (accepted ? 0 : 1));
-    FUZZ_CHECK(cloudmgr_v3wscnct_getTimerBySock(link.sock()) == 0);
+    FUZZ_CHECK(accepted || setup->timerId == 0);
     CLOUDTUNNEL_TIMER_Proc();
     FUZZ_CHECK(cloudtunnel_timerlist.count == 0);
     FUZZ_CHECK((link.node()->dataCallback == on_receive) == accepted);
