@@ -40,7 +40,7 @@ static int send_frame(uint8_t opcode, const void *body, int64_t length) {
     cloudmgr_ws_msg *frame = CLOUDMGR_ws_msg_create();
     CLOUDMGR_ws_setoptcode(frame, opcode);
     CLOUDMGR_ws_setmask(frame, CLOUDMGR_ws_getMask());
-    if (length > 0) CLOUDMGR_ws_setbody(frame, body, (int32_t)length);
+    if (length > 0) CLOUDMGR_ws_setbody(frame, body, length);
     const int result = CLOUDMGR_ws_send(sock, frame, 100);
     CLOUDMGR_ws_msg_destory(frame);
     return result;

@@ -769,10 +769,10 @@ CLOUDTUNNEL_EXPORT void CLOUDMGR_ws_destory(cloudmgr_ws_object *ws);
 CLOUDTUNNEL_EXPORT void *CLOUDMGR_ws_GetPara(cloudmgr_ws_owner *owner, uint32_t index);
 CLOUDTUNNEL_EXPORT int CLOUDMGR_ws_SetPara(cloudmgr_ws_owner *owner, uint32_t index, const void *value, int32_t length);
 
-/* The accept value (field 1) and the target (field 3) by name; setting null does nothing. */
-CLOUDTUNNEL_EXPORT void KYRCLOUD_ws_SetAccept(cloudmgr_ws_owner *owner, const char *accept);
+/* The accept value (field 1) and the target (field 3) by name. The setters return 0; a null text changes nothing. */
+CLOUDTUNNEL_EXPORT int KYRCLOUD_ws_SetAccept(cloudmgr_ws_owner *owner, const char *accept);
 CLOUDTUNNEL_EXPORT char *KYRCLOUD_ws_GetAccept(cloudmgr_ws_owner *owner);
-CLOUDTUNNEL_EXPORT void KYRCLOUD_ws_SetTgt(cloudmgr_ws_owner *owner, const char *target);
+CLOUDTUNNEL_EXPORT int KYRCLOUD_ws_SetTgt(cloudmgr_ws_owner *owner, const char *target);
 CLOUDTUNNEL_EXPORT char *KYRCLOUD_ws_GetTgt(cloudmgr_ws_owner *owner);
 
 /* CLOUDMGR_ws_msg_create returns an empty message, null without memory; CLOUDMGR_ws_msg_destory frees it. */
@@ -786,9 +786,9 @@ CLOUDTUNNEL_EXPORT uint8_t CLOUDMGR_ws_getoptcode(const cloudmgr_ws_msg *msg);
 /* CLOUDMGR_ws_setmask copies a key of 4 bytes; null takes the key away. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_ws_setmask(cloudmgr_ws_msg *msg, const uint8_t *key);
 
-/* CLOUDMGR_ws_setbody replaces the body with a copy of `size` bytes. 0; -1 for a null argument, a negative size or
- * when memory is short: then the old body stays. */
-CLOUDTUNNEL_EXPORT int CLOUDMGR_ws_setbody(cloudmgr_ws_msg *msg, const void *data, int32_t size);
+/* CLOUDMGR_ws_setbody replaces the body with a copy of `size` bytes. 0; -1 for a null argument, a negative size, a size
+ * over 2^31 - 1 and when memory is short: then the old body stays. */
+CLOUDTUNNEL_EXPORT int CLOUDMGR_ws_setbody(cloudmgr_ws_msg *msg, const void *data, int64_t size);
 
 /* CLOUDMGR_ws_getMask returns a new 4-byte mask key in a place shared by all: copy it at once. It is not random in the
  * sense of cryptography. */

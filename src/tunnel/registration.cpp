@@ -89,7 +89,7 @@ bool cloudmgr_v3wscnct_sendRegist(int sock, const cloudmgr_v3wscnct_node *node) 
     const OwnedJson object = make_opt1(node);
     if (!object) return false;
     const char *text = cloudtunnel_json_ObjectToString(object.get());
-    if (text && CLOUDMGR_ws_setbody(msg.get(), text, static_cast<int32_t>(os_strlen(text))) != 0) return false;
+    if (text && CLOUDMGR_ws_setbody(msg.get(), text, static_cast<int64_t>(os_strlen(text))) != 0) return false;
 
     const bool sent = CLOUDMGR_ws_send(sock, msg.get(), kSendAttempts) == 0;
     if (sent)

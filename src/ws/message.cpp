@@ -35,8 +35,8 @@ void CLOUDMGR_ws_setmask(cloudmgr_ws_msg *msg, const uint8_t *key) {
     msg->mask_set = key ? 1 : 0;
 }
 
-int CLOUDMGR_ws_setbody(cloudmgr_ws_msg *msg, const void *data, int32_t size) {
-    if (!msg || !data || size < 0) return -1;
+int CLOUDMGR_ws_setbody(cloudmgr_ws_msg *msg, const void *data, int64_t size) {
+    if (!msg || !data || size < 0 || size > kPayloadMax) return -1;
     // A zero byte behind it, as a received body has.
     uint8_t *body = os_memcat(data, static_cast<size_t>(size), "", 1);
     if (!body) return -1;

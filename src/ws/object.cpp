@@ -41,8 +41,7 @@ void CLOUDMGR_ws_destory(cloudmgr_ws_object *ws) {
     os_free(ws);
 }
 
-// Called, not inlined, by the names for two of the fields.
-[[gnu::noinline]] void *CLOUDMGR_ws_GetPara(cloudmgr_ws_owner *owner, uint32_t index) {
+void *CLOUDMGR_ws_GetPara(cloudmgr_ws_owner *owner, uint32_t index) {
     cloudmgr_ws_object *ws = ws_of(owner);
     if (!ws) return nullptr;
     if (index == kData) return ws->data;
@@ -60,16 +59,16 @@ int CLOUDMGR_ws_SetPara(cloudmgr_ws_owner *owner, uint32_t index, const void *va
     return 0;
 }
 
-void KYRCLOUD_ws_SetAccept(cloudmgr_ws_owner *owner, const char *accept) {
-    CLOUDMGR_ws_SetPara(owner, kAccept, accept, 0);
+int KYRCLOUD_ws_SetAccept(cloudmgr_ws_owner *owner, const char *accept) {
+    return CLOUDMGR_ws_SetPara(owner, kAccept, accept, 0);
 }
 
 char *KYRCLOUD_ws_GetAccept(cloudmgr_ws_owner *owner) {
     return static_cast<char *>(CLOUDMGR_ws_GetPara(owner, kAccept));
 }
 
-void KYRCLOUD_ws_SetTgt(cloudmgr_ws_owner *owner, const char *target) {
-    CLOUDMGR_ws_SetPara(owner, kTarget, target, 0);
+int KYRCLOUD_ws_SetTgt(cloudmgr_ws_owner *owner, const char *target) {
+    return CLOUDMGR_ws_SetPara(owner, kTarget, target, 0);
 }
 
 char *KYRCLOUD_ws_GetTgt(cloudmgr_ws_owner *owner) { return static_cast<char *>(CLOUDMGR_ws_GetPara(owner, kTarget)); }

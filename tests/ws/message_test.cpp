@@ -55,10 +55,20 @@ TEST_F(MessageTest, what_cannot_be_set_leaves_the_old_body) {
     EXPECT_EQ(CLOUDMGR_ws_setbody(nullptr, "x", 1), -1);
     EXPECT_EQ(CLOUDMGR_ws_setbody(msg, nullptr, 1), -1);
     EXPECT_EQ(CLOUDMGR_ws_setbody(msg, "x", -1), -1);
+    EXPECT_EQ(CLOUDMGR_ws_setbody(msg, "x", INT64_MIN), -1);
     const support::FailAlloc fail(0);
     EXPECT_EQ(CLOUDMGR_ws_setbody(msg, "x", 1), -1);
     EXPECT_STREQ(reinterpret_cast<char *>(msg->body), "abc");
     EXPECT_EQ(msg->length, 3);
+}
+
+TEST_F(MessageTest, a_size_over_31_bits_is_refused_and_never_cut_to_another_one) {
+    CLOUDMGR_ws_setbody(msg, "abc", 3);
+    for (const int64_t size : {int64_t{INT32_MAX} + 1, (int64_t{1} << 32) + 1, INT64_MAX}) {
+        EXPECT_EQ(CLOUDMGR_ws_setbody(msg, "x", size), -1) << size;
+        EXPECT_EQ(msg->length, 3);
+    }
+    EXPECT_STREQ(reinterpret_cast<char *>(msg->body), "abc");
 }
 
 TEST_F(MessageTest, null_messages_are_ignored) {

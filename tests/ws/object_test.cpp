@@ -36,6 +36,23 @@ TEST_F(ObjectTest, each_text_is_a_copy_in_its_own_field) {
     EXPECT_STREQ(owner.ws->target, "new");
 }
 
+TEST_F(ObjectTest, a_field_may_be_set_to_its_own_text_or_the_end_of_it) {
+    for (const uint32_t index : {0U, 1U, 2U, 3U, 5U, 6U}) {
+        CLOUDMGR_ws_SetPara(&owner, index, "the whole text", 0);
+        EXPECT_EQ(CLOUDMGR_ws_SetPara(&owner, index, text(index), 0), 0);
+        EXPECT_STREQ(text(index), "the whole text");
+        EXPECT_EQ(CLOUDMGR_ws_SetPara(&owner, index, text(index) + 4, 0), 0);
+        EXPECT_STREQ(text(index), "whole text");
+    }
+    KYRCLOUD_ws_SetAccept(&owner, KYRCLOUD_ws_GetAccept(&owner) + 6);
+    EXPECT_STREQ(KYRCLOUD_ws_GetAccept(&owner), "text");
+    KYRCLOUD_ws_SetTgt(&owner, KYRCLOUD_ws_GetTgt(&owner) + 6);
+    EXPECT_STREQ(KYRCLOUD_ws_GetTgt(&owner), "text");
+    CLOUDMGR_ws_SetPara(&owner, 4, "abcdef", 6);
+    CLOUDMGR_ws_SetPara(&owner, 4, text(4) + 1, 3);
+    EXPECT_EQ(std::memcmp(text(4), "bcd", 4), 0);
+}
+
 TEST_F(ObjectTest, data_are_bytes_with_a_zero_byte_behind_them) {
     EXPECT_EQ(CLOUDMGR_ws_SetPara(&owner, 4, "a\0bcd", 3), 0);
     ASSERT_NE(CLOUDMGR_ws_GetPara(&owner, 4), nullptr);
@@ -52,10 +69,10 @@ TEST_F(ObjectTest, token_and_cookie_become_the_devices) {
 }
 
 TEST_F(ObjectTest, accept_and_target_have_names_of_their_own) {
-    KYRCLOUD_ws_SetAccept(&owner, "accept");
-    KYRCLOUD_ws_SetTgt(&owner, "target");
-    KYRCLOUD_ws_SetAccept(&owner, nullptr);
-    KYRCLOUD_ws_SetTgt(&owner, nullptr);
+    EXPECT_EQ(KYRCLOUD_ws_SetAccept(&owner, "accept"), 0);
+    EXPECT_EQ(KYRCLOUD_ws_SetTgt(&owner, "target"), 0);
+    EXPECT_EQ(KYRCLOUD_ws_SetAccept(&owner, nullptr), 0);
+    EXPECT_EQ(KYRCLOUD_ws_SetTgt(&owner, nullptr), 0);
     EXPECT_STREQ(KYRCLOUD_ws_GetAccept(&owner), "accept");
     EXPECT_STREQ(KYRCLOUD_ws_GetTgt(&owner), "target");
     EXPECT_STREQ(text(1), "accept");
@@ -69,9 +86,9 @@ TEST_F(ObjectTest, other_indexes_and_missing_objects_do_nothing) {
     for (cloudmgr_ws_owner *without : {&empty, static_cast<cloudmgr_ws_owner *>(nullptr)}) {
         EXPECT_EQ(CLOUDMGR_ws_SetPara(without, 1, "x", 0), 0);
         EXPECT_EQ(CLOUDMGR_ws_GetPara(without, 1), nullptr);
-        KYRCLOUD_ws_SetAccept(without, "x");
+        EXPECT_EQ(KYRCLOUD_ws_SetAccept(without, "x"), 0);
         EXPECT_EQ(KYRCLOUD_ws_GetAccept(without), nullptr);
-        KYRCLOUD_ws_SetTgt(without, "x");
+        EXPECT_EQ(KYRCLOUD_ws_SetTgt(without, "x"), 0);
         EXPECT_EQ(KYRCLOUD_ws_GetTgt(without), nullptr);
     }
     CLOUDMGR_ws_destory(nullptr);
