@@ -274,7 +274,8 @@ typedef struct CLOUDMGR_ELOOP_SOCK {
     void *extra;                     /* owned, freed with the node; null unless CLOUDMGR_eloop_sock_addex set it */
 } CLOUDMGR_ELOOP_SOCK;
 
-/* CLOUDMGR_eloop_init makes the epoll instance and an empty table. Returns the descriptor or -1. */
+/* CLOUDMGR_eloop_init makes the epoll instance and an empty table. Returns the descriptor or -1. A second call forgets
+ * the first epoll instance and its table: it closes and frees nothing. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_eloop_init(void);
 
 /* CLOUDMGR_eloop_deinit closes the epoll instance and empties the table. The sockets themselves stay open. */

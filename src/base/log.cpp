@@ -1,5 +1,8 @@
 #include "base/log.h"
 
+static_assert(offsetof(CLOUDTUNNEL_LIB_INIT_DATA, usReserved) == 0 &&
+              offsetof(CLOUDTUNNEL_LIB_INIT_DATA, pfnPrint) == 8 && sizeof(CLOUDTUNNEL_LIB_INIT_DATA) == 16);
+
 CLOUDTUNNEL_LIB_INIT_DATA g_stLibInitData = {};
 int32_t cloudmgr_debug_level = static_cast<int32_t>(LogLevel::timer_detail);
 

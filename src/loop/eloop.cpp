@@ -1,10 +1,16 @@
-// The epoll instance and the table of registered sockets. An event finds its handler by the descriptor it carries, so a
-// socket deleted meanwhile is skipped, and nothing is touched after a handler has run: it may have ended the loop.
+// The epoll instance and the table of registered sockets. An event finds its handler by the descriptor it carries, so
+// the event of a deleted socket is skipped. After a handler has run nothing is read or written here: it may have ended
+// the loop.
 #include <cstring>
 
 #include "base/list.h"
 #include "base/log.h"
 #include "base/os.h"
+
+static_assert(offsetof(CLOUDMGR_ELOOP_SOCK, link) == 0 && offsetof(CLOUDMGR_ELOOP_SOCK, fd) == 16 &&
+              offsetof(CLOUDMGR_ELOOP_SOCK, handler) == 24 && offsetof(CLOUDMGR_ELOOP_SOCK, event) == 32 &&
+              offsetof(CLOUDMGR_ELOOP_SOCK, extra) == 32 + (sizeof(struct epoll_event) + 7) / 8 * 8 &&
+              sizeof(CLOUDMGR_ELOOP_SOCK) == offsetof(CLOUDMGR_ELOOP_SOCK, extra) + 8);
 
 namespace {
 
@@ -31,79 +37,50 @@ bool full() {
     return g_loop.count >= kSocketMax;
 }
 
+CLOUDMGR_ELOOP_SOCK *find_locked(int fd) { return list_find<&CLOUDMGR_ELOOP_SOCK::fd>(g_loop.sockets, fd); }
+
 void unlink_locked(CLOUDMGR_ELOOP_SOCK *node) {
     cloudmgr_dl_list_del(&node->link);
     g_loop.count--;
 }
 
-// loop_reset frees the table and forgets the epoll instance.
-void loop_reset() {
-    {
-        const Lock hold(g_loop.lock);
-        cloudmgr_dl_FreeAll(&g_loop.sockets, node_free);
-        g_loop.count = 0;
-    }
-    pthread_mutex_destroy(&g_loop.lock);
-    memset(&g_loop, 0, sizeof g_loop);
-}
+void log_full() { LOG(error, "Create socket failed, reach the max count."); }
 
-CLOUDMGR_ELOOP_SOCK *find_locked(int fd) { return list_find<&CLOUDMGR_ELOOP_SOCK::fd>(g_loop.sockets, fd); }
-
-// sock_find returns the node of a socket, null when there is none; `take` takes it off the table.
-CLOUDMGR_ELOOP_SOCK *sock_find(int fd, bool take) {
-    if (fd == -1) return nullptr;
-    const Lock hold(g_loop.lock);
-    CLOUDMGR_ELOOP_SOCK *node = find_locked(fd);
-    if (node && take) unlink_locked(node);
-    return node;
-}
-
-// sock_register is both ways to add a socket. `ex` is the one with `extra`: it looks at the count without the lock (one
-// 32-bit word, and the loop has one thread) and has a line less to say.
-int sock_register(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler, void *extra, bool ex) {
-    if (!event || !handler) return -1;
-    if (ex ? g_loop.count >= kSocketMax : full()) {
-        LOG(error, "Create socket failed, reach the max count.");
-        return -1;
-    }
+// node_add puts a socket at the end of the table; null, with the reason logged, when memory is short.
+CLOUDMGR_ELOOP_SOCK *node_add(int fd, const struct epoll_event &event, CLOUDMGR_ELOOP_HANDLER *handler, void *extra) {
     auto *node = static_cast<CLOUDMGR_ELOOP_SOCK *>(os_alloc(sizeof(CLOUDMGR_ELOOP_SOCK)));
     if (!node) {
         LOG(error, "Malloc fo sock node failed.");
-        return -1;
+        return nullptr;
     }
     node->fd = fd;
     node->handler = handler;
-    node->event = *event;
+    node->event = event;
     node->extra = extra;
+    const Lock hold(g_loop.lock);
+    list_append(g_loop.sockets, node->link);
+    g_loop.count++;
+    return node;
+}
+
+// node_refused takes back a socket that epoll refused with `result`. `extra` stays the caller's: the call fails as a
+// whole. Returns -1.
+int node_refused(CLOUDMGR_ELOOP_SOCK *node, int result) {
+    LOG(error, "Add socket to epoll error %d.", result);
     {
         const Lock hold(g_loop.lock);
-        list_append(g_loop.sockets, node->link);
-        g_loop.count++;
-    }
-    const int result = epoll_ctl(g_loop.epfd, EPOLL_CTL_ADD, fd, event);
-    // Printed before the result is looked at, also for a call that failed: it says what epoll was asked, and the next
-    // line what became of it.
-    if (!ex)
-        LOG(connect, "epoll_ctl Add socket %d to epoll %d ok.operation %d %d %d ", fd, g_loop.epfd, EPOLL_CTL_ADD,
-            static_cast<int>(event->events), event->data.fd);
-    if (result != 0) {
-        LOG(error, "Add socket to epoll error %d.", result);
-        const Lock hold(g_loop.lock);
         unlink_locked(node);
-        os_free(node);  // `extra` stays the caller's: the call fails as a whole
-        return -1;
     }
-    if (ex)
-        LOG(connect, "Add socket %d to epoll ok.", fd);
-    else
-        LOG(connect, "Add socket %d to epoll %d ok.", fd, g_loop.epfd);
-    return 0;
+    os_free(node);
+    return -1;
 }
 
 }  // namespace
 
 int CLOUDMGR_eloop_init(void) {
-    loop_reset();
+    // Nothing is freed and no descriptor closed: callers may still hold nodes, what hangs on them, and the old epoll
+    // instance.
+    memset(&g_loop, 0, sizeof g_loop);
     list_init(g_loop.sockets);
     pthread_mutex_init(&g_loop.lock, nullptr);
     const int epfd = epoll_create(1);
@@ -119,18 +96,51 @@ int CLOUDMGR_eloop_init(void) {
 
 void CLOUDMGR_eloop_deinit(void) {
     if (g_loop.open) close(g_loop.epfd);
-    loop_reset();
+    {
+        const Lock hold(g_loop.lock);
+        cloudmgr_dl_FreeAll(&g_loop.sockets, node_free);
+        g_loop.count = 0;
+    }
+    pthread_mutex_destroy(&g_loop.lock);
+    memset(&g_loop, 0, sizeof g_loop);
     LOG(init, "Deinit epoll ok.");
 }
 
-CLOUDMGR_ELOOP_SOCK *cloudmgr_eloop_get_sock(int fd) { return sock_find(fd, false); }
+CLOUDMGR_ELOOP_SOCK *cloudmgr_eloop_get_sock(int fd) {
+    if (fd == -1) return nullptr;
+    const Lock hold(g_loop.lock);
+    return find_locked(fd);
+}
 
 int CLOUDMGR_eloop_sock_add(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler) {
-    return sock_register(fd, event, handler, nullptr, false);
+    if (!event || !handler) return -1;
+    if (full()) {
+        log_full();
+        return -1;
+    }
+    CLOUDMGR_ELOOP_SOCK *node = node_add(fd, *event, handler, nullptr);
+    if (!node) return -1;
+    const int result = epoll_ctl(g_loop.epfd, EPOLL_CTL_ADD, fd, event);
+    // Logged for a refused socket too: this line says what epoll was asked, the next one what it answered.
+    LOG(connect, "epoll_ctl Add socket %d to epoll %d ok.operation %d %d %d ", fd, g_loop.epfd, EPOLL_CTL_ADD,
+        static_cast<int>(event->events), event->data.fd);
+    if (result != 0) return node_refused(node, result);
+    LOG(connect, "Add socket %d to epoll %d ok.", fd, g_loop.epfd);
+    return 0;
 }
 
 int CLOUDMGR_eloop_sock_addex(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler, void *extra) {
-    return sock_register(fd, event, handler, extra, true);
+    if (!event || !handler) return -1;
+    if (g_loop.count >= kSocketMax) {  // read without the lock: one 32-bit word, and the loop has one thread
+        log_full();
+        return -1;
+    }
+    CLOUDMGR_ELOOP_SOCK *node = node_add(fd, *event, handler, extra);
+    if (!node) return -1;
+    const int result = epoll_ctl(g_loop.epfd, EPOLL_CTL_ADD, fd, event);
+    if (result != 0) return node_refused(node, result);
+    LOG(connect, "Add socket %d to epoll ok.", fd);
+    return 0;
 }
 
 int CLOUDMGR_eloop_sock_modify(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler) {
@@ -148,8 +158,14 @@ int CLOUDMGR_eloop_sock_modify(int fd, struct epoll_event *event, CLOUDMGR_ELOOP
 }
 
 int CLOUDMGR_eloop_sock_del(int fd) {
-    CLOUDMGR_ELOOP_SOCK *node = sock_find(fd, true);
-    if (!node) return -1;
+    if (fd == -1) return -1;
+    CLOUDMGR_ELOOP_SOCK *node = nullptr;
+    {
+        const Lock hold(g_loop.lock);
+        node = find_locked(fd);
+        if (!node) return -1;
+        unlink_locked(node);
+    }
     if (epoll_ctl(g_loop.epfd, EPOLL_CTL_DEL, fd, &node->event) != 0)
         LOG(error, "Del socket %d from epoll failed.", fd);
     else

@@ -159,7 +159,9 @@ TEST_F(LifecycleTest, a_second_init_starts_over_and_closes_only_the_link_it_forg
     ASSERT_GE(init(), 0);
     const int first_epfd = epfd;
     ASSERT_TRUE(daemon.wait_connected());
+    CLOUDMGR_ELOOP_SOCK *forgotten = cloudmgr_eloop_get_sock(g_iCloudClientConnFd);
     ASSERT_GE(init(), 0);
+    std::free(forgotten);
     EXPECT_NE(epfd, first_epfd);
     EXPECT_NE(fcntl(first_epfd, F_GETFD), -1);  // the caller may still hold it
     EXPECT_NE(g_iCloudClientConnFd, -1);

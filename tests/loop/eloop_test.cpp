@@ -430,13 +430,36 @@ TEST_F(EloopTest, the_end_of_a_loop_leaves_its_sockets_open) {
     EXPECT_EQ(cloudmgr_eloop_get_sock(fd), nullptr);
 }
 
-TEST_F(EloopTest, a_second_init_starts_with_an_empty_table) {
-    addex(fd, std::malloc(8));
-    const support::Fd first(epfd);  // the library does not know it any more
+TEST_F(EloopTest, a_second_init_starts_with_an_empty_table_and_frees_nothing_that_a_caller_may_hold) {
+    char *extra = strdup("a caller's");
+    ASSERT_EQ(addex(fd, extra), 0);
+    CLOUDMGR_ELOOP_SOCK *node = cloudmgr_eloop_get_sock(fd);
+    const support::Fd first(epfd);  // stays open, the caller's from here on
     epfd = CLOUDMGR_eloop_init();
     EXPECT_NE(epfd, first.get());
     EXPECT_EQ(cloudmgr_eloop_get_sock(fd), nullptr);
+    EXPECT_EQ(node->fd, fd);
+    EXPECT_EQ(node->extra, extra);
+    EXPECT_STREQ(extra, "a caller's");
+    make_ready();
+    EXPECT_EQ(CLOUDTUNNEL_EPOLL_HandleMsg(first.get()), 0);  // finds no handler
     EXPECT_EQ(add(fd), 0);
+    std::free(extra);
+    std::free(node);
+}
+
+TEST_F(EloopTest, a_second_init_has_room_for_128_sockets) {
+    ASSERT_EQ(add(fd), 0);
+    CLOUDMGR_ELOOP_SOCK *forgotten = cloudmgr_eloop_get_sock(fd);
+    const support::Fd first(epfd);
+    epfd = CLOUDMGR_eloop_init();
+    std::vector<support::Fd> copies;
+    for (int n = 0; n < kMax; n++) {
+        copies.emplace_back(dup(fd));
+        ASSERT_EQ(add(copies.back().get()), 0);
+    }
+    EXPECT_EQ(add(fd), -1);
+    std::free(forgotten);
 }
 
 TEST_F(EloopTest, without_a_loop_everything_fails_quietly) {
