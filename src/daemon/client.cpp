@@ -10,6 +10,8 @@
 #include "base/list.h"
 #include "base/log.h"
 #include "base/os.h"
+#include "daemon/link.h"
+#include "daemon/modules.h"
 #include "daemon/wire.h"
 #include "loop/timer.h"
 
@@ -22,61 +24,42 @@ constexpr struct timeval kReplyTimeout = {.tv_sec = 20, .tv_usec = 0};
 constexpr uint64_t kReconnectMs = 10000;
 constexpr size_t kMessageMax = 2048;
 
-int g_own_fd = -1;  // the descriptor this room connected last: the exported one can be written by others
-
-// reconnect_armed is false for -1 as well: a timer that a caller gave that id has another callback.
+// reconnect_armed compares the callback too: an id of -1 means that none is armed, but a caller's timer may have it.
 bool reconnect_armed() {
     return timer_armed(static_cast<uint32_t>(g_iCloudClientReConnTimeFd), cloudtunnel_cl_reConnTimerProc);
 }
 
-// reconnect_disarm forgets the timer, and deletes it unless the id is another timer's by now.
+// reconnect_disarm forgets the timer. It deletes the timer too, unless the id belongs to another one by now.
 void reconnect_disarm() {
     if (reconnect_armed()) cloudtunnel_timer_del(static_cast<uint32_t>(g_iCloudClientReConnTimeFd));
     g_iCloudClientReConnTimeFd = -1;
 }
 
-void link_close() {
-    close(g_iCloudClientConnFd);
-    g_iCloudClientConnFd = g_own_fd = -1;
-}
-
-// drop_forgotten_link closes a link that an earlier init made and a later one dropped from the event loop: nobody would
-// ever read it, and it would stand in the way of the reconnection.
-void drop_forgotten_link() {
-    if (g_iCloudClientConnFd == -1 || g_iCloudClientConnFd != g_own_fd) return;
-    if (!cloudmgr_eloop_get_sock(g_iCloudClientConnFd)) link_close();
-}
-
 int call(int (*callback)(void)) { return callback && callback() != 0 ? 1 : 0; }
 
-// A message as it was read. The zero byte behind it ends every text that its field does not end.
+// A message as it was read. A text that fills its field ends in a later field, at the latest at the zero byte behind
+// the message.
 union Message {
     uint8_t bytes[kMessageMax + 1];
     WireNotification notification;
 };
 
-// text_at returns the text that begins at a field. It ends at the first zero byte, in the field or behind it: a model's
-// name may be longer than its field.
+// text_at returns the text that begins at `offset` and ends at the first zero byte, in its field or behind it: a
+// model's name may be longer than its field.
 const char *text_at(const Message &message, size_t offset) {
     return reinterpret_cast<const char *>(message.bytes + offset);
 }
 
 const char *model_of(const Message &message) { return text_at(message, offsetof(WireNotification, model)); }
 
-// note_text stores a copy of a text that is new. The older copy is not freed: modules read it without knowing when it
-// changes. A daemon that repeats itself costs nothing.
-void note_text(char **field, const char *text) {
-    if (os_strcmp(*field, text) != 0) *field = os_strdup(text);
-}
-
-// take_tunnel_data stores what the daemon tells of a model's tunnel.
+// take_tunnel_data stores what the daemon sent of a model's tunnel.
 void take_tunnel_data(const Message &message, CLOUDTUNNEL_MODULE_NODE *module) {
     const char *cookie = text_at(message, offsetof(WireNotification, cookie));
     cloudtunnel_dev_setMainTunnelInfo(&message.notification.main_tunnel_info, cookie);
-    note_text(&module->url_host, text_at(message, offsetof(WireNotification, url_host)));
-    note_text(&module->url_path, text_at(message, offsetof(WireNotification, url_path)));
-    module->tunnel_value = message.notification.tunnel_value;
-    module->port = message.notification.port;
+    module_set_tunnel(module, {.url_host = text_at(message, offsetof(WireNotification, url_host)),
+                               .url_path = text_at(message, offsetof(WireNotification, url_path)),
+                               .tunnel_value = message.notification.tunnel_value,
+                               .port = message.notification.port});
     cloudmgr_v3_setTokenID(text_at(message, offsetof(WireNotification, token)));
     cloudmgr_v3_setCookie(cookie);
     LOG(event, "token %s cookie %s", CLOUDMGR_TUNNEL_GetToken(), cloudmgr_v3_getCookie());
@@ -97,7 +80,7 @@ int take_notification(const Message &message) {
         module = cloudmgr_module_getmodNodeByName(model_of(message));
         if (!module) LOG(error, "pstModule == NULL");
     }
-    if (!module) return 1;  // the other two kinds go without a word
+    if (!module) return 1;  // nothing is logged for the other two kinds
     return call(sub_type == kTunnelData     ? module->tunnel_open_cb
                 : sub_type == kTunnelClosed ? module->tunnel_close_cb
                                             : module->tunnel_third_cb);
@@ -123,8 +106,8 @@ bool something_to_read(int fd) {
     return ioctl(fd, FIONREAD, &bytes) == 0 && bytes > 0;
 }
 
-// read_message reads once; again after EINTR, and after EAGAIN as long as there is something to read, so that a wake-up
-// for nothing does not spin.
+// read_message reads once. It repeats a read that EINTR interrupted; after EAGAIN it reads again only if there is
+// something to read, so that a spurious wake-up does not spin.
 ssize_t read_message(int fd, Message *message) {
     ssize_t got = 0;
     do {
@@ -190,7 +173,7 @@ int cloudtunnel_cl_connect(const char *path) {
         LOG(error, "[libcloudtunnel client] client fd add socket eloop error\n");
         return 1;
     }
-    g_iCloudClientConnFd = g_own_fd = fd.release();
+    link_set(fd.release());
     cloudtunnel_module_reg2Server();
     return 0;
 }
@@ -217,7 +200,7 @@ int cloudtunnel_cl_reConnTimerProc(uint32_t, void *) {
 }
 
 int CLOUDTUNNEL_client_Init(void) {
-    drop_forgotten_link();
+    link_close_forgotten();
     if (cloudtunnel_cl_connect(kDaemonPath) == 0) return 0;
     return cloudtunnel_cl_startReconnect() == 0 ? 0 : -1;
 }

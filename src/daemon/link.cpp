@@ -11,10 +11,12 @@ int32_t g_iCloudClientConnFd = -1;
 
 namespace {
 
-constexpr int kSendRetries = 10;  // failures in a row that end the attempt
+int g_own_fd = -1;  // the link as link_set stored it: callers can write the exported one
+
+constexpr int kSendRetries = 10;  // failures in a row, the last of which ends the attempt
 constexpr size_t kReplyMax = 1024;
 
-// send_all sends `len` bytes; a daemon that is gone raises no signal.
+// send_all sends `len` bytes. A daemon that has closed its end makes it fail, without a signal.
 bool send_all(int fd, const uint8_t *data, size_t len) {
     int failures = 0;
     while (len > 0) {
@@ -30,8 +32,8 @@ bool send_all(int fd, const uint8_t *data, size_t len) {
     return true;
 }
 
-// wait_for_reply blocks until the daemon answers or the link breaks. The socket's receive time-out ends each wait, not
-// the waiting.
+// wait_for_reply blocks until the daemon answers or the link breaks. The socket's receive time-out ends one recv, and
+// another one follows.
 void wait_for_reply(int fd) {
     uint8_t reply[kReplyMax] = {};
     while (recv(fd, reply, sizeof reply, 0) < 0 && os_try_again(errno)) {
@@ -40,14 +42,25 @@ void wait_for_reply(int fd) {
 
 }  // namespace
 
-int cloudtunnel_cl_sendRegMsg2Server(const WireModule *module, WireReply *) {
+void link_set(int fd) { g_iCloudClientConnFd = g_own_fd = fd; }
+
+void link_close() {
+    close(g_iCloudClientConnFd);
+    link_set(-1);
+}
+
+void link_close_forgotten() {
+    if (g_iCloudClientConnFd == -1 || g_iCloudClientConnFd != g_own_fd) return;
+    if (!cloudmgr_eloop_get_sock(g_iCloudClientConnFd)) link_close();
+}
+
+void cloudtunnel_cl_sendRegMsg2Server(const WireModule &module) {
     const int fd = g_iCloudClientConnFd;
-    if (fd == -1 || !module) return -1;
+    if (fd == -1) return;
     WireRegistration message = {};
     message.header.type = kTypeRegistration;
-    message.module = *module;
+    message.module = module;
     const auto *bytes = reinterpret_cast<const uint8_t *>(&message);
     printHex(bytes, sizeof message);
     if (send_all(fd, bytes, sizeof message)) wait_for_reply(fd);
-    return -1;
 }

@@ -1,15 +1,41 @@
+#include "daemon/modules.h"
+
 #include "base/list.h"
 #include "base/log.h"
 #include "base/os.h"
 #include "daemon/link.h"
 
-static_assert(offsetof(CLOUDTUNNEL_MODULE_NODE, registered) == 16 && offsetof(CLOUDTUNNEL_MODULE_NODE, name) == 24 &&
+static_assert(offsetof(CLOUDTUNNEL_MODULE_NODE, link) == 0 && offsetof(CLOUDTUNNEL_MODULE_NODE, registered) == 16 &&
+              offsetof(CLOUDTUNNEL_MODULE_NODE, name) == 24 && offsetof(CLOUDTUNNEL_MODULE_NODE, sub_name) == 32 &&
               offsetof(CLOUDTUNNEL_MODULE_NODE, tunnel_open_cb) == 40 &&
-              offsetof(CLOUDTUNNEL_MODULE_NODE, url_host) == 64 &&
-              offsetof(CLOUDTUNNEL_MODULE_NODE, tunnel_value) == 80 && offsetof(CLOUDTUNNEL_MODULE_NODE, port) == 84);
-static_assert(sizeof(CLOUDTUNNEL_MODULE_REG) == 5 * sizeof(void *));
+              offsetof(CLOUDTUNNEL_MODULE_NODE, tunnel_close_cb) == 48 &&
+              offsetof(CLOUDTUNNEL_MODULE_NODE, tunnel_third_cb) == 56 &&
+              offsetof(CLOUDTUNNEL_MODULE_NODE, url_host) == 64 && offsetof(CLOUDTUNNEL_MODULE_NODE, url_path) == 72 &&
+              offsetof(CLOUDTUNNEL_MODULE_NODE, tunnel_value) == 80 && offsetof(CLOUDTUNNEL_MODULE_NODE, port) == 84 &&
+              sizeof(CLOUDTUNNEL_MODULE_NODE) == 88);
+static_assert(offsetof(CLOUDTUNNEL_MODULE_REG, pcName) == 0 && offsetof(CLOUDTUNNEL_MODULE_REG, pcSubName) == 8 &&
+              offsetof(CLOUDTUNNEL_MODULE_REG, tunnel_open_cb) == 16 &&
+              offsetof(CLOUDTUNNEL_MODULE_REG, tunnel_close_cb) == 24 &&
+              offsetof(CLOUDTUNNEL_MODULE_REG, tunnel_third_cb) == 32 && sizeof(CLOUDTUNNEL_MODULE_REG) == 40);
+static_assert(offsetof(cloudtunnel_module_head, link) == 0 && offsetof(cloudtunnel_module_head, count) == 16 &&
+              offsetof(cloudtunnel_module_head, reserved) == 20 && sizeof(cloudtunnel_module_head) == 32);
 
 cloudtunnel_module_head cloudtunnel_module_list = {};
+
+namespace {
+
+void set_text(char **field, const char *text) {
+    if (os_strcmp(*field, text) != 0) *field = os_strdup(text);
+}
+
+}  // namespace
+
+void module_set_tunnel(CLOUDTUNNEL_MODULE_NODE *module, const TunnelData &data) {
+    set_text(&module->url_host, data.url_host);
+    set_text(&module->url_path, data.url_path);
+    module->tunnel_value = data.tunnel_value;
+    module->port = data.port;
+}
 
 void cloudtunnel_initModuleList(void) {
     cloudtunnel_module_list = {};
@@ -24,7 +50,8 @@ int CLOUDTUNNEL_MODULE_Register(const CLOUDTUNNEL_MODULE_REG *reg) {
         LOG(error, "malloc fo module node failed.");
         return -1;
     }
-    // Copied twice, the first copy not released: kept on purpose, a module registers once in the life of its process.
+    // The name is copied twice and the first copy not freed, on purpose: a module registers once in the life of its
+    // process.
     node->name = os_strdup(reg->pcName);
     node->name = os_strdup(reg->pcName);
     node->sub_name = os_strdup(reg->pcSubName);
@@ -50,8 +77,7 @@ void cloudtunnel_module_reg2Server(void) {
         os_strlcpy(module.name, node.name, sizeof module.name);
         os_strlcpy(module.same_name, node.name, sizeof module.same_name);
         os_strlcpy(module.sub_name, node.sub_name, sizeof module.sub_name);
-        WireReply reply = {};
         LOG(event, "sendRegMsg2Server %s .", node.name ? node.name : "");
-        if (cloudtunnel_cl_sendRegMsg2Server(&module, &reply) == 0 && reply.result == 0) node.registered = 1;
+        cloudtunnel_cl_sendRegMsg2Server(module);
     }
 }

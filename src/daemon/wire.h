@@ -8,7 +8,7 @@
 #include <cstdint>
 
 constexpr uint32_t kTypeRegistration = 1;           // module to daemon
-constexpr uint32_t kTypeReserved = 2;               // taken without a word
+constexpr uint32_t kTypeReserved = 2;               // accepted and ignored
 constexpr uint32_t kTypeNotification = 0xBEBEBEBC;  // daemon to module
 
 enum : uint32_t { kTunnelData = 1, kTunnelClosed = 2, kThirdKind = 3 };  // sub-types of a notification
@@ -23,7 +23,7 @@ static_assert(sizeof(WireHeader) == 16 && offsetof(WireHeader, sub_type) == 8);
 
 constexpr size_t kWireName = 32;  // bytes of a name, its zero byte included
 
-// A module, as a registration names it.
+// A module, as the registration with the daemon names it.
 struct WireModule {
     char name[kWireName];
     char same_name[kWireName];
@@ -35,13 +35,6 @@ struct WireRegistration {
     WireModule module;
 };
 static_assert(sizeof(WireRegistration) == 112);
-
-// The daemon's answer to a registration, as the module list sees it; nothing ever fills it.
-struct WireReply {
-    uint32_t result;
-    uint8_t rest[128];
-};
-static_assert(sizeof(WireReply) == 132);
 
 struct WireNotification {
     WireHeader header;

@@ -1,3 +1,5 @@
+#include "daemon/modules.h"
+
 #include <cstdlib>
 #include <cstring>
 
@@ -102,6 +104,32 @@ TEST_F(ModuleTest, a_name_registered_twice_makes_two_nodes_and_the_first_is_foun
     EXPECT_EQ(cloudtunnel_module_list.count, 2);
     EXPECT_STREQ(cloudmgr_module_getmodNodeByName("model")->sub_name, "first");
     EXPECT_EQ(cloudmgr_module_getmodNodeByName("Model"), nullptr);
+}
+
+TEST_F(ModuleTest, a_module_may_be_named_by_the_texts_of_another_one) {
+    add("one", "other");
+    const CLOUDTUNNEL_MODULE_NODE *first = cloudmgr_module_getmodNodeByName("one");
+    EXPECT_EQ(add(first->sub_name, first->name), 0);
+    EXPECT_STREQ(cloudmgr_module_getmodNodeByName("other")->sub_name, "one");
+    EXPECT_STREQ(first->name, "one");
+}
+
+TEST_F(ModuleTest, tunnel_data_are_stored_and_an_older_text_that_a_module_may_read_is_not_freed) {
+    add("model");
+    CLOUDTUNNEL_MODULE_NODE *node = cloudmgr_module_getmodNodeByName("model");
+    module_set_tunnel(node, {.url_host = "host", .url_path = "/path", .tunnel_value = 7, .port = 443});
+    EXPECT_STREQ(node->url_host, "host");
+    EXPECT_STREQ(node->url_path, "/path");
+    EXPECT_EQ(node->tunnel_value, 7U);
+    EXPECT_EQ(node->port, 443);
+    char *host = node->url_host;
+    const char *path = node->url_path;
+    module_set_tunnel(node, {.url_host = "other", .url_path = node->url_path, .tunnel_value = 8, .port = 80});
+    EXPECT_STREQ(node->url_host, "other");
+    EXPECT_STREQ(host, "host");
+    EXPECT_EQ(node->url_path, path);  // the same text: no further copy
+    EXPECT_EQ(node->port, 80);
+    std::free(host);
 }
 
 TEST_F(ModuleTest, a_null_record_is_refused_and_null_names_match_nothing) {
