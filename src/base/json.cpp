@@ -9,7 +9,7 @@ const char *cloudtunnel_json_ObjectToString(json_object *object) {
 json_object *cloudtunnel_json_StringToObject(const char *text) { return text ? json_tokener_parse(text) : nullptr; }
 
 json_object *cloudtunnel_json_GetObject(json_object *object, const char *key) {
-    json_object *member = nullptr;  // and so it stays where there is none
+    json_object *member = nullptr;  // and stays so where there is no such member
     if (key) json_object_object_get_ex(object, key, &member);
     return member;
 }

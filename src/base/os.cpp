@@ -8,7 +8,7 @@
 
 namespace {
 
-// White space as the "C" locale has it, in which the library's texts are written.
+// White space in the "C" locale, whatever the process has set.
 bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Text and memory helpers, and the small owners that keep every road out of a function clean. The helpers take null
-// texts; lengths and ends are always given, never assumed.
+// Text and memory helpers, and the small owners that release what they hold on every exit path. The helpers accept null
+// texts unless a comment says otherwise.
 #pragma once
 
 #include <pthread.h>
@@ -37,7 +37,7 @@ size_t os_strlen(const char *text);  // 0 for null
 // os_strcmp returns 0 when both texts are there and equal, so that null matches nothing.
 int os_strcmp(const char *a, const char *b);
 
-// os_strltrim and os_strrtrim remove white space at the beginning or at the end of `text`, in place.
+// os_strltrim and os_strrtrim remove white space at the beginning or at the end of `text`, in place. Not for null.
 void os_strltrim(char *text);
 void os_strrtrim(char *text);
 
@@ -54,7 +54,7 @@ int os_getcommand(const char *command, char *out, size_t size);
 // os_atoi reads a decimal number as atoi does, from at most `len` bytes; what does not fit an int is cut to its limits.
 int os_atoi(const char *text, size_t len);
 
-// os_try_again tells whether a failed call is worth repeating as it was.
+// os_try_again is true for the errors after which the same call may succeed.
 inline bool os_try_again(int error) { return error == EINTR || error == EAGAIN; }
 
 // os_asctime writes what asctime_r does. False, and an empty text, outside the years 0 to 9999: there the C library of
@@ -68,7 +68,7 @@ struct OsFree {
 template <typename T>
 using Owned = std::unique_ptr<T, OsFree>;
 
-// An open descriptor, closed on every road out unless released.
+// An open descriptor, closed at the end of its scope unless released.
 class Fd {
   public:
     explicit Fd(int fd) : fd_(fd) {}

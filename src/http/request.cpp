@@ -62,8 +62,8 @@ class Writer {
         va_end(args);
     }
 
-    // line writes "name: value", where there is a value. It is called, not inlined, at every header.
-    [[gnu::noinline]] void line(const char *name, const char *value) {
+    // line writes "name: value" if there is a value.
+    void line(const char *name, const char *value) {
         if (value) add("%s: %s\r\n", name, value);
     }
 

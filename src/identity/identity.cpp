@@ -1,4 +1,4 @@
-// The device's identity and the main tunnel's status: what the registration tells the platform.
+// The device's identity and the main tunnel's status: what a tunnel's registration with the platform contains.
 #include <json-c/json.h>
 
 #include <cstring>
@@ -20,7 +20,8 @@ constexpr size_t kSecretSize = 128;  // bytes of the cookie and of the token
 
 char g_serial[kSerialSize] = "-NA-";
 
-// Cookie and token stand side by side because they arrive as one block, terminated or not; `end` stops a reader.
+// Cookie and token are neighbours because they arrive as one block. Neither needs to end with a zero byte: `end` is
+// one.
 struct Store {
     CLOUDTUNNEL_MAIN_TUNNEL_INFO info;
     struct {
@@ -44,7 +45,7 @@ int cloudmgr_dev_setSN(void) {
     char serial[kSerialSize] = "";
     os_getcommand("cat /proc/sys/product_info | grep HW_SERIES_NUM | cut -d: -f 2", serial, sizeof serial);
     if (serial[0]) memcpy(g_serial, serial, sizeof g_serial);
-    // At ERROR although it is none: it is the one line that says which device wrote the log.
+    // At ERROR although it is no error: at every usual level the log says which device wrote it.
     LOG(error, "Cloud-Tunnel-Lib Set Device SN [%s].", g_serial);
     return 0;
 }
@@ -56,10 +57,10 @@ const char *cloudmgr_dev_getSN(void) {
 
 void cloudtunnel_dev_setMainTunnelInfo(const CLOUDTUNNEL_MAIN_TUNNEL_INFO *info, const void *cookie_and_token) {
     if (info) memcpy(&g_store.info, info, sizeof g_store.info);
-    if (cookie_and_token) memcpy(&g_store.secrets, cookie_and_token, sizeof g_store.secrets);
+    if (cookie_and_token) memmove(&g_store.secrets, cookie_and_token, sizeof g_store.secrets);
 }
 
-// Called where a tunnel goes down; what went wrong is told by the daemon alone.
+// Called where a tunnel ends. It stores nothing: only the daemon says why the main tunnel went down.
 void cloudmgr_dev_settunnellastdownerror(void) {}
 
 int32_t cloudmgr_dev_gettunnellastdownreason(void) { return g_store.info.last_down_reason; }

@@ -24,7 +24,7 @@ void put_hex(char *to, const uint8_t *data, size_t len) {
     *to = '\0';
 }
 
-// close_log_file tells whether one was open.
+// close_log_file closes the log file. False when none was open.
 bool close_log_file() {
     if (!g_CloudTunnelLogFile) return false;
     fclose(g_CloudTunnelLogFile);
@@ -92,7 +92,8 @@ int CLOUDMGR_debug_open_file(const char *path) {
     if (!path) return 0;
     if (os_strcmp(g_log_path, path) != 0) os_replace(&g_log_path, path);
     close_log_file();
-    if (g_log_path) g_CloudTunnelLogFile = fopen(path, "w");
+    // By the stored copy: `path` may be the end of the old one, which is freed by now.
+    if (g_log_path) g_CloudTunnelLogFile = fopen(g_log_path, "w");
     if (!g_CloudTunnelLogFile) {
         LOG(init, "Open log file failed.");
         return -1;

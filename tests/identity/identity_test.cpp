@@ -129,4 +129,19 @@ TEST_F(DeviceTest, the_identity_is_four_members_in_order) {
     cloudmgr_v3_basic_add(nullptr, "cloud", "device");
 }
 
+TEST_F(DeviceTest, token_and_cookie_may_be_set_to_the_stored_texts) {
+    cloudmgr_v3_setTokenID("a token");
+    cloudmgr_v3_setTokenID(CLOUDMGR_TUNNEL_GetToken());
+    EXPECT_STREQ(CLOUDMGR_TUNNEL_GetToken(), "a token");
+    cloudmgr_v3_setTokenID(CLOUDMGR_TUNNEL_GetToken() + 2);
+    EXPECT_STREQ(CLOUDMGR_TUNNEL_GetToken(), "token");
+    cloudmgr_v3_setCookie("a cookie");
+    cloudmgr_v3_setCookie(cloudmgr_v3_getCookie());
+    EXPECT_STREQ(cloudmgr_v3_getCookie(), "a cookie");
+    cloudmgr_v3_setCookie(CLOUDMGR_TUNNEL_GetToken());
+    EXPECT_STREQ(cloudmgr_v3_getCookie(), "token");
+    cloudtunnel_dev_setMainTunnelInfo(nullptr, cloudmgr_v3_getCookie());
+    EXPECT_STREQ(CLOUDMGR_TUNNEL_GetToken(), "token");
+}
+
 }  // namespace

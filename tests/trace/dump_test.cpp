@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -193,6 +194,28 @@ TEST_F(DumpTest, another_path_takes_over) {
     dump("A");
     EXPECT_EQ(content(path), "");
     EXPECT_NE(content(other), "");
+}
+
+// The stored path is shown to the print callback, and to nobody else.
+const char *g_shown = nullptr;
+int show_argument(uint32_t, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    if (std::strcmp(format, "Open log file %s.") == 0) g_shown = va_arg(args, const char *);
+    va_end(args);
+    return 0;
+}
+
+TEST_F(DumpTest, the_end_of_the_stored_path_may_be_the_next_path) {
+    const CLOUDTUNNEL_LIB_INIT_DATA before = g_stLibInitData;
+    const CLOUDTUNNEL_LIB_INIT_DATA showing = {.usReserved = 0, .pfnPrint = show_argument};
+    CLOUDMGR_debug_Init(&showing);
+    ASSERT_EQ(CLOUDMGR_debug_open_file(("/tmp/.." + path).c_str()), 0);
+    EXPECT_EQ(CLOUDMGR_debug_open_file(g_shown), 0);
+    EXPECT_EQ(CLOUDMGR_debug_open_file(g_shown + std::strlen("/tmp/..")), 0);
+    EXPECT_EQ(g_shown, path);
+    CLOUDMGR_debug_Init(&before);
+    EXPECT_TRUE(exists(path));
 }
 
 TEST_F(DumpTest, a_file_that_cannot_be_opened_leaves_none_open) {
