@@ -579,25 +579,34 @@ CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_sendData(int sock, const uint8_t *data, i
 
 /* ------------------------------------------------------------------------------------------------ receiving bytes */
 
-/* CLOUDMGR_socket_rcvData reads at most `len` bytes once. The count; -2 when nothing can be read now; -1 for an error
- * and for the end of the stream. */
+/* The results of everything that reads. Bytes that do not make a complete message yet are kept in the connection's
+ * receive buffer, `buf` and `bufLen` of its record. */
+enum {
+    CLOUDTUNNEL_READ_DONE = 0,           /* what was asked for is there, complete */
+    CLOUDTUNNEL_READ_BAD = -1,           /* an error, or the end of the stream: close the connection */
+    CLOUDTUNNEL_READ_INCOMPLETE = -2,    /* not complete yet: call again when more bytes arrive */
+    CLOUDTUNNEL_READ_INCOMPLETE_TOO = -3 /* means the same, and is handled alike */
+};
+
+/* CLOUDMGR_socket_rcvData reads at most `len` bytes once. Their count; CLOUDTUNNEL_READ_INCOMPLETE when nothing can be
+ * read now; CLOUDTUNNEL_READ_BAD. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_rcvData(int sock, uint8_t *dst, uint32_t len);
 
-/* CLOUDMGR_socket_getData fills `dst` with `need` bytes: first those saved in `conn` from `offset` on, then one read of
- * the socket. 0 when all are there; -2 or -3 when not yet; -1 on error. *fromBuf and *fromSock tell where the bytes
- * came from, with one exception that callers rely on: when both sources took part and all bytes are there, *fromSock
- * is `need`, not the number read. */
+/* CLOUDMGR_socket_getData fills `dst` with `need` bytes: first those in the receive buffer of `conn` from `offset` on,
+ * then with one read of the socket. Returns CLOUDTUNNEL_READ_DONE when all are there, _INCOMPLETE (or _TOO) when not
+ * yet, or _BAD. *fromBuf and *fromSock count the bytes from each source, with one exception that callers rely on: when
+ * both sources took part and all bytes are there, *fromSock is `need`, not the number read. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_getData(int sock, uint8_t *dst, cloudtunnel_connect_node *conn, int need,
                                                int offset, uint32_t *fromBuf, uint32_t *fromSock);
 
 /* CLOUDMGR_socket_mergeBuf returns a new block of `a` followed by `b`, for the caller to free; null without memory. */
 CLOUDTUNNEL_EXPORT uint8_t *CLOUDMGR_socket_mergeBuf(const uint8_t *a, const uint8_t *b, uint32_t lenA, uint32_t lenB);
 
-/* CLOUDMGR_socket_bufUpdata replaces the saved bytes with a copy of `len` bytes; a `len` of 0 changes nothing. 0, or
+/* CLOUDMGR_socket_bufUpdata replaces the receive buffer with a copy of `len` bytes; a `len` of 0 changes nothing. 0, or
  * -1. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_bufUpdata(cloudtunnel_connect_node *conn, const uint8_t *data, uint32_t len);
 
-/* CLOUDMGR_socket_bufClean drops the first `consumed` saved bytes. 0, or -1 for a null connection. */
+/* CLOUDMGR_socket_bufClean drops the first `consumed` bytes of the receive buffer. 0, or -1 for a null connection. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_bufClean(cloudtunnel_connect_node *conn, uint32_t consumed);
 
 /* ------------------------------------------------------------------------------------------------ HTTP */
@@ -703,8 +712,8 @@ CLOUDTUNNEL_EXPORT int cloudtunnel_http_send_configMaxCount(int sock, const clou
 CLOUDTUNNEL_EXPORT int cloudtunnel_http_strcat(cloudtunnel_http_text *text, const char *format, ...)
     CLOUDTUNNEL_PRINTF(2, 3);
 
-/* cloudtunnel_http_rcv reads one response from the connection of `sock`. 0 when it is complete; -2 or -3 when not yet:
- * its bytes are saved in the connection, call again with a fresh response; -1 on error. */
+/* cloudtunnel_http_rcv reads one response from the connection of `sock`: CLOUDTUNNEL_READ_DONE; _INCOMPLETE (or _TOO)
+ * when its bytes are kept in the receive buffer: call again with a fresh response; or _BAD. */
 CLOUDTUNNEL_EXPORT int cloudtunnel_http_rcv(int sock, cloudtunnel_http_resp *resp);
 
 /* cloudtunnel_http_hdr_decode reads the header block; returns its length, the empty line included, or -1 when it has no
@@ -818,9 +827,9 @@ CLOUDTUNNEL_EXPORT int kyrcloud_ws_send_oneFrag(int sock, const cloudmgr_ws_msg 
 CLOUDTUNNEL_EXPORT int kyrcloud_ws_sendlarge_oneFrag(int sock, const cloudmgr_ws_msg *msg, int position, int index,
                                                      int attempts, uint32_t delay_us);
 
-/* CLOUDMGR_ws_rcv reads one frame from the connection of `sock` into an empty message. 0; -2 or -3 when the frame is
- * not complete: its bytes are saved in the connection, call again with an empty message; -1 on error. Fragments, pings,
- * pongs and closes are messages like any other: the module assembles and answers them. */
+/* CLOUDMGR_ws_rcv reads one frame from the connection of `sock` into an empty message: CLOUDTUNNEL_READ_DONE;
+ * _INCOMPLETE (or _TOO) when its bytes are kept in the receive buffer: call again with an empty message; or _BAD.
+ * Fragments, pings, pongs and closes are messages like any other: the module assembles and answers them. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_ws_rcv(int sock, cloudmgr_ws_msg *msg);
 
 /* CLOUDMGR_ws_CloseSend sends a close frame with a status and a reason of at most 4094 bytes. 0 when the frame was

@@ -1,4 +1,4 @@
-// Bytes in, plain or TLS, and the bytes that wait in the connection for the rest of their message.
+// Bytes in, plain or TLS, and the receive buffer of a connection.
 #include "conn/receive.h"
 
 #include <malloc.h>
@@ -27,7 +27,7 @@ int receive_plain(int sock, const char *model, uint8_t *dst, uint32_t len) {
     const int error = errno;
     if (got < 0 && os_try_again(error)) {
         LOG(connect, "[Model %s][Socket %d]Recv incomplete.", model, sock);
-        return kIncomplete;
+        return kReadIncomplete;
     }
     LOG(error,
         got < 0 ? "[Model %s][Socket %d]Rcv msg rcv error %d, errno %d [%s]."
@@ -35,13 +35,13 @@ int receive_plain(int sock, const char *model, uint8_t *dst, uint32_t len) {
         model, sock, static_cast<int>(got), error, strerror(error));
     errno = error;
     perror("\r\n Rcv errno message");
-    return -1;
+    return kReadBad;
 }
 
 int receive_tls(int sock, const char *model, uint8_t *dst, uint32_t len) {
     const cloudtunnel_ssl_node *node = CLOUDMGR_ssl_GetSslBySock(sock);
     SSL *ssl = node ? node->ssl : nullptr;
-    if (!ssl) return -1;
+    if (!ssl) return kReadBad;
     ERR_clear_error();
     const int got = SSL_read(ssl, dst, static_cast<int>(std::min<uint32_t>(len, INT_MAX)));
     if (got > 0) return got;
@@ -50,21 +50,26 @@ int receive_tls(int sock, const char *model, uint8_t *dst, uint32_t len) {
     const char *reason = ERR_error_string(ERR_get_error(), nullptr);
     if (code == SSL_ERROR_NONE || code == SSL_ERROR_WANT_READ || code == SSL_ERROR_WANT_WRITE) {
         LOG(connect, "[Model %s][Socket %d]Ssl read incomplete err %d [%s].", model, sock, code, reason);
-        return kIncomplete;
+        return kReadIncomplete;
     }
     LOG(error, "[Model %s][Socket %d]Ssl read ret %d, errcode %d [%s], errno [%d][%s].", model, sock, got, code, reason,
         error, strerror(error));
     CLOUDMGR_v3_socketError(sock);
-    return -1;
+    return kReadBad;
 }
 
-// judge tells a reader that wanted `need` bytes what it means that one read of the socket answered `got`.
-int judge(int sock, int got, int need) {
+// read_result turns the result of one read of the socket, `got`, into the result of a reader that wanted `need` bytes.
+int read_result(int sock, int got, int need) {
     if (incomplete(got)) return got;
-    if (got <= 0) return -1;
-    if (got >= need) return 0;
+    if (got <= 0) return kReadBad;
+    if (got >= need) return kReadDone;
     LOG(package, "Socket %d msg rcv length %d not enough %d.", sock, got, need);
-    return kIncomplete;
+    return kReadIncomplete;
+}
+
+void log_buffer(const cloudtunnel_connect_node *conn) {
+    LOG(package, "[Model %s]buf data ok, data len %d", conn->modelName, conn->bufLen);
+    CLOUDMGR_debug_PrintPkt(conn->buf, static_cast<size_t>(conn->bufLen));
 }
 
 }  // namespace
@@ -73,31 +78,32 @@ int CLOUDMGR_socket_rcvData(int sock, uint8_t *dst, uint32_t len) {
     const char *model = CLOUDMGR_socket_getModelNameBySock(sock);
     if (!model) {
         LOG(error, "Get model name by socket %d error.", sock);
-        return -1;
+        return kReadBad;
     }
     LOG(package, "Need rcv frome socket %d len %d.", sock, static_cast<int>(len));
-    if (!dst) return -1;
-    if (len == 0) return kIncomplete;  // a read of nothing is not the end of the stream
+    if (!dst) return kReadBad;
+    if (len == 0) return kReadIncomplete;  // a read of nothing is not the end of the stream
     return cloudtunnel_socket_getPortBySock(sock) == kPlainPort ? receive_plain(sock, model, dst, len)
                                                                 : receive_tls(sock, model, dst, len);
 }
 
 int CLOUDMGR_socket_getData(int sock, uint8_t *dst, cloudtunnel_connect_node *conn, int need, int offset,
                             uint32_t *fromBuf, uint32_t *fromSock) {
-    if (!dst || !conn || !fromBuf || !fromSock || need < 0 || offset < 0) return -1;
-    if (!conn->buf && conn->bufLen != 0) return -1;
+    if (!dst || !conn || !fromBuf || !fromSock || need < 0 || offset < 0) return kReadBad;
+    if (!conn->buf && conn->bufLen != 0) return kReadBad;
     *fromBuf = *fromSock = 0;
-    const int saved = conn->bufLen > offset ? conn->bufLen - offset : 0;
-    const int taken = std::min(saved, need);
+    const int buffered = conn->bufLen > offset ? conn->bufLen - offset : 0;
+    const int taken = std::min(buffered, need);
     if (taken) memcpy(dst, conn->buf + offset, static_cast<size_t>(taken));
     *fromBuf = static_cast<uint32_t>(taken);
-    if (taken == need) return 0;
+    if (taken == need) return kReadDone;
 
     const int missing = need - taken;
     const int got = CLOUDMGR_socket_rcvData(sock, dst + taken, static_cast<uint32_t>(missing));
-    const int result = judge(sock, got, missing);
-    // With both sources in play a complete answer reports the whole count as the socket's: callers rely on it.
-    *fromSock = static_cast<uint32_t>(result == 0 && taken ? need : std::max(got, 0));
+    const int result = read_result(sock, got, missing);
+    // When both sources took part and all bytes are there, the whole count is reported as the socket's: callers rely on
+    // it.
+    *fromSock = static_cast<uint32_t>(result == kReadDone && taken ? need : std::max(got, 0));
     return result;
 }
 
@@ -106,32 +112,32 @@ uint8_t *CLOUDMGR_socket_mergeBuf(const uint8_t *a, const uint8_t *b, uint32_t l
     return os_memcat(a, lenA, b, lenB);
 }
 
-void saved_log(const cloudtunnel_connect_node *conn) {
-    LOG(package, "[Model %s]buf data ok, data len %d", conn->modelName, conn->bufLen);
-    CLOUDMGR_debug_PrintPkt(conn->buf, static_cast<size_t>(conn->bufLen));
-}
-
-void saved_adopt(cloudtunnel_connect_node *conn, uint8_t *block, int32_t len) {
+void receive_buffer_set(cloudtunnel_connect_node *conn, uint8_t *block, int32_t len) {
     os_free(conn->buf);
     conn->buf = block;
     conn->bufLen = len;
-    saved_log(conn);
+    log_buffer(conn);
 }
 
-int saved_read(int sock, cloudtunnel_connect_node *conn, int total) {
-    // The allocator is asked for the room that is there: the record, which callers may fill, has no field for it.
-    const size_t room = static_cast<size_t>(total) + 1;
-    if (malloc_usable_size(conn->buf) < room) {
-        auto *larger = static_cast<uint8_t *>(realloc(conn->buf, room));
-        if (!larger) return -1;
+int receive_buffer_fill(int sock, cloudtunnel_connect_node *conn, int total) {
+    // The allocator knows how large the block is. The record, which callers may fill, has no field for it.
+    const size_t size = static_cast<size_t>(total) + 1;
+    if (malloc_usable_size(conn->buf) < size) {
+        auto *larger = static_cast<uint8_t *>(realloc(conn->buf, size));
+        if (!larger) return kReadBad;
         conn->buf = larger;
     }
     const int missing = total - conn->bufLen;
     const int got = CLOUDMGR_socket_rcvData(sock, conn->buf + conn->bufLen, static_cast<uint32_t>(missing));
     conn->bufLen += std::max(got, 0);
-    const int result = judge(sock, got, missing);
-    if (incomplete(result)) saved_log(conn);
+    const int result = read_result(sock, got, missing);
+    if (incomplete(result)) log_buffer(conn);
     return result;
+}
+
+uint8_t *receive_buffer_take(cloudtunnel_connect_node *conn) {
+    conn->bufLen = 0;
+    return std::exchange(conn->buf, nullptr);
 }
 
 int CLOUDMGR_socket_bufUpdata(cloudtunnel_connect_node *conn, const uint8_t *data, uint32_t len) {
@@ -140,7 +146,7 @@ int CLOUDMGR_socket_bufUpdata(cloudtunnel_connect_node *conn, const uint8_t *dat
     if (!data || len > INT32_MAX) return -1;
     uint8_t *copy = os_memcat(data, len, nullptr, 0);
     if (!copy) return -1;
-    saved_adopt(conn, copy, static_cast<int32_t>(len));
+    receive_buffer_set(conn, copy, static_cast<int32_t>(len));
     return 0;
 }
 

@@ -1,24 +1,25 @@
-// Reading: the answers of all readers, and the bytes of an incomplete message: how a reader that gets one large message
-// in many pieces adds to them without copying what is there each time.
+// Reading: the results of all readers, and the receive buffer of a connection. It holds the bytes that were received
+// and do not make a complete message yet. A reader that gets one large message in many pieces adds to them here,
+// without copying what is there each time.
 #pragma once
 
 #include <cloudtunnel.h>
 
-// What readers answer besides 0, a complete message. Incomplete means: what there is was saved, call again when more
-// data arrive.
-constexpr int kReadError = -1;
-constexpr int kIncomplete = -2;
-constexpr int kIncompleteToo = -3;
+// The results of the readers, by short names.
+constexpr int kReadDone = CLOUDTUNNEL_READ_DONE;
+constexpr int kReadBad = CLOUDTUNNEL_READ_BAD;
+constexpr int kReadIncomplete = CLOUDTUNNEL_READ_INCOMPLETE;
 
-inline bool incomplete(int result) { return result == kIncomplete || result == kIncompleteToo; }
+inline bool incomplete(int result) {
+    return result == CLOUDTUNNEL_READ_INCOMPLETE || result == CLOUDTUNNEL_READ_INCOMPLETE_TOO;
+}
 
-// saved_adopt makes `block`, from malloc, of which `len` bytes count, the connection's saved bytes. The old ones are
-// freed.
-void saved_adopt(cloudtunnel_connect_node *conn, uint8_t *block, int32_t len);
+// receive_buffer_set makes `block`, from malloc, of which `len` bytes count, the receive buffer. The old one is freed.
+void receive_buffer_set(cloudtunnel_connect_node *conn, uint8_t *block, int32_t len);
 
-// saved_read adds to the saved bytes, with one read of the socket, what is missing to `total` of them. Room for `total`
-// bytes and a zero byte is made at once. Results as CLOUDMGR_socket_getData.
-[[nodiscard]] int saved_read(int sock, cloudtunnel_connect_node *conn, int total);
+// receive_buffer_fill reads the socket once for the bytes that are missing to `total` in the receive buffer, and
+// appends them. Room for `total` bytes and a zero byte is made at once. Results as CLOUDMGR_socket_getData.
+[[nodiscard]] int receive_buffer_fill(int sock, cloudtunnel_connect_node *conn, int total);
 
-// saved_log tells of the saved bytes, as every change to them does.
-void saved_log(const cloudtunnel_connect_node *conn);
+// receive_buffer_take returns the block of the receive buffer, for the caller to free, and leaves the buffer empty.
+[[nodiscard]] uint8_t *receive_buffer_take(cloudtunnel_connect_node *conn);

@@ -118,11 +118,11 @@ bool append_body(cloudtunnel_http_resp *resp, const Chunk *chunk) {
 }
 
 // decode_chunks decodes a chunked body of `avail` bytes into the response. Returns what it took, never more than there
-// is, kIncomplete or kReadError. The chunk of size 0 takes "0" and its CR LF: the empty line behind it stays for the
+// is, kReadIncomplete or kReadBad. The chunk of size 0 takes "0" and its CR LF: the empty line behind it stays for the
 // next call.
 int decode_chunks(const uint8_t *body, size_t avail, cloudtunnel_http_resp *resp) {
     OwnedChunks head(chunk_make());
-    if (!head) return kIncomplete;
+    if (!head) return kReadIncomplete;
     Chunk *last = head.get();
     Chunks result = Chunks::incomplete;
     size_t processed = 0;
@@ -185,14 +185,14 @@ int read_body(const char *model, const uint8_t *body, size_t avail, cloudtunnel_
         const int used = decode_chunks(body, avail, resp);
         if (used < 0)
             LOG(package,
-                used == kIncomplete ? "[Model %s]msg rcv chunked body not enough."
-                                    : "[Model %s]msg rcv chunked body error.",
+                used == kReadIncomplete ? "[Model %s]msg rcv chunked body not enough."
+                                        : "[Model %s]msg rcv chunked body error.",
                 model);
         return used;
     }
-    int failed = kReadError;
+    int failed = kReadBad;
     if (resp->content_length == 0) {  // none was given: everything that came with the headers is the body
-        failed = kIncomplete;
+        failed = kReadIncomplete;
         resp->content_length = static_cast<int32_t>(avail);
         LOG(package, "[Model %s]msg rcv calculate body len: %d.", model, resp->content_length);
     }
@@ -269,11 +269,11 @@ int cloudtunnel_http_body_decode(const uint8_t *data, cloudtunnel_http_resp *res
 
 int cloudtunnel_http_rcv(int sock, cloudtunnel_http_resp *resp) {
     cloudtunnel_connect_node *conn = CLOUDMGR_socket_getCnctBySock(sock);
-    if (!conn || !resp) return kReadError;
+    if (!conn || !resp) return kReadBad;
     // What this call looks at: the bytes saved before and those read now.
     size_t len = conn->buf && conn->bufLen > 0 ? static_cast<size_t>(conn->bufLen) : 0;
     const Owned<uint8_t> area(static_cast<uint8_t *>(os_alloc((len > kAreaSize ? len : kAreaSize) + 1)));
-    if (!area) return kReadError;
+    if (!area) return kReadBad;
     if (len) {
         memcpy(area.get(), conn->buf, len);
         LOG(package, "[Model %s]msg buf last time:", conn->modelName);
@@ -281,22 +281,22 @@ int cloudtunnel_http_rcv(int sock, cloudtunnel_http_resp *resp) {
     }
     if (len < kAreaSize) {
         const int got = CLOUDMGR_socket_rcvData(sock, area.get() + len, static_cast<uint32_t>(kAreaSize - len));
-        if (got < 1) return incomplete(got) ? got : kReadError;
+        if (got < 1) return incomplete(got) ? got : kReadBad;
         len += static_cast<size_t>(got);
     }
     LOG(package, "[Model %s]msg rcv merge:", conn->modelName);
     CLOUDMGR_debug_PrintPkt(area.get(), len);
 
     const int block = cloudtunnel_http_hdr_decode(area.get(), static_cast<uint32_t>(len), resp);
-    int result = kIncomplete;  // or what the body took
+    int result = kReadIncomplete;  // or what the body took
     size_t consumed = 0;
     if (block > 0) {
         const auto headers = static_cast<size_t>(block);
-        if (resp->content_length < 0) return kReadError;
+        if (resp->content_length < 0) return kReadBad;
         if (len - headers >= static_cast<size_t>(resp->content_length))
             result = read_body(conn->modelName, area.get() + headers, len - headers, resp);
         // A chunk error leaves the saved bytes as they were; a body without memory does not.
-        if (result == kReadError && resp->chunked) return kReadError;
+        if (result == kReadBad && resp->chunked) return kReadBad;
         if (result >= 0) consumed = headers + static_cast<size_t>(result);
     }
     // What was not consumed goes back to the connection. Bytes that cannot be kept are an error: they would be missing

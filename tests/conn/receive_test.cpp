@@ -33,11 +33,11 @@ class ReceiveTest : public support::LibraryTest {
         got.bytes = dst.substr(0, dst.find('.'));
         return got;
     }
-    static int save(const support::Connection &conn, std::string_view bytes) {
+    static int update(const support::Connection &conn, std::string_view bytes) {
         return CLOUDMGR_socket_bufUpdata(conn.node(), support::Connection::bytes(bytes),
                                          static_cast<uint32_t>(bytes.size()));
     }
-    static std::string saved(const support::Connection &conn) {
+    static std::string buffered(const support::Connection &conn) {
         const cloudtunnel_connect_node *node = conn.node();
         return node->buf ? std::string(reinterpret_cast<char *>(node->buf), static_cast<size_t>(node->bufLen)) : "none";
     }
@@ -131,9 +131,9 @@ TEST_F(ReceiveTest, a_read_of_nothing_is_incomplete_and_not_the_end) {
     }
 }
 
-TEST_F(ReceiveTest, saved_bytes_come_first_and_a_complete_answer_counts_all_as_the_sockets) {
+TEST_F(ReceiveTest, buffered_bytes_come_first_and_a_complete_answer_counts_all_as_the_sockets) {
     const support::Connection conn = connect(Wire::plain);
-    save(conn, "__abc");
+    update(conn, "__abc");
     arrive(conn, "defghij");
     const Got got = get(conn, 10, 2);
     EXPECT_EQ(got.result, 0);
@@ -142,9 +142,9 @@ TEST_F(ReceiveTest, saved_bytes_come_first_and_a_complete_answer_counts_all_as_t
     EXPECT_EQ(got.from_sock, 10U);
 }
 
-TEST_F(ReceiveTest, enough_saved_bytes_leave_the_socket_alone) {
+TEST_F(ReceiveTest, enough_buffered_bytes_leave_the_socket_alone) {
     const support::Connection conn = connect(Wire::plain);
-    save(conn, "abcdef");
+    update(conn, "abcdef");
     const support::Calls reads("recv");
     const Got got = get(conn, 4, 2);
     EXPECT_EQ(got.result, 0);
@@ -155,9 +155,9 @@ TEST_F(ReceiveTest, enough_saved_bytes_leave_the_socket_alone) {
     EXPECT_EQ(reads(), 0);
 }
 
-TEST_F(ReceiveTest, saved_bytes_and_too_few_from_the_socket_are_incomplete) {
+TEST_F(ReceiveTest, buffered_bytes_and_too_few_from_the_socket_are_incomplete) {
     const support::Connection conn = connect(Wire::plain);
-    save(conn, "ab");
+    update(conn, "ab");
     arrive(conn, "cd");
     Got got = get(conn, 10);
     EXPECT_EQ(got.result, -2);
@@ -171,7 +171,7 @@ TEST_F(ReceiveTest, saved_bytes_and_too_few_from_the_socket_are_incomplete) {
     EXPECT_EQ(got.from_sock, 0U);
 }
 
-TEST_F(ReceiveTest, without_saved_bytes_all_comes_from_the_socket) {
+TEST_F(ReceiveTest, with_an_empty_buffer_all_comes_from_the_socket) {
     const support::Connection conn = connect(Wire::plain);
     Got got = get(conn, 10);
     EXPECT_EQ(got.result, -2);
@@ -189,13 +189,13 @@ TEST_F(ReceiveTest, without_saved_bytes_all_comes_from_the_socket) {
     EXPECT_EQ(got.from_sock, 4U);
 }
 
-TEST_F(ReceiveTest, a_broken_socket_is_an_error_with_and_without_saved_bytes) {
+TEST_F(ReceiveTest, a_broken_socket_is_an_error_with_and_without_buffered_bytes) {
     const support::Connection conn = connect(Wire::plain);
     const support::Fault broken("recv", {.times = support::kAlways, .error = ECONNRESET});
     Got got = get(conn, 10);
     EXPECT_EQ(got.result, -1);
     EXPECT_EQ(got.from_sock, 0U);
-    save(conn, "ab");
+    update(conn, "ab");
     got = get(conn, 10);
     EXPECT_EQ(got.result, -1);
     EXPECT_EQ(got.from_buf, 2U);
@@ -231,78 +231,78 @@ TEST_F(ReceiveTest, merging_makes_a_new_block_of_both) {
     EXPECT_EQ(CLOUDMGR_socket_mergeBuf(area, area, 1, 1), nullptr);
 }
 
-TEST_F(ReceiveTest, saving_replaces_what_was_saved_and_shows_it) {
+TEST_F(ReceiveTest, an_update_replaces_the_buffer_and_dumps_it) {
     const support::Connection conn = connect(Wire::plain);
-    EXPECT_EQ(save(conn, "abc"), 0);
+    EXPECT_EQ(update(conn, "abc"), 0);
     EXPECT_TRUE(log.said_once(kPackage, "[Model model]buf data ok, data len 3"));
     EXPECT_TRUE(log.said_once(support::kPackageDetail, "61 62 63 "));
-    EXPECT_EQ(save(conn, "de"), 0);
-    EXPECT_EQ(saved(conn), "de");
+    EXPECT_EQ(update(conn, "de"), 0);
+    EXPECT_EQ(buffered(conn), "de");
     log.clear();
-    EXPECT_EQ(save(conn, ""), 0);
-    EXPECT_EQ(saved(conn), "de");
+    EXPECT_EQ(update(conn, ""), 0);
+    EXPECT_EQ(buffered(conn), "de");
     EXPECT_TRUE(log.all().empty());
 }
 
-TEST_F(ReceiveTest, what_cannot_be_saved_leaves_what_was_saved) {
+TEST_F(ReceiveTest, an_update_that_fails_leaves_the_buffer_as_it_was) {
     const support::Connection conn = connect(Wire::plain);
-    save(conn, "abc");
+    update(conn, "abc");
     EXPECT_EQ(CLOUDMGR_socket_bufUpdata(nullptr, area, 1), -1);
     EXPECT_EQ(CLOUDMGR_socket_bufUpdata(conn.node(), nullptr, 1), -1);
     EXPECT_EQ(CLOUDMGR_socket_bufUpdata(conn.node(), area, UINT32_MAX), -1);
     {
         const support::FailAlloc fail(0);
-        EXPECT_EQ(save(conn, "de"), -1);
+        EXPECT_EQ(update(conn, "de"), -1);
     }
-    EXPECT_EQ(saved(conn), "abc");
-    // Bytes of the old block can be saved anew: the copy is made first.
+    EXPECT_EQ(buffered(conn), "abc");
+    // Bytes of the old block can become the new one: the copy is made first.
     EXPECT_EQ(CLOUDMGR_socket_bufUpdata(conn.node(), conn.node()->buf + 1, 2), 0);
-    EXPECT_EQ(saved(conn), "bc");
+    EXPECT_EQ(buffered(conn), "bc");
 }
 
 TEST_F(ReceiveTest, consumed_bytes_are_dropped_from_the_front) {
     const support::Connection conn = connect(Wire::plain);
     EXPECT_EQ(CLOUDMGR_socket_bufClean(nullptr, 1), -1);
     EXPECT_EQ(CLOUDMGR_socket_bufClean(conn.node(), 1), 0);
-    save(conn, "abcde");
+    update(conn, "abcde");
     EXPECT_EQ(CLOUDMGR_socket_bufClean(conn.node(), 0), 0);
-    EXPECT_EQ(saved(conn), "abcde");
+    EXPECT_EQ(buffered(conn), "abcde");
     EXPECT_EQ(CLOUDMGR_socket_bufClean(conn.node(), 2), 0);
-    EXPECT_EQ(saved(conn), "cde");
+    EXPECT_EQ(buffered(conn), "cde");
     for (const uint32_t consumed : {3U, 4U, UINT32_MAX}) {
-        save(conn, "cde");
+        update(conn, "cde");
         EXPECT_EQ(CLOUDMGR_socket_bufClean(conn.node(), consumed), 0);
-        EXPECT_EQ(saved(conn), "none");
+        EXPECT_EQ(buffered(conn), "none");
         EXPECT_EQ(conn.node()->bufLen, 0);
     }
-    save(conn, "abcde");
+    update(conn, "abcde");
     const support::FailAlloc fail(0);
     EXPECT_EQ(CLOUDMGR_socket_bufClean(conn.node(), 2), 0);
-    EXPECT_EQ(saved(conn), "none");
+    EXPECT_EQ(buffered(conn), "none");
 }
 
-TEST_F(ReceiveTest, a_read_behind_the_saved_bytes_makes_room_once) {
+TEST_F(ReceiveTest, a_buffer_that_is_filled_in_pieces_grows_once) {
     const support::Connection conn = connect(Wire::plain);
-    save(conn, "ab");
+    update(conn, "ab");
     cloudmgr_debug_level = kConnect;  // a dump takes memory of its own
     const support::Calls rooms("realloc");
     for (const char *piece : {"cd", "ef", "gh"}) {
         arrive(conn, piece);
-        EXPECT_EQ(saved_read(conn.sock, conn.node(), 1000), -2);
+        EXPECT_EQ(receive_buffer_fill(conn.sock, conn.node(), 1000), -2);
     }
     EXPECT_EQ(rooms(), 1);
-    EXPECT_EQ(saved(conn), "abcdefgh");
+    EXPECT_EQ(buffered(conn), "abcdefgh");
     arrive(conn, "ijkl");
-    EXPECT_EQ(saved_read(conn.sock, conn.node(), 10), 0);
-    EXPECT_EQ(saved(conn), "abcdefghij");
+    EXPECT_EQ(receive_buffer_fill(conn.sock, conn.node(), 10), 0);
+    EXPECT_EQ(buffered(conn), "abcdefghij");
 }
 
-TEST_F(ReceiveTest, without_room_for_the_saved_bytes_the_read_is_an_error) {
+TEST_F(ReceiveTest, a_buffer_that_cannot_grow_is_an_error) {
     const support::Connection conn = connect(Wire::plain);
-    save(conn, "ab");
+    update(conn, "ab");
     const support::FailAlloc fail(0);
-    EXPECT_EQ(saved_read(conn.sock, conn.node(), 1000), -1);
-    EXPECT_EQ(saved(conn), "ab");
+    EXPECT_EQ(receive_buffer_fill(conn.sock, conn.node(), 1000), -1);
+    EXPECT_EQ(buffered(conn), "ab");
 }
 
 TEST_F(ReceiveTest, a_session_that_is_empty_is_an_error) {
@@ -321,7 +321,7 @@ TEST_F(ReceiveTest, at_level_0_a_read_says_nothing_and_does_the_same) {
         EXPECT_EQ(CLOUDMGR_socket_rcvData(conn.sock, area, 4), -2);
         arrive(conn, "abcd");
         EXPECT_EQ(get(conn, 10).result, -2);
-        EXPECT_EQ(save(conn, "abcd"), 0);
+        EXPECT_EQ(update(conn, "abcd"), 0);
         conn.server->close();
         EXPECT_TRUE(support::wait_readable(conn.sock));
         EXPECT_EQ(get(conn, 10).result, -1);

@@ -31,7 +31,7 @@ class WsReceiveTest : public support::LibraryTest {
         EXPECT_EQ(msg->body[msg->length], 0);  // a text payload always ends
         return {reinterpret_cast<char *>(msg->body), static_cast<size_t>(msg->length)};
     }
-    static std::string saved(const support::Connection &conn) {
+    static std::string buffered(const support::Connection &conn) {
         const cloudtunnel_connect_node *node = conn.node();
         return node->buf ? std::string(reinterpret_cast<char *>(node->buf), static_cast<size_t>(node->bufLen)) : "";
     }
@@ -61,15 +61,15 @@ TEST_F(WsReceiveTest, a_frame_becomes_a_message) {
         EXPECT_EQ(msg->mask_set, 0);
         EXPECT_EQ(msg->length, 5);
         EXPECT_EQ(body(), "hello");
-        EXPECT_EQ(saved(conn), "");
+        EXPECT_EQ(buffered(conn), "");
     }
 }
 
-TEST_F(WsReceiveTest, the_header_is_told) {
+TEST_F(WsReceiveTest, what_the_header_says_is_logged) {
     support::Connection conn = connect(Wire::plain);
     const struct {
         std::string bytes;
-        const char *told;
+        const char *logged;
     } cases[] = {
         {frame(kText, "hello"),
          "Websocket msg rcv body length 5 in header, real body len 5, mask 0. (ilen)=[0],slen=[0]"},
@@ -87,7 +87,7 @@ TEST_F(WsReceiveTest, the_header_is_told) {
             result = receive(conn);
         }
         EXPECT_EQ(result, 0);
-        EXPECT_TRUE(log.said(kPackage, one.told));
+        EXPECT_TRUE(log.said(kPackage, one.logged));
     }
 }
 
@@ -117,11 +117,11 @@ TEST_F(WsReceiveTest, a_frame_split_anywhere_is_incomplete_first_and_whole_then)
                 for (size_t cut = 1; cut < bytes.size(); cut++) {
                     arrive(conn, bytes.substr(0, cut));
                     ASSERT_EQ(receive(conn), -2) << size << " bytes cut at " << cut;
-                    ASSERT_EQ(saved(conn), bytes.substr(0, cut));
+                    ASSERT_EQ(buffered(conn), bytes.substr(0, cut));
                     arrive(conn, bytes.substr(cut));
                     ASSERT_EQ(receive(conn), 0) << size << " bytes cut at " << cut;
                     ASSERT_EQ(body(), payload(size));
-                    ASSERT_EQ(saved(conn), "");
+                    ASSERT_EQ(buffered(conn), "");
                 }
             }
         }
@@ -134,7 +134,7 @@ TEST_F(WsReceiveTest, a_frame_with_a_64_bit_length_split_in_its_header_loses_no_
     for (size_t cut = 1; cut <= 16; cut++) {
         arrive(conn, bytes.substr(0, cut));
         ASSERT_EQ(receive(conn), -2);
-        ASSERT_EQ(saved(conn), bytes.substr(0, cut));
+        ASSERT_EQ(buffered(conn), bytes.substr(0, cut));
         conn.server->send(bytes.substr(cut));
         int result = -2;
         while (result == -2) {
@@ -146,23 +146,23 @@ TEST_F(WsReceiveTest, a_frame_with_a_64_bit_length_split_in_its_header_loses_no_
     }
 }
 
-TEST_F(WsReceiveTest, a_frame_byte_by_byte_is_saved_byte_by_byte) {
+TEST_F(WsReceiveTest, a_frame_byte_by_byte_fills_the_receive_buffer_byte_by_byte) {
     support::Connection conn = connect(Wire::plain);
     const std::string bytes = frame(kText, payload(130), true, kMask);
     for (size_t n = 1; n < bytes.size(); n++) {
         arrive(conn, bytes.substr(n - 1, 1));
         ASSERT_EQ(receive(conn), -2);
-        ASSERT_EQ(saved(conn), bytes.substr(0, n));
+        ASSERT_EQ(buffered(conn), bytes.substr(0, n));
         ASSERT_TRUE(log.said(kPackage, "[Model model]buf data ok, data len " + std::to_string(n)));
         ASSERT_EQ(receive(conn), -2);  // a call for nothing changes nothing
-        ASSERT_EQ(saved(conn), bytes.substr(0, n));
+        ASSERT_EQ(buffered(conn), bytes.substr(0, n));
     }
     arrive(conn, bytes.substr(bytes.size() - 1));
     ASSERT_EQ(receive(conn), 0);
     EXPECT_EQ(body(), payload(130));
 }
 
-TEST_F(WsReceiveTest, a_short_read_is_told) {
+TEST_F(WsReceiveTest, a_short_read_is_logged) {
     support::Connection conn = connect(Wire::plain);
     const std::string bytes = frame(kText, payload(10));
     const std::string sock = "Socket " + std::to_string(conn.sock) + " msg rcv length ";
@@ -187,17 +187,17 @@ TEST_F(WsReceiveTest, frames_that_arrive_together_come_one_a_call) {
     EXPECT_EQ(body(), "three");
 }
 
-TEST_F(WsReceiveTest, frames_in_the_saved_bytes_come_first_and_the_rest_stays_saved) {
+TEST_F(WsReceiveTest, frames_in_the_receive_buffer_come_first_and_the_rest_stays_there) {
     support::Connection conn = connect(Wire::plain);
     const std::string second = frame(kText, "second", true, kMask);
     save(conn, frame(kText, "first") + second + frame(kText, "third").substr(0, 4));
     const support::Calls reads("recv");
     ASSERT_EQ(receive(conn), 0);
     EXPECT_EQ(body(), "first");
-    EXPECT_EQ(saved(conn), second + frame(kText, "third").substr(0, 4));
+    EXPECT_EQ(buffered(conn), second + frame(kText, "third").substr(0, 4));
     ASSERT_EQ(receive(conn), 0);
     EXPECT_EQ(body(), "second");
-    EXPECT_EQ(saved(conn), frame(kText, "third").substr(0, 4));  // the key belongs to what was consumed
+    EXPECT_EQ(buffered(conn), frame(kText, "third").substr(0, 4));  // the key belongs to what was consumed
     EXPECT_EQ(reads(), 0);
     arrive(conn, frame(kText, "third").substr(4) + frame(kText, "fourth"));
     ASSERT_EQ(receive(conn), 0);
@@ -308,7 +308,7 @@ TEST_F(WsReceiveTest, a_large_frame_in_small_pieces_allocates_once_and_copies_no
     EXPECT_EQ(body(), text);
 }
 
-TEST_F(WsReceiveTest, saved_bytes_of_a_foreign_size_are_given_room) {
+TEST_F(WsReceiveTest, a_receive_buffer_that_a_caller_filled_grows_as_needed) {
     support::Connection conn = connect(Wire::plain);
     const std::string bytes = frame(kText, payload(100));
     conn.node()->buf = static_cast<uint8_t *>(std::malloc(3));
