@@ -1,4 +1,4 @@
-// The close handshake (RFC 6455, section 7), which the modules drive.
+// The close handshake (RFC 6455, section 7). The library answers no close by itself: the modules call these functions.
 #include <cstring>
 
 #include "base/log.h"
@@ -18,37 +18,31 @@ constexpr int32_t kReasonMax = kCloseBodyMax - kStatusSize;
 constexpr int kSendAttempts = 100;
 constexpr uint64_t kCloseDelayMs = 1000;
 
-enum class Mask { none, fresh };
-
-// send_close sends a close frame. False, and nothing sent, without memory.
-bool send_close(int sock, uint16_t status, const void *reason, size_t reason_length, Mask mask) {
-    const OwnedMsg msg(CLOUDMGR_ws_msg_create());
-    if (!msg) return false;
+// close_make returns a close message without a mask key, null when memory is short.
+OwnedMsg close_make(uint16_t status, const void *reason, size_t reason_length) {
+    OwnedMsg msg(CLOUDMGR_ws_msg_create());
+    if (!msg) return nullptr;
     const size_t length = kStatusSize + reason_length;
     auto *body = static_cast<uint8_t *>(os_alloc(length + 1));  // a zero byte behind it, as a received body has
-    if (!body) return false;
+    if (!body) return nullptr;
     body[0] = static_cast<uint8_t>(status >> 8);
     body[1] = static_cast<uint8_t>(status & 0xff);
     if (reason_length) memcpy(body + kStatusSize, reason, reason_length);
     msg->body = body;
     msg->length = static_cast<int64_t>(length);
     msg->opcode = kOpcodeClose;
-    if (mask == Mask::fresh)
-        CLOUDMGR_ws_setmask(msg.get(), CLOUDMGR_ws_getMask());
-    else  // the library's own close is told before it is sent, the module's when it is
-        LOG(package, "Send websocket close msg.");
-    CLOUDMGR_ws_send(sock, msg.get(), kSendAttempts);
-    return true;
+    return msg;
 }
 
-// status_of returns the status of a received close, -1 where it has none that is valid.
+// status_of returns the status of a received close, -1 when it has no valid one.
 int status_of(const cloudmgr_ws_msg *msg) {
     if (!msg->body || msg->length < static_cast<int64_t>(kStatusSize)) return -1;
     const int status = msg->body[0] << 8 | msg->body[1];
     return status == 0 || (status >= 1000 && status <= 1011) || status == 1015 ? status : -1;
 }
 
-// answer sends a received close back and arms the timer that ends the connection. False: end it at once.
+// answer sends a received close back and arms the timer that ends the connection. False when the connection is to be
+// ended at once.
 bool answer(int sock, const char *model, const cloudmgr_ws_msg *msg, cloudtunnel_timer_fn *close_handler) {
     const int status = status_of(msg);
     if (status < 0) return false;
@@ -71,14 +65,20 @@ bool answer(int sock, const char *model, const cloudmgr_ws_msg *msg, cloudtunnel
 
 int CLOUDMGR_ws_CloseSend(int sock, uint16_t status, const void *reason, int32_t reason_length) {
     if (reason_length < 0 || reason_length > kReasonMax || (!reason && reason_length > 0)) return -1;
-    if (!send_close(sock, status, reason, static_cast<size_t>(reason_length), Mask::fresh)) return -1;
+    const OwnedMsg msg = close_make(status, reason, static_cast<size_t>(reason_length));
+    if (!msg) return -1;
+    CLOUDMGR_ws_setmask(msg.get(), CLOUDMGR_ws_getMask());
+    CLOUDMGR_ws_send(sock, msg.get(), kSendAttempts);
     LOG(connect, "[Socket %d]send close frame.", sock);
     return 0;
 }
 
 void CLOUDMGR_ws_closed(int sock, uint16_t status) {
-    // No mask key is set: this close goes out unmasked under a header that says masked, as the platform knows it.
-    send_close(sock, status, closedstr, sizeof closedstr - 1, Mask::none);
+    // No mask key is set: the payload is not masked although the header says so. The platform expects it.
+    const OwnedMsg msg = close_make(status, closedstr, sizeof closedstr - 1);
+    if (!msg) return;
+    LOG(package, "Send websocket close msg.");
+    CLOUDMGR_ws_send(sock, msg.get(), kSendAttempts);
 }
 
 void CLOUDMGR_ws_CloseRcv(int sock, const cloudmgr_ws_msg *msg, cloudtunnel_timer_fn *close_handler) {

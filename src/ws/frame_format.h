@@ -21,8 +21,8 @@ constexpr size_t kHeaderMax = kBaseHeader + 8 + kMaskSize;
 constexpr uint8_t kOpcodeText = 1;
 constexpr uint8_t kOpcodeClose = 8;
 
-// No payload is longer: lengths on the way to the socket are ints.
+// The longest payload: sizes are ints where bytes are sent and received.
 constexpr int64_t kPayloadMax = INT32_MAX;
 
-// cloudmgr_ws_maskData applies the mask key to `len` bytes: once masks them, twice takes the mask off again.
+// cloudmgr_ws_maskData applies the mask key to `len` bytes. Applied twice it restores them.
 void cloudmgr_ws_maskData(uint8_t *data, size_t len, const uint8_t (&key)[kMaskSize]);

@@ -37,8 +37,8 @@ BIO *base64_over(BIO *memory) {
     return BIO_push(filter, memory);
 }
 
-// stir adds a random number that comes from the sum so far and the microseconds of the clock. Unsigned arithmetic
-// stands in for the signed one that wraps.
+// stir adds a random number to `sum`. The generator is seeded with the sum so far and the microseconds of the clock.
+// The arithmetic is that of signed numbers which wrap around, done unsigned.
 uint32_t stir(uint32_t sum) {
     struct timeval now = {};
     gettimeofday(&now, nullptr);
@@ -46,9 +46,9 @@ uint32_t stir(uint32_t sum) {
     return sum + static_cast<uint32_t>(rand()) + 1;
 }
 
-// scatter makes bytes, each from two looks at the clock. They can be foretold by who knows the time; RFC 6455 asks for
-// more (section 10.3), the platform does not, and the scheme is kept as it is.
-void scatter(uint8_t *to, size_t count) {
+// fill_random makes `count` bytes, each from two readings of the clock. Whoever knows the time can predict them. RFC
+// 6455 asks for more (section 10.3), the platform does not.
+void fill_random(uint8_t *to, size_t count) {
     for (size_t i = 0; i < count; i++) to[i] = static_cast<uint8_t>(static_cast<int32_t>(stir(stir(0))) % 255);
 }
 
@@ -79,13 +79,13 @@ uint8_t *cloudmgr_base64_decode(const char *text, int size) {
 
 uint8_t *CLOUDMGR_ws_getMask(void) {
     static uint8_t mask[kMaskSize];
-    scatter(mask, sizeof mask);
+    fill_random(mask, sizeof mask);
     return mask;
 }
 
 char *key_make() {
     uint8_t bytes[kKeyBytes];
-    scatter(bytes, sizeof bytes);
+    fill_random(bytes, sizeof bytes);
     return cloudmgr_base64_encode(bytes, sizeof bytes);
 }
 

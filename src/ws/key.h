@@ -1,8 +1,8 @@
-// The opening handshake's key, what answers it, and the bytes both keys and masks are made of.
+// The opening handshake's key, and the check of the answer to it.
 #pragma once
 
 // key_make returns a new Sec-WebSocket-Key of 24 characters, for the caller to free; null on failure.
 [[nodiscard]] char *key_make();
 
-// key_accepts tells whether `accept` is the answer to `key` that RFC 6455, section 4.1 asks for; false for null texts.
+// key_accepts is true when `accept` is the answer to `key` that RFC 6455, section 4.1 requires; false for null texts.
 [[nodiscard]] bool key_accepts(const char *key, const char *accept);

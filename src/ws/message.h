@@ -1,4 +1,4 @@
-// A ws message that is destroyed on every road out.
+// A ws message that is destroyed at the end of its scope.
 #pragma once
 
 #include <cloudtunnel.h>

@@ -13,11 +13,11 @@ namespace {
 
 constexpr int64_t kFragment = 8192;
 constexpr int64_t kLargeFragment = 16000;
-// What CLOUDMGR_ws_send sends by: it has texts and results of its own. Only beside Fragment::whole: a last fragment is
-// worked out by a division.
-constexpr int64_t kUncut = 0;
-constexpr size_t kFrameSlack =
-    17;  // allocated beyond the payload; the header takes 14 at most, a zero byte ends the log
+constexpr int kSendAgain = -2;  // of CLOUDMGR_socket_sendData: a plain send ended on EINTR or EAGAIN
+
+// Bytes that are allocated beyond the payload: for the header, which takes 14 at most, and a zero byte that ends the
+// log.
+constexpr size_t kFrameSlack = 17;
 static_assert(kHeaderMax < kFrameSlack);
 constexpr int64_t kSendMax = kPayloadMax - static_cast<int64_t>(kFrameSlack);
 
@@ -25,8 +25,71 @@ bool body_is_sound(const cloudmgr_ws_msg *msg) {
     return msg->length >= 0 && msg->length <= kSendMax && (msg->body || msg->length == 0);
 }
 
-// payload_of returns how many bytes of the body a fragment carries, -1 for one that does not lie within it.
-int64_t payload_of(const cloudmgr_ws_msg *msg, int position, int index, int64_t fragment) {
+bool begins(Fragment position) { return position == Fragment::whole || position == Fragment::first; }
+bool ends(Fragment position) { return position == Fragment::whole || position == Fragment::last; }
+
+int opcode_of(const cloudmgr_ws_msg *msg, Fragment position) {
+    return begins(position) ? msg->opcode & kOpcodeBits : 0;
+}
+
+int length_code(int64_t length) {
+    if (length > kLength16Max) return kLength64;
+    return length > kLength7Max ? int{kLength16} : static_cast<int>(length);
+}
+
+// put_rest writes the header behind its first two bytes, the extended length and the mask key. Returns the length of
+// the whole header.
+size_t put_rest(uint8_t *header, const cloudmgr_ws_msg *msg, int64_t length) {
+    const uint32_t swapped = cloudmgr_ws_htonl(static_cast<uint32_t>(length));
+    size_t at = kBaseHeader;
+    if (length > kLength16Max) {
+        // The length goes into the first four of its eight bytes and zero into the others: the platform reads it so.
+        memcpy(header + at, &swapped, 4);
+        memset(header + at + 4, 0, 4);
+        at += 8;
+    } else if (length > kLength7Max) {
+        memcpy(header + at, reinterpret_cast<const uint8_t *>(&swapped) + 2, 2);
+        at += 2;
+    }
+    if (msg->mask_set == 1) {
+        memcpy(header + at, msg->mask, kMaskSize);
+        at += kMaskSize;
+    }
+    return at;
+}
+
+// A frame on its way out.
+struct Frame {
+    Owned<uint8_t> bytes;  // null when memory is short
+    size_t header = 0;
+    size_t payload = 0;
+
+    [[nodiscard]] size_t size() const { return header + payload; }
+};
+
+// frame_make builds a frame with the `length` bytes of the body at `offset`, not masked yet.
+Frame frame_make(const cloudmgr_ws_msg *msg, Fragment position, int64_t offset, int64_t length) {
+    Frame frame;
+    frame.payload = static_cast<size_t>(length);
+    frame.bytes.reset(static_cast<uint8_t *>(os_alloc(frame.payload + kFrameSlack)));
+    uint8_t *to = frame.bytes.get();
+    if (!to) return frame;
+    frame.header = bigEndian == 1 ? cloudmgr_ws_setHeadBigEndian(to, msg, position, length)
+                                  : cloudmgr_ws_setHead(to, msg, position, length);
+    if (length) memcpy(to + frame.header, msg->body + offset, frame.payload);
+    return frame;
+}
+
+void frame_mask(Frame &frame, const cloudmgr_ws_msg *msg) {
+    cloudmgr_ws_maskData(frame.bytes.get() + frame.header, frame.payload, msg->mask);
+}
+
+int frame_send(int sock, const Frame &frame, int attempts, uint32_t delay_us) {
+    return CLOUDMGR_socket_sendData(sock, frame.bytes.get(), static_cast<int>(frame.size()), attempts, delay_us);
+}
+
+// fragment_length returns how many bytes of the body a fragment carries, -1 when the fragment does not lie within it.
+int64_t fragment_length(const cloudmgr_ws_msg *msg, int position, int index, int64_t fragment) {
     if (index < 0 || position < 0 || position > static_cast<int>(Fragment::last) || !body_is_sound(msg)) return -1;
     int64_t length = fragment;
     if (position == static_cast<int>(Fragment::whole)) length = msg->length;
@@ -34,83 +97,32 @@ int64_t payload_of(const cloudmgr_ws_msg *msg, int position, int index, int64_t 
     return index * fragment <= msg->length - length ? length : -1;
 }
 
-// put_head writes a header; `mirrored` has the bits of the first two bytes in the other order.
-size_t put_head(uint8_t *to, const cloudmgr_ws_msg *msg, Fragment position, int64_t length, bool mirrored) {
-    const bool masked = msg->mask_set == 1;
-    const bool begins = position == Fragment::whole || position == Fragment::first;
-    const bool ends = position == Fragment::whole || position == Fragment::last;
-    const int opcode = begins ? msg->opcode & kOpcodeBits : 0;
-    const uint32_t swapped = cloudmgr_ws_htonl(static_cast<uint32_t>(length));
-    auto code = static_cast<int>(length);
-    size_t at = kBaseHeader;
-    if (length > kLength16Max) {
-        // The length goes into the first four of its eight bytes and zero into the others: the platform reads it so.
-        code = kLength64;
-        memcpy(to + at, &swapped, 4);
-        memset(to + at + 4, 0, 4);
-        at += 8;
-    } else if (length > kLength7Max) {
-        code = kLength16;
-        memcpy(to + at, reinterpret_cast<const uint8_t *>(&swapped) + 2, 2);
-        at += 2;
-    }
-    if (mirrored) {
-        to[0] = static_cast<uint8_t>(ends | opcode << 4);
-        to[1] = static_cast<uint8_t>(masked | code << 1);
-    } else {
-        to[0] = static_cast<uint8_t>((ends ? kFin : 0) | opcode);
-        // Always marked as masked, also where no key follows: the platform expects it.
-        to[1] = static_cast<uint8_t>(kMaskBit | code);
-    }
-    if (masked) {
-        memcpy(to + at, msg->mask, kMaskSize);
-        at += kMaskSize;
-    }
-    return at;
-}
-
 int send_fragment(int sock, const cloudmgr_ws_msg *msg, int position, int index, int attempts, uint32_t delay_us,
                   int64_t fragment) {
-    const bool cut = fragment != kUncut;
     if (sock < 0) {
-        LOG(error, cut ? "WEB: Send ws msg sock %d error." : "Send ws msg sock %d error.", sock);
+        LOG(error, "WEB: Send ws msg sock %d error.", sock);
         return -1;
     }
     if (!msg) {
-        LOG(error, cut ? "WEB: [Socket %d]Send ws msg NULL." : "[Socket %d]Send ws msg NULL.", sock);
+        LOG(error, "WEB: [Socket %d]Send ws msg NULL.", sock);
         return -1;
     }
-    if (!cut) LOG(package, "[Socket %d]Send ws msg len %lld.", sock, static_cast<long long>(msg->length));
-    const int64_t payload = payload_of(msg, position, index, fragment);
-    if (payload < 0) return -1;
-    if (cut) LOG(package, "WEB: [Socket %d]Send ws msg len %d.", sock, static_cast<int>(payload));
-
-    const auto size = static_cast<size_t>(payload);
-    const Owned<uint8_t> frame(static_cast<uint8_t *>(os_alloc(size + kFrameSlack)));
-    if (!frame) return -1;
-    const auto place = static_cast<Fragment>(position);
-    const size_t header = bigEndian == 1 ? cloudmgr_ws_setHeadBigEndian(frame.get(), msg, place, payload)
-                                         : cloudmgr_ws_setHead(frame.get(), msg, place, payload);
-    uint8_t *body = frame.get() + header;
-    if (size) memcpy(body, msg->body + index * fragment, size);
-    LOG(package,
-        cut ? "WEB: [Socket %d]Send websocket message before mask." : "[Socket %d]Send websocket message before mask.",
-        sock);
-    CLOUDMGR_debug_PrintPkt(frame.get(), header + size);
-    cloudmgr_ws_maskData(body, size, msg->mask);
-    LOG(package,
-        cut ? "WEB: [Socket %d]Send websocket mask 0x%x 0x%x 0x%x 0x%x."
-            : "[Socket %d]Send websocket mask 0x%x 0x%x 0x%x 0x%x.",
-        // As ints: one log_print for all.
-        sock, +msg->mask[0], +msg->mask[1], +msg->mask[2], +msg->mask[3]);
-    const int sent = CLOUDMGR_socket_sendData(sock, frame.get(), static_cast<int>(header + size), attempts, delay_us);
-    if (sent == -2 && !cut) return -2;
-    return sent >= 0 ? 0 : -1;
+    const int64_t length = fragment_length(msg, position, index, fragment);
+    if (length < 0) return -1;
+    LOG(package, "WEB: [Socket %d]Send ws msg len %d.", sock, static_cast<int>(length));
+    Frame frame = frame_make(msg, static_cast<Fragment>(position), index * fragment, length);
+    if (!frame.bytes) return -1;
+    LOG(package, "WEB: [Socket %d]Send websocket message before mask.", sock);
+    CLOUDMGR_debug_PrintPkt(frame.bytes.get(), frame.size());
+    frame_mask(frame, msg);
+    LOG(package, "WEB: [Socket %d]Send websocket mask 0x%x 0x%x 0x%x 0x%x.", sock, +msg->mask[0], +msg->mask[1],
+        +msg->mask[2], +msg->mask[3]);
+    return frame_send(sock, frame, attempts, delay_us) >= 0 ? 0 : -1;
 }
 
-// send_fragments cuts the body. The last fragment carries the remainder, so that a body which is an exact multiple ends
-// with an empty frame and its last full fragment is not sent: the platform is used to it, callers send such bodies
-// whole.
+// send_fragments cuts the body. The last fragment carries the remainder. So a body that is an exact multiple of the
+// fragment size ends with an empty frame, and its last full fragment is not sent: the platform is used to it, callers
+// send such bodies whole.
 int send_fragments(int sock, const cloudmgr_ws_msg *msg, int attempts, uint32_t delay_us, int64_t fragment) {
     int count = 1;
     if (msg && body_is_sound(msg)) {
@@ -135,15 +147,40 @@ int send_fragments(int sock, const cloudmgr_ws_msg *msg, int attempts, uint32_t 
 }  // namespace
 
 size_t cloudmgr_ws_setHead(uint8_t *to, const cloudmgr_ws_msg *msg, Fragment position, int64_t length) {
-    return put_head(to, msg, position, length, false);
+    to[0] = static_cast<uint8_t>((ends(position) ? kFin : 0) | opcode_of(msg, position));
+    // Always marked as masked, also when no key follows: the platform expects it.
+    to[1] = static_cast<uint8_t>(kMaskBit | length_code(length));
+    return put_rest(to, msg, length);
 }
 
 size_t cloudmgr_ws_setHeadBigEndian(uint8_t *to, const cloudmgr_ws_msg *msg, Fragment position, int64_t length) {
-    return put_head(to, msg, position, length, true);
+    to[0] = static_cast<uint8_t>(ends(position) | opcode_of(msg, position) << 4);
+    to[1] = static_cast<uint8_t>((msg->mask_set == 1) | length_code(length) << 1);
+    return put_rest(to, msg, length);
 }
 
 int CLOUDMGR_ws_send(int sock, const cloudmgr_ws_msg *msg, int attempts) {
-    return send_fragment(sock, msg, static_cast<int>(Fragment::whole), 0, attempts, 0, kUncut);
+    if (sock < 0) {
+        LOG(error, "Send ws msg sock %d error.", sock);
+        return -1;
+    }
+    if (!msg) {
+        LOG(error, "[Socket %d]Send ws msg NULL.", sock);
+        return -1;
+    }
+    LOG(package, "[Socket %d]Send ws msg len %lld.", sock, static_cast<long long>(msg->length));
+    if (!body_is_sound(msg)) return -1;
+    Frame frame = frame_make(msg, Fragment::whole, 0, msg->length);
+    if (!frame.bytes) return -1;
+    LOG(package, "[Socket %d]Send websocket message before mask.", sock);
+    CLOUDMGR_debug_PrintPkt(frame.bytes.get(), frame.size());
+    frame_mask(frame, msg);
+    // The bytes of the key go as ints, as every other number of the log: one instance of log_print for all.
+    LOG(package, "[Socket %d]Send websocket mask 0x%x 0x%x 0x%x 0x%x.", sock, +msg->mask[0], +msg->mask[1],
+        +msg->mask[2], +msg->mask[3]);
+    const int sent = frame_send(sock, frame, attempts, 0);
+    if (sent == kSendAgain) return kSendAgain;
+    return sent >= 0 ? 0 : -1;
 }
 
 int kyrcloud_ws_send_oneFrag(int sock, const cloudmgr_ws_msg *msg, int position, int index, int attempts,
