@@ -1,5 +1,6 @@
-// Responses in. Incomplete data is never an error: every byte goes back to the connection, and the next readiness
-// starts again from the first header line with a fresh response record.
+// Responses in. Incomplete data is never an error: every byte is kept in the receive buffer, and the next call starts
+// again from the first header line with a fresh response record.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -7,12 +8,11 @@
 #include "base/log.h"
 #include "base/os.h"
 #include "conn/receive.h"
-#include "http/chunks.h"
 #include "http/message.h"
 
 namespace {
 
-constexpr size_t kAreaSize = 65535;  // what one call can look at; a header line is cut there, too
+constexpr size_t kAreaSize = 65535;  // what one call reads at most; a header line is cut there, too
 
 constexpr std::string_view kLineEnd = "\r\n";
 constexpr int kLineEndLen = kLineEnd.size();
@@ -29,8 +29,8 @@ ptrdiff_t line_end(std::string_view text) {
     return end > 0 && strnlen(text.data(), static_cast<size_t>(end)) < static_cast<size_t>(end) ? -1 : end;
 }
 
-// value_of finds the value of `key` in a header line: what stands between the key, wherever it is, and the line's end.
-// A null text where there is none.
+// value_of finds the value of `key` in a header line: the text between the key, wherever it is, and the line's end. A
+// null text when there is none.
 std::string_view value_of(std::string_view line, std::string_view key) {
     const ptrdiff_t key_at = find(line, key);
     if (key_at < 0) return {};
@@ -55,7 +55,7 @@ void parse_status(std::string_view line, cloudtunnel_http_resp *resp) {
     }
 }
 
-// take_text copies the value of a key into a field that is still empty. The copy, or null where nothing was taken.
+// take_text copies the value of a key into a field that is still empty. Returns the copy, or null if none was made.
 const char *take_text(std::string_view line, std::string_view key, char **field) {
     if (*field) return nullptr;
     const std::string_view value = value_of(line, key);
@@ -84,28 +84,90 @@ void parse_transfer_encoding(std::string_view line, cloudtunnel_http_resp *resp)
     LOG(package, "Set Transfer-Encoding: %d.", static_cast<int>(resp->chunked));
 }
 
-// chunk_free frees one chunk and returns the next.
-Chunk *chunk_free(Chunk *chunk) {
-    Chunk *next = chunk->next;
-    os_free(chunk->data);
-    os_free(chunk);
-    return next;
-}
-
-void chunks_free(Chunk *head) {
-    while (head) head = chunk_free(head);
-}
+// A chunk of a chunked body (RFC 9112, section 7.1).
+struct Chunk {
+    int64_t length;
+    uint8_t *data;  // owned
+    Chunk *next;    // owned
+};
 
 struct ChunksFree {
-    void operator()(Chunk *head) const { chunks_free(head); }
+    void operator()(Chunk *chunk) const {
+        while (chunk) {
+            Chunk *next = chunk->next;
+            os_free(chunk->data);
+            os_free(chunk);
+            chunk = next;
+        }
+    }
 };
 using OwnedChunks = std::unique_ptr<Chunk, ChunksFree>;
 
 Chunk *chunk_make() { return static_cast<Chunk *>(os_alloc(sizeof(Chunk))); }
 
-// append_body grows the body by one chunk. A Content-Length that stood beside "chunked" counts as that many bytes that
-// were there before: they are zero.
-bool append_body(cloudtunnel_http_resp *resp, const Chunk *chunk) {
+// A chunked body while it is decoded.
+struct ChunkedBody {
+    std::string_view bytes;  // of the body, as far as they are there
+    size_t processed = 0;    // of these, what has been decoded
+    OwnedChunks head;        // empty; the chunks are behind it
+    Chunk *last = head.get();
+    int count = 0;  // complete chunks
+};
+
+enum class ChunkRead { chunk, end, incomplete };
+
+// read_chunk decodes the next chunk. The chunk of size 0 takes "0" and its CR LF, and the body ends there: the empty
+// line behind it stays for the next call.
+ChunkRead read_chunk(ChunkedBody &body) {
+    if (body.processed >= body.bytes.size()) return ChunkRead::incomplete;
+    Chunk *chunk = body.last->next = chunk_make();
+    if (!chunk) return ChunkRead::incomplete;
+    body.last = chunk;
+    std::string_view rest = body.bytes;
+    rest.remove_prefix(body.processed);
+    const ptrdiff_t size_len = line_end(rest);
+    if (size_len < 0) {
+        LOG(package, "No end flag, rcv incomplete, proclen %d.", static_cast<int>(body.processed));
+        return ChunkRead::incomplete;
+    }
+    Owned<char> size_line(os_strndup(rest.data(), static_cast<size_t>(size_len)));
+    if (!size_line) {
+        LOG(package, "Malloc failed, proclen %d.", static_cast<int>(body.processed));
+        return ChunkRead::incomplete;
+    }
+    const int64_t size = strtol(size_line.get(), nullptr, 16);
+    size_line.reset();
+    if (size == 0) {
+        body.processed += 3;
+        LOG(package, "End of body, prolen %d.", static_cast<int>(body.processed));
+        return ChunkRead::end;
+    }
+    if (size >= static_cast<int64_t>(rest.size()) - 1) {  // nothing is added to it yet: the size is the peer's
+        LOG(package, "Buf not enough, rcv incomplete, proclen %d.", static_cast<int>(body.processed));
+        return ChunkRead::incomplete;
+    }
+    body.processed += static_cast<size_t>(size_len + kLineEndLen);
+    rest.remove_prefix(static_cast<size_t>(size_len + kLineEndLen));
+    const ptrdiff_t real = line_end(rest);
+    if (size < 0 || real != size) {
+        LOG(package, "Body block error, block encode len %ld, real len %ld.", static_cast<long>(size),
+            static_cast<long>(real));
+        return ChunkRead::incomplete;
+    }
+    chunk->data = os_memcat(rest.data(), static_cast<size_t>(size), nullptr, 0);
+    if (!chunk->data) {
+        LOG(package, "Malloc failed, proclen %d.", static_cast<int>(body.processed));
+        return ChunkRead::incomplete;
+    }
+    chunk->length = size;
+    body.processed += static_cast<size_t>(size + kLineEndLen);
+    body.count++;
+    return ChunkRead::chunk;
+}
+
+// append_chunk appends a chunk to the response's body. A Content-Length that came beside "chunked" counts as that many
+// zero bytes in front of the first chunk. False when memory is short or the length does not fit.
+bool append_chunk(cloudtunnel_http_resp *resp, const Chunk *chunk) {
     const auto length = static_cast<int64_t>(resp->content_length) + chunk->length;
     if (length > INT32_MAX) return false;
     auto *body = static_cast<uint8_t *>(realloc(resp->body, static_cast<size_t>(length)));
@@ -117,115 +179,53 @@ bool append_body(cloudtunnel_http_resp *resp, const Chunk *chunk) {
     return true;
 }
 
-// decode_chunks decodes a chunked body of `avail` bytes into the response. Returns what it took, never more than there
-// is, kReadIncomplete or kReadBad. The chunk of size 0 takes "0" and its CR LF: the empty line behind it stays for the
-// next call.
-int decode_chunks(const uint8_t *body, size_t avail, cloudtunnel_http_resp *resp) {
-    OwnedChunks head(chunk_make());
-    if (!head) return kReadIncomplete;
-    Chunk *last = head.get();
-    Chunks result = Chunks::incomplete;
-    size_t processed = 0;
-    for (int count = 0; processed < avail; count++) {
-        last->next = chunk_make();
-        if (!last->next) break;
-        last = last->next;
-        const std::string_view rest = text_of(body + processed, avail - processed);
-        const ptrdiff_t size_len = line_end(rest);
-        if (size_len < 0) {
-            LOG(package, "No end flag, rcv incomplete, proclen %d.", static_cast<int>(processed));
-            break;
-        }
-        Owned<char> size_line(os_strndup(rest.data(), static_cast<size_t>(size_len)));
-        if (!size_line) {
-            LOG(package, "Malloc failed, proclen %d.", static_cast<int>(processed));
-            break;
-        }
-        const int64_t size = strtol(size_line.get(), nullptr, 16);
-        size_line.reset();
-        if (size == 0) {
-            processed += 3;
-            LOG(package, "End of body, prolen %d.", static_cast<int>(processed));
-            result = chunks_join(head.release(), count, resp);
-            break;
-        }
-
-        last->length = size;
-        if (size >= static_cast<int64_t>(rest.size()) - 1) {  // nothing is added to it yet: the size is the peer's
-            LOG(package, "Buf not enough, rcv incomplete, proclen %d.", static_cast<int>(processed));
-            break;
-        }
-        processed += static_cast<size_t>(size_len + kLineEndLen);
-        const std::string_view data = text_of(body + processed, avail - processed);
-        const ptrdiff_t real = line_end(data);
-        if (size < 0 || real != size) {
-            LOG(package, "Body block error, block encode len %ld, real len %ld.", static_cast<long>(size),
-                static_cast<long>(real));
-            break;
-        }
-        last->data = os_memcat(data.data(), static_cast<size_t>(size), nullptr, 0);
-        if (!last->data) {
-            LOG(package, "Malloc failed, proclen %d.", static_cast<int>(processed));
-            break;
-        }
-        processed += static_cast<size_t>(size + kLineEndLen);
+// join_chunks makes the complete chunks the response's body.
+bool join_chunks(const ChunkedBody &body, cloudtunnel_http_resp *resp) {
+    const Chunk *chunk = body.head->next;
+    for (int i = 0; i < body.count; i++, chunk = chunk->next) {
+        if (append_chunk(resp, chunk)) continue;
+        // The number in this message is the count plus one, whichever chunk it is about: logs are matched on it.
+        LOG(package, "Chunk proc node %d malloc failed.", body.count + 1);
+        return false;
     }
-    if (result != Chunks::done) {
-        LOG(package, "Chunk proc not complete %d.", static_cast<int>(result));
-        return static_cast<int>(result);
-    }
-    LOG(package, "Chunk proc ok, proclen %d, bodylen %d.", static_cast<int>(processed), resp->content_length);
-    return static_cast<int>(processed < avail ? processed : avail);
+    return true;
 }
 
-// read_body takes the body from the `avail` bytes behind the headers. Results as decode_chunks.
-int read_body(const char *model, const uint8_t *body, size_t avail, cloudtunnel_http_resp *resp) {
-    if (avail == 0) return 0;
+// decode_chunks decodes a chunked body into the response. Returns what it took, never more than there is, or
+// kReadIncomplete.
+int decode_chunks(std::string_view bytes, cloudtunnel_http_resp *resp) {
+    ChunkedBody body = {.bytes = bytes, .head = OwnedChunks(chunk_make())};
+    if (!body.head) return kReadIncomplete;
+    ChunkRead read = ChunkRead::chunk;
+    while (read == ChunkRead::chunk) read = read_chunk(body);
+    if (read == ChunkRead::incomplete || !join_chunks(body, resp)) {
+        LOG(package, "Chunk proc not complete %d.", kReadIncomplete);
+        return kReadIncomplete;
+    }
+    LOG(package, "Chunk proc ok, proclen %d, bodylen %d.", static_cast<int>(body.processed), resp->content_length);
+    return static_cast<int>(std::min(body.processed, bytes.size()));
+}
+
+// read_body takes the body from the bytes behind the headers. Returns what it took, kReadIncomplete, or kReadBad for a
+// body of known length without memory.
+int read_body(const char *model, std::string_view bytes, cloudtunnel_http_resp *resp) {
+    if (bytes.empty()) return 0;
     if (resp->chunked) {
-        const int used = decode_chunks(body, avail, resp);
-        if (used < 0)
-            LOG(package,
-                used == kReadIncomplete ? "[Model %s]msg rcv chunked body not enough."
-                                        : "[Model %s]msg rcv chunked body error.",
-                model);
+        const int used = decode_chunks(bytes, resp);
+        if (used < 0) LOG(package, "[Model %s]msg rcv chunked body not enough.", model);
         return used;
     }
     int failed = kReadBad;
     if (resp->content_length == 0) {  // none was given: everything that came with the headers is the body
         failed = kReadIncomplete;
-        resp->content_length = static_cast<int32_t>(avail);
+        resp->content_length = static_cast<int32_t>(bytes.size());
         LOG(package, "[Model %s]msg rcv calculate body len: %d.", model, resp->content_length);
     }
-    const int length = cloudtunnel_http_body_decode(body, resp);
+    const int length = cloudtunnel_http_body_decode(reinterpret_cast<const uint8_t *>(bytes.data()), resp);
     return length < 0 ? failed : length;
 }
 
 }  // namespace
-
-Chunks chunks_join(Chunk *head, int count, cloudtunnel_http_resp *resp) {
-    Chunks result = Chunks::done;
-    // The number in these messages is the count plus one, whichever chunk it is about: logs are matched on it.
-    const int number = count + 1;
-    for (; count > 0; count--) {
-        const Chunk *node = head->next;
-        if (!node) {
-            LOG(package, "Chunk proc node %d null.", number);
-            result = Chunks::error;
-            break;
-        }
-        if (node->length == 0) {
-            LOG(package, "Chunk proc node %d len 0 error.", number);
-            result = Chunks::error;
-        }
-        if (result == Chunks::done && !append_body(resp, node)) {
-            LOG(package, "Chunk proc node %d malloc failed.", number);
-            result = Chunks::incomplete;
-        }
-        head = chunk_free(head);
-    }
-    chunks_free(head);
-    return result;
-}
 
 int cloudtunnel_http_hdr_line_parse(const uint8_t *line, int32_t len, int32_t number, cloudtunnel_http_resp *resp) {
     if (!line || len <= 0) return 0;
@@ -270,7 +270,7 @@ int cloudtunnel_http_body_decode(const uint8_t *data, cloudtunnel_http_resp *res
 int cloudtunnel_http_rcv(int sock, cloudtunnel_http_resp *resp) {
     cloudtunnel_connect_node *conn = CLOUDMGR_socket_getCnctBySock(sock);
     if (!conn || !resp) return kReadBad;
-    // What this call looks at: the bytes saved before and those read now.
+    // The bytes of the receive buffer, and behind them those read now.
     size_t len = conn->buf && conn->bufLen > 0 ? static_cast<size_t>(conn->bufLen) : 0;
     const Owned<uint8_t> area(static_cast<uint8_t *>(os_alloc((len > kAreaSize ? len : kAreaSize) + 1)));
     if (!area) return kReadBad;
@@ -294,15 +294,13 @@ int cloudtunnel_http_rcv(int sock, cloudtunnel_http_resp *resp) {
         const auto headers = static_cast<size_t>(block);
         if (resp->content_length < 0) return kReadBad;
         if (len - headers >= static_cast<size_t>(resp->content_length))
-            result = read_body(conn->modelName, area.get() + headers, len - headers, resp);
-        // A chunk error leaves the saved bytes as they were; a body without memory does not.
-        if (result == kReadBad && resp->chunked) return kReadBad;
+            result = read_body(conn->modelName, text_of(area.get() + headers, len - headers), resp);
         if (result >= 0) consumed = headers + static_cast<size_t>(result);
     }
-    // What was not consumed goes back to the connection. Bytes that cannot be kept are an error: they would be missing
+    // What was not consumed becomes the receive buffer. Bytes that cannot be kept are an error: they would be missing
     // in the middle of the stream.
     if (consumed == len) return CLOUDMGR_socket_bufClean(conn, static_cast<uint32_t>(len));
     const int kept = CLOUDMGR_socket_bufUpdata(conn, area.get() + consumed, static_cast<uint32_t>(len - consumed));
     if (kept != 0) return kept;
-    return consumed > 0 ? 0 : result;
+    return consumed > 0 ? kReadDone : result;
 }
