@@ -17,7 +17,7 @@ static_assert(offsetof(cloudtunnel_http_resp, status_text) == 8 && offsetof(clou
 
 namespace {
 
-// The fields of the text headers, by id from CLOUDTUNNEL_HTTP_HOST on.
+// The fields of the text headers, in the order of their ids, which begin at CLOUDTUNNEL_HTTP_HOST.
 constexpr char *cloudtunnel_http_req::*kTextFields[] = {
     &cloudtunnel_http_req::host,       &cloudtunnel_http_req::path,
     &cloudtunnel_http_req::accept,     &cloudtunnel_http_req::accept_language,
@@ -64,8 +64,7 @@ void cloudtunnel_http_req_destory(cloudtunnel_http_req *req) {
     os_free(req->ws_key);
     os_free(req->body.text);
     os_free(req->body.content_type);
-    // Cache-Control, User-Agent and Content-Type stay with whoever set them: callers share these texts between
-    // requests.
+    // Cache-Control, User-Agent and Content-Type are not freed: callers share these texts between requests.
     os_free(req);
 }
 
@@ -84,7 +83,7 @@ void cloudtunnel_http_resp_destory(cloudtunnel_http_resp *resp) {
 
 int cloudtunnel_http_hdr_set(cloudtunnel_http_req *req, uint32_t id, const void *value) {
     if (!req) return -1;
-    const uint32_t text = id - CLOUDTUNNEL_HTTP_HOST;  // the ids in front of it become large numbers
+    const uint32_t text = id - CLOUDTUNNEL_HTTP_HOST;  // smaller ids wrap around to large numbers
     if (text < std::size(kTextFields)) {
         os_replace(&(req->*kTextFields[text]), static_cast<const char *>(value));
         return 0;

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <iterator>
 
-// A text each row, no pointers: what a table points to would have to be relocated when the library is loaded.
-// The last method is CONNECT and the end marker run together; the table keeps it, nothing asks for it.
+// Each row is a text, not a pointer to one: pointers would have to be relocated when the library is loaded.
+// The last method is CONNECT and an end marker written as one word. The platform knows it so.
 inline constexpr char kHttpMethods[][11] = {"NONE",   "GET",     "POST",  "HEAD",      "PUT",
                                             "DELETE", "OPTIONS", "TRACE", "CONNECTMAX"};
 inline constexpr char kHttpVersions[][5] = {"NONE", "1.0", "1.1", "2.0", "MAX"};
@@ -19,8 +19,8 @@ inline const char *http_version_name(uint32_t index) {
     return index < std::size(kHttpVersions) ? kHttpVersions[index] : nullptr;
 }
 
-// The statuses that the reader knows, one behind another in the order in which they are looked for, up to an empty one.
-// A response's status index is the place in here, its code the number in front.
+// The statuses that the reader knows, in the order in which it looks for them, up to an empty one. The status index of
+// a response is the position in this list, its status code the number at the beginning of the text.
 inline constexpr char kHttpStatuses[] =
     "100 Continue\0"
     "101 Switching Protocols\0"

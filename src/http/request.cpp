@@ -1,4 +1,4 @@
-// Requests out: a text that grows piece by piece, and the order of the lines.
+// Requests out: a text that grows piece by piece, and the order of a request's lines.
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -12,7 +12,7 @@ namespace {
 constexpr size_t kPieceSize = 65535;  // one formatted piece, its zero byte included
 constexpr uint32_t kSendAttempts = 100;
 
-constexpr int kCannotGrow = 1;  // text_append: the text's data is freed; the record is the caller's to free
+constexpr int kCannotGrow = 1;  // of text_append: the text's data is freed, its record is not
 
 // text_reserve makes room for `length` bytes and a zero byte behind them.
 bool text_reserve(cloudtunnel_http_text *text, uint64_t length) {
@@ -46,7 +46,7 @@ int text_append(cloudtunnel_http_text *text, const char *format, va_list &args) 
     return 0;
 }
 
-// A request's text while it is being written. The first piece that fails stops it for good.
+// The text of a request while it is written. After a piece that failed nothing is added.
 class Writer {
   public:
     Writer() = default;
@@ -109,7 +109,7 @@ int send_request(int sock, const cloudtunnel_http_req *req, Lines lines, uint32_
     if (!out.ok()) return -1;
     LOG(package, "[Socket %d]Send http message.", sock);
     CLOUDMGR_debug_PrintPkt(out.data(), out.length());
-    // Whatever became of it: a failed send is the connection's business, and shows there.
+    // The result is not examined: a failed send shows at the connection, which closes.
     CLOUDMGR_socket_sendData(sock, out.data(), static_cast<int>(out.length()), static_cast<int>(attempts), 0);
     return 0;
 }

@@ -22,7 +22,7 @@ uint64_t uptime() {
     return sysinfo(&info) == 0 ? static_cast<uint64_t>(info.uptime) : kUnknown;
 }
 
-// boot_date fills in when the system started, in UTC. False when that cannot be told.
+// boot_date fills in when the system started, in UTC. False when the system does not say it.
 bool boot_date(struct tm *utc) {
     const uint64_t seconds = uptime();
     if (seconds == kUnknown) return false;

@@ -127,7 +127,7 @@ int send_fragments(int sock, const cloudmgr_ws_msg *msg, int attempts, uint32_t 
     int count = 1;
     if (msg && body_is_sound(msg)) {
         count = static_cast<int>((msg->length + fragment - 1) / fragment);
-        // Between the numbers stands a full-width comma in GB2312.
+        // The two bytes between the numbers are a full-width comma in GB2312.
         LOG(package,
             "[sock %d] msg length is %lld\xA3\xAC"
             "fragment number is %d.",

@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-// Where in a message a frame stands; the values are those that callers of the fragment senders pass.
+// The position of a frame in a message. The values are those that callers of the fragment senders pass.
 enum class Fragment : int { whole = 0, first = 1, middle = 2, last = 3 };
 
 // cloudmgr_ws_htonl swaps the bytes of a 32-bit number.

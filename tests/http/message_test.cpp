@@ -61,12 +61,6 @@ TEST_F(HttpMessageTest, null_clears_a_text_and_is_no_number) {
     EXPECT_EQ(cloudtunnel_http_hdr_set(nullptr, 2, "x"), -1);
 }
 
-TEST_F(HttpMessageTest, a_text_of_the_request_itself_may_be_set_again) {
-    set(2, "host.example");
-    EXPECT_EQ(set(2, req->host + 5), 0);
-    EXPECT_STREQ(req->host, "example");
-}
-
 TEST_F(HttpMessageTest, the_body_has_a_type_and_a_text) {
     EXPECT_EQ(cloudtunnel_http_body_set(&req->body, 0, "text/plain"), 0);
     EXPECT_EQ(cloudtunnel_http_body_set(&req->body, 1, "abc"), 0);
@@ -174,6 +168,29 @@ TEST_F(HttpMessageTest, the_names_are_these_and_no_others) {
         EXPECT_STREQ(resp.status_text, status.text);
     }
     EXPECT_STREQ(known, "");  // no status line matches an end marker
+}
+
+TEST_F(HttpMessageTest, a_header_or_body_text_may_be_set_to_itself_or_to_its_end) {
+    for (uint32_t id = CLOUDTUNNEL_HTTP_HOST; id <= CLOUDTUNNEL_HTTP_WS_KEY; id++)
+        EXPECT_EQ(cloudtunnel_http_hdr_set(req, id, "the text"), 0);
+    char **const fields[] = {&req->host,       &req->path,         &req->accept, &req->accept_language,
+                             &req->upgrade,    &req->connection,   &req->cookie, &req->cache_control,
+                             &req->user_agent, &req->content_type, &req->ws_key};
+    uint32_t id = CLOUDTUNNEL_HTTP_HOST;
+    for (char **field : fields) {
+        EXPECT_EQ(cloudtunnel_http_hdr_set(req, id, *field), 0);
+        EXPECT_STREQ(*field, "the text");
+        EXPECT_EQ(cloudtunnel_http_hdr_set(req, id, *field + 4), 0);
+        EXPECT_STREQ(*field, "text");
+        id++;
+    }
+    for (const int32_t item : {0, 1}) {
+        char *&text = item == 0 ? req->body.content_type : req->body.text;
+        cloudtunnel_http_body_set(&req->body, item, "the text");
+        EXPECT_EQ(cloudtunnel_http_body_set(&req->body, item, text), 0);
+        EXPECT_EQ(cloudtunnel_http_body_set(&req->body, item, text + 4), 0);
+        EXPECT_STREQ(text, "text");
+    }
 }
 
 }  // namespace

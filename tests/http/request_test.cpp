@@ -215,4 +215,14 @@ TEST_F(TextTest, null_arguments_are_minus_one) {
     drop(text);
 }
 
+TEST_F(RequestTest, a_text_may_be_appended_to_itself) {
+    auto *text = static_cast<cloudtunnel_http_text *>(std::calloc(1, sizeof(cloudtunnel_http_text)));
+    ASSERT_EQ(cloudtunnel_http_strcat(text, "%s", "0123456789"), 0);
+    for (int doubled = 0; doubled < 5; doubled++) ASSERT_EQ(cloudtunnel_http_strcat(text, "%s", text->data), 0);
+    EXPECT_EQ(text->length, 320U);
+    EXPECT_EQ(std::string(text->data + 310), "0123456789");
+    std::free(text->data);
+    std::free(text);
+}
+
 }  // namespace
