@@ -3,7 +3,7 @@
  *
  * A tunnel belongs to a model: a short name under which the library keeps the platform's host, path and port. The
  * library resolves the host, connects (plain on port 80, TLS on every other port), upgrades HTTP to WebSocket (RFC 6455
- * with the deviations told at the frame functions), registers with the JSON message "OPT1" and hands the open
+ * with the deviations described at the frame functions), registers with the JSON message "OPT1" and hands the open
  * WebSocket to the module that asked for it.
  *
  * Rules that hold for every function here, unless its comment says otherwise:
@@ -13,7 +13,8 @@
  *   called from other threads too, and not while a pass over the timers runs.
  * - Results. 32-bit; 0 is success, -1 failure. A null argument gives -1 (or null, or nothing) and changes nothing.
  * - Memory. What the library gives to be freed comes from malloc and is released with free. Texts handed in are
- *   copied. Pointers handed out without a word about ownership are borrowed and hold until the record changes.
+ *   copied. A pointer that is handed out belongs to its record, unless its comment says otherwise, and is valid until
+ *   the record changes.
  * - Callbacks run on the caller's thread with no lock of the library held. They may call every function here. The
  *   print callback is the exception: it must not call the library.
  * - Log. A message of level L reaches the print callback when cloudmgr_debug_level is at least L.
@@ -166,8 +167,8 @@ CLOUDTUNNEL_EXPORT extern const char *const cloudtunnel_wkday_s[7];
 /* ------------------------------------------------------------------------------------------------ modules */
 
 /* What a module hands in to be registered. Texts are copied, callbacks stored; all three must be set. They take no
- * arguments: what they need is fetched with CLOUDMGR_TUNNEL_GetToken and its neighbours. A non-zero result only shows
- * in the log. */
+ * arguments: they fetch what they need with CLOUDMGR_TUNNEL_GetToken and similar functions. A non-zero result only
+ * shows in the log. */
 typedef struct CLOUDTUNNEL_MODULE_REG {
     const char *pcName;           /* the model; by this name the daemon's messages find the module */
     const char *pcSubName;        /* a second name, announced to the daemon */
@@ -220,7 +221,7 @@ CLOUDTUNNEL_EXPORT void cloudtunnel_module_reg2Server(void);
 
 /* ------------------------------------------------------------------------------------------------ device identity */
 
-/* Why the main tunnel last went down, as the daemon tells it. */
+/* Why the main tunnel last went down, as the daemon reports it. */
 typedef struct CLOUDTUNNEL_MAIN_TUNNEL_INFO {
     int32_t last_down_reason;       /* why, in the daemon's numbers */
     int32_t last_down_error_code;   /* the daemon's code for the error */
@@ -293,8 +294,8 @@ CLOUDTUNNEL_EXPORT int CLOUDMGR_eloop_sock_add(int fd, struct epoll_event *event
 CLOUDTUNNEL_EXPORT int CLOUDMGR_eloop_sock_addex(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler,
                                                  void *extra);
 
-/* CLOUDMGR_eloop_sock_modify replaces events and handler. 0; -1 when `fd` is not registered or epoll refuses: then the
- * node has the new event and handler all the same. */
+/* CLOUDMGR_eloop_sock_modify replaces events and handler. 0; -1 when `fd` is not registered or epoll refuses: even
+ * then the node has the new event and handler. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_eloop_sock_modify(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler);
 
 /* CLOUDMGR_eloop_sock_del removes `fd`, which stays open. 0, also when epoll refuses; -1 when it was not registered. */
@@ -674,11 +675,11 @@ typedef struct cloudtunnel_http_resp {
     uint8_t *body;           /* owned, no zero byte behind it */
 } cloudtunnel_http_resp;
 
-/* A text that grows, as cloudtunnel_http_strcat uses it: a record of zeros, from malloc. */
+/* A text that grows, for cloudtunnel_http_strcat. It begins as a record of zeros, from malloc. */
 typedef struct cloudtunnel_http_text {
     char *data;        /* owned */
     uint64_t capacity; /* bytes that data has room for */
-    uint64_t length;   /* a zero byte stands behind the text, not counted */
+    uint64_t length;   /* without the zero byte behind the text */
 } cloudtunnel_http_text;
 
 /* cloudtunnel_http_req_create returns an empty request, the caller's to destroy; null without memory. */
@@ -699,8 +700,8 @@ CLOUDTUNNEL_EXPORT int cloudtunnel_http_hdr_set(cloudtunnel_http_req *req, uint3
 /* cloudtunnel_http_body_set sets the body's content type (`item` 0) or text (1); others are ignored. 0, or -1. */
 CLOUDTUNNEL_EXPORT int cloudtunnel_http_body_set(cloudtunnel_http_body *body, int32_t item, const char *text);
 
-/* cloudtunnel_http_send writes the request (RFC 9112) and sends it with at most 100 attempts. 0 whatever became of the
- * sending; -1, with nothing sent, for a bad socket, a null request, a method or version outside its table and when
+/* cloudtunnel_http_send writes the request (RFC 9112) and sends it with at most 100 attempts. 0, also when the sending
+ * failed; -1, with nothing sent, for a bad socket, a null request, a method or version outside its table and when
  * memory is short. cloudtunnel_http_send_configMaxCount sends with `retryLimit` attempts and leaves out Cache-Control,
  * User-Agent and the request's own Content-Type. */
 CLOUDTUNNEL_EXPORT int cloudtunnel_http_send(int sock, const cloudtunnel_http_req *req);
@@ -833,7 +834,7 @@ CLOUDTUNNEL_EXPORT int kyrcloud_ws_sendlarge_oneFrag(int sock, const cloudmgr_ws
 CLOUDTUNNEL_EXPORT int CLOUDMGR_ws_rcv(int sock, cloudmgr_ws_msg *msg);
 
 /* CLOUDMGR_ws_CloseSend sends a close frame with a status and a reason of at most 4094 bytes. 0 when the frame was
- * built, whatever became of the sending; -1 otherwise. */
+ * built, also when the sending failed; -1 otherwise. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_ws_CloseSend(int sock, uint16_t status, const void *reason, int32_t reason_length);
 
 /* CLOUDMGR_ws_closed sends a close frame with the reason closedstr, not masked. */

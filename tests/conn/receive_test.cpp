@@ -313,7 +313,7 @@ TEST_F(ReceiveTest, a_session_that_is_empty_is_an_error) {
     EXPECT_EQ(CLOUDMGR_socket_sendData(conn.sock, area, 4, 1, 0), -1);
 }
 
-TEST_F(ReceiveTest, at_level_0_a_read_says_nothing_and_does_the_same) {
+TEST_F(ReceiveTest, at_level_0_a_read_logs_nothing_and_does_the_same) {
     cloudmgr_debug_level = 0;
     EXPECT_EQ(CLOUDMGR_socket_rcvData(999, area, 4), -1);
     for (const Wire wire : {Wire::plain, Wire::tls}) {

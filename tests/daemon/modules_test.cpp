@@ -32,7 +32,7 @@ class ModuleTest : public support::LibraryTest {
     }
 };
 
-TEST_F(ModuleTest, init_makes_an_empty_list_and_says_so) {
+TEST_F(ModuleTest, init_makes_an_empty_list_and_logs_its_count) {
     std::memset(&cloudtunnel_module_list, 0x55, sizeof cloudtunnel_module_list);
     log.clear();
     cloudtunnel_initModuleList();
@@ -84,7 +84,7 @@ TEST_F(ModuleTest, a_node_holds_copies_of_the_names_and_the_callbacks) {
     EXPECT_EQ(node->port, 0);
 }
 
-TEST_F(ModuleTest, registering_tells_the_count_and_announces_every_module) {
+TEST_F(ModuleTest, registering_logs_the_count_and_announces_every_module) {
     log.clear();
     add("one");
     add("two");

@@ -37,7 +37,7 @@ class RequestTest : public support::LibraryTest {
     cloudtunnel_http_req *req = cloudtunnel_http_req_create();
 };
 
-TEST_F(RequestTest, every_line_stands_in_its_place) {
+TEST_F(RequestTest, the_lines_of_a_request_have_a_fixed_order) {
     const support::Connection conn = connect(Wire::plain);
     fill();
     EXPECT_EQ(sent(conn),
@@ -112,7 +112,7 @@ TEST_F(RequestTest, one_piece_is_cut_at_65534_bytes) {
     EXPECT_EQ(conn.server->take(expected.size()), expected);
 }
 
-TEST_F(RequestTest, the_length_of_a_body_that_is_cut_is_told_whole) {
+TEST_F(RequestTest, the_content_length_of_a_body_that_is_cut_is_that_of_the_whole_body) {
     const support::Connection conn = connect(Wire::tls);
     const std::string body(70000, 'b');
     cloudtunnel_http_body_set(&req->body, 1, body.c_str());
@@ -121,7 +121,7 @@ TEST_F(RequestTest, the_length_of_a_body_that_is_cut_is_told_whole) {
     EXPECT_EQ(conn.server->take(expected.size()), expected);
 }
 
-TEST_F(RequestTest, a_request_is_told_and_dumped_before_it_is_sent) {
+TEST_F(RequestTest, a_request_is_logged_and_dumped_before_it_is_sent) {
     const support::Connection conn = connect(Wire::plain);
     cloudmgr_debug_level = support::kPackageDetail;
     EXPECT_EQ(sent(conn), "GET  HTTP/1.1\r\n\r\n");
@@ -169,7 +169,7 @@ TEST_F(TextTest, pieces_are_appended_with_a_zero_byte_behind_them_that_does_not_
     drop(text);
 }
 
-TEST_F(TextTest, an_empty_first_piece_leaves_room_for_the_next) {
+TEST_F(TextTest, a_piece_may_follow_an_empty_one) {
     cloudtunnel_http_text *text = make();
     EXPECT_EQ(cloudtunnel_http_strcat(text, "%s", ""), 0);
     EXPECT_NE(text->data, nullptr);

@@ -128,7 +128,7 @@ TEST_F(ResponseTest, a_negative_length_is_an_error) {
     EXPECT_EQ(read_once(std::string(kOk) + "Content-Length: 99999999999\r\n\r\nabc"), -2);
 }
 
-TEST_F(ResponseTest, each_header_is_found_wherever_its_key_stands) {
+TEST_F(ResponseTest, each_header_is_found_wherever_its_key_is) {
     EXPECT_EQ(read_once(std::string("HTTP/1.1 302 Found\r\n") +
                         "x-set-cookie: a=1\r\nSet-Cookie: b=2\r\nLocation: /one\r\nLocation: /two\r\n"
                         "Sec-WebSocket-Accept: first\r\nSec-WebSocket-Accept: second\r\n"
@@ -348,7 +348,7 @@ TEST_F(ResponseTest, a_body_is_copied_by_its_length) {
     EXPECT_EQ(cloudtunnel_http_body_decode(support::Connection::bytes("x"), nullptr), -1);
 }
 
-TEST_F(ResponseTest, a_full_area_is_not_read_into_and_larger_leftovers_are_kept_whole) {
+TEST_F(ResponseTest, a_full_receive_buffer_is_not_added_to_and_a_larger_one_is_kept_whole) {
     for (const size_t size : {kArea, kArea + 1, size_t{200000}}) {
         open();
         const std::string bytes(size, 'x');
@@ -363,7 +363,7 @@ TEST_F(ResponseTest, a_full_area_is_not_read_into_and_larger_leftovers_are_kept_
     }
 }
 
-TEST_F(ResponseTest, a_complete_response_among_leftovers_that_fill_the_area_is_found) {
+TEST_F(ResponseTest, a_complete_response_in_a_full_receive_buffer_is_found) {
     const std::string response = std::string(kOk) + "Content-Length: 2\r\n\r\nab";
     for (const size_t size : {kArea, size_t{100000}}) {
         open();
@@ -377,7 +377,7 @@ TEST_F(ResponseTest, a_complete_response_among_leftovers_that_fill_the_area_is_f
     }
 }
 
-TEST_F(ResponseTest, nothing_to_read_leaves_the_leftovers_and_the_end_is_an_error) {
+TEST_F(ResponseTest, nothing_to_read_leaves_the_receive_buffer_and_the_end_is_an_error) {
     open();
     EXPECT_EQ(receive("HTTP/1.1 2"), -2);
     log.clear();

@@ -44,7 +44,7 @@ TEST_F(DeviceTest, without_a_serial_number_it_is_na) {
     EXPECT_STREQ(cloudmgr_dev_getSN(), "-NA-");
 }
 
-TEST_F(DeviceTest, the_serial_number_is_what_stands_behind_the_colon_without_its_line_end) {
+TEST_F(DeviceTest, the_serial_number_is_the_text_behind_the_colon_without_its_line_end) {
     read_serial("OTHER:1\\nHW_SERIES_NUM: 219801A2JX8166E0001N\\nLAST:2\\n");
     EXPECT_STREQ(cloudmgr_dev_getSN(), " 219801A2JX8166E0001N");
     EXPECT_TRUE(log.said(kError, "Cloud-Tunnel-Lib Set Device SN [ 219801A2JX8166E0001N]."));

@@ -30,7 +30,7 @@ class LifecycleTest : public support::ProcessTest {
     const CLOUDTUNNEL_LIB_INIT_DATA data = support::Log::init_data();
 };
 
-TEST_F(LifecycleTest, null_data_are_refused_without_a_word) {
+TEST_F(LifecycleTest, null_data_are_refused_and_nothing_is_logged) {
     EXPECT_EQ(CLOUDTUNNEL_LIB_Init(nullptr), -1);
     EXPECT_EQ(CLOUDTUNNEL_LIB_MiniInit(nullptr), -1);
     EXPECT_TRUE(log.all().empty());
@@ -269,7 +269,7 @@ TEST_F(FiniTest, set_ups_go_first_then_the_link_the_loop_and_the_timers) {
     }
     EXPECT_EQ(fcntl(epfd, F_GETFD), -1);
     EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
-    EXPECT_TRUE(callbacks.failures.empty());  // nobody is told
+    EXPECT_TRUE(callbacks.failures.empty());  // nobody is notified
 }
 
 TEST_F(FiniTest, connections_and_modules_outlive_the_library_and_late_messages_still_print) {

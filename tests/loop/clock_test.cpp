@@ -42,7 +42,7 @@ TEST_F(ClockTest, uptime_reads_as_days_hours_minutes_and_seconds) {
     }
 }
 
-TEST_F(ClockTest, an_uptime_that_cannot_be_read_is_all_ones_and_told) {
+TEST_F(ClockTest, an_uptime_that_cannot_be_read_is_all_ones_and_logged) {
     const support::Fault broken("sysinfo", {.times = support::kAlways, .error = EFAULT});
     log.clear();
     EXPECT_EQ(cloudtunnel_timer_run_time_nobuf(), UINT64_MAX);

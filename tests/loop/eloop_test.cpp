@@ -69,7 +69,7 @@ class EloopTest : public support::LibraryTest {
     int fd = pair.a.get();
 };
 
-TEST_F(EloopTest, init_says_the_descriptor_and_deinit_that_it_is_over) {
+TEST_F(EloopTest, init_logs_the_descriptor_and_deinit_the_end) {
     CLOUDMGR_eloop_deinit();
     EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{{kInit, "Deinit epoll ok."}}));
     log.clear();
@@ -78,7 +78,7 @@ TEST_F(EloopTest, init_says_the_descriptor_and_deinit_that_it_is_over) {
     EXPECT_TRUE(log.said_once(kEvent, text("Create epoll ok, epoll fd %d.", made)));
 }
 
-TEST_F(EloopTest, a_failed_creation_is_told_and_closes_nothing_later) {
+TEST_F(EloopTest, a_failed_creation_is_logged_and_closes_nothing_later) {
     CLOUDMGR_eloop_deinit();
     {
         const support::Fault broken("epoll_create", {.error = EMFILE});
@@ -91,7 +91,7 @@ TEST_F(EloopTest, a_failed_creation_is_told_and_closes_nothing_later) {
     EXPECT_EQ(closes(), 0);
 }
 
-TEST_F(EloopTest, adding_says_what_epoll_was_asked_and_what_came_of_it) {
+TEST_F(EloopTest, adding_logs_the_call_to_epoll_and_its_result) {
     ASSERT_EQ(add(fd), 0);
     char asked[128];
     std::snprintf(asked, sizeof asked, "epoll_ctl Add socket %d to epoll %d ok.operation 1 1 %d ", fd, epfd, fd);
@@ -246,7 +246,7 @@ TEST_F(EloopTest, modify_replaces_event_and_handler) {
     EXPECT_EQ(CLOUDTUNNEL_EPOLL_HandleMsg(epfd), 6);
 }
 
-TEST_F(EloopTest, a_refused_modify_is_told_and_leaves_the_new_handler_in_place) {
+TEST_F(EloopTest, a_refused_modify_is_logged_and_leaves_the_new_handler_in_place) {
     add(fd);
     log.clear();
     const support::Fault broken("epoll_ctl", {.error = ENOMEM});
@@ -257,7 +257,7 @@ TEST_F(EloopTest, a_refused_modify_is_told_and_leaves_the_new_handler_in_place) 
     EXPECT_EQ(cloudmgr_eloop_get_sock(fd)->event.events, static_cast<uint32_t>(EPOLLOUT));
 }
 
-TEST_F(EloopTest, null_arguments_are_minus_one_without_a_word) {
+TEST_F(EloopTest, null_arguments_are_minus_one_and_nothing_is_logged) {
     struct epoll_event event = watching(fd);
     EXPECT_EQ(CLOUDMGR_eloop_sock_add(fd, nullptr, on_ready), -1);
     EXPECT_EQ(CLOUDMGR_eloop_sock_add(fd, &event, nullptr), -1);
@@ -271,7 +271,7 @@ TEST_F(EloopTest, null_arguments_are_minus_one_without_a_word) {
     EXPECT_TRUE(log.all().empty());
 }
 
-TEST_F(EloopTest, deleting_tells_what_epoll_said_and_leaves_the_descriptor_open) {
+TEST_F(EloopTest, deleting_logs_the_result_of_epoll_and_leaves_the_descriptor_open) {
     add(fd);
     log.clear();
     EXPECT_EQ(CLOUDMGR_eloop_sock_del(fd), 0);

@@ -107,7 +107,7 @@ TEST_F(DumpTest, a_clock_beyond_all_calendars_leaves_the_date_out) {
     EXPECT_EQ(dump("A"), "[][000042][PACKAGE DETAIL]: \n***************** Data *****************\n");
 }
 
-TEST_F(DumpTest, the_header_tells_the_local_time) {
+TEST_F(DumpTest, the_header_shows_the_local_time) {
     setenv("TZ", "HERE-3", 1);  // three hours east of Greenwich
     clock.set_time_of_day(1700000000, 999999);
     EXPECT_EQ(dump("A"),

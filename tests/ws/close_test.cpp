@@ -45,7 +45,7 @@ TEST_F(CloseTest, a_close_is_a_masked_frame_of_status_and_reason) {
     ASSERT_TRUE(frame);
     EXPECT_EQ(frame->opcode, 8);
     EXPECT_TRUE(frame->fin);
-    EXPECT_EQ(frame->mask, std::string(reinterpret_cast<char *>(CLOUDMGR_ws_getMask()), 4));  // the clock stands still
+    EXPECT_EQ(frame->mask, std::string(reinterpret_cast<char *>(CLOUDMGR_ws_getMask()), 4));  // the clock does not move
     EXPECT_EQ(frame->body, status(1001) + "going");
 }
 
@@ -82,7 +82,7 @@ TEST_F(CloseTest, closes_are_sent_in_a_hundred_attempts_without_a_pause) {
     EXPECT_TRUE(clock.sleeps().empty());
 }
 
-TEST_F(CloseTest, what_is_told_of_a_close_stands_before_or_behind_its_sending) {
+TEST_F(CloseTest, each_close_is_logged_before_or_after_it_is_sent) {
     const support::Connection conn = connect(Wire::plain);
     const std::string on = "[Socket " + std::to_string(conn.sock) + "]";
     CLOUDMGR_ws_closed(conn.sock, 1000);

@@ -160,7 +160,7 @@ TEST_F(WsSendTest, a_message_goes_out_as_one_frame_masked_or_not) {
     }
 }
 
-TEST_F(WsSendTest, a_send_tells_what_it_does) {
+TEST_F(WsSendTest, a_send_logs_each_step) {
     cloudmgr_debug_level = support::kPackageDetail;
     support::Connection conn = connect(Wire::plain);
     fill("AB");
@@ -179,7 +179,7 @@ TEST_F(WsSendTest, a_send_tells_what_it_does) {
                               {kPackage, "WEB: " + on + "Send websocket mask 0x11 0x22 0x33 0x44."}}));
 }
 
-TEST_F(WsSendTest, bad_sockets_and_null_messages_are_told) {
+TEST_F(WsSendTest, bad_sockets_and_null_messages_are_logged) {
     fill("x");
     EXPECT_EQ(CLOUDMGR_ws_send(-1, msg, 1), -1);
     EXPECT_TRUE(log.said_once(kError, "Send ws msg sock -1 error."));
