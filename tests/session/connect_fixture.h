@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <fcntl.h>
@@ -71,6 +72,12 @@ class ConnectTest : public support::LibraryTest {
     static std::string proc_failed(uint32_t events, int result, int error, const std::string &why) {
         return with("Connect proc failed, event ", static_cast<int>(events), ", ret ") + std::to_string(result) +
                with(" iErr ", error, " msg ") + why + ".";
+    }
+    // Messages written as a block of lines (log.h), with {sock}, {epfd} and what else the test names.
+    Messages lines(int sock, std::string_view block) const { return lines(sock, {}, block); }
+    Messages lines(int sock, support::LogValues values, std::string_view block) const {
+        values.insert({{"sock", std::to_string(sock)}, {"epfd", std::to_string(epfd)}});
+        return support::log_lines(values, block);
     }
     Messages steps() const {  // without what the timers say
         Messages all = log.all();

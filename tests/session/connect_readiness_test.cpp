@@ -13,11 +13,13 @@ TEST_F(ConnectTest, a_connection_that_does_not_come_up_in_time_is_closed_and_its
     ASSERT_NE(conn.node(), nullptr);
     log.clear();
     pass_time(1);
-    EXPECT_TRUE(log.in_order({{kTimer, "Timer 100 reach time out."},
-                              {kError, on(sock, "connect time out process.")},
-                              {kConnect, with("Del socket connect node ok, sock ", sock, ".")},
-                              {kConnect, with("Del socket ", sock, " from epoll ok.")},
-                              {kConnect, with("Real close sock [", sock, "] .")}}));
+    EXPECT_TRUE(log.in_order(lines(sock, R"(
+        TIMER   Timer 100 reach time out.
+        ERROR   [Model model][Socket {sock}]connect time out process.
+        CONNECT Del socket connect node ok, sock {sock}.
+        CONNECT Del socket {sock} from epoll ok.
+        CONNECT Real close sock [{sock}] .
+    )")));
     expect_gone(sock);
     pass_time(120);
     EXPECT_EQ(callbacks.failures.size(), 1U);
@@ -60,8 +62,10 @@ TEST_F(ConnectTest, a_time_out_of_an_unknown_socket_or_with_a_stale_id_is_only_l
     EXPECT_EQ(cloudtunnel_socket_connectTimeout(99, &sock), 0);
     int nobody = kFar;
     EXPECT_EQ(cloudtunnel_socket_connectTimeout(100, &nobody), 0);
-    EXPECT_EQ(log.all(), (Messages{{kError, with("[Socket ", sock, "] have connect timer 99 is not cur id [100].")},
-                                   {kError, "[Socket 100000] have no connect node."}}));
+    EXPECT_EQ(log.all(), lines(sock, R"(
+        ERROR [Socket {sock}] have connect timer 99 is not cur id [100].
+        ERROR [Socket 100000] have no connect node.
+    )"));
     EXPECT_NE(conn.node(), nullptr);
     EXPECT_TRUE(callbacks.failures.empty());
 }
@@ -209,9 +213,11 @@ TEST_F(ConnectTest, an_owner_that_refuses_has_its_connection_closed_and_is_told_
         callbacks.connected_result = refusal;
         log.clear();
         EXPECT_EQ(happens(sock, EPOLLOUT), 0);
-        EXPECT_TRUE(log.in_order({{kError, on(sock, " connect failed.")},
-                                  {kConnect, with("Del socket connect node ok, sock ", sock, ".")},
-                                  {kConnect, with("Real close sock [", sock, "] .")}}));
+        EXPECT_TRUE(log.in_order(lines(sock, R"(
+            ERROR   [Model model][Socket {sock}] connect failed.
+            CONNECT Del socket connect node ok, sock {sock}.
+            CONNECT Real close sock [{sock}] .
+        )")));
         EXPECT_EQ(log.count(kEvent), 0);
         EXPECT_EQ(log.count(kError), 1);
         expect_gone(sock);

@@ -91,8 +91,10 @@ TEST_F(ConnectTest, a_connect_that_is_refused_at_once_is_unregistered_and_closed
     const Fault fault("connect", {.error = ECONNREFUSED});
     EXPECT_EQ(start(), -1);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "\r\n Connect errno message: Connection refused\n");
-    EXPECT_TRUE(log.in_order({{kError, on(sock, "Failed to connect, errno 111 [Connection refused].")},
-                              {kConnect, with("Del socket ", sock, " from epoll ok.")}}));
+    EXPECT_TRUE(log.in_order(lines(sock, R"(
+        ERROR   [Model model][Socket {sock}]Failed to connect, errno 111 [Connection refused].
+        CONNECT Del socket {sock} from epoll ok.
+    )")));
     EXPECT_FALSE(log.contains("Real close"));
     expect_gone(sock);
 }
@@ -129,8 +131,10 @@ TEST_F(ConnectTest, a_second_connect_of_a_model_is_refused_once_under_way_and_th
     const support::Calls connects("connect");
     EXPECT_EQ(start(), -1);
     EXPECT_EQ(connects(), 1);
-    EXPECT_TRUE(log.in_order({{kError, "Connect node of model [model] is exist."},
-                              {kConnect, with("Del socket ", sock, " from epoll ok.")}}));
+    EXPECT_TRUE(log.in_order(lines(sock, R"(
+        ERROR   Connect node of model [model] is exist.
+        CONNECT Del socket {sock} from epoll ok.
+    )")));
     EXPECT_EQ(callbacks.failures, Names{"model"});
     EXPECT_EQ(fcntl(sock, F_GETFD), -1);
     EXPECT_EQ(cloudmgr_eloop_get_sock(sock), nullptr);

@@ -15,18 +15,19 @@ TEST_F(ConnectTest, a_connect_goes_its_steps_in_order) {
     EXPECT_EQ(start_connect(conn), sock);
     const std::string port = conn.server->port_text();
     const std::string events = std::to_string(static_cast<int>(kConnecting));
-    const std::string to_epoll = " to epoll " + std::to_string(epfd) + " ok.";
-    EXPECT_EQ(steps(),
-              (Messages{{kConnect, "Start to connect for model [model]."},
-                        {kConnect, "GetIpAddrbyHostUrl, use g_cloudtunnel_userconfigport: " + port + " make socket."},
-                        {kConnect, "family 2, ip 127.0.0.1 0x100007f, port 80, configport " + port + ", v3port 80."},
-                        {kConnect, with("epoll_ctl Add socket ", sock, to_epoll) + "operation 1 " + events +
-                                       with(" ", sock, " ")},
-                        {kConnect, with("Add socket ", sock, to_epoll)},
-                        {kConnect, with("Add socket connect node ok, model model, socket ", sock, ".")}}));
+    EXPECT_EQ(steps(), lines(sock, {{"port", port}, {"events", events}}, R"(
+        CONNECT Start to connect for model [model].
+        CONNECT GetIpAddrbyHostUrl, use g_cloudtunnel_userconfigport: {port} make socket.
+        CONNECT family 2, ip 127.0.0.1 0x100007f, port 80, configport {port}, v3port 80.
+        CONNECT epoll_ctl Add socket {sock} to epoll {epfd} ok.operation 1 {events} {sock} {}
+        CONNECT Add socket {sock} to epoll {epfd} ok.
+        CONNECT Add socket connect node ok, model model, socket {sock}.
+    )"));
     EXPECT_TRUE(log.said_once(kTimer, "Add user timer ok, timer id 100."));
-    EXPECT_LT(log.index_of(kConnect, with("Add socket connect node ok, model model, socket ", sock, ".")),
-              log.index_of(kTimer, "Add user timer ok, timer id 100."));
+    EXPECT_TRUE(log.in_order(lines(sock, R"(
+        CONNECT Add socket connect node ok, model model, socket {sock}.
+        TIMER   Add user timer ok, timer id 100.
+    )")));
     EXPECT_EQ(conn.node()->connectTimer, 100U);
     EXPECT_EQ(conn.node()->sslState, 0U);
     EXPECT_EQ(watched(sock), kConnecting);
@@ -50,8 +51,10 @@ TEST_F(ConnectTest, a_connection_that_comes_up_is_switched_to_receiving_and_told
     const int sock = start_connect(conn);
     log.clear();
     ASSERT_TRUE(turn(support::kWaitMs));
-    EXPECT_EQ(steps(), (Messages{{kConnect, with("Modify socket ", sock, "  to ") + std::to_string(epfd) + " ok."},
-                                 {kEvent, on(sock, " connect success.")}}));
+    EXPECT_EQ(steps(), lines(sock, R"(
+        CONNECT Modify socket {sock}  to {epfd} ok.
+        EVENT   [Model model][Socket {sock}] connect success.
+    )"));
     EXPECT_TRUE(log.said_once(kTimer, "Del user timer ok, timer id 100."));
     EXPECT_EQ(callbacks.connected, std::vector<int>{sock});
     EXPECT_EQ(conn.node()->connectTimer, 0U);
@@ -112,10 +115,12 @@ TEST_F(ConnectTest, the_port_goes_by_the_models_the_v3_link_and_the_users_port) 
         log.clear();
         const Fault refused("connect", {.error = ECONNREFUSED});
         EXPECT_EQ(start(), -1);
-        EXPECT_TRUE(
-            log.in_order({{kConnect, std::string("GetIpAddrbyHostUrl, ") + one.chosen + " make socket."},
-                          {kConnect, with("family 2, ip 127.0.0.1 0x100007f, port ", one.model, ", configport ") +
-                                         one.user + ", v3port " + one.v3 + "."}}));
+        const support::LogValues values = {
+            {"chosen", one.chosen}, {"model", std::to_string(one.model)}, {"user", one.user}, {"v3", one.v3}};
+        EXPECT_TRUE(log.in_order(support::log_lines(values, R"(
+            CONNECT GetIpAddrbyHostUrl, {chosen} make socket.
+            CONNECT family 2, ip 127.0.0.1 0x100007f, port {model}, configport {user}, v3port {v3}.
+        )")));
     }
 }
 
@@ -136,8 +141,10 @@ TEST_F(ConnectTest, without_an_address_no_socket_is_made) {
     CLOUDMGR_socket_urllist_set("model", nullptr, nullptr, 0, 443);
     log.clear();
     EXPECT_EQ(start(), -1);
-    EXPECT_EQ(log.all(), (Messages{{kConnect, "Start to connect for model [model]."},
-                                   {kError, "Failed to connect for model [model] because no addrinfo."}}));
+    EXPECT_EQ(log.all(), support::log_lines(R"(
+        CONNECT Start to connect for model [model].
+        ERROR   Failed to connect for model [model] because no addrinfo.
+    )"));
     EXPECT_EQ(callbacks.failures, (Names{"nowhere", "model"}));
     EXPECT_EQ(sockets(), 0);
 }
@@ -153,8 +160,8 @@ TEST_F(ConnectTest, an_ipv6_first_address_is_refused_by_connect_and_later_ones_a
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "\r\n Connect errno message: Address family not supported by protocol\n");
     EXPECT_TRUE(log.said_once(kConnect, "family 10, ip 2001:db8::1 0xb80d0120, port 443, configport 0, v3port 0."));
-    EXPECT_TRUE(
-        log.said_once(kError, on(sock, "Failed to connect, errno 97 [Address family not supported by protocol].")));
+    EXPECT_EQ(log.texts(kError),
+              Names{on(sock, "Failed to connect, errno 97 [Address family not supported by protocol].")});
     EXPECT_EQ(connects(), 1);
     expect_gone(sock);
 }

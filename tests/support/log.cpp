@@ -2,6 +2,9 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <ostream>
+#include <sstream>
+#include <stdexcept>
 
 #include "tests/support/quiet.h"
 
@@ -10,7 +13,53 @@ namespace {
 
 Log *current = nullptr;
 
+// In the order of the levels, which begin at 1.
+constexpr const char *kLevels[] = {"INIT",    "ERROR",          "EVENT", "FSM",         "CONNECT",
+                                   "PACKAGE", "PACKAGE_DETAIL", "TIMER", "TIMER_DETAIL"};
+
+uint32_t level_of(const std::string &name) {
+    for (uint32_t level = kInit; level <= kTimerDetail; ++level) {
+        if (name == kLevels[level - 1]) return level;
+    }
+    throw std::runtime_error("no level is called '" + name + "'");
+}
+
+std::string with_values(const std::string &text, const LogValues &values) {
+    std::string filled;
+    size_t at = 0;
+    for (size_t open = 0; (open = text.find('{', at)) != std::string::npos;) {
+        const size_t close = text.find('}', open);
+        const std::string name = text.substr(open + 1, close - open - 1);
+        filled += text.substr(at, open - at) + (name.empty() ? "" : values.at(name));
+        at = close + 1;
+    }
+    return filled + text.substr(at);
+}
+
 }  // namespace
+
+std::ostream &operator<<(std::ostream &out, const LogMessage &message) {
+    if (message.level < kInit || message.level > kTimerDetail) return out << message.level << ' ' << message.text;
+    return out << kLevels[message.level - 1] << ' ' << message.text;
+}
+
+std::vector<LogMessage> log_lines(const LogValues &values, std::string_view block) {
+    constexpr char kSpace[] = " ";
+    std::vector<LogMessage> messages;
+    std::istringstream lines{std::string(block)};
+    for (std::string line; std::getline(lines, line);) {
+        const size_t begin = line.find_first_not_of(kSpace);
+        if (begin == std::string::npos) continue;
+        const size_t end = line.find(' ', begin);
+        const size_t text = line.find_first_not_of(kSpace, end);
+        const size_t last = line.find_last_not_of(kSpace);
+        messages.push_back(
+            {level_of(line.substr(begin, end - begin)), with_values(line.substr(text, last + 1 - text), values)});
+    }
+    return messages;
+}
+
+std::vector<LogMessage> log_lines(std::string_view block) { return log_lines({}, block); }
 
 int Log::print(uint32_t level, const char *format, ...) {
     const Quiet quiet;
@@ -86,9 +135,10 @@ int Log::index_of(uint32_t level, const std::string &text, int from) const {
 }
 
 std::string Log::text_of_all() const {
-    std::string text = "the log is:";
-    for (const LogMessage &message : all()) text += "\n  " + std::to_string(message.level) + " " + message.text;
-    return text;
+    std::ostringstream text;
+    text << "the log is:";
+    for (const LogMessage &message : all()) text << "\n  " << message;
+    return text.str();
 }
 
 testing::AssertionResult Log::said(uint32_t level, const std::string &text) const {

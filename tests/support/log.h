@@ -9,8 +9,11 @@
 
 #include <cstdint>
 #include <cstring>
+#include <iosfwd>
+#include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -36,6 +39,18 @@ struct LogMessage {
     std::string text;
     bool operator==(const LogMessage &) const = default;
 };
+std::ostream &operator<<(std::ostream &out, const LogMessage &message);  // for what a failed comparison prints
+
+// log_lines reads messages as they are written in a test: a line each, its level's name and its text. {name} stands for
+// the value of that name. The spaces around a line are not part of it; {} is nothing, and keeps spaces before it.
+//
+//   EXPECT_TRUE(log.in_order(support::log_lines({{"sock", std::to_string(sock)}}, R"(
+//       ERROR   [Model model]Failed to set socket {sock} opt.
+//       CONNECT Real close sock [{sock}] .
+//   )")));
+using LogValues = std::map<std::string, std::string>;
+std::vector<LogMessage> log_lines(const LogValues &values, std::string_view block);
+std::vector<LogMessage> log_lines(std::string_view block);
 
 // The text of errno 0, which each C library words in its own way.
 inline const std::string kNoError = strerror(0);

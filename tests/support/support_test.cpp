@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <stdexcept>
 
 #include <sys/socket.h>
 #include <sys/sysinfo.h>
@@ -28,6 +29,19 @@ TEST_F(SupportTest, messages_are_recorded_with_level_text_and_order) {
     EXPECT_TRUE(log.in_order({{support::kError, "first 1"}, {support::kTimer, "second two"}}));
     EXPECT_FALSE(log.in_order({{support::kTimer, "second two"}, {support::kError, "first 1"}}));
     EXPECT_EQ(log.texts(support::kTimer), std::vector<std::string>{"second two"});
+}
+
+TEST_F(SupportTest, messages_are_written_as_lines_of_level_and_text) {
+    const std::vector<support::LogMessage> expected = {{support::kError, "socket 7 failed"},
+                                                       {support::kTimerDetail, " two  spaces {"}};
+    EXPECT_EQ(support::log_lines({{"sock", "7"}, {"open", "{"}}, R"(
+        ERROR        socket {sock} failed
+
+        TIMER_DETAIL {} two  spaces {open}
+    )"),
+              expected);
+    EXPECT_THROW(support::log_lines("ERRORS text"), std::runtime_error);
+    EXPECT_THROW(support::log_lines("ERROR {nobody}"), std::out_of_range);
 }
 
 TEST_F(SupportTest, time_stands_still_until_the_test_moves_it) {

@@ -31,12 +31,14 @@ class RegistrationTest : public TunnelSteps<support::LibraryTest> {
         tunnel.server->send(frame(opcode, json));
         EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }, *tunnel.server));
         const std::string sock = std::to_string(tunnel.sock);
-        EXPECT_TRUE(log.in_order({{kConnect, "V3 [model] ws request rcv message."},
-                                  {kError, why},
-                                  {kError, "Socket data proc error,[model model][sock " + sock + "][event 1][ret -1]"},
-                                  {kConnect, "Real close sock [" + sock + "] ."},
-                                  {kConnect, "Del ws connect node ok, name model."},
-                                  {kInit, "told: failure model"}}));
+        EXPECT_TRUE(log.in_order(support::log_lines({{"sock", sock}, {"why", why}}, R"(
+            CONNECT V3 [model] ws request rcv message.
+            ERROR   {why}
+            ERROR   Socket data proc error,[model model][sock {sock}][event 1][ret -1]
+            CONNECT Real close sock [{sock}] .
+            CONNECT Del ws connect node ok, name model.
+            INIT    told: failure model
+        )")));
         EXPECT_EQ(log.count(kError), 2);
         EXPECT_TRUE(tunnel.server->wait_end());
         expect_told_once(tunnel);
@@ -349,10 +351,12 @@ TEST_F(RegistrationTest, the_hand_over_changes_the_callbacks_deletes_the_node_an
     EXPECT_EQ(callbacks.connected, std::vector<int>{tunnel.sock});
     EXPECT_EQ(seen.dataCallback, Callbacks::on_frame);
     EXPECT_EQ(seen.failureCallback, Callbacks::on_failure);
-    EXPECT_TRUE(log.in_order({{kConnect, "V3 [model] ws request rcv message."},
-                              {kConnect, "Modify socket connect node ok, sock " + std::to_string(tunnel.sock) + "."},
-                              {kConnect, "Del ws connect node ok, name model."},
-                              {kInit, "told: connected"}}));
+    EXPECT_TRUE(log.in_order(lines(tunnel, R"(
+        CONNECT V3 [model] ws request rcv message.
+        CONNECT Modify socket connect node ok, sock {sock}.
+        CONNECT Del ws connect node ok, name model.
+        INIT    told: connected
+    )")));
     EXPECT_EQ(log.count(kError), 0);
     EXPECT_EQ(wscnctlist.count, 0U);
     expect_open(tunnel);
@@ -366,11 +370,13 @@ TEST_F(RegistrationTest, a_module_that_refuses_the_hand_over_is_told_once_by_its
         log.clear();
         accept(tunnel);
         EXPECT_EQ(callbacks.failures, Names{"model"});
-        EXPECT_TRUE(log.in_order({{kInit, "told: connected"},
-                                  {kError, "Socket data proc error,[model model][sock " + std::to_string(tunnel.sock) +
-                                               "][event 1][ret " + std::to_string(result) + "]"},
-                                  {kConnect, "Real close sock [" + std::to_string(tunnel.sock) + "] ."},
-                                  {kInit, "told: failure model"}}));
+        EXPECT_TRUE(log.in_order(
+            support::log_lines({{"sock", std::to_string(tunnel.sock)}, {"result", std::to_string(result)}}, R"(
+            INIT    told: connected
+            ERROR   Socket data proc error,[model model][sock {sock}][event 1][ret {result}]
+            CONNECT Real close sock [{sock}] .
+            INIT    told: failure model
+        )")));
         EXPECT_FALSE(descriptor_open(tunnel.sock));
         pass_time(200);
         EXPECT_EQ(callbacks.failures.size(), 1U);

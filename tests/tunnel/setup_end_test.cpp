@@ -8,18 +8,18 @@ namespace {
 
 TEST_F(SetupTest, a_silent_platform_ends_the_request_after_30_seconds_and_closes_before_it_deletes) {
     Tunnel tunnel = begin(Wire::plain);
-    const std::string sock = std::to_string(tunnel.sock);
     pass_time(29);
     EXPECT_NE(setup_node("model"), nullptr);
     EXPECT_TRUE(callbacks.failures.empty());
     log.clear();
     pass_time(1);
-    EXPECT_TRUE(
-        log.in_order({{kError, "V3 ws cnct msg send time out [sock " + sock + "][name model][fsm WS_HANDSHAKE]."},
-                      {kConnect, "Del socket connect node ok, sock " + sock + "."},
-                      {kConnect, "Real close sock [" + sock + "] ."},
-                      {kConnect, "Del ws connect node ok, name model."},
-                      {kInit, "told: failure model"}}));
+    EXPECT_TRUE(log.in_order(lines(tunnel, R"(
+        ERROR   V3 ws cnct msg send time out [sock {sock}][name model][fsm WS_HANDSHAKE].
+        CONNECT Del socket connect node ok, sock {sock}.
+        CONNECT Real close sock [{sock}] .
+        CONNECT Del ws connect node ok, name model.
+        INIT    told: failure model
+    )")));
     EXPECT_EQ(log.count(kError), 1);
     EXPECT_TRUE(tunnel.server->wait_end());
     expect_told_once(tunnel);
@@ -33,11 +33,12 @@ TEST_F(SetupTest, a_silent_platform_ends_the_registration_after_30_seconds_of_it
     EXPECT_NE(setup_node("model"), nullptr);
     log.clear();
     pass_time(1);
-    EXPECT_TRUE(log.in_order({{kError, "V3 ws cnct msg send time out [sock " + std::to_string(tunnel.sock) +
-                                           "][name model][fsm WS_CONNECT]."},
-                              {kConnect, "Real close sock [" + std::to_string(tunnel.sock) + "] ."},
-                              {kConnect, "Del ws connect node ok, name model."},
-                              {kInit, "told: failure model"}}));
+    EXPECT_TRUE(log.in_order(lines(tunnel, R"(
+        ERROR   V3 ws cnct msg send time out [sock {sock}][name model][fsm WS_CONNECT].
+        CONNECT Real close sock [{sock}] .
+        CONNECT Del ws connect node ok, name model.
+        INIT    told: failure model
+    )")));
     expect_told_once(tunnel);
 }
 
@@ -52,10 +53,11 @@ TEST_F(SetupTest, a_connection_that_does_not_come_up_ends_after_120_seconds) {
     EXPECT_NE(setup_node("model"), nullptr);
     log.clear();
     pass_time(1);
-    EXPECT_TRUE(
-        log.in_order({{kError, "[Model model][Socket " + std::to_string(tunnel.sock) + "]connect time out process."},
-                      {kConnect, "Del ws connect node ok, name model."},
-                      {kInit, "told: failure model"}}));
+    EXPECT_TRUE(log.in_order(lines(tunnel, R"(
+        ERROR   [Model model][Socket {sock}]connect time out process.
+        CONNECT Del ws connect node ok, name model.
+        INIT    told: failure model
+    )")));
     expect_told_once(tunnel);
 }
 
@@ -139,10 +141,12 @@ TEST_F(SetupTest, a_connection_failure_deletes_before_it_closes) {
     Tunnel tunnel = begin(Wire::plain);
     log.clear();
     CLOUDMGR_socket_getCnctBySock(tunnel.sock)->failureCallback("model");
-    EXPECT_TRUE(log.in_order({{kConnect, "Del ws connect node ok, name model."},
-                              {kConnect, "Del socket connect node ok, sock " + std::to_string(tunnel.sock) + "."},
-                              {kConnect, "Real close sock [" + std::to_string(tunnel.sock) + "] ."},
-                              {kInit, "told: failure model"}}));
+    EXPECT_TRUE(log.in_order(lines(tunnel, R"(
+        CONNECT Del ws connect node ok, name model.
+        CONNECT Del socket connect node ok, sock {sock}.
+        CONNECT Real close sock [{sock}] .
+        INIT    told: failure model
+    )")));
     expect_told_once(tunnel);
 }
 

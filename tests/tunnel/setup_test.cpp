@@ -23,26 +23,25 @@ TEST_F(SetupTest, a_set_up_tells_its_steps_in_order_and_no_error) {
     log.clear();
     Tunnel tunnel = lead(Wire::plain);
     ASSERT_GE(start(tunnel), 0);
-    const std::string sock = std::to_string(tunnel.sock);
     finish(tunnel);
-    EXPECT_TRUE(log.in_order({
-        {kEvent, "Start to websocket connect for cloud model [model] dev model [device]."},
-        {kConnect, "Add ws connect node ok,  cloud model [model] dev model [device]."},
-        {kConnect, "Start to connect for model [model]."},
-        {kConnect, "Add socket connect node ok, model model, socket " + sock + "."},
-        {kEvent, "[Model model]Send Websocket handshake successfully."},
-        {kFsm, "[Model model]v3 connect fsm trigger from [WS_INIT] to [WS_HANDSHAKE]."},
-        {kEvent, "[Model model][Socket " + sock + "] connect success."},
-        {kConnect, "[V3 Model model] ws handshake rcv message."},
-        {kEvent, "[V3 Model model] Rcv acception check ok."},
-        {kConnect, "Modify socket connect node ok, sock " + sock + "."},
-        {kEvent, "[Model model]Send Websocket OPT1 successfully."},
-        {kFsm, "[Model model]v3 connect fsm trigger from [WS_HANDSHAKE] to [WS_CONNECT]."},
-        {kConnect, "V3 [model] ws request rcv message."},
-        {kConnect, "Modify socket connect node ok, sock " + sock + "."},
-        {kConnect, "Del ws connect node ok, name model."},
-        {kInit, "told: connected"},
-    }));
+    EXPECT_TRUE(log.in_order(lines(tunnel, R"(
+        EVENT   Start to websocket connect for cloud model [model] dev model [device].
+        CONNECT Add ws connect node ok,  cloud model [model] dev model [device].
+        CONNECT Start to connect for model [model].
+        CONNECT Add socket connect node ok, model model, socket {sock}.
+        EVENT   [Model model]Send Websocket handshake successfully.
+        FSM     [Model model]v3 connect fsm trigger from [WS_INIT] to [WS_HANDSHAKE].
+        EVENT   [Model model][Socket {sock}] connect success.
+        CONNECT [V3 Model model] ws handshake rcv message.
+        EVENT   [V3 Model model] Rcv acception check ok.
+        CONNECT Modify socket connect node ok, sock {sock}.
+        EVENT   [Model model]Send Websocket OPT1 successfully.
+        FSM     [Model model]v3 connect fsm trigger from [WS_HANDSHAKE] to [WS_CONNECT].
+        CONNECT V3 [model] ws request rcv message.
+        CONNECT Modify socket connect node ok, sock {sock}.
+        CONNECT Del ws connect node ok, name model.
+        INIT    told: connected
+    )")));
     EXPECT_EQ(log.count(kError), 0);
     EXPECT_TRUE(callbacks.failures.empty());
 }
@@ -96,11 +95,12 @@ TEST_F(SetupTest, the_33rd_start_is_refused_and_the_32_others_go_on) {
     }
     log.clear();
     EXPECT_EQ(start("one more"), -1);
-    EXPECT_TRUE(
-        log.in_order({{kEvent, "Start to websocket connect for cloud model [one more] dev model [device]."},
-                      {kError, "Daemon ws connect reach max."},
-                      {kError, "Failed to add websocket connect node for cloud model [one more] dev model [device]."},
-                      {kInit, "told: failure one more"}}));
+    EXPECT_TRUE(log.in_order(support::log_lines(R"(
+        EVENT Start to websocket connect for cloud model [one more] dev model [device].
+        ERROR Daemon ws connect reach max.
+        ERROR Failed to add websocket connect node for cloud model [one more] dev model [device].
+        INIT  told: failure one more
+    )")));
     EXPECT_EQ(log.count(kError), 2);
     EXPECT_EQ(callbacks.failures, Names{"one more"});
     EXPECT_EQ(wscnctlist.count, 32U);
@@ -175,10 +175,11 @@ TEST_F(SetupTest, without_memory_for_the_node_the_start_is_refused_and_an_open_t
         EXPECT_EQ(start("model"), -1);
         EXPECT_TRUE(fail.hit());
     }
-    EXPECT_TRUE(
-        log.in_order({{kError, "Malloc fo ws connect node failed."},
-                      {kError, "Failed to add websocket connect node for cloud model [model] dev model [device]."},
-                      {kInit, "told: failure model"}}));
+    EXPECT_TRUE(log.in_order(support::log_lines(R"(
+        ERROR Malloc fo ws connect node failed.
+        ERROR Failed to add websocket connect node for cloud model [model] dev model [device].
+        INIT  told: failure model
+    )")));
     EXPECT_EQ(callbacks.failures, Names{"model"});
     expect_open(tunnel);
 }
@@ -198,10 +199,11 @@ TEST_F(SetupTest, a_second_start_is_refused_and_the_first_goes_on_in_every_state
         log.clear();
 
         EXPECT_EQ(start(tunnel.model, "other"), -1);
-        EXPECT_TRUE(log.in_order(
-            {{kError, "Model " + tunnel.model + " ws connect is exist."},
-             {kError, "Failed to add websocket connect node for cloud model [" + tunnel.model + "] dev model [other]."},
-             {kInit, "told: failure " + tunnel.model}}));
+        EXPECT_TRUE(log.in_order(lines(tunnel, R"(
+            ERROR Model {model} ws connect is exist.
+            ERROR Failed to add websocket connect node for cloud model [{model}] dev model [other].
+            INIT  told: failure {model}
+        )")));
         EXPECT_EQ(log.count(kError), 2);
         EXPECT_EQ(callbacks.failures, Names{tunnel.model});
         EXPECT_EQ(state_of(tunnel.model), state);
@@ -217,10 +219,12 @@ TEST_F(SetupTest, a_second_start_is_refused_and_the_first_goes_on_in_every_state
 
 TEST_F(SetupTest, a_model_without_a_host_is_refused_and_leaves_no_node) {
     EXPECT_EQ(start("nowhere"), -1);
-    EXPECT_TRUE(log.in_order({{kConnect, "Add ws connect node ok,  cloud model [nowhere] dev model [device]."},
-                              {kError, "Failed to connect for model [nowhere] because no addrinfo."},
-                              {kConnect, "Del ws connect node ok, name nowhere."},
-                              {kInit, "told: failure nowhere"}}));
+    EXPECT_TRUE(log.in_order(support::log_lines(R"(
+        CONNECT Add ws connect node ok,  cloud model [nowhere] dev model [device].
+        ERROR   Failed to connect for model [nowhere] because no addrinfo.
+        CONNECT Del ws connect node ok, name nowhere.
+        INIT    told: failure nowhere
+    )")));
     EXPECT_EQ(callbacks.failures, Names{"nowhere"});
     EXPECT_EQ(wscnctlist.count, 0U);
 }
@@ -242,10 +246,12 @@ TEST_F(SetupTest, a_start_for_an_open_tunnel_closes_it_and_tells_the_module_once
     callbacks.clear();
     log.clear();
     EXPECT_EQ(start("model"), -1);
-    EXPECT_TRUE(log.in_order({{kError, "Connect node of model [model] is exist."},
-                              {kConnect, "Del ws connect node ok, name model."},
-                              {kConnect, "Real close sock [" + std::to_string(tunnel.sock) + "] ."},
-                              {kInit, "told: failure model"}}));
+    EXPECT_TRUE(log.in_order(lines(tunnel, R"(
+        ERROR   Connect node of model [model] is exist.
+        CONNECT Del ws connect node ok, name model.
+        CONNECT Real close sock [{sock}] .
+        INIT    told: failure model
+    )")));
     EXPECT_TRUE(tunnel.server->wait_end());
     expect_told_once(tunnel);
 }

@@ -85,9 +85,11 @@ TEST_F(SetupTest, a_request_that_cannot_be_written_ends_the_set_up) {
     log.clear();
     const Fault growing("realloc");
     run_until([&] { return !callbacks.failures.empty(); });
-    EXPECT_TRUE(log.in_order({{kError, "[Model model]Send Websocket handshake failed."},
-                              {kError, "[Model model][Socket " + std::to_string(tunnel.sock) + "] connect failed."},
-                              {kInit, "told: failure model"}}));
+    EXPECT_TRUE(log.in_order(lines(tunnel, R"(
+        ERROR [Model model]Send Websocket handshake failed.
+        ERROR [Model model][Socket {sock}] connect failed.
+        INIT  told: failure model
+    )")));
     EXPECT_EQ(log.count(kFsm), 0);
     expect_told_once(tunnel);
 }
@@ -141,12 +143,14 @@ TEST_F(SetupTest, an_answer_of_another_status_is_refused) {
         tunnel.server->send("HTTP/1.1 " + status + "\r\nSec-WebSocket-Accept: " +
                             support::accept_value(setup_node("model")->key) + "\r\n\r\n");
         EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }, *tunnel.server)) << status;
-        EXPECT_TRUE(log.in_order({{kConnect, "[V3 Model model] ws handshake rcv message."},
-                                  {kError, "[V3 Model model] handshake rcv not expect http resp status."},
-                                  {kConnect, "Real close sock [" + std::to_string(tunnel.sock) + "] ."},
-                                  {kConnect, "Del ws connect node ok, name model."},
-                                  {kInit, "told: failure model"},
-                                  {kConnect, "[Model model] connect failed process complete."}}));
+        EXPECT_TRUE(log.in_order(lines(tunnel, R"(
+            CONNECT [V3 Model model] ws handshake rcv message.
+            ERROR   [V3 Model model] handshake rcv not expect http resp status.
+            CONNECT Real close sock [{sock}] .
+            CONNECT Del ws connect node ok, name model.
+            INIT    told: failure model
+            CONNECT [Model model] connect failed process complete.
+        )")));
         expect_told_once(tunnel);
         EXPECT_TRUE(tunnel.server->wait_end());
     }
@@ -169,9 +173,11 @@ TEST_F(SetupTest, an_answer_that_does_not_prove_the_key_is_refused) {
         tunnel.server->send("HTTP/1.1 101 Switching Protocols\r\n" +
                             line(support::accept_value(setup_node("model")->key)) + "\r\n");
         EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }, *tunnel.server));
-        EXPECT_TRUE(log.in_order({{kConnect, "[V3 Model model] ws handshake rcv message."},
-                                  {kError, "[V3 Model model] Rcv acception error."},
-                                  {kInit, "told: failure model"}}));
+        EXPECT_TRUE(log.in_order(support::log_lines(R"(
+            CONNECT [V3 Model model] ws handshake rcv message.
+            ERROR   [V3 Model model] Rcv acception error.
+            INIT    told: failure model
+        )")));
         EXPECT_FALSE(log.contains("Rcv acception check ok."));
         expect_told_once(tunnel);
     }

@@ -20,12 +20,13 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tests/support/fixture.h"
 #include "tests/support/wire.h"
 
-inline constexpr char kAccepted[] = R"({"optType":1,"retCode":0})";
+using support::kAccepted;
 
 struct Tunnel {
     std::string model = {};
@@ -54,6 +55,11 @@ class TunnelSteps : public Base {
 
     static void mark(const std::string &text) {
         if (g_stLibInitData.pfnPrint) g_stLibInitData.pfnPrint(kInit, "%s", text.c_str());
+    }
+
+    // Messages written as a block of lines (log.h), with the tunnel's {sock} and {model}.
+    static Messages lines(const Tunnel &tunnel, std::string_view block) {
+        return support::log_lines({{"sock", std::to_string(tunnel.sock)}, {"model", tunnel.model}}, block);
     }
 
     // Runs a body twice: with the level at 0, and without a print callback. Nothing is printed, all else is the same.

@@ -12,10 +12,11 @@ class TimeoutsTest : public ModuleProcess {
         EXPECT_TRUE(descriptor_open(tunnel.sock));
         log.clear();
         pass_time(1);
-        EXPECT_TRUE(log.in_order({{kError, message},
-                                  {kConnect, "Real close sock [" + std::to_string(tunnel.sock) + "] ."},
-                                  {kConnect, "Del ws connect node ok, name model."},
-                                  {kInit, "told: failure model"}}));
+        EXPECT_TRUE(log.in_order(lines(tunnel, "ERROR " + message + R"(
+            CONNECT Real close sock [{sock}] .
+            CONNECT Del ws connect node ok, name model.
+            INIT    told: failure model
+        )")));
         EXPECT_EQ(log.count(kError), 1);
         expect_told_once(tunnel);
     }
