@@ -43,6 +43,9 @@ std::string accept_value(std::string_view key);
 // "HTTP/1.1 101 Switching Protocols" with its headers.
 std::string upgrade_answer(std::string_view key);
 
+// What accepts a tunnel's registration.
+inline constexpr char kAccepted[] = R"({"optType":1,"retCode":0})";
+
 // The value of the first header line of that name, written exactly so; empty when there is none.
 std::string header_value(const std::string &message, const std::string &name);
 

@@ -1,39 +1,36 @@
 // A platform that refuses, at every step and in every way: the module is told once, nothing is left, and the next
 // start leads to a tunnel.
 #include <functional>
+#include <map>
 
+#include "tests/support/misbehaviour.h"
 #include "tests/whole/module_process.h"
 
 namespace {
 
-using support::frame;
-
-struct Refusal {
-    const char *name;
-    const char *message;  // at ERROR; empty: none but that of the dispatch
-    std::function<void(Tunnel &)> refuse;
-};
-
-std::string answer_with(const Tunnel &tunnel, const std::string &status) {
-    return "HTTP/1.1 " + status + "\r\nSec-WebSocket-Accept: " +
-           support::accept_value(support::header_value(tunnel.request, "Sec-WebSocket-Key")) + "\r\n\r\n";
-}
+using support::Misbehaviour;
+// By name of the misbehaviour, what the library logs of it at ERROR; empty: nothing but the line of the dispatch.
+using Errors = std::map<std::string, std::string>;
 
 class RefusalsTest : public ModuleProcess {
   protected:
-    // Each refusal on each wire, then a start that leads to an open tunnel on the same model.
-    void expect_refusals(const std::vector<Refusal> &refusals, const std::function<void(Tunnel &)> &until) {
+    // Each misbehaviour that ends the set-up, on each wire, then a start that leads to an open tunnel on the same
+    // model.
+    void expect_refusals(const std::vector<Misbehaviour> &misbehaviours, const Errors &messages,
+                         const std::function<void(Tunnel &)> &until) {
         for (const Wire wire : {Wire::plain, Wire::tls12, Wire::tls13}) {
-            for (const Refusal &refusal : refusals) {
-                SCOPED_TRACE(std::string(refusal.name) + ", wire " + std::to_string(static_cast<int>(wire)));
+            for (const Misbehaviour &one : misbehaviours) {
+                if (one.silent()) continue;  // timeouts_test.cpp
+                SCOPED_TRACE(one.name + ", wire " + std::to_string(static_cast<int>(wire)));
+                const std::string &message = messages.at(one.name);
                 callbacks.clear();
                 Tunnel tunnel = offer_and_start(wire);
                 until(tunnel);
                 log.clear();
-                refusal.refuse(tunnel);
+                support::misbehave(*tunnel.server, one, support::header_value(tunnel.request, "Sec-WebSocket-Key"));
                 EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }, *tunnel.server));
-                if (*refusal.message) {
-                    EXPECT_TRUE(log.said_once(kError, refusal.message));
+                if (!message.empty()) {
+                    EXPECT_TRUE(log.said_once(kError, message));
                 }
                 expect_told_once(tunnel);
                 expect_next_start_opens(tunnel);
@@ -51,74 +48,52 @@ class RefusalsTest : public ModuleProcess {
 TEST_F(RefusalsTest, of_the_upgrade) {
     const char *const status = "[V3 Model model] handshake rcv not expect http resp status.";
     const char *const accept = "[V3 Model model] Rcv acception error.";
-    expect_refusals(
-        {
-            {"200", status, [](Tunnel &t) { t.server->send(answer_with(t, "200 OK")); }},
-            {"404", status, [](Tunnel &t) { t.server->send(answer_with(t, "404 Not Found")); }},
-            {"500", status, [](Tunnel &t) { t.server->send(answer_with(t, "500 Internal Server Error")); }},
-            {"no status", status, [](Tunnel &t) { t.server->send("Server: here\r\n\r\n"); }},
-            {"no HTTP", status, [](Tunnel &t) { t.server->send("SSH-2.0-OpenSSH_9.2\r\n\r\n"); }},
-            {"a body", status,
-             [](Tunnel &t) { t.server->send("HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\ngone"); }},
-            {"chunks", status,
-             [](Tunnel &t) {
-                 t.server->send("HTTP/1.1 404 Not Found\r\nTransfer-Encoding: chunked\r\n\r\n4\r\ngone\r\n0\r\n\r\n");
-             }},
-            {"no accept", accept, [](Tunnel &t) { t.server->send("HTTP/1.1 101 Switching Protocols\r\n\r\n"); }},
-            {"another's accept", accept,
-             [](Tunnel &t) { t.server->send(support::upgrade_answer("dGhlIHNhbXBsZSBub25jZQ==")); }},
-            {"a length below 0", "",
-             [](Tunnel &t) { t.server->send("HTTP/1.1 101 Switching Protocols\r\nContent-Length: -1\r\n\r\n"); }},
-            {"an end", "", [](Tunnel &t) { t.server->close(); }},
-            {"half an answer", "",
-             [](Tunnel &t) {
-                 t.server->send("HTTP/1.1 101 Swit");
-                 t.server->close();
-             }},
-            {"a reset", "", [](Tunnel &t) { t.server->reset(); }},
-        },
-        [this](Tunnel &tunnel) { await_request(tunnel); });
+    const Errors messages = {
+        {"status_200", status},   {"status_500", status},     {"status_404_with_accept", status},
+        {"status_404", status},   {"status_chunked", status}, {"no_status", status},
+        {"no_http", status},      {"no_accept", accept},      {"bad_accept", accept},
+        {"negative_length", ""},  {"half_an_upgrade", ""},    {"end_of_upgrade", ""},
+        {"reset_of_upgrade", ""},
+    };
+    expect_refusals(support::wrong_upgrades(), messages, [this](Tunnel &tunnel) { await_request(tunnel); });
 }
 
 TEST_F(RefusalsTest, of_the_registration) {
-    const auto says = [](const std::string &json, int opcode = support::kText) {
-        return [=](Tunnel &t) { t.server->send(frame(opcode, json)); };
+    const char *const json = "[V3 Model model] Parsing json error.";
+    const Errors messages = {
+        {"return_code", "[V3 Model model] request rcv error ret code 7. Regist again."},
+        {"no_return_code", "[V3 Model model] request rcv retcode null"},
+        {"other_type", "[V3 Model model] request rcv wrong opt type 2"},
+        {"no_type", "[V3 Model model] request rcv otptype null"},
+        {"no_json", json},
+        {"half_json", json},
+        {"empty_answer", json},
+        {"binary_answer", "[V3 Model model] Request rcv error opt code 2. Regist again."},
+        {"ping_for_answer", "[V3 Model model] Request rcv error opt code 9. Regist again."},
+        {"close_for_answer", "[V3 Model model] Request rcv error opt code 8. Regist again."},
+        {"frame_too_long", ""},
+        {"half_a_registration", ""},
+        {"end_of_registration", ""},
+        {"reset_of_registration", ""},
     };
-    expect_refusals(
-        {
-            {"a code", "[V3 Model model] request rcv error ret code 7. Regist again.",
-             says(R"({"optType":1,"retCode":7})")},
-            {"another type", "[V3 Model model] request rcv wrong opt type 2", says(R"({"optType":2,"retCode":0})")},
-            {"no type", "[V3 Model model] request rcv otptype null", says(R"({"retCode":0})")},
-            {"no code", "[V3 Model model] request rcv retcode null", says(R"({"optType":1})")},
-            {"no JSON", "[V3 Model model] Parsing json error.", says("accepted")},
-            {"an empty frame", "[V3 Model model] Parsing json error.", says("")},
-            {"a binary frame", "[V3 Model model] Request rcv error opt code 2. Regist again.",
-             says(kAccepted, support::kBinary)},
-            {"a ping", "[V3 Model model] Request rcv error opt code 9. Regist again.", says("", support::kPing)},
-            {"a close", "[V3 Model model] Request rcv error opt code 8. Regist again.",
-             says("\x03\xe8", support::kClose)},
-            {"a frame too long", "", [](Tunnel &t) { t.server->send("\x81\x7f\xff\xff\xff\xff\xff\xff\xff\xff"); }},
-            {"an end", "", [](Tunnel &t) { t.server->close(); }},
-            {"half a frame", "",
-             [](Tunnel &t) {
-                 t.server->send(frame(support::kText, kAccepted).substr(0, 10));
-                 t.server->close();
-             }},
-            {"a reset", "", [](Tunnel &t) { t.server->reset(); }},
-        },
-        [this](Tunnel &tunnel) {
-            await_request(tunnel);
-            upgrade(tunnel);
-        });
+    expect_refusals(support::wrong_registrations(), messages, [this](Tunnel &tunnel) {
+        await_request(tunnel);
+        upgrade(tunnel);
+    });
 }
 
 TEST_F(RefusalsTest, of_the_connection) {
-    expect_refusals(
-        {{"a reset", "", [](Tunnel &t) { t.server->reset(); }}, {"an end", "", [](Tunnel &t) { t.server->drop(); }}},
-        [](Tunnel &tunnel) {
+    for (const auto end : {&support::Server::reset, &support::Server::drop}) {
+        for (const Wire wire : {Wire::plain, Wire::tls12, Wire::tls13}) {
+            callbacks.clear();
+            Tunnel tunnel = offer_and_start(wire);
             while (tunnel.server->accepted() == 0) tunnel.server->step();
-        });
+            (tunnel.server.get()->*end)();
+            EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }, *tunnel.server));
+            expect_told_once(tunnel);
+            expect_next_start_opens(tunnel);
+        }
+    }
 }
 
 TEST_F(RefusalsTest, of_the_tls_handshake) {
