@@ -25,7 +25,6 @@ constexpr int kRoundsAtMost = 24;                 // a tunnel comes up in fewer
 constexpr size_t kLargeMost = size_t{512} << 10;  // bytes in all large frames of a run
 constexpr size_t kTunnels = 2;
 constexpr std::array<const char *, kTunnels> kModels = {"base", "other"};
-constexpr char kGoodAnswer[] = R"({"optType":1,"retCode":0})";
 
 // What a module does when it is told something.
 enum class Deed : uint8_t { nothing, close, answer_close, send, start_again, start_other, forget, kCount };
@@ -111,6 +110,28 @@ class Life {
     bool settle(fuzz::Run &run);  // false where a full reader keeps the loop busy
     void close_full(fuzz::Run &run);
     void check(fuzz::Run &run);
+
+    // The steps of a run: what the platform, the network, the clock or a module does next.
+    void step_start(fuzz::Run &run, Tunnel &tunnel);
+    void step_turn(fuzz::Run &run, Tunnel &tunnel);
+    void step_accept(fuzz::Run &run, Tunnel &tunnel);
+    void step_bring_up(fuzz::Run &run, Tunnel &tunnel);
+    void step_answer(fuzz::Run &run, Tunnel &tunnel);
+    void step_bytes(fuzz::Run &run, Tunnel &tunnel);
+    void step_frame(fuzz::Run &run, Tunnel &tunnel);
+    void step_large_frame(fuzz::Run &run, Tunnel &tunnel);
+    void step_many_frames(fuzz::Run &run, Tunnel &tunnel);
+    void step_close(fuzz::Run &run, Tunnel &tunnel);
+    void step_half_close(fuzz::Run &run, Tunnel &tunnel);
+    void step_reset(fuzz::Run &run, Tunnel &tunnel);
+    void step_wait(fuzz::Run &run, Tunnel &tunnel);
+    void step_back(fuzz::Run &run, Tunnel &tunnel);
+    void step_deed(fuzz::Run &run, Tunnel &tunnel);
+    void step_drip(fuzz::Run &run, Tunnel &tunnel);
+    void step_module_sends(fuzz::Run &run, Tunnel &tunnel);
+    void step_module_closes(fuzz::Run &run, Tunnel &tunnel);
+    void step_module_forgets(fuzz::Run &run, Tunnel &tunnel);
+    void step_settle(fuzz::Run &run, Tunnel &tunnel);
 
     fuzz::Input &in_;
     std::array<Tunnel, kTunnels> tunnels_;
@@ -268,7 +289,7 @@ bool Life::answer_next(Tunnel &tunnel) {
     } else if (setup->state == static_cast<uint32_t>(SetupState::connect)) {
         if (tunnel.answered) tunnel.clean = false;  // the second one is the module's
         tunnel.answered = true;
-        tunnel.server->send(support::frame(support::kText, kGoodAnswer));
+        tunnel.server->send(support::frame(support::kText, support::kAccepted));
     } else {
         return false;
     }
@@ -307,124 +328,108 @@ bool Life::settle(fuzz::Run &run) {
     return true;
 }
 
+// step takes one byte for the step and its tunnel. The order of the steps is the meaning of the kept inputs.
 void Life::step(fuzz::Run &run) {
-    enum Op : uint8_t {
-        kStart,
-        kTurn,
-        kAccept,
-        kBringUp,
-        kAnswer,
-        kBytes,
-        kFrame,
-        kLargeFrame,
-        kManyFrames,
-        kClose,
-        kHalfClose,
-        kReset,
-        kWait,
-        kBack,
-        kDeed,
-        kDrip,
-        kModuleSends,
-        kModuleCloses,
-        kModuleForgets,
-        kSettle,
-        kOps
+    using Step = void (Life::*)(fuzz::Run &, Tunnel &);
+    constexpr std::array kSteps = {
+        Step(&Life::step_start),          Step(&Life::step_turn),         Step(&Life::step_accept),
+        Step(&Life::step_bring_up),       Step(&Life::step_answer),       Step(&Life::step_bytes),
+        Step(&Life::step_frame),          Step(&Life::step_large_frame),  Step(&Life::step_many_frames),
+        Step(&Life::step_close),          Step(&Life::step_half_close),   Step(&Life::step_reset),
+        Step(&Life::step_wait),           Step(&Life::step_back),         Step(&Life::step_deed),
+        Step(&Life::step_drip),           Step(&Life::step_module_sends), Step(&Life::step_module_closes),
+        Step(&Life::step_module_forgets), Step(&Life::step_settle),
     };
     const uint8_t choice = in_.byte();
-    Tunnel &tunnel = tunnels_[choice & 1];
-    Server &server = *tunnel.server;
-    switch (static_cast<Op>((choice >> 1) % kOps)) {
-        case kStart:
-            start(tunnel);
-            break;
-        case kTurn:
-            run.turn();
-            break;
-        case kAccept:
-            server.step();
-            break;
-        case kBringUp:
-            bring_up(run, tunnel);
-            break;
-        case kAnswer:
-            answer_next(tunnel);
-            break;
-        case kBytes:
-            send(tunnel, in_.take(in_.byte()));
-            break;
-        case kFrame: {
-            const uint8_t opcode = in_.byte();
-            const std::string body(in_.take(in_.byte()));
-            send_frame(tunnel, opcode & 15, body, opcode & 16 ? "\x01\x80\x7f\xff" : "");
-            break;
-        }
-        case kLargeFrame: {
-            const size_t size = std::min(size_t{in_.byte()} * 300, left_);
-            left_ -= size;
-            send_frame(tunnel, support::kBinary, std::string(size, 'l'), "");
-            break;
-        }
-        case kManyFrames:
-            for (int i = in_.byte() % 16; i >= 0; --i)
-                send_frame(tunnel, i, std::string(static_cast<size_t>(i), 'm'), "");
-            break;
-        case kClose:
-            server.close();
-            break;
-        case kHalfClose:
-            if (server.fd() >= 0) server.half_close();
-            break;
-        case kReset:
-            if (server.fd() >= 0) server.reset();
-            break;
-        case kWait:
-            run.clock.advance(in_.byte());
-            CLOUDTUNNEL_TIMER_Proc();
-            break;
-        case kBack:
-            run.clock.set_uptime(std::max<int64_t>(0, run.clock.uptime() - in_.byte() * 8));
-            CLOUDTUNNEL_TIMER_Proc();
-            break;
-        case kDeed: {
-            const uint8_t deed = in_.byte();
-            deed_ = static_cast<Deed>((deed >> 1) % static_cast<uint8_t>(Deed::kCount));
-            result_ = -(deed & 1);
-            break;
-        }
-        case kDrip:
-            drip_.reset();
-            if (const size_t most = in_.byte()) {
-                const char *read = server.wire() == Wire::plain ? "recv" : "SSL_read";
-                drip_.emplace(read, support::FaultPlan{.times = 200, .at_most = most});
-            }
-            break;
-        case kModuleSends: {
-            cloudmgr_ws_msg msg = {};
-            msg.opcode = support::kText;
-            std::string body(size_t{in_.byte()} * 101, 'o');
-            msg.body = reinterpret_cast<uint8_t *>(body.data());
-            msg.length = static_cast<int64_t>(body.size());
-            CLOUDMGR_ws_send_byFrag(tunnel.sock(), &msg, 2, 10);
-            break;
-        }
-        case kModuleCloses:
-            if (tunnel.phase != Phase::up) break;
-            tunnel.phase = Phase::idle;
-            CLOUDMGR_socket_closeByModelName(tunnel.model);
-            break;
-        case kModuleForgets:
-            if (tunnel.phase == Phase::setting_up) tunnel.phase = Phase::idle;
-            CLOUDMGR_v3wscnct_node_del(tunnel.model);
-            break;
-        case kSettle:
-            if (!settle(run)) break;
-            for (const Tunnel &each : tunnels_) {
-                if (each.phase == Phase::up && each.clean && talks(each)) FUZZ_CHECK(each.received == each.sent);
-            }
-            break;
-        case kOps:
-            break;
+    (this->*kSteps[(choice >> 1) % kSteps.size()])(run, tunnels_[choice & 1]);
+}
+
+void Life::step_start(fuzz::Run &, Tunnel &tunnel) { start(tunnel); }
+
+void Life::step_turn(fuzz::Run &run, Tunnel &) { run.turn(); }
+
+void Life::step_accept(fuzz::Run &, Tunnel &tunnel) { tunnel.server->step(); }
+
+void Life::step_bring_up(fuzz::Run &run, Tunnel &tunnel) { bring_up(run, tunnel); }
+
+void Life::step_answer(fuzz::Run &, Tunnel &tunnel) { answer_next(tunnel); }
+
+void Life::step_bytes(fuzz::Run &, Tunnel &tunnel) { send(tunnel, in_.take(in_.byte())); }
+
+void Life::step_frame(fuzz::Run &, Tunnel &tunnel) {
+    const uint8_t opcode = in_.byte();
+    const std::string body(in_.take(in_.byte()));
+    send_frame(tunnel, opcode & 15, body, opcode & 16 ? "\x01\x80\x7f\xff" : "");
+}
+
+void Life::step_large_frame(fuzz::Run &, Tunnel &tunnel) {
+    const size_t size = std::min(size_t{in_.byte()} * 300, left_);
+    left_ -= size;
+    send_frame(tunnel, support::kBinary, std::string(size, 'l'), "");
+}
+
+void Life::step_many_frames(fuzz::Run &, Tunnel &tunnel) {
+    for (int i = in_.byte() % 16; i >= 0; --i) send_frame(tunnel, i, std::string(static_cast<size_t>(i), 'm'), "");
+}
+
+void Life::step_close(fuzz::Run &, Tunnel &tunnel) { tunnel.server->close(); }
+
+void Life::step_half_close(fuzz::Run &, Tunnel &tunnel) {
+    if (tunnel.server->fd() >= 0) tunnel.server->half_close();
+}
+
+void Life::step_reset(fuzz::Run &, Tunnel &tunnel) {
+    if (tunnel.server->fd() >= 0) tunnel.server->reset();
+}
+
+void Life::step_wait(fuzz::Run &run, Tunnel &) {
+    run.clock.advance(in_.byte());
+    CLOUDTUNNEL_TIMER_Proc();
+}
+
+void Life::step_back(fuzz::Run &run, Tunnel &) {
+    run.clock.set_uptime(std::max<int64_t>(0, run.clock.uptime() - in_.byte() * 8));
+    CLOUDTUNNEL_TIMER_Proc();
+}
+
+void Life::step_deed(fuzz::Run &, Tunnel &) {
+    const uint8_t deed = in_.byte();
+    deed_ = static_cast<Deed>((deed >> 1) % static_cast<uint8_t>(Deed::kCount));
+    result_ = -(deed & 1);
+}
+
+void Life::step_drip(fuzz::Run &, Tunnel &tunnel) {
+    drip_.reset();
+    if (const size_t most = in_.byte()) {
+        const char *read = tunnel.server->wire() == Wire::plain ? "recv" : "SSL_read";
+        drip_.emplace(read, support::FaultPlan{.times = 200, .at_most = most});
+    }
+}
+
+void Life::step_module_sends(fuzz::Run &, Tunnel &tunnel) {
+    cloudmgr_ws_msg msg = {};
+    msg.opcode = support::kText;
+    std::string body(size_t{in_.byte()} * 101, 'o');
+    msg.body = reinterpret_cast<uint8_t *>(body.data());
+    msg.length = static_cast<int64_t>(body.size());
+    CLOUDMGR_ws_send_byFrag(tunnel.sock(), &msg, 2, 10);
+}
+
+void Life::step_module_closes(fuzz::Run &, Tunnel &tunnel) {
+    if (tunnel.phase != Phase::up) return;
+    tunnel.phase = Phase::idle;
+    CLOUDMGR_socket_closeByModelName(tunnel.model);
+}
+
+void Life::step_module_forgets(fuzz::Run &, Tunnel &tunnel) {
+    if (tunnel.phase == Phase::setting_up) tunnel.phase = Phase::idle;
+    CLOUDMGR_v3wscnct_node_del(tunnel.model);
+}
+
+void Life::step_settle(fuzz::Run &run, Tunnel &) {
+    if (!settle(run)) return;
+    for (const Tunnel &each : tunnels_) {
+        if (each.phase == Phase::up && each.clean && talks(each)) FUZZ_CHECK(each.received == each.sent);
     }
 }
 
