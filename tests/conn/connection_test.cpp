@@ -25,7 +25,7 @@ constexpr int kFar = 100000;  // above every descriptor the process has
 constexpr ConnCallbacks kRecorded = {
     .connected = Callbacks::on_connected, .failure = Callbacks::on_failure, .data = Callbacks::on_frame};
 
-std::vector<std::string> others;  // the models that another owner was told of
+std::vector<std::string> others;  // the models that another owner was notified of
 int other_failure(const char *model) {
     others.emplace_back(model);
     return 0;
@@ -245,7 +245,7 @@ TEST_F(ConnectionTest, deleting_forgets_the_connection_and_leaves_the_socket_to_
     const uint32_t connect_timer = armed();
     CLOUDMGR_socket_setDelTimerBySock(conn.sock, close_timer);
     cloudtunnel_socket_setConnectTimer(conn.sock, connect_timer);
-    CLOUDMGR_socket_bufUpdata(conn.node(), support::Connection::bytes("saved"), 5);
+    CLOUDMGR_socket_bufUpdata(conn.node(), support::Connection::bytes("early"), 5);
     log.clear();
     CLOUDMGR_socket_connect_del(conn.sock);
     EXPECT_EQ(conn.node(), nullptr);
@@ -335,7 +335,7 @@ TEST_F(ConnectionTest, the_deinit_frees_every_connection_and_model_and_leaves_th
     const uint32_t connect_timer = armed();
     CLOUDMGR_socket_setDelTimerBySock(plain.sock, close_timer);
     cloudtunnel_socket_setConnectTimer(secure.sock, connect_timer);
-    CLOUDMGR_socket_bufUpdata(plain.node(), support::Connection::bytes("saved"), 5);
+    CLOUDMGR_socket_bufUpdata(plain.node(), support::Connection::bytes("early"), 5);
     log.clear();
     const support::Calls shutdowns("SSL_shutdown");
     CLOUDMGR_socket_deinit();
@@ -378,7 +378,7 @@ TEST_F(ConnectionTest, a_watch_keeps_the_name_and_every_watch_forgets_a_connecti
     EXPECT_STREQ(outer.model(), "model");
 }
 
-TEST_F(ConnectionTest, a_failure_is_told_to_whoever_owns_the_connection_by_then) {
+TEST_F(ConnectionTest, a_failure_is_notified_to_whoever_owns_the_connection_by_then) {
     ConnGuard watch(add(kFar));
     CLOUDMGR_socket_connect_modify(kFar, nullptr, other_failure);
     watch.fail();
@@ -387,7 +387,7 @@ TEST_F(ConnectionTest, a_failure_is_told_to_whoever_owns_the_connection_by_then)
     EXPECT_TRUE(callbacks.failures.empty());
 }
 
-TEST_F(ConnectionTest, a_failure_of_a_connection_that_is_gone_is_told_to_its_first_owner) {
+TEST_F(ConnectionTest, a_failure_of_a_connection_that_is_gone_is_notified_to_its_first_owner) {
     ConnGuard watch(add(kFar));
     CLOUDMGR_socket_connect_modify(kFar, nullptr, other_failure);
     CLOUDMGR_socket_connect_del(kFar);
@@ -398,7 +398,7 @@ TEST_F(ConnectionTest, a_failure_of_a_connection_that_is_gone_is_told_to_its_fir
     EXPECT_NE(CLOUDMGR_socket_getCnctBySock(kFar), nullptr);
 }
 
-TEST_F(ConnectionTest, a_failure_without_an_owner_is_told_to_nobody) {
+TEST_F(ConnectionTest, a_failure_without_an_owner_notifies_nobody) {
     cloudtunnel_connect_node *node =
         conn_add(kFar, "model", {.connected = nullptr, .failure = nullptr, .data = nullptr});
     ConnGuard watch(node);

@@ -161,7 +161,7 @@ TEST_F(TlsTest, there_is_no_session_for_a_plain_or_an_unknown_socket) {
 
 // ------------------------------------------------------------------------------------------------- failures
 
-TEST_F(TlsTest, an_unknown_socket_is_told_and_nothing_allocated) {
+TEST_F(TlsTest, an_unknown_socket_is_logged_and_nothing_allocated) {
     const support::FailAlloc count(support::FailAlloc::kNone);
     EXPECT_EQ(CLOUDMGR_ssl_connect(100000), -1);
     EXPECT_EQ(CLOUDMGR_ssl_connect(-1), -1);
@@ -337,7 +337,7 @@ TEST_F(TlsTest, a_connection_that_broke_its_handshake_does_not_break_anothers) {
     EXPECT_TRUE(callbacks.failures.empty());
 }
 
-TEST_F(TlsTest, a_failed_set_up_is_told_with_its_own_reason) {
+TEST_F(TlsTest, a_failed_set_up_is_logged_with_its_own_reason) {
     const Connection conn = connected_tcp();
     for (const char *function : {"SSL_CTX_new", "SSL_new", "SSL_set_fd"}) {
         leave_an_error();

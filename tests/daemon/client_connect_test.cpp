@@ -349,7 +349,7 @@ TEST_F(LinkedTest, a_daemon_that_closes_during_a_registration_raises_no_signal_a
     EXPECT_EQ(daemon.registered_names(3), (Names{"one", "one", "two"}));
 }
 
-TEST_F(LinkedTest, the_daemon_is_tried_every_10_seconds_until_it_is_back_and_hears_of_every_module_again) {
+TEST_F(LinkedTest, the_daemon_is_tried_every_10_seconds_until_it_is_back_and_gets_every_module_again) {
     ASSERT_EQ(CLOUDTUNNEL_client_Init(), 0);
     Modules::add<1>("one");
     Modules::add<2>("two");
@@ -386,7 +386,7 @@ TEST_F(LinkedTest, the_link_may_break_and_come_back_many_times) {
     }
 }
 
-TEST_F(LinkedTest, the_reconnection_says_minus_1_once_the_link_stands) {
+TEST_F(LinkedTest, the_reconnection_says_minus_1_once_the_link_is_up) {
     daemon.stop();
     ASSERT_EQ(CLOUDTUNNEL_client_Init(), 0);
     daemon.start();
@@ -394,7 +394,7 @@ TEST_F(LinkedTest, the_reconnection_says_minus_1_once_the_link_stands) {
     EXPECT_EQ(g_iCloudClientReConnTimeFd, -1);
 }
 
-TEST_F(LinkedTest, a_message_just_before_the_end_is_taken_before_the_modules_are_told) {
+TEST_F(LinkedTest, a_message_just_before_the_end_is_handled_before_the_modules_are_notified) {
     ASSERT_EQ(CLOUDTUNNEL_client_Init(), 0);
     Modules::add<1>("model");
     daemon.notify(notice(3, "model"));

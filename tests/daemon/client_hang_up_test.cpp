@@ -37,7 +37,7 @@ class HangUpTest : public PairTest {
     const int link = pair.a.get();
 };
 
-TEST_F(HangUpTest, every_module_is_told_once_in_the_order_of_registration) {
+TEST_F(HangUpTest, every_module_is_notified_once_in_the_order_of_registration) {
     add<1>("one");
     add<2>("two");
     add<3>("three");
@@ -54,7 +54,7 @@ TEST_F(HangUpTest, every_module_is_told_once_in_the_order_of_registration) {
     EXPECT_EQ(log.texts(kError), Names{kReconnecting});
 }
 
-TEST_F(HangUpTest, the_link_is_gone_when_the_modules_are_told) {
+TEST_F(HangUpTest, the_link_is_gone_when_the_modules_are_notified) {
     add<1>("model");
     int seen = 0;
     modules.during = [&] { seen = g_iCloudClientConnFd; };
@@ -106,7 +106,7 @@ TEST_F(HangUpTest, a_link_that_the_loop_does_not_know_is_left_alone) {
     g_iCloudClientConnFd = -1;
 }
 
-TEST_F(HangUpTest, a_module_may_register_another_one_while_it_is_told) {
+TEST_F(HangUpTest, a_module_may_register_another_one_while_it_is_notified) {
     add<1>("one");
     add<2>("two");
     modules.during = [&] {
@@ -146,7 +146,7 @@ TEST_F(HangUpTest, it_goes_the_same_way_when_nothing_is_printed) {
             support::send_all(pair.b.get(), bytes);
             EXPECT_EQ(handle(EPOLLIN, link), 0);
         }
-        EXPECT_EQ(handle(EPOLLHUP, 9999), 0) << "not the link: told where there is a log";
+        EXPECT_EQ(handle(EPOLLHUP, 9999), 0) << "not the link: logged where there is a log";
     };
     log.clear();
     cloudmgr_debug_level = 0;
@@ -162,7 +162,7 @@ TEST_F(HangUpTest, it_goes_the_same_way_when_nothing_is_printed) {
     g_stLibInitData = support::Log::init_data();
 }
 
-TEST_F(HangUpTest, a_module_may_end_the_client_while_it_is_told) {
+TEST_F(HangUpTest, a_module_may_end_the_client_while_it_is_notified) {
     add<1>("one");
     add<2>("two");
     modules.during = [] { CLOUDTUNNEL_client_Fini(); };

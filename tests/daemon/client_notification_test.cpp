@@ -63,7 +63,7 @@ TEST_F(NotificationTest, tunnel_data_is_stored_before_the_module_is_called) {
     EXPECT_EQ(cloudmgr_dev_gettunnellastdownerrno(), 3);
 }
 
-TEST_F(NotificationTest, tunnel_data_says_its_steps_in_order) {
+TEST_F(NotificationTest, tunnel_data_logs_its_steps_in_order) {
     add<1>("model");
     deliver(tunnel_data("model"));
     EXPECT_TRUE(log.in_order({{kEvent, "token a token cookie a cookie"},
@@ -121,7 +121,7 @@ TEST_F(NotificationTest, a_token_or_cookie_that_fills_its_field_keeps_127_charac
     EXPECT_EQ(cloudmgr_v3_getCookie(), std::string(127, 'c'));
 }
 
-TEST_F(NotificationTest, tunnel_data_for_nobody_is_told_and_changes_nothing) {
+TEST_F(NotificationTest, tunnel_data_for_nobody_is_logged_and_changes_nothing) {
     add<1>("model");
     deliver(tunnel_data("other"));
     EXPECT_EQ(log.texts(kError), (Names{"getmodNodeByName is NULL", kNotified1}));
@@ -131,7 +131,7 @@ TEST_F(NotificationTest, tunnel_data_for_nobody_is_told_and_changes_nothing) {
     EXPECT_TRUE(modules.calls.empty());
 }
 
-TEST_F(NotificationTest, a_module_that_goes_away_meanwhile_is_told) {
+TEST_F(NotificationTest, a_module_that_goes_away_meanwhile_is_logged) {
     add<1>("model");
     auto *const node = cloudmgr_module_getmodNodeByName("model");
     const Fault resolving("getaddrinfo", {.before = [&] { cloudmgr_dl_list_del(&node->link); }, .real = true});
@@ -161,7 +161,7 @@ TEST_F(NotificationTest, sub_types_2_and_3_for_nobody_say_only_the_result) {
     EXPECT_TRUE(modules.calls.empty());
 }
 
-TEST_F(NotificationTest, any_result_of_a_callback_but_0_is_told_as_1) {
+TEST_F(NotificationTest, any_result_of_a_callback_but_0_is_logged_as_1) {
     add<1>("model");
     for (const int result : {1, -1, 256, 2147483647}) {
         modules.result = result;
@@ -185,7 +185,7 @@ TEST_F(NotificationTest, other_sub_types_do_nothing) {
     EXPECT_TRUE(modules.calls.empty());
 }
 
-TEST_F(NotificationTest, types_1_and_2_are_taken_without_a_word) {
+TEST_F(NotificationTest, types_1_and_2_call_no_module) {
     add<1>("model");
     for (const uint32_t type : {1U, 2U}) {
         Notification notification = tunnel_data("model");
@@ -312,7 +312,7 @@ TEST_F(NotificationTest, an_event_that_is_not_readable_reads_nothing) {
     EXPECT_TRUE(log.all().empty());
 }
 
-TEST_F(NotificationTest, another_descriptor_is_told_and_read_all_the_same) {
+TEST_F(NotificationTest, another_descriptor_is_logged_and_read_all_the_same) {
     add<1>("model");
     const support::Pair other = support::unix_pair();
     support::send_all(other.b.get(), notice(2, "model").bytes());

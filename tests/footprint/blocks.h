@@ -1,4 +1,4 @@
-// Blocks: what the shared library, and OpenSSL on its behalf, have from the allocator, told apart by who asked. The
+// Blocks: what the shared library, and OpenSSL on its behalf, have from the allocator, separated by who asked. The
 // program's own malloc stands before libc's and counts what was asked for. What the test does itself, under
 // support::Quiet, does not count: the server's TLS is not the library's.
 #ifndef TESTS_FOOTPRINT_BLOCKS_H

@@ -14,7 +14,7 @@ class HeapTest : public ModuleProcess {
   protected:
     HeapTest() { cloudmgr_debug_level = 0; }  // no message is kept
 
-    static void tell(const char *what, int64_t figure, const char *unit) {
+    static void print(const char *what, int64_t figure, const char *unit) {
         std::printf("footprint: %s: %" PRId64 " %s\n", what, figure, unit);
     }
     struct Cost {
@@ -40,7 +40,7 @@ class HeapTest : public ModuleProcess {
 
 TEST_F(HeapTest, an_idle_library_holds_little) {
     const footprint::Blocks idle = footprint::blocks();
-    tell("heap of an idle library, its own", idle.library.bytes, "bytes");
+    print("heap of an idle library, its own", idle.library.bytes, "bytes");
     EXPECT_GT(idle.library.bytes, 0);
     EXPECT_LE(idle.library.bytes, kOwnAtMost);
 }
@@ -48,10 +48,10 @@ TEST_F(HeapTest, an_idle_library_holds_little) {
 TEST_F(HeapTest, an_open_plain_tunnel_costs_a_kilobyte_at_most) {
     open_tunnel(Wire::plain, "first");
     const Cost cost = open_tunnel(Wire::plain, "base");
-    tell("heap of an open plain tunnel, the library's own", cost.heap.library.bytes, "bytes");
-    tell("blocks of an open plain tunnel, the library's own", cost.heap.library.blocks, "blocks");
-    tell("heap of an open plain tunnel, OpenSSL's", cost.heap.openssl.bytes, "bytes");
-    tell("descriptors of an open tunnel", cost.descriptors, "descriptors");
+    print("heap of an open plain tunnel, the library's own", cost.heap.library.bytes, "bytes");
+    print("blocks of an open plain tunnel, the library's own", cost.heap.library.blocks, "blocks");
+    print("heap of an open plain tunnel, OpenSSL's", cost.heap.openssl.bytes, "bytes");
+    print("descriptors of an open tunnel", cost.descriptors, "descriptors");
     EXPECT_GT(cost.heap.library.bytes, 0);
     EXPECT_LE(cost.heap.library.bytes, kOwnAtMost);
     EXPECT_EQ(cost.heap.openssl.bytes, 0);
@@ -62,9 +62,9 @@ TEST_F(HeapTest, an_open_plain_tunnel_costs_a_kilobyte_at_most) {
 TEST_F(HeapTest, an_open_tls_tunnel_costs_as_little_of_the_librarys_own) {
     const Cost first = open_tunnel(Wire::tls, "first");
     const Cost cost = open_tunnel(Wire::tls, "base");
-    tell("heap of an open TLS tunnel, the library's own", cost.heap.library.bytes, "bytes");
-    tell("heap of the first TLS tunnel of a process, OpenSSL's", first.heap.openssl.bytes, "bytes");
-    tell("heap of each further TLS tunnel, OpenSSL's", cost.heap.openssl.bytes, "bytes");
+    print("heap of an open TLS tunnel, the library's own", cost.heap.library.bytes, "bytes");
+    print("heap of the first TLS tunnel of a process, OpenSSL's", first.heap.openssl.bytes, "bytes");
+    print("heap of each further TLS tunnel, OpenSSL's", cost.heap.openssl.bytes, "bytes");
     EXPECT_LE(cost.heap.library.bytes, kOwnAtMost);
     EXPECT_GT(cost.heap.openssl.bytes, 0);
     EXPECT_EQ(cost.heap.others.bytes, 0);
@@ -79,7 +79,7 @@ TEST_F(HeapTest, an_idle_library_has_its_event_loop_and_its_daemon_open) {
     ::close(epfd);  // the host's to close
     epfd = -1;
     const int held = open - support::open_descriptors();
-    tell("descriptors of an idle library", held, "descriptors");
+    print("descriptors of an idle library", held, "descriptors");
     EXPECT_EQ(held, 2);
 }
 

@@ -127,7 +127,7 @@ Link::Link(const char *model, uint32_t data_type) {
     FUZZ_CHECK(conn_add(sock_, model, callbacks) != nullptr);
 }
 
-std::string Link::saved() const { return bytes_of(node()->buf, node()->bufLen); }
+std::string Link::buffered() const { return bytes_of(node()->buf, node()->bufLen); }
 
 bool reader_is_full(int sock) {
     constexpr int32_t kAreaSize = 65535;

@@ -3,9 +3,10 @@
 // libFuzzer drives it (build/fuzz), and so does replay.cpp, which any compiler builds.
 //
 //   extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-//       const fuzz::Run run;                                   // empty tables, a clock, names, a log; checks at its
-//       end fuzz::Input in(data, size); const fuzz::Pieces pieces(in);                         // how the bytes that
-//       follow are cut for (std::string_view piece : pieces.of(in.rest())) ...
+//       const fuzz::Run run;             // empty tables, a clock, names, a log; checks at its end
+//       fuzz::Input in(data, size);
+//       const fuzz::Pieces pieces(in);   // how the bytes that follow are cut
+//       for (std::string_view piece : pieces.of(in.rest())) ...
 //       FUZZ_CHECK(CLOUDMGR_socket_getCnctBySock(sock) == nullptr);
 //       return 0;
 //   }
@@ -95,15 +96,15 @@ class Link {
 
     int sock() const { return sock_; }
     cloudtunnel_connect_node *node() const { return CLOUDMGR_socket_getCnctBySock(sock_); }
-    std::string saved() const;  // the bytes that wait in the connection
+    std::string buffered() const;  // what its receive buffer holds
     support::Fd peer;
 
   private:
     int sock_;  // the library's: it closes it
 };
 
-// A peer that sends 65535 bytes without an end of headers is not read any more: its socket stays ready until the step
-// timer, or the owner, closes the connection.
+// A peer that sends 65535 bytes without an end of headers is not read any more: its socket stays ready until the
+// response timeout, or the owner, closes the connection.
 bool reader_is_full(int sock);
 
 std::string text_of(const char *text);  // "" for null

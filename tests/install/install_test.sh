@@ -56,7 +56,7 @@ pkg_config() {
 }
 
 # pkg_config_static PREFIX LIBDIR CC SOURCE VERSION: a program with the library inside, its unused sections dropped and
-# its symbols stripped, still tells the release.
+# its symbols stripped, still contains the release.
 pkg_config_static() {
     with_prefix "$1" "$2"
     mkdir "$work/static"
@@ -95,7 +95,7 @@ cmake_subdirectory() {
         >"$work/log" 2>&1 || fail "$(cat "$work/log")"
 }
 
-# cmake_refuses PREFIX CC SOURCE_DIR: a project that wants a newer interface than the prefix has is told so.
+# cmake_refuses PREFIX CC SOURCE_DIR: a project that wants a newer interface than the prefix has is refused with a message.
 cmake_refuses() {
     ! cmake -S "$3" -B "$work/build" -D CMAKE_C_COMPILER="$2" -D CMAKE_PREFIX_PATH="$1" -D WANTED=2 >"$work/log" 2>&1 ||
         fail 'version 2 was found'
@@ -105,7 +105,7 @@ cmake_refuses() {
 # version PREFIX LIBDIR VERSION CHANGELOG: one version everywhere, in the stripped library too.
 version() {
     with_prefix "$1" "$2"
-    [ "$(pkg-config --modversion cloudtunnel)" = "$3" ] || fail 'pkg-config tells another version'
+    [ "$(pkg-config --modversion cloudtunnel)" = "$3" ] || fail 'pkg-config reports another version'
     strip -o "$work/stripped" "$1/$2/libcloudtunnel.so"
     strings "$work/stripped" | grep -qx "libcloudtunnel $3" || fail "'libcloudtunnel $3' is not in the library"
     newest=$(sed -n 's/^## \[\([0-9][^]]*\)\].*/\1/p' "$4" | head -n 1)
@@ -117,7 +117,7 @@ programs() {
     prefix=$1 version=$2
     shift 2
     for program in "$@"; do
-        [ "$("$prefix/bin/$program" --version)" = "$program $version" ] || fail "$program does not tell its version"
+        [ "$("$prefix/bin/$program" --version)" = "$program $version" ] || fail "$program does not print its version"
     done
 }
 

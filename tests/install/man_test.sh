@@ -16,7 +16,7 @@ program() {
     awk '
         /^# / { listed = $2 == "OPTIONS" || $2 == "STEPS" }
         listed && /^\*/ { sub(/^\*/, ""); sub(/\*.*/, ""); print }' "$page" | sort >"$found"
-    [ -s "$wanted" ] || { echo "$source tells no options"; exit 1; }
+    [ -s "$wanted" ] || { echo "$source lists no options"; exit 1; }
     diff -u "$wanted" "$found"
 }
 

@@ -86,7 +86,7 @@ TEST_F(TimerTest, a_callback_may_delete_its_own_timer) {
     EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
 }
 
-TEST_F(TimerTest, a_pass_inside_a_pass_touches_no_freed_node_and_the_running_argument_lives_on) {
+TEST_F(TimerTest, a_re_entrant_pass_touches_no_freed_node_and_the_running_argument_lives_on) {
     for (int id = 1; id <= 4; id++) add(id, 0, 0, block());
     int depth = 0;
     during = [&](uint32_t, void *arg) {
@@ -102,7 +102,7 @@ TEST_F(TimerTest, a_pass_inside_a_pass_touches_no_freed_node_and_the_running_arg
     EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
 }
 
-TEST_F(TimerTest, a_timer_that_fires_inside_itself_and_ends_the_pool_there_keeps_its_argument_to_the_last) {
+TEST_F(TimerTest, a_timer_that_fires_inside_itself_and_ends_the_pool_there_keeps_its_argument_until_it_returns) {
     add(1, 1, 0, block());
     int depth = 0;
     during = [&](uint32_t, void *arg) {
@@ -145,7 +145,7 @@ TEST_F(TimerTest, an_init_in_a_callback_ends_the_pass_and_forgets_the_timers_unf
     for (cloudtunnel_link *node : forgotten) std::free(node);
 }
 
-TEST_F(TimerTest, the_pool_may_end_inside_a_pass_inside_a_pass) {
+TEST_F(TimerTest, the_pool_may_end_in_a_re_entrant_pass) {
     for (int id = 1; id <= 4; id++) add(id, 1, 0, block());
     during = [&](uint32_t id, void *arg) {
         if (id == 1 && fired.size() == 1) CLOUDTUNNEL_TIMER_Proc();

@@ -6,7 +6,7 @@ namespace {
 
 class TimerLogTest : public TimerTest {
   protected:
-    // append_dump puts the 32 lines behind `messages` that tell the pool: its first bytes are given, the rest is 0.
+    // append_dump appends the 32 lines that show the pool: its first bytes are given, the rest is 0.
     static void append_dump(std::vector<support::LogMessage> &messages, std::vector<uint8_t> pool) {
         pool.resize(32);
         for (size_t n = 0; n < pool.size(); n++) {
@@ -17,7 +17,7 @@ class TimerLogTest : public TimerTest {
     }
 };
 
-TEST_F(TimerLogTest, adding_says_which_ids_are_taken_before_and_after) {
+TEST_F(TimerLogTest, adding_logs_which_ids_are_taken_before_and_after) {
     for (int n = 0; n < 8; n++) add();
     log.clear();
     add();
@@ -35,7 +35,7 @@ TEST_F(TimerLogTest, adding_a_fixed_id_leaves_the_pool_alone) {
     EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{{kTimer, "Add user timer ok, timer id 99."}}));
 }
 
-TEST_F(TimerLogTest, deleting_says_which_ids_are_taken_before_and_after) {
+TEST_F(TimerLogTest, deleting_logs_which_ids_are_taken_before_and_after) {
     for (int n = 0; n < 10; n++) add();
     log.clear();
     cloudtunnel_timer_del(109);
@@ -47,7 +47,7 @@ TEST_F(TimerLogTest, deleting_says_which_ids_are_taken_before_and_after) {
     EXPECT_EQ(log.all(), expected);
 }
 
-TEST_F(TimerLogTest, deleting_again_is_no_failure_and_says_nothing) {
+TEST_F(TimerLogTest, deleting_again_is_no_failure_and_logs_nothing) {
     add();
     cloudtunnel_timer_del(100);
     log.clear();
@@ -55,14 +55,14 @@ TEST_F(TimerLogTest, deleting_again_is_no_failure_and_says_nothing) {
     EXPECT_TRUE(log.all().empty());
 }
 
-TEST_F(TimerLogTest, deleting_a_fixed_id_says_no_more_than_that) {
+TEST_F(TimerLogTest, deleting_a_fixed_id_logs_one_line) {
     add(99);
     log.clear();
     cloudtunnel_timer_del(99);
     EXPECT_EQ(log.all(), (std::vector<support::LogMessage>{{kTimer, "Del user timer ok, timer id 99."}}));
 }
 
-TEST_F(TimerLogTest, an_id_beyond_the_pool_is_told_by_its_place_when_it_is_deleted) {
+TEST_F(TimerLogTest, an_id_beyond_the_pool_is_logged_with_its_place_when_it_is_deleted) {
     const struct {
         int id;
         const char *said;
@@ -84,7 +84,7 @@ TEST_F(TimerLogTest, an_id_beyond_the_pool_is_told_by_its_place_when_it_is_delet
     }
 }
 
-TEST_F(TimerLogTest, a_negative_id_is_told_when_it_is_deleted_and_the_pool_is_not_looked_at) {
+TEST_F(TimerLogTest, a_negative_id_is_logged_when_it_is_deleted_and_the_pool_is_not_looked_at) {
     add(-7);
     log.clear();
     cloudtunnel_timer_del(static_cast<uint32_t>(-7));
@@ -92,7 +92,7 @@ TEST_F(TimerLogTest, a_negative_id_is_told_when_it_is_deleted_and_the_pool_is_no
                                                            {kTimer, "Invalid dynamic timer id -7."}}));
 }
 
-TEST_F(TimerLogTest, a_pass_tells_what_it_compares_and_what_is_due) {
+TEST_F(TimerLogTest, a_pass_logs_what_it_compares_and_what_is_due) {
     clock.set_uptime(500);
     add(1, 0, 2000);
     log.clear();

@@ -397,7 +397,7 @@ TEST_F(TimerTest, the_hosts_pace_is_a_tenth_of_a_second) {
     EXPECT_EQ(std::memcmp(&set[1].value, &stopped, sizeof stopped), 0);
 }
 
-TEST_F(TimerTest, a_pace_that_cannot_be_set_is_told) {
+TEST_F(TimerTest, a_pace_that_cannot_be_set_is_logged) {
     const support::Fault broken("setitimer", {.error = EINVAL});
     EXPECT_EQ(cloudtunnel_timer_settimer(), -1);
     EXPECT_TRUE(log.said_once(kInit, "Daemon timer create failed."));

@@ -96,7 +96,7 @@ TEST_F(UrlTest, a_null_model_is_refused) {
     EXPECT_EQ(cloudtunnel_socket_getAddrinfoByModelname(nullptr), nullptr);
 }
 
-TEST_F(UrlTest, names_are_told_apart_by_case) {
+TEST_F(UrlTest, names_are_distinguished_by_case) {
     CLOUDMGR_socket_urllist_set("model", nullptr, nullptr, 0, 1);
     CLOUDMGR_socket_urllist_set("Model", nullptr, nullptr, 0, 2);
     EXPECT_EQ(cloudtunnel_urllist.count, 2U);
@@ -248,7 +248,7 @@ TEST_F(UrlTest, a_failed_resolution_leaves_the_cache_as_it_was) {
     EXPECT_EQ(resolver.calls(kHost), 1);
 }
 
-TEST_F(UrlTest, an_empty_resolution_is_told_and_leaves_the_cache_as_it_was) {
+TEST_F(UrlTest, an_empty_resolution_is_logged_and_leaves_the_cache_as_it_was) {
     resolver.add("nothing.example", {});
     set_host(kHost);
     log.clear();
@@ -283,7 +283,7 @@ TEST_F(UrlTest, the_cache_holds_one_list_at_a_time) {
     EXPECT_TRUE(log.said(kConnect, "Set Addr Success, servername = other.example."));
 }
 
-TEST_F(UrlTest, the_end_of_the_connections_frees_models_and_cache_without_a_word) {
+TEST_F(UrlTest, the_end_of_the_connections_frees_models_and_cache_and_logs_nothing) {
     set_host(kHost, "one");
     set_host("other.example", "two");
     log.clear();
@@ -368,13 +368,13 @@ TEST_F(UrlTest, every_allocation_that_fails_leaves_the_model_whole_or_gone) {
 }
 
 TEST_F(UrlTest, each_failed_copy_has_its_own_words) {
-    const char *const words[] = {"Malloc failed.", nullptr, "Set url host error.", nullptr};
+    const char *const messages[] = {"Malloc failed.", nullptr, "Set url host error.", nullptr};
     for (int n = 0; n < 3; n++) {
         log.clear();
         const support::FailAlloc fail(n);
         EXPECT_EQ(set_host(kHost), -1);
-        if (words[n]) {
-            EXPECT_TRUE(log.said_once(kError, words[n]));
+        if (messages[n]) {
+            EXPECT_TRUE(log.said_once(kError, messages[n]));
         }
         EXPECT_EQ(node(), nullptr);
         EXPECT_EQ(cloudtunnel_urllist.count, 0U);

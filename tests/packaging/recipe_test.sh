@@ -1,6 +1,6 @@
 #!/bin/sh
 # recipe_test.sh buildroot|openwrt SOURCES VERSION BUILD: a recipe of packaging/ read by make as its build system would read
-# it, with the stand-ins of this folder. BUILD is a built tree to install from.
+# it, with the stubs of this folder. BUILD is a built tree to install from.
 set -eu
 export LC_ALL=C
 system=$1 sources=$2 version=$3 build=$4
@@ -23,7 +23,7 @@ configures() {
     shift
     cmake -S "$sources" -B "$work/$name" -D CMAKE_BUILD_TYPE=Release "$@" >"$work/log" 2>&1 || fail "$(cat "$work/log")"
     ! grep -A 9 'not used by the project' "$work/log" || fail 'an option of the recipe is none of the library'
-    [ ! -e "$work/$name/sim" ] || fail 'the stand-ins of the desk are built'
+    [ ! -e "$work/$name/sim" ] || fail 'the simulator is built'
     [ ! -e "$work/$name/man" ] || fail 'the man pages are built'
 }
 

@@ -90,9 +90,9 @@ class ConnectTest : public support::LibraryTest {
         others.emplace_back(model);
         return 0;
     }
-    // Nothing of a connection is left, and its owner was told once.
-    void expect_gone(int sock, const Names &told = {"model"}) {
-        EXPECT_EQ(callbacks.failures, told);
+    // Nothing of a connection is left, and its owner was notified once.
+    void expect_gone(int sock, const Names &notified = {"model"}) {
+        EXPECT_EQ(callbacks.failures, notified);
         EXPECT_EQ(CLOUDMGR_socket_getCnctBySock(sock), nullptr);
         EXPECT_EQ(cloudmgr_eloop_get_sock(sock), nullptr);
         EXPECT_EQ(fcntl(sock, F_GETFD), -1);

@@ -4,8 +4,8 @@ namespace {
 
 // ------------------------------------------------------------------------------------------------- time-out
 
-TEST_F(ConnectTest, a_connection_that_does_not_come_up_in_time_is_closed_and_its_owner_told) {
-    Connection conn = offer(Wire::tls);  // a server that never says a word
+TEST_F(ConnectTest, a_connection_that_does_not_come_up_in_time_is_closed_and_its_owner_notified) {
+    Connection conn = offer(Wire::tls);  // a server that never sends anything
     const int sock = start_connect(conn, 120000);
     settle();
     EXPECT_EQ(conn.node()->sslState, 1U);
@@ -46,7 +46,7 @@ TEST_F(ConnectTest, a_time_out_leaves_an_unclose_descriptor_open) {
     close(sock);
 }
 
-TEST_F(ConnectTest, a_time_out_is_told_to_the_owner_that_stands_there_then) {
+TEST_F(ConnectTest, a_time_out_notifies_the_owner_of_that_moment) {
     Connection conn = offer(Wire::plain);
     const int sock = start_connect(conn);
     CLOUDMGR_socket_connect_modify(sock, nullptr, other_failure);
@@ -129,7 +129,7 @@ TEST_F(ConnectTest, an_event_that_is_neither_readable_nor_writable_fails_the_con
     }
 }
 
-TEST_F(ConnectTest, a_refused_connect_is_told_with_its_reason) {
+TEST_F(ConnectTest, a_refused_connect_is_logged_with_its_reason) {
     Connection conn = offer(Wire::plain);
     conn.server->stop_listening();
     const int sock = start_connect(conn);
@@ -140,7 +140,7 @@ TEST_F(ConnectTest, a_refused_connect_is_told_with_its_reason) {
     expect_gone(sock);
 }
 
-TEST_F(ConnectTest, a_socket_that_does_not_tell_its_state_fails_the_connect) {
+TEST_F(ConnectTest, a_socket_whose_state_cannot_be_read_fails_the_connect) {
     Connection conn = offer(Wire::plain);
     const int sock = start_connect(conn);
     const Fault fault("getsockopt", {.error = ENOBUFS});
@@ -205,7 +205,7 @@ TEST_F(ConnectTest, a_connection_that_cannot_be_registered_anew_stays_for_its_ca
     expect_gone(sock);
 }
 
-TEST_F(ConnectTest, an_owner_that_refuses_has_its_connection_closed_and_is_told_once) {
+TEST_F(ConnectTest, an_owner_that_refuses_has_its_connection_closed_and_is_notified_once) {
     for (const int refusal : {-1, 1, 77}) {
         Connection conn = offer(Wire::plain);
         const int sock = start_connect(conn);
@@ -224,7 +224,7 @@ TEST_F(ConnectTest, an_owner_that_refuses_has_its_connection_closed_and_is_told_
     }
 }
 
-TEST_F(ConnectTest, an_owner_that_refuses_beside_an_error_bit_is_told_once) {
+TEST_F(ConnectTest, an_owner_that_refuses_beside_an_error_bit_is_notified_once) {
     Connection conn = offer(Wire::plain);
     const int sock = start_connect(conn);
     callbacks.connected_result = -1;
@@ -234,7 +234,7 @@ TEST_F(ConnectTest, an_owner_that_refuses_beside_an_error_bit_is_told_once) {
     expect_gone(sock);
 }
 
-TEST_F(ConnectTest, an_owner_that_closes_its_connection_itself_is_told_only_where_it_refuses_as_well) {
+TEST_F(ConnectTest, an_owner_that_closes_its_connection_itself_is_notified_only_where_it_refuses_as_well) {
     for (const int result : {0, -1}) {
         for (const Wire wire : {Wire::plain, Wire::tls}) {
             Connection conn = offer(wire);
@@ -248,7 +248,7 @@ TEST_F(ConnectTest, an_owner_that_closes_its_connection_itself_is_told_only_wher
     }
 }
 
-TEST_F(ConnectTest, a_successor_that_gets_the_refused_connections_descriptor_stands) {
+TEST_F(ConnectTest, a_successor_that_gets_the_refused_connections_descriptor_stays) {
     Connection conn = offer(Wire::plain);
     const Connection next = offer(Wire::plain, "next");
     const int sock = start_connect(conn);
@@ -267,7 +267,7 @@ TEST_F(ConnectTest, a_successor_that_gets_the_refused_connections_descriptor_sta
     EXPECT_NE(CLOUDMGR_socket_getCnctBySock(sock)->connectTimer, 0U);
 }
 
-TEST_F(ConnectTest, a_refusal_is_told_to_the_owner_that_was_put_in_by_then) {
+TEST_F(ConnectTest, a_refusal_notifies_the_owner_that_was_put_in_by_then) {
     Connection conn = offer(Wire::plain);
     const int sock = start_connect(conn);
     callbacks.connected_result = -1;
@@ -290,7 +290,7 @@ TEST_F(ConnectTest, an_owner_may_end_the_library_from_its_connected_callback) {
     expect_gone(sock);
 }
 
-TEST_F(ConnectTest, a_connection_without_a_connected_callback_is_up_without_a_word_to_anyone) {
+TEST_F(ConnectTest, a_connection_without_a_connected_callback_is_up_and_notifies_nobody) {
     Connection conn = offer(Wire::plain);
     const int sock = start_connect(conn);
     conn.node()->connectedCallback = nullptr;

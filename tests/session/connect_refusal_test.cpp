@@ -6,7 +6,7 @@ namespace {
 
 // ------------------------------------------------------------------------------------------------- refusals
 
-TEST_F(ConnectTest, a_null_argument_is_refused_and_the_failure_told_with_the_given_name) {
+TEST_F(ConnectTest, a_null_argument_is_refused_and_the_failure_notified_with_the_given_name) {
     const support::Calls sockets("socket");
     const auto connected = Callbacks::on_connected;
     const auto failure = Callbacks::on_failure;
@@ -79,7 +79,7 @@ TEST_F(ConnectTest, the_options_are_set_in_order_and_the_first_failure_stops) {
     }
 }
 
-TEST_F(ConnectTest, a_connect_that_is_refused_at_once_is_unregistered_and_closed_before_its_owner_is_told) {
+TEST_F(ConnectTest, a_connect_that_is_refused_at_once_is_unregistered_and_closed_before_its_owner_is_notified) {
     const Connection conn = offer(Wire::plain);
     log.clear();
     testing::internal::CaptureStderr();  // which opens a file
@@ -188,7 +188,7 @@ TEST_F(ConnectTest, with_128_sockets_in_the_loop_the_connect_is_refused) {
     expect_gone(sock);
 }
 
-TEST_F(ConnectTest, a_long_name_is_cut_in_the_table_and_told_whole_where_the_connect_is_refused) {
+TEST_F(ConnectTest, a_long_name_is_cut_in_the_table_and_notified_whole_where_the_connect_is_refused) {
     const std::string name = std::string(32, 'n') + "-and-more";
     Connection conn = offer(Wire::plain, name);
     EXPECT_EQ(CLOUDMGR_socket_connect(1000, name.c_str(), Callbacks::on_connected, nullptr, Callbacks::on_frame), -1);

@@ -6,9 +6,10 @@
 
 namespace {
 
-// ------------------------------------------------------------------------------------------------- the road that works
+// ------------------------------------------------------------------------------------------------- a connection that
+// comes up
 
-TEST_F(ConnectTest, a_connect_goes_its_steps_in_order) {
+TEST_F(ConnectTest, a_connect_logs_its_steps_in_order) {
     Connection conn = offer(Wire::plain);
     log.clear();
     const int sock = next_descriptor();
@@ -46,7 +47,7 @@ TEST_F(ConnectTest, the_socket_has_its_options) {
     EXPECT_EQ(option<timeval>(sock, SOL_SOCKET, SO_SNDTIMEO).tv_sec, 10);
 }
 
-TEST_F(ConnectTest, a_connection_that_comes_up_is_switched_to_receiving_and_told_of) {
+TEST_F(ConnectTest, a_connection_that_comes_up_is_switched_to_receiving_and_notified) {
     Connection conn = offer(Wire::plain);
     const int sock = start_connect(conn);
     log.clear();
@@ -64,7 +65,7 @@ TEST_F(ConnectTest, a_connection_that_comes_up_is_switched_to_receiving_and_told
     EXPECT_NE(conn.node(), nullptr);
 }
 
-TEST_F(ConnectTest, the_time_out_is_cancelled_before_the_owner_is_told) {
+TEST_F(ConnectTest, the_time_out_is_cancelled_before_the_owner_is_notified) {
     Connection conn = offer(Wire::plain);
     start_connect(conn);
     uint32_t armed = 77;
@@ -85,7 +86,7 @@ TEST_F(ConnectTest, a_connect_that_is_done_at_once_or_done_before_is_under_way_t
     EXPECT_TRUE(callbacks.failures.empty());
 }
 
-// ------------------------------------------------------------------------------------------------- where it leads
+// ------------------------------------------------------------------------------------------------- address and port
 
 struct PortCase {
     uint16_t model;
@@ -184,7 +185,7 @@ TEST_F(ConnectTest, an_address_of_no_known_kind_or_without_bytes_is_all_zero) {
 
 // ------------------------------------------------------------------------------------------------- without a log
 
-TEST_F(ConnectTest, at_level_0_a_connect_says_nothing_and_goes_the_same_ways) {
+TEST_F(ConnectTest, at_level_0_a_connect_logs_nothing_and_behaves_the_same) {
     resolver.add("six.example", {"2001:db8::1"});
     cloudmgr_debug_level = 0;
     EXPECT_EQ(start("nowhere"), -1);

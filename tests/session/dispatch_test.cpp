@@ -89,7 +89,7 @@ TEST_F(DispatchTest, a_frame_over_two_records_with_another_behind_it_needs_no_fu
 TEST_F(DispatchTest, a_response_with_bytes_still_in_the_session_is_read_on) {
     const support::Connection conn = connect(Wire::tls, "model", CLOUDTUNNEL_DATATYPE_HTTP);
     const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 60000\r\n\r\n";
-    // Saved so far that the reader's area has room for less than the record brings.
+    // Buffered so far that the reader's area holds less than the record brings.
     const std::string first = head + std::string(60000 - 9000, 'x');
     CLOUDMGR_socket_bufUpdata(conn.node(), support::Connection::bytes(first), static_cast<uint32_t>(first.size()));
     const support::Fault small("SSL_read", {.times = support::kAlways, .at_most = 4000});
@@ -211,7 +211,7 @@ TEST_F(DispatchTest, an_event_without_data_closes_the_connection) {
     }
 }
 
-TEST_F(DispatchTest, a_hang_up_with_a_good_message_is_only_told) {
+TEST_F(DispatchTest, a_hang_up_with_a_good_message_is_only_logged) {
     const support::Connection conn = connect(Wire::plain);
     conn.server->send(frame(kText, "last"));
     EXPECT_TRUE(support::wait_readable(conn.sock));
@@ -253,7 +253,7 @@ TEST_F(DispatchTest, a_callback_that_closes_its_connection_and_is_content_ends_q
     }
 }
 
-TEST_F(DispatchTest, a_callback_that_closes_its_connection_and_fails_is_told_once) {
+TEST_F(DispatchTest, a_callback_that_closes_its_connection_and_fails_is_notified_once) {
     const support::Connection conn = connect(Wire::plain);
     callbacks.during_data = [](int sock) {
         CLOUDMGR_socket_closeByModelName(CLOUDMGR_socket_getModelNameBySock(sock));
@@ -285,7 +285,7 @@ TEST_F(DispatchTest, a_callback_that_replaces_its_connection_and_fails_leaves_th
     }
 }
 
-TEST_F(DispatchTest, the_failure_callback_that_a_data_callback_installs_is_the_one_that_is_told) {
+TEST_F(DispatchTest, the_failure_callback_that_a_data_callback_installs_is_the_one_that_is_called) {
     const support::Connection conn = connect(Wire::plain);
     callbacks.during_data = [](int sock) { CLOUDMGR_socket_connect_modify(sock, nullptr, other_failure); };
     callbacks.data_result = -1;
@@ -309,7 +309,7 @@ TEST_F(DispatchTest, a_callback_may_turn_the_loop_and_end_the_library) {
     EXPECT_EQ(bodies(), (std::vector<std::string>{"one", "two"}));
 }
 
-TEST_F(DispatchTest, an_owner_is_told_once_where_its_connection_fails_while_its_callback_turns_the_loop) {
+TEST_F(DispatchTest, an_owner_is_notified_once_where_its_connection_fails_in_a_re_entrant_turn_of_the_loop) {
     for (const int result : {0, -1}) {
         const support::Connection conn = connect(Wire::plain);
         callbacks.data_result = result;

@@ -1,5 +1,5 @@
 // Allocations: the blocks that the whole process, libraries included, has from the allocator. The program's own malloc
-// stands before libc's and counts; the sanitizers have theirs, which tells bytes only.
+// stands before libc's and counts; the sanitizers have theirs, which counts bytes only.
 #ifndef TESTS_SOAK_ALLOCATIONS_H
 #define TESTS_SOAK_ALLOCATIONS_H
 

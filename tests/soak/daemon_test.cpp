@@ -36,7 +36,7 @@ class DaemonSoak : public soak::SoakTest {
         Modules::add<3>("three");
         expected_registrations_ = 1 + 2 + 3;
         // The first text of a module replaces none.
-        for (const char *const name : {"one", "two", "three"}) tell(name, "cloud.example", "/v3/ws");
+        for (const char *const name : {"one", "two", "three"}) notify(name, "cloud.example", "/v3/ws");
         texts_replaced_ = 0;
     }
 
@@ -44,7 +44,7 @@ class DaemonSoak : public soak::SoakTest {
 
     // The daemon's tunnel data for a module. A text that differs from the last one replaces it, and the older one is
     // not freed: modules read it without knowing when it changes. This is the one thing that may grow.
-    void tell(const std::string &model, const std::string &host, const std::string &path) {
+    void notify(const std::string &model, const std::string &host, const std::string &path) {
         const CLOUDTUNNEL_MODULE_NODE *const module = cloudmgr_module_getmodNodeByName(model.c_str());
         ASSERT_NE(module, nullptr);
         texts_replaced_ += (text_of(module->url_host) != host) + (text_of(module->url_path) != path);
@@ -59,7 +59,7 @@ class DaemonSoak : public soak::SoakTest {
         daemon->notify(data);
         ASSERT_TRUE(run_until([&] { return !modules.calls.empty(); }));
         EXPECT_EQ(modules.calls.size(), 1U);
-        ++told_;
+        ++notified_;
     }
 
     // Second after second, as a host does.
@@ -107,8 +107,8 @@ class DaemonSoak : public soak::SoakTest {
         const int dies_at = random.below(kHour - 1000);
         live(dies_at / 2);
         const char *const names[kModules] = {"one", "two", "three"};
-        tell(names[random.below(kModules)], random.percent(50) ? "cloud.example" : "cloud2.example",
-             random.percent(50) ? "/v3/ws" : "/v3/other");
+        notify(names[random.below(kModules)], random.percent(50) ? "cloud.example" : "cloud2.example",
+               random.percent(50) ? "/v3/ws" : "/v3/other");
         live(dies_at / 2);
         const bool for_good = random.percent(70);
         const int away = for_good ? random.below(900) : 0;
@@ -127,7 +127,7 @@ class DaemonSoak : public soak::SoakTest {
         live(kHour - dies_at / 2 * 2 - away - 3 * kReconnectS);
     }
 
-    // With the stand-in for the daemon gone, what is held is the library's.
+    // With the simulated daemon gone, what is held is the library's.
     Holdings at_rest() {
         die(true);
         daemon.reset();
@@ -144,7 +144,7 @@ class DaemonSoak : public soak::SoakTest {
     Modules modules;
     int64_t texts_replaced_ = 0;
     int deaths_ = 0;
-    int told_ = 0;
+    int notified_ = 0;
     int expected_registrations_ = 0;
 };
 
@@ -164,7 +164,7 @@ TEST_F(DaemonSoak, a_module_process_outlives_its_daemon_every_hour_for_a_month) 
     figures(
         "%d hours, the link lost %d times, tunnel data %d times; %lld texts were replaced since the first %d hours, "
         "and as many blocks of memory kept; nothing else",
-        static_cast<int>(kHours), deaths_, told_, static_cast<long long>(replaced), static_cast<int>(kFirstHours));
+        static_cast<int>(kHours), deaths_, notified_, static_cast<long long>(replaced), static_cast<int>(kFirstHours));
 }
 
 }  // namespace

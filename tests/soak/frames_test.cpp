@@ -76,7 +76,7 @@ int fail(const char *) {
 
 class FramesSoak : public soak::SoakTest {
   protected:
-    // Sends batch after batch, and turns the loop until each has been read.
+    // Sends batch after batch, and runs the loop until each has been read.
     void run(Wire wire, int frames, const std::string &pattern) {
         support::Connection conn = connect(wire);
         cloudmgr_debug_level = support::kError;

@@ -96,7 +96,7 @@ class SetupSoak : public soak::SoakTest {
         expect_nothing_left();
     }
 
-    // One more than the table holds is refused, and told so.
+    // One more than the table holds is refused, and its failure callback called.
     static void expect_full() {
         static int refused;
         refused = 0;

@@ -79,7 +79,7 @@ bool take(const char *argument) {
     return false;
 }
 
-// Tells how to see a finding again.
+// Prints how to see a finding again.
 class Repeat : public testing::EmptyTestEventListener {
     void OnTestEnd(const testing::TestInfo &test) override {
         if (!test.result()->Failed()) return;
@@ -189,7 +189,7 @@ void SoakTest::figures(const char *format, ...) const {
 
 }  // namespace soak
 
-// A failed read is told on the standard error output as well, by perror: many thousand lines in a run.
+// A failed read is printed on the standard error output as well, by perror: many thousand lines in a run.
 void perror(const char *) {}
 
 int main(int argc, char **argv) {

@@ -1,4 +1,4 @@
-// The uptime jumps: back, a little ahead, years ahead. Timers count it as it is told, so a jump back makes every timer
+// The uptime jumps: back, a little ahead, years ahead. Timers count it as it is read, so a jump back makes every timer
 // due; what matters is that each fires when it is counted to, no more and no less, and that tunnels come and stay up.
 #include <algorithm>
 #include <list>
@@ -34,7 +34,7 @@ int64_t jump(Random &random, int64_t now) {
     }
 }
 
-// The timer pool as it is told of, in a few lines.
+// A model of the timer pool in a few lines.
 class Pool {
   public:
     struct Timer {

@@ -1,4 +1,4 @@
-// Callbacks: records what the library tells a connection's or a set-up's owner. The library hands no context through,
+// Callbacks: records what a connection's or a set-up's owner is notified of. The library hands no context through,
 // so there is one at a time; the fixture has it as `callbacks`.
 //
 //   CLOUDMGR_socket_connect(120000, "model", Callbacks::on_connected, Callbacks::on_failure, Callbacks::on_frame);

@@ -1,6 +1,6 @@
 // Daemon: the cloud manager daemon on its unix socket. The library waits for the daemon's answer on the caller's
-// thread, so the stand-in has a small thread of its own. As the path is fixed, only one of all the programs on the
-// machine may use it: a lock, held as long as a Daemon or a NoDaemon lives, makes the others wait.
+// thread, so the simulated daemon has a small thread of its own. As the path is fixed, only one of all the programs on
+// the machine may use it: a lock, held as long as a Daemon or a NoDaemon lives, makes the others wait.
 //
 //   support::Daemon daemon;
 //   EXPECT_EQ(CLOUDTUNNEL_client_Init(), 0);

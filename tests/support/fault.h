@@ -118,7 +118,7 @@ class AllocLimit {
 
 int fail_each_allocation(const std::function<void(const FailAlloc &)> &body);
 
-// What a wrapped call does: the door between wrap.cpp and the classes above.
+// What a wrapped call does: the interface between wrap.cpp and the classes above.
 struct WrapPoint {
     struct Verdict {
         bool fails = false;

@@ -87,7 +87,7 @@ class LibraryTest : public ProcessTest {
   protected:
     LibraryTest();
 
-    // A connection in data mode, made through CLOUDMGR_socket_connect. Its callbacks are those of `callbacks`, which
+    // An established connection, made through CLOUDMGR_socket_connect. Its callbacks are those of `callbacks`, which
     // are cleared, as the log is, so that a test sees only what it does itself.
     Connection connect(Wire wire, const std::string &model = "model", uint32_t data_type = CLOUDTUNNEL_DATATYPE_WS);
 

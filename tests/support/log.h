@@ -52,7 +52,7 @@ using LogValues = std::map<std::string, std::string>;
 std::vector<LogMessage> log_lines(const LogValues &values, std::string_view block);
 std::vector<LogMessage> log_lines(std::string_view block);
 
-// The text of errno 0, which each C library words in its own way.
+// The text of errno 0, which differs between C libraries.
 inline const std::string kNoError = strerror(0);
 
 class Log {

@@ -1,6 +1,6 @@
-// Wire: what the platform says and hears, in bytes. Frames are those of RFC 6455, but for lengths over 65535 that the
-// library writes: 32 bits, then 32 zero bits. The library sets the MASK bit on every frame; whether a key follows, only
-// the sender knows.
+// Wire: what the platform sends and receives, in bytes. Frames are those of RFC 6455, but for lengths over 65535 that
+// the library writes: 32 bits, then 32 zero bits. The library sets the MASK bit on every frame; whether a key follows,
+// only the sender knows.
 //
 //   conn.server->send(support::frame(support::kText, "hello"));
 //   std::string bytes = conn.server->take_all();
@@ -19,7 +19,7 @@ namespace support {
 
 enum Opcode { kContinuation = 0, kText = 1, kBinary = 2, kClose = 8, kPing = 9, kPong = 10 };
 
-// A frame of the platform: FIN set unless told otherwise, not masked. `mask` of 4 bytes masks it.
+// A frame of the platform: FIN set unless asked otherwise, not masked. `mask` of 4 bytes masks it.
 std::string frame(int opcode, std::string_view body, bool fin = true, std::string_view mask = "");
 
 enum class Key { given, left_out };

@@ -46,7 +46,7 @@ void expect_process_life(Stage &stage) {
     Line line = stage.make_line(Wire::plain);
     if (stage.daemon) {
         EXPECT_TRUE(stage.linked());
-        EXPECT_TRUE(stage.tell(line));
+        EXPECT_TRUE(stage.notify(line));
     } else {
         EXPECT_EQ(stage.lead_to(line), 0);
         CLOUDTUNNEL_client_Fini();  // no more attempts to link, they are not what is looked at
@@ -114,13 +114,13 @@ void expect_linked_life(Stage &stage) {
         Modules::add<1>("model");
     }
     Line line = stage.make_line(Wire::plain);
-    EXPECT_TRUE(stage.tell(line));
+    EXPECT_TRUE(stage.notify(line));
     stage.expect_a_good_life(line);
 }
 
 std::string tunnel_by_daemon(Stage &stage, Wire wire) {
     Line line = stage.make_line(wire);
-    stage.tell(line);
+    stage.notify(line);
     if (!stage.bring_up(line)) return kRefused;
     if (!stage.exchange(line)) return kLost;
     stage.hang_up(line);
@@ -129,14 +129,14 @@ std::string tunnel_by_daemon(Stage &stage, Wire wire) {
 
 std::string notifications(Stage &stage) {
     for (uint32_t sub_type = 1; sub_type <= 4; ++sub_type) {
-        support::Notification word;
-        word.sub_type = sub_type;
-        word.model = "other";
-        word.host = "127.0.0.1";
-        stage.daemon->notify(word);
+        support::Notification notification;
+        notification.sub_type = sub_type;
+        notification.model = "other";
+        notification.host = "127.0.0.1";
+        stage.daemon->notify(notification);
         stage.pump();
     }
-    return stage.modules.calls.size() == 3 ? "told" : "not all told";
+    return stage.modules.calls.size() == 3 ? "notified" : "not all notified";
 }
 
 std::string reconnection_to_daemon(Stage &stage) {
@@ -155,7 +155,7 @@ void add_daemon_scenarios(Scenarios &all) {
     const auto tls = [](Stage &stage) { return tunnel_by_daemon(stage, Wire::tls13); };
     all.push_back({"tunnel_by_daemon_plain", kUp, plain, prepare_linked, expect_linked_life});
     all.push_back({"tunnel_by_daemon_tls13", kUp, tls, prepare_linked, expect_linked_life});
-    all.push_back({"notifications", "told", notifications, prepare_linked, expect_linked_life});
+    all.push_back({"notifications", "notified", notifications, prepare_linked, expect_linked_life});
     all.push_back(
         {"reconnection_to_daemon", "linked again", reconnection_to_daemon, prepare_linked, expect_linked_life});
 }

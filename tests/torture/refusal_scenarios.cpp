@@ -76,13 +76,13 @@ std::string refused_by_module(Stage &stage) {
     Line line = stage.lead(Wire::plain);
     stage.start(line);
     stage.await({&line}, [&] { return !stage.callbacks.failures.empty(); });
-    return stage.callbacks.failures.size() == 1 ? kRefused : "told twice";
+    return stage.callbacks.failures.size() == 1 ? kRefused : "notified twice";
 }
 
 std::string second_start(Stage &stage) {
     Line line = stage.lead(Wire::plain);
     stage.start(line);
-    stage.callbacks.during_failure = nullptr;  // the first's node may stand as the second is told
+    stage.callbacks.during_failure = nullptr;  // the first's node may stand when the second is notified
     const size_t before = stage.callbacks.failures.size();
     const int sock = Stage::start_model("model");
     EXPECT_EQ(stage.callbacks.failures.size(), sock < 0 ? before + 1 : before);
@@ -91,7 +91,7 @@ std::string second_start(Stage &stage) {
     return sock < 0 ? kRefused : "taken, the first having failed";
 }
 
-// One more than there is room for; nobody turns the loop meanwhile.
+// One more than the table holds; nobody runs the loop meanwhile.
 std::string start_33(Stage &stage) {
     int taken = 0;
     Lines lines;

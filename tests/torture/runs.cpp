@@ -65,7 +65,7 @@ bool leaks() {
 #endif
 }
 
-// Plays the scenario and tells how it ended; the counts go with it.
+// Plays the scenario and reports how it ended; the counts go with it.
 std::string play(const Run &run, bool *struck, std::vector<int> *counts) {
     Stage stage;
     if (run.scenario->prepare) run.scenario->prepare(stage);
@@ -113,11 +113,11 @@ std::string play(const Run &run, bool *struck, std::vector<int> *counts) {
         ADD_FAILURE() << problem.what();
     }
     if (leaks()) ADD_FAILURE() << "memory is left";
-    std::ostringstream told;
-    told << how << '\n' << struck << '\n' << !testing::UnitTest::GetInstance()->Failed() << '\n';
-    for (const int count : counts) told << count << '\n';
+    std::ostringstream summary;
+    summary << how << '\n' << struck << '\n' << !testing::UnitTest::GetInstance()->Failed() << '\n';
+    for (const int count : counts) summary << count << '\n';
     std::fflush(nullptr);
-    const std::string text = told.str();
+    const std::string text = summary.str();
     ::_exit(::write(answer, text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? EXIT_SUCCESS
                                                                                            : EXIT_FAILURE);
 }
@@ -139,9 +139,9 @@ Result Running::result(int wait_status) const {
     Result result;
     result.output = content_of(output_.get());
     if (WIFSIGNALED(wait_status)) result.output += "\nended by signal " + std::to_string(WTERMSIG(wait_status)) + "\n";
-    std::istringstream told(content_of(answer_.get()));
-    result.ended = wait_status == 0 && std::getline(told, result.how) && told >> result.struck >> result.good;
-    for (int count = 0; told >> count;) result.counts.push_back(count);
+    std::istringstream summary(content_of(answer_.get()));
+    result.ended = wait_status == 0 && std::getline(summary, result.how) && summary >> result.struck >> result.good;
+    for (int count = 0; summary >> count;) result.counts.push_back(count);
     return result;
 }
 

@@ -13,7 +13,7 @@ namespace torture {
 // How a scenario ends.
 inline constexpr char kUp[] = "up";
 inline constexpr char kRefused[] = "refused";
-inline constexpr char kLost[] = "up, then lost";  // a tunnel that was handed over and did not live to the end
+inline constexpr char kLost[] = "up, then lost";  // a tunnel that was handed off and did not live to the end
 
 struct NamedWire {
     const char *name;

@@ -28,7 +28,7 @@ Stage::Stage() {
     resolver.add(kHost, {"127.0.0.1"});
     callbacks.during_connected = [this](int sock) {
         const char *const model = CLOUDMGR_socket_getModelNameBySock(sock);
-        handed_over_.push_back(model ? model : "nobody");
+        handed_off_.push_back(model ? model : "nobody");
     };
 }
 
@@ -102,39 +102,40 @@ bool Stage::wait_for(const Lines &lines, const std::function<bool()> &done) {
     return pump(lines, done);
 }
 
-size_t Stage::handed_over(const Line &line) const { return count(handed_over_, line.model) - line.handed_over_before; }
+size_t Stage::handed_off(const Line &line) const { return count(handed_off_, line.model) - line.handed_off_before; }
 
 size_t Stage::failures(const Line &line) const { return count(callbacks.failures, line.model) - line.failures_before; }
 
-void Stage::forget_told(Line &line) const {
-    line.handed_over_before += handed_over(line);
+void Stage::forget_notified(Line &line) const {
+    line.handed_off_before += handed_off(line);
     line.failures_before += failures(line);
 }
 
 void Stage::start(Line &line) {
-    forget_told(line);
+    forget_notified(line);
     line.sock = TunnelSteps::start(line.model);
-    EXPECT_EQ(told(line), line.sock < 0 ? 1U : 0U) << line.model << ": told as it was started";
+    EXPECT_EQ(notified(line), line.sock < 0 ? 1U : 0U) << line.model << ": notified as it was started";
 }
 
 void Stage::await(const Lines &lines, const std::function<bool()> &done) {
     if (wait_for(lines, done)) return;
     for (Line *const line : lines) {
-        if (told(*line) > 0) continue;
+        if (notified(*line) > 0) continue;
         line->server->drop();
         line->server->stop_listening();
     }
-    EXPECT_TRUE(wait_for(lines, done)) << "nobody is told what became of a set-up";
+    EXPECT_TRUE(wait_for(lines, done)) << "nobody is notified of what became of a set-up";
 }
 
 size_t Stage::await(const Lines &lines) {
-    await(lines,
-          [&] { return std::all_of(lines.begin(), lines.end(), [&](const Line *line) { return told(*line) > 0; }); });
-    EXPECT_FALSE(told_too_early_) << "a failure was told while the node or the connection was still there";
+    await(lines, [&] {
+        return std::all_of(lines.begin(), lines.end(), [&](const Line *line) { return notified(*line) > 0; });
+    });
+    EXPECT_FALSE(notified_too_early_) << "a failure was notified while the node or the connection was still there";
     size_t up = 0;
     for (const Line *const line : lines) {
-        EXPECT_EQ(told(*line), 1U) << line->model << ": what became of its set-up";
-        up += handed_over(*line);
+        EXPECT_EQ(notified(*line), 1U) << line->model << ": what became of its set-up";
+        up += handed_off(*line);
     }
     return up;
 }
@@ -143,7 +144,7 @@ bool Stage::exchange(Line &line) {
     const size_t before = callbacks.frames.size();
     line.server->send(support::frame(support::kText, "to the module"));
     EXPECT_TRUE(wait_for({&line}, [&] { return callbacks.frames.size() > before || lost(line); }))
-        << "neither the frame nor a word of the connection's end";
+        << "neither the frame nor the end of the connection is notified";
     if (lost(line)) return false;
     support::send_message(line.sock, "to the platform");
     pump({&line}, [&] { return !line.server->inbox().empty(); });
@@ -151,10 +152,10 @@ bool Stage::exchange(Line &line) {
 }
 
 void Stage::hang_up(Line &line) {
-    const size_t before = told(line);
+    const size_t before = notified(line);
     CLOUDMGR_socket_closeByModelName(line.model.c_str());
     EXPECT_TRUE(line.server->wait_end() || !line.server->up()) << "the platform sees no end";
-    EXPECT_EQ(told(line), before) << "told of its own closing";
+    EXPECT_EQ(notified(line), before) << "notified of its own closing";
 }
 
 void Stage::expect_rest() {
@@ -206,7 +207,7 @@ void Stage::wait_for_link() {
     for (int i = 0; i < kStepsAtMost && !linked(); ++i) pass_time(kStepS);
 }
 
-bool Stage::tell(const Line &line) {
+bool Stage::notify(const Line &line) {
     support::Notification data;
     data.model = line.model;
     data.host = kHost;

@@ -74,7 +74,7 @@ std::string fragments(Stage &stage, Wire wire) {
     return how;
 }
 
-// A close frame from the module; the platform answers it and ends, and the module hears of the end.
+// A close frame from the module; the platform answers it and ends, and the module is notified of the end.
 std::string close_by_module(Stage &stage, Wire wire) {
     Line line = stage.lead(wire);
     if (!stage.bring_up(line)) return kRefused;
@@ -82,7 +82,7 @@ std::string close_by_module(Stage &stage, Wire wire) {
     stage.pump({&line}, [&] { return !line.server->inbox().empty(); });
     line.server->send(frame(support::kClose, "\x03\xe8"));
     line.server->close();
-    EXPECT_TRUE(stage.wait_for({&line}, [&] { return stage.lost(line); })) << "not told of the end";
+    EXPECT_TRUE(stage.wait_for({&line}, [&] { return stage.lost(line); })) << "not notified of the end";
     return "closed";
 }
 
@@ -113,13 +113,13 @@ std::string close_by_platform(Stage &stage, Wire wire) {
     return stage.lost(line) ? kLost : "closed";
 }
 
-// The platform ends without a word.
+// The platform ends without a close frame.
 std::string broken_by_platform(Stage &stage, Wire wire, void (support::Server::*end)()) {
     Line line = stage.lead(wire);
     if (!stage.bring_up(line)) return kRefused;
     (line.server.get()->*end)();
-    EXPECT_TRUE(stage.wait_for({&line}, [&] { return stage.lost(line); })) << "not told of the end";
-    return "told";
+    EXPECT_TRUE(stage.wait_for({&line}, [&] { return stage.lost(line); })) << "not notified of the end";
+    return "notified";
 }
 
 std::string end_by_platform(Stage &stage, Wire wire) {
@@ -135,7 +135,7 @@ std::string tunnel_again(Stage &stage, Wire wire) {
     Line line = stage.lead(wire);
     if (!stage.bring_up(line)) return kRefused;
     line.server->close();
-    EXPECT_TRUE(stage.wait_for({&line}, [&] { return stage.lost(line); })) << "not told of the end";
+    EXPECT_TRUE(stage.wait_for({&line}, [&] { return stage.lost(line); })) << "not notified of the end";
     if (!stage.bring_up(line)) return "lost, then refused";
     if (!stage.exchange(line)) return "lost twice";
     stage.hang_up(line);
@@ -155,8 +155,9 @@ void add_tunnel_scenarios(Scenarios &all) {
         add(all, on("fragments", wire), "sent", w, [w](Stage &stage) { return fragments(stage, w); });
         add(all, on("close_by_module", wire), "closed", w, [w](Stage &stage) { return close_by_module(stage, w); });
         add(all, on("close_by_platform", wire), "closed", w, [w](Stage &stage) { return close_by_platform(stage, w); });
-        add(all, on("end_by_platform", wire), "told", w, [w](Stage &stage) { return end_by_platform(stage, w); });
-        add(all, on("reset_by_platform", wire), "told", w, [w](Stage &stage) { return reset_by_platform(stage, w); });
+        add(all, on("end_by_platform", wire), "notified", w, [w](Stage &stage) { return end_by_platform(stage, w); });
+        add(all, on("reset_by_platform", wire), "notified", w,
+            [w](Stage &stage) { return reset_by_platform(stage, w); });
         add(all, on("reconnection", wire), "up again", w, [w](Stage &stage) { return tunnel_again(stage, w); });
     }
     add(all, "tunnels_32", "32 up", Wire::plain, many_tunnels);

@@ -37,13 +37,13 @@ class RegistrationTest : public TunnelSteps<support::LibraryTest> {
             ERROR   Socket data proc error,[model model][sock {sock}][event 1][ret -1]
             CONNECT Real close sock [{sock}] .
             CONNECT Del ws connect node ok, name model.
-            INIT    told: failure model
+            INIT    notified: failure model
         )")));
         EXPECT_EQ(log.count(kError), 2);
         EXPECT_TRUE(tunnel.server->wait_end());
-        expect_told_once(tunnel);
+        expect_notified_once(tunnel);
     }
-    // The registration was not sent: the node stays in WS_HANDSHAKE, no timer runs, and nobody is told until the
+    // The registration was not sent: the node stays in WS_HANDSHAKE, no timer runs, and nobody is notified until the
     // connection ends.
     void expect_stays(Tunnel &tunnel) {
         const cloudmgr_v3wscnct_node *const node = setup_node("model");
@@ -57,7 +57,7 @@ class RegistrationTest : public TunnelSteps<support::LibraryTest> {
         EXPECT_TRUE(callbacks.failures.empty());
         tunnel.server->close();
         EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }));
-        expect_told_once(tunnel);
+        expect_notified_once(tunnel);
     }
     // Hands the good answer to the upgrade in while `fault` lives.
     void upgrade_under(Tunnel &tunnel) {
@@ -70,7 +70,7 @@ class RegistrationTest : public TunnelSteps<support::LibraryTest> {
 
 // ------------------------------------------------------------------------------------------------- the OPT1 message
 
-TEST_F(RegistrationTest, the_opt1_message_is_told_byte_by_byte) {
+TEST_F(RegistrationTest, the_opt1_message_is_known_byte_by_byte) {
     cloudmgr_v3_setTokenID("a token");
     CLOUDTUNNEL_MAIN_TUNNEL_INFO info = {};
     info.last_down_reason = 3;
@@ -172,7 +172,7 @@ TEST_F(RegistrationTest, every_allocation_of_the_registration_can_fail) {
     EXPECT_EQ(setup_node("model")->state, 1U);
 }
 
-TEST_F(RegistrationTest, a_frame_for_a_set_up_whose_registration_was_not_sent_ends_it_without_a_word) {
+TEST_F(RegistrationTest, a_frame_for_a_set_up_whose_registration_was_not_sent_ends_it_with_the_line_of_the_dispatch_alone) {
     Tunnel tunnel = begin(Wire::plain);
     {
         const Fault broken("send", {.error = EPIPE});
@@ -183,7 +183,7 @@ TEST_F(RegistrationTest, a_frame_for_a_set_up_whose_registration_was_not_sent_en
     EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }));
     EXPECT_EQ(log.texts(kError), (Names{"Socket data proc error,[model model][sock " + std::to_string(tunnel.sock) +
                                         "][event 1][ret -1]"}));
-    expect_told_once(tunnel);
+    expect_notified_once(tunnel);
 }
 
 // ------------------------------------------------------------------------------------------------- refusals
@@ -242,7 +242,7 @@ TEST_F(RegistrationTest, a_frame_that_is_broken_ends_the_set_up_once) {
     Tunnel tunnel = begin_registration(Wire::plain);
     tunnel.server->send(std::string("\x81\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff", 14));
     EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }));
-    expect_told_once(tunnel);
+    expect_notified_once(tunnel);
 }
 
 TEST_F(RegistrationTest, it_goes_the_same_way_when_nothing_is_printed) {
@@ -253,7 +253,7 @@ TEST_F(RegistrationTest, it_goes_the_same_way_when_nothing_is_printed) {
             Tunnel tunnel = begin_registration(Wire::plain);
             tunnel.server->send(frame(support::kText, body));
             EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); })) << body;
-            expect_told_once(tunnel);
+            expect_notified_once(tunnel);
         }
         callbacks.clear();
         const Tunnel binary = begin_registration(Wire::plain);
@@ -282,7 +282,7 @@ TEST_F(RegistrationTest, no_message_and_no_connection_change_nothing) {
     EXPECT_TRUE(callbacks.connected.empty());
 }
 
-TEST_F(RegistrationTest, an_answer_in_another_state_or_for_no_set_up_is_refused_without_a_word) {
+TEST_F(RegistrationTest, an_answer_in_another_state_or_for_no_set_up_is_refused_without_an_error_logged) {
     const Tunnel tunnel = begin_registration(Wire::plain);
     std::string body = kAccepted;
     cloudmgr_ws_msg good = text(body);
@@ -319,7 +319,7 @@ TEST_F(RegistrationTest, every_answer_stops_the_running_step_timer) {
     EXPECT_EQ(setup_node("model")->timerId, 0U);
 }
 
-// ------------------------------------------------------------------------------------------------- the hand-over
+// ------------------------------------------------------------------------------------------------- the hand-off
 
 TEST_F(RegistrationTest, an_answer_is_taken_by_the_low_8_bits_of_its_type_and_a_code_of_0) {
     for (const std::string body :
@@ -338,11 +338,11 @@ TEST_F(RegistrationTest, an_answer_is_taken_by_the_low_8_bits_of_its_type_and_a_
     }
 }
 
-TEST_F(RegistrationTest, the_hand_over_changes_the_callbacks_deletes_the_node_and_then_calls_the_module) {
+TEST_F(RegistrationTest, the_hand_off_changes_the_callbacks_deletes_the_node_and_then_calls_the_module) {
     Tunnel tunnel = begin_registration(Wire::plain);
     cloudtunnel_connect_node seen = {};
     callbacks.during_connected = [&](int sock) {
-        mark("told: connected");
+        mark("notified: connected");
         EXPECT_EQ(setup_node("model"), nullptr);
         seen = *CLOUDMGR_socket_getCnctBySock(sock);
     };
@@ -355,14 +355,14 @@ TEST_F(RegistrationTest, the_hand_over_changes_the_callbacks_deletes_the_node_an
         CONNECT V3 [model] ws request rcv message.
         CONNECT Modify socket connect node ok, sock {sock}.
         CONNECT Del ws connect node ok, name model.
-        INIT    told: connected
+        INIT    notified: connected
     )")));
     EXPECT_EQ(log.count(kError), 0);
     EXPECT_EQ(wscnctlist.count, 0U);
     expect_open(tunnel);
 }
 
-TEST_F(RegistrationTest, a_module_that_refuses_the_hand_over_is_told_once_by_its_own_failure_callback) {
+TEST_F(RegistrationTest, a_module_that_refuses_the_hand_off_is_notified_once_by_its_own_failure_callback) {
     for (const int result : {-1, 1, 77}) {
         callbacks.clear();
         callbacks.connected_result = result;
@@ -372,10 +372,10 @@ TEST_F(RegistrationTest, a_module_that_refuses_the_hand_over_is_told_once_by_its
         EXPECT_EQ(callbacks.failures, Names{"model"});
         EXPECT_TRUE(log.in_order(
             support::log_lines({{"sock", std::to_string(tunnel.sock)}, {"result", std::to_string(result)}}, R"(
-            INIT    told: connected
+            INIT    notified: connected
             ERROR   Socket data proc error,[model model][sock {sock}][event 1][ret {result}]
             CONNECT Real close sock [{sock}] .
-            INIT    told: failure model
+            INIT    notified: failure model
         )")));
         EXPECT_FALSE(descriptor_open(tunnel.sock));
         pass_time(200);
@@ -444,7 +444,7 @@ TEST_F(RegistrationTest, an_answer_in_single_bytes_is_taken) {
     EXPECT_EQ(callbacks.connected.size(), 1U);
 }
 
-TEST_F(RegistrationTest, an_open_tunnel_that_breaks_is_told_to_the_module_once) {
+TEST_F(RegistrationTest, an_open_tunnel_that_breaks_is_notified_to_the_module_once) {
     for (const bool hard : {false, true}) {
         callbacks.clear();
         Tunnel tunnel = open(Wire::plain);
@@ -456,7 +456,7 @@ TEST_F(RegistrationTest, an_open_tunnel_that_breaks_is_told_to_the_module_once) 
     }
 }
 
-TEST_F(RegistrationTest, a_module_that_answers_a_frame_with_a_failure_loses_its_connection_and_is_told_once) {
+TEST_F(RegistrationTest, a_module_that_answers_a_frame_with_a_failure_loses_its_connection_and_is_notified_once) {
     Tunnel tunnel = open(Wire::plain);
     callbacks.data_result = -1;
     tunnel.server->send(frame(support::kText, "a request"));

@@ -18,11 +18,11 @@ TEST_F(SetupTest, a_silent_platform_ends_the_request_after_30_seconds_and_closes
         CONNECT Del socket connect node ok, sock {sock}.
         CONNECT Real close sock [{sock}] .
         CONNECT Del ws connect node ok, name model.
-        INIT    told: failure model
+        INIT    notified: failure model
     )")));
     EXPECT_EQ(log.count(kError), 1);
     EXPECT_TRUE(tunnel.server->wait_end());
-    expect_told_once(tunnel);
+    expect_notified_once(tunnel);
 }
 
 TEST_F(SetupTest, a_silent_platform_ends_the_registration_after_30_seconds_of_its_own) {
@@ -37,9 +37,9 @@ TEST_F(SetupTest, a_silent_platform_ends_the_registration_after_30_seconds_of_it
         ERROR   V3 ws cnct msg send time out [sock {sock}][name model][fsm WS_CONNECT].
         CONNECT Real close sock [{sock}] .
         CONNECT Del ws connect node ok, name model.
-        INIT    told: failure model
+        INIT    notified: failure model
     )")));
-    expect_told_once(tunnel);
+    expect_notified_once(tunnel);
 }
 
 TEST_F(SetupTest, a_connection_that_does_not_come_up_ends_after_120_seconds) {
@@ -56,9 +56,9 @@ TEST_F(SetupTest, a_connection_that_does_not_come_up_ends_after_120_seconds) {
     EXPECT_TRUE(log.in_order(lines(tunnel, R"(
         ERROR   [Model model][Socket {sock}]connect time out process.
         CONNECT Del ws connect node ok, name model.
-        INIT    told: failure model
+        INIT    notified: failure model
     )")));
-    expect_told_once(tunnel);
+    expect_notified_once(tunnel);
 }
 
 TEST_F(SetupTest, a_tls_handshake_that_stalls_ends_after_120_seconds) {
@@ -69,10 +69,10 @@ TEST_F(SetupTest, a_tls_handshake_that_stalls_ends_after_120_seconds) {
     pass_time(119);
     EXPECT_TRUE(callbacks.failures.empty());
     pass_time(1);
-    expect_told_once(tunnel);
+    expect_notified_once(tunnel);
 }
 
-TEST_F(SetupTest, no_timer_of_the_set_up_outlives_the_hand_over) {
+TEST_F(SetupTest, no_timer_of_the_set_up_outlives_the_hand_off) {
     Tunnel tunnel = open(Wire::plain);
     pass_time(0);
     EXPECT_EQ(cloudtunnel_timerlist.count, 0U);
@@ -100,7 +100,7 @@ TEST_F(SetupTest, the_timer_of_a_failed_set_up_leaves_the_next_one_on_the_same_d
     EXPECT_NE(setup_node("model"), nullptr);
     EXPECT_TRUE(callbacks.failures.empty());
     pass_time(20);
-    expect_told_once(second);
+    expect_notified_once(second);
 }
 
 TEST_F(SetupTest, a_timer_that_is_not_the_nodes_any_more_does_nothing) {
@@ -145,9 +145,9 @@ TEST_F(SetupTest, a_connection_failure_deletes_before_it_closes) {
         CONNECT Del ws connect node ok, name model.
         CONNECT Del socket connect node ok, sock {sock}.
         CONNECT Real close sock [{sock}] .
-        INIT    told: failure model
+        INIT    notified: failure model
     )")));
-    expect_told_once(tunnel);
+    expect_notified_once(tunnel);
 }
 
 // ------------------------------------------------------------------------------------------------- starting again
@@ -170,7 +170,7 @@ TEST_F(SetupTest, a_module_may_start_again_from_its_failure_callback) {
         callbacks.clear();
         Tunnel tunnel = begin(Wire::tls);
         Tunnel again;
-        retry_when_told(tunnel, again);
+        retry_on_failure(tunnel, again);
         end(tunnel);
         EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }));
         again.server = std::move(tunnel.server);
@@ -187,7 +187,7 @@ TEST_F(SetupTest, a_module_may_start_again_when_the_connection_did_not_come_up) 
     Tunnel tunnel = lead(Wire::plain);
     Tunnel again;
     ASSERT_GE(start(tunnel), 0);
-    retry_when_told(tunnel, again);
+    retry_on_failure(tunnel, again);
     pass_time(120);
     ASSERT_GE(again.sock, 0);
     again.server = std::move(tunnel.server);
@@ -200,7 +200,7 @@ TEST_F(SetupTest, a_module_may_start_again_when_the_connection_did_not_come_up) 
 TEST_F(SetupTest, a_module_may_start_again_when_the_start_is_refused) {
     Tunnel tunnel = lead(Wire::plain);
     Tunnel again;
-    retry_when_told(tunnel, again);
+    retry_on_failure(tunnel, again);
     {
         const Fault no_socket("socket", {.error = EMFILE});
         EXPECT_EQ(start(tunnel), -1);

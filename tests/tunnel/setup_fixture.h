@@ -28,7 +28,7 @@ class SetupTest : public TunnelSteps<support::LibraryTest> {
         resp.status_index = status_index;
         return resp;
     }
-    // What the connection's data callback makes of an answer, handed in past the wire.
+    // What the connection's data callback returns for an answer that does not come over the wire.
     static int hand_in(const Tunnel &tunnel, cloudtunnel_http_resp *resp) {
         return CLOUDMGR_socket_getCnctBySock(tunnel.sock)->dataCallback(tunnel.sock, resp);
     }
@@ -41,8 +41,8 @@ class SetupTest : public TunnelSteps<support::LibraryTest> {
             node->receiveCallback = Callbacks::on_frame;
         }
     }
-    // Lets the module start again, once, as soon as it is told; `again` is the new set-up.
-    void retry_when_told(const Tunnel &tunnel, Tunnel &again) {
+    // Lets the module start again, once, as soon as it is notified of its failure; `again` is the new set-up.
+    void retry_on_failure(const Tunnel &tunnel, Tunnel &again) {
         again.model = tunnel.model;
         callbacks.during_failure = [this, &again](const std::string &) {
             callbacks.during_failure = nullptr;

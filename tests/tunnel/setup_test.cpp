@@ -4,7 +4,7 @@
 
 namespace {
 
-// ------------------------------------------------------------------------------------------------- the whole road
+// ------------------------------------------------------------------------------------------------- a whole set-up
 
 TEST_F(SetupTest, a_node_holds_what_it_was_started_with) {
     Tunnel tunnel = lead(Wire::plain, "cloud");
@@ -19,7 +19,7 @@ TEST_F(SetupTest, a_node_holds_what_it_was_started_with) {
     EXPECT_EQ(node->state, 0U);
 }
 
-TEST_F(SetupTest, a_set_up_tells_its_steps_in_order_and_no_error) {
+TEST_F(SetupTest, a_set_up_logs_its_steps_in_order_and_no_error) {
     log.clear();
     Tunnel tunnel = lead(Wire::plain);
     ASSERT_GE(start(tunnel), 0);
@@ -40,7 +40,7 @@ TEST_F(SetupTest, a_set_up_tells_its_steps_in_order_and_no_error) {
         CONNECT V3 [model] ws request rcv message.
         CONNECT Modify socket connect node ok, sock {sock}.
         CONNECT Del ws connect node ok, name model.
-        INIT    told: connected
+        INIT    notified: connected
     )")));
     EXPECT_EQ(log.count(kError), 0);
     EXPECT_TRUE(callbacks.failures.empty());
@@ -99,7 +99,7 @@ TEST_F(SetupTest, the_33rd_start_is_refused_and_the_32_others_go_on) {
         EVENT Start to websocket connect for cloud model [one more] dev model [device].
         ERROR Daemon ws connect reach max.
         ERROR Failed to add websocket connect node for cloud model [one more] dev model [device].
-        INIT  told: failure one more
+        INIT  notified: failure one more
     )")));
     EXPECT_EQ(log.count(kError), 2);
     EXPECT_EQ(callbacks.failures, Names{"one more"});
@@ -178,7 +178,7 @@ TEST_F(SetupTest, without_memory_for_the_node_the_start_is_refused_and_an_open_t
     EXPECT_TRUE(log.in_order(support::log_lines(R"(
         ERROR Malloc fo ws connect node failed.
         ERROR Failed to add websocket connect node for cloud model [model] dev model [device].
-        INIT  told: failure model
+        INIT  notified: failure model
     )")));
     EXPECT_EQ(callbacks.failures, Names{"model"});
     expect_open(tunnel);
@@ -202,7 +202,7 @@ TEST_F(SetupTest, a_second_start_is_refused_and_the_first_goes_on_in_every_state
         EXPECT_TRUE(log.in_order(lines(tunnel, R"(
             ERROR Model {model} ws connect is exist.
             ERROR Failed to add websocket connect node for cloud model [{model}] dev model [other].
-            INIT  told: failure {model}
+            INIT  notified: failure {model}
         )")));
         EXPECT_EQ(log.count(kError), 2);
         EXPECT_EQ(callbacks.failures, Names{tunnel.model});
@@ -223,24 +223,24 @@ TEST_F(SetupTest, a_model_without_a_host_is_refused_and_leaves_no_node) {
         CONNECT Add ws connect node ok,  cloud model [nowhere] dev model [device].
         ERROR   Failed to connect for model [nowhere] because no addrinfo.
         CONNECT Del ws connect node ok, name nowhere.
-        INIT    told: failure nowhere
+        INIT    notified: failure nowhere
     )")));
     EXPECT_EQ(callbacks.failures, Names{"nowhere"});
     EXPECT_EQ(wscnctlist.count, 0U);
 }
 
-TEST_F(SetupTest, a_connection_that_cannot_be_made_ends_the_start_and_tells_the_module_once) {
+TEST_F(SetupTest, a_connection_that_cannot_be_made_ends_the_start_and_notifies_the_module_once) {
     for (const char *call : {"socket", "ioctl", "setsockopt", "epoll_ctl", "connect"}) {
         callbacks.clear();
         const Tunnel tunnel = lead(Wire::plain, call);
         const Fault fault(call, {.error = EADDRNOTAVAIL});
         EXPECT_EQ(start(call), -1) << call;
         EXPECT_EQ(fault.hits(), 1) << call;
-        expect_told_once(tunnel);
+        expect_notified_once(tunnel);
     }
 }
 
-TEST_F(SetupTest, a_start_for_an_open_tunnel_closes_it_and_tells_the_module_once) {
+TEST_F(SetupTest, a_start_for_an_open_tunnel_closes_it_and_notifies_the_module_once) {
     // The connection's refusal ends the new set-up as every refusal does: node first, then the model's connection.
     Tunnel tunnel = open(Wire::plain);
     callbacks.clear();
@@ -250,10 +250,10 @@ TEST_F(SetupTest, a_start_for_an_open_tunnel_closes_it_and_tells_the_module_once
         ERROR   Connect node of model [model] is exist.
         CONNECT Del ws connect node ok, name model.
         CONNECT Real close sock [{sock}] .
-        INIT    told: failure model
+        INIT    notified: failure model
     )")));
     EXPECT_TRUE(tunnel.server->wait_end());
-    expect_told_once(tunnel);
+    expect_notified_once(tunnel);
 }
 
 TEST_F(SetupTest, a_name_of_up_to_32_characters_gets_its_tunnel) {
@@ -274,7 +274,7 @@ TEST_F(SetupTest, a_name_over_32_characters_ends_at_the_connect_time_out_under_i
         EXPECT_TRUE(callbacks.failures.empty());
         pass_time(120);
         tunnel.model = std::string(32, 'n');
-        expect_told_once(tunnel);
+        expect_notified_once(tunnel);
     }
 }
 
@@ -292,7 +292,7 @@ TEST_F(SetupTest, a_refused_connection_of_a_name_over_32_characters_leaves_no_no
 
 // ------------------------------------------------------------------------------------------------- without a log
 
-TEST_F(SetupTest, a_set_up_goes_the_same_way_when_nothing_is_printed) {
+TEST_F(SetupTest, a_set_up_behaves_the_same_when_nothing_is_printed) {
     in_silence([this] {
         callbacks.clear();
         Tunnel tunnel = begin(Wire::plain);
@@ -342,8 +342,8 @@ TEST_F(SetupTest, an_answer_ends_the_timer_and_finds_the_set_up_in_its_state_alo
 
 // ------------------------------------------------------------------------------------------------- short of memory
 
-TEST_F(SetupTest, whatever_allocation_fails_the_module_is_told_once_or_the_node_stays_without_a_timer) {
-    const auto told = [this] { return !callbacks.failures.empty() || !callbacks.connected.empty(); };
+TEST_F(SetupTest, whatever_allocation_fails_the_module_is_notified_once_or_the_node_stays_without_a_timer) {
+    const auto notified = [this] { return !callbacks.failures.empty() || !callbacks.connected.empty(); };
     const auto stays = [] { return state_of() == 1 && setup_node("model")->timerId == 0; };
     for (const Wire wire : {Wire::plain, Wire::tls}) {
         bool done = false;
@@ -356,12 +356,12 @@ TEST_F(SetupTest, whatever_allocation_fails_the_module_is_told_once_or_the_node_
                 const support::FailAlloc fail(index);
                 start(tunnel);
                 const auto asked = [&] { return tunnel.server->inbox().find("\r\n\r\n") != std::string::npos; };
-                EXPECT_TRUE(run_until([&] { return told() || asked(); }, *tunnel.server));
+                EXPECT_TRUE(run_until([&] { return notified() || asked(); }, *tunnel.server));
                 tunnel.request = tunnel.server->take_all();
-                if (!told()) tunnel.server->send(good_answer(tunnel));
-                EXPECT_TRUE(run_until([&] { return told() || state_of() == 2 || stays(); }, *tunnel.server));
+                if (!notified()) tunnel.server->send(good_answer(tunnel));
+                EXPECT_TRUE(run_until([&] { return notified() || state_of() == 2 || stays(); }, *tunnel.server));
                 if (state_of() == 2) tunnel.server->send(support::frame(support::kText, kAccepted));
-                EXPECT_TRUE(run_until([&] { return told() || stays(); }, *tunnel.server));
+                EXPECT_TRUE(run_until([&] { return notified() || stays(); }, *tunnel.server));
                 done = !fail.hit();
             }
             if (callbacks.connected.size() == 1) {
@@ -373,7 +373,7 @@ TEST_F(SetupTest, whatever_allocation_fails_the_module_is_told_once_or_the_node_
                 tunnel.server->close();
                 EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }));
             }
-            if (callbacks.connected.empty()) expect_told_once(tunnel);
+            if (callbacks.connected.empty()) expect_notified_once(tunnel);
             EXPECT_EQ(wscnctlist.count, 0U);
             EXPECT_EQ(cloudtunnel_connectlist.count, 0U);
             pass_time(200);

@@ -8,7 +8,7 @@ namespace {
 
 // ------------------------------------------------------------------------------------------------- the request
 
-TEST_F(SetupTest, the_upgrade_request_is_told_byte_by_byte) {
+TEST_F(SetupTest, the_upgrade_request_is_known_byte_by_byte) {
     cloudmgr_v3_setTokenID("a token");
     cloudmgr_v3_setCookie("name=value; Path=/");
     for (const Wire wire : {Wire::plain, Wire::tls}) {
@@ -88,13 +88,13 @@ TEST_F(SetupTest, a_request_that_cannot_be_written_ends_the_set_up) {
     EXPECT_TRUE(log.in_order(lines(tunnel, R"(
         ERROR [Model model]Send Websocket handshake failed.
         ERROR [Model model][Socket {sock}] connect failed.
-        INIT  told: failure model
+        INIT  notified: failure model
     )")));
     EXPECT_EQ(log.count(kFsm), 0);
-    expect_told_once(tunnel);
+    expect_notified_once(tunnel);
 }
 
-TEST_F(SetupTest, without_a_key_the_request_goes_out_and_its_answer_is_refused_without_a_word) {
+TEST_F(SetupTest, without_a_key_the_request_goes_out_and_its_answer_is_refused_with_the_line_of_the_dispatch_alone) {
     Tunnel tunnel = lead(Wire::plain);
     ASSERT_GE(start(tunnel), 0);
     {
@@ -109,7 +109,7 @@ TEST_F(SetupTest, without_a_key_the_request_goes_out_and_its_answer_is_refused_w
     EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }, *tunnel.server));
     EXPECT_EQ(log.texts(kError), (Names{"Socket data proc error,[model model][sock " + std::to_string(tunnel.sock) +
                                         "][event 1][ret -1]"}));
-    expect_told_once(tunnel);
+    expect_notified_once(tunnel);
 }
 
 TEST_F(SetupTest, there_is_no_request_without_a_connection) {
@@ -129,7 +129,7 @@ TEST_F(SetupTest, a_set_up_deleted_before_the_connection_is_up_sends_its_request
     EXPECT_EQ(support::header_value(tunnel.request, "Sec-WebSocket-Key").size(), 24U);
     tunnel.server->send(good_answer(tunnel));
     EXPECT_TRUE(run_until([&] { return !descriptor_open(tunnel.sock); }, *tunnel.server));
-    EXPECT_TRUE(callbacks.failures.empty()) << "nobody is there to be told";
+    EXPECT_TRUE(callbacks.failures.empty()) << "nobody is there to be notified";
 }
 
 // ------------------------------------------------------------------------------------------------- the answer
@@ -148,10 +148,10 @@ TEST_F(SetupTest, an_answer_of_another_status_is_refused) {
             ERROR   [V3 Model model] handshake rcv not expect http resp status.
             CONNECT Real close sock [{sock}] .
             CONNECT Del ws connect node ok, name model.
-            INIT    told: failure model
+            INIT    notified: failure model
             CONNECT [Model model] connect failed process complete.
         )")));
-        expect_told_once(tunnel);
+        expect_notified_once(tunnel);
         EXPECT_TRUE(tunnel.server->wait_end());
     }
 }
@@ -176,14 +176,14 @@ TEST_F(SetupTest, an_answer_that_does_not_prove_the_key_is_refused) {
         EXPECT_TRUE(log.in_order(support::log_lines(R"(
             CONNECT [V3 Model model] ws handshake rcv message.
             ERROR   [V3 Model model] Rcv acception error.
-            INIT    told: failure model
+            INIT    notified: failure model
         )")));
         EXPECT_FALSE(log.contains("Rcv acception check ok."));
-        expect_told_once(tunnel);
+        expect_notified_once(tunnel);
     }
 }
 
-TEST_F(SetupTest, an_answer_in_another_state_or_without_a_key_is_refused_without_a_word) {
+TEST_F(SetupTest, an_answer_in_another_state_or_without_a_key_is_refused_without_an_error_logged) {
     const Tunnel tunnel = begin(Wire::plain);
     cloudmgr_v3wscnct_node *const node = setup_node("model");
     std::string accept = support::accept_value(node->key);
@@ -207,7 +207,7 @@ TEST_F(SetupTest, an_answer_in_another_state_or_without_a_key_is_refused_without
     EXPECT_EQ(hand_in(tunnel, &good), 0) << "nothing else was wrong with it";
 }
 
-TEST_F(SetupTest, an_answer_for_a_deleted_set_up_is_refused_without_a_word) {
+TEST_F(SetupTest, an_answer_for_a_deleted_set_up_is_refused_without_an_error_logged) {
     const Tunnel tunnel = begin(Wire::plain);
     CLOUDMGR_v3wscnct_node_del("model");
     log.clear();
@@ -227,7 +227,7 @@ TEST_F(SetupTest, no_answer_and_no_connection_change_nothing) {
     EXPECT_NE(support::live_timer(setup_node("model")->timerId), nullptr) << "the step goes on";
 }
 
-TEST_F(SetupTest, every_answer_stops_the_running_step_timer) {
+TEST_F(SetupTest, every_answer_stops_the_running_response_timeout) {
     const Tunnel tunnel = begin(Wire::plain);
     const uint32_t id = setup_node("model")->timerId;
     cloudtunnel_http_resp bad = answer_of(2);
@@ -291,7 +291,7 @@ TEST_F(SetupTest, a_platform_that_goes_away_in_any_state_ends_the_set_up_once) {
             EXPECT_TRUE(run_until(accepted, *tunnel.server));
             hard ? tunnel.server->reset() : tunnel.server->close();
             EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); })) << state << hard;
-            expect_told_once(tunnel);
+            expect_notified_once(tunnel);
         }
     }
 }
@@ -301,7 +301,7 @@ TEST_F(SetupTest, a_port_where_nobody_listens_ends_the_set_up_once) {
     tunnel.server->stop_listening();
     ASSERT_GE(start(tunnel), 0);
     EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }));
-    expect_told_once(tunnel);
+    expect_notified_once(tunnel);
 }
 
 }  // namespace

@@ -1,15 +1,15 @@
-// TunnelSteps: a tunnel's way in steps, with the platform at the other end. It stands on either fixture: LibraryTest
-// for the rooms, ProcessTest for the whole library.
+// TunnelSteps: a tunnel set up in steps, with the platform at the other end. It stands on either fixture: LibraryTest
+// for the components, ProcessTest for the whole library.
 //
 //   class SetupTest : public TunnelSteps<support::LibraryTest> {};
 //
 //   Tunnel tunnel = begin(support::Wire::tls);     // connected, the upgrade request has come: tunnel.request
 //   upgrade(tunnel);                               // answered with 101, the registration has come: tunnel.opt1
 //   accept(tunnel);                                // answered with retCode 0, the module has the connection
-//   expect_told_once(tunnel);                      // or: it failed, the module knows, and nothing is left
+//   expect_notified_once(tunnel);                      // or: it failed, the module knows, and nothing is left
 //
-// The callbacks leave a line in the log ("told: failure model", "told: connected"), so that their place among the
-// messages shows.
+// The callbacks leave a line in the log ("notified: failure model", "notified: connected"), so that their place among
+// the messages shows.
 #ifndef TESTS_CLOUD_TUNNEL_STEPS_H
 #define TESTS_CLOUD_TUNNEL_STEPS_H
 
@@ -47,10 +47,10 @@ class TunnelSteps : public Base {
 
     TunnelSteps() {
         callbacks.during_failure = [this](const std::string &model) {
-            mark("told: failure " + model);
-            if (setup_node(model) || CLOUDMGR_socket_getCnctByModelName(model.c_str())) told_too_early_ = true;
+            mark("notified: failure " + model);
+            if (setup_node(model) || CLOUDMGR_socket_getCnctByModelName(model.c_str())) notified_too_early_ = true;
         };
-        callbacks.during_connected = [](int) { mark("told: connected"); };
+        callbacks.during_connected = [](int) { mark("notified: connected"); };
     }
 
     static void mark(const std::string &text) {
@@ -132,7 +132,7 @@ class TunnelSteps : public Base {
         const size_t before = callbacks.connected.size();
         tunnel.server->send(support::frame(support::kText, kAccepted));
         if (!run_until([&] { return callbacks.connected.size() > before; }, *tunnel.server))
-            throw std::runtime_error("the tunnel is not handed over");
+            throw std::runtime_error("the tunnel is not handed off");
     }
 
     Tunnel begin_registration(Wire wire, const std::string &model = "model") {
@@ -162,9 +162,9 @@ class TunnelSteps : public Base {
     }
     static bool descriptor_open(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
 
-    void expect_told_once(const Tunnel &tunnel) {
+    void expect_notified_once(const Tunnel &tunnel) {
         EXPECT_EQ(callbacks.failures, Names{tunnel.model});
-        EXPECT_FALSE(told_too_early_) << "told while the node or the connection was still there";
+        EXPECT_FALSE(notified_too_early_) << "notified while the node or the connection was still there";
         EXPECT_EQ(setup_node(tunnel.model), nullptr);
         EXPECT_EQ(CLOUDMGR_socket_getCnctByModelName(tunnel.model.c_str()), nullptr);
         EXPECT_FALSE(descriptor_open(tunnel.sock));
@@ -172,9 +172,9 @@ class TunnelSteps : public Base {
         pass_time(200);
         while (turn()) {
         }
-        EXPECT_EQ(callbacks.failures.size(), 1U) << "told again, later";
+        EXPECT_EQ(callbacks.failures.size(), 1U) << "notified again, later";
     }
-    // The tunnel is open, and what the platform says reaches the module.
+    // The tunnel is open, and what the platform sends reaches the module.
     void expect_open(Tunnel &tunnel) {
         ASSERT_FALSE(callbacks.connected.empty());
         tunnel.sock = callbacks.connected.back();
@@ -194,7 +194,7 @@ class TunnelSteps : public Base {
     using Base::settle;
     using Base::turn;
 
-    bool told_too_early_ = false;
+    bool notified_too_early_ = false;
 };
 
 #endif

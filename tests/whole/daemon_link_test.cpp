@@ -89,7 +89,7 @@ TEST_F(DaemonLinkTest, a_daemon_that_restarts_is_found_within_10_seconds_and_hea
     }
 }
 
-TEST_F(DaemonLinkTest, modules_registered_without_a_link_are_announced_when_it_stands) {
+TEST_F(DaemonLinkTest, modules_registered_without_a_link_are_announced_when_it_is_up) {
     break_link();
     Modules::add<1>("one");
     Modules::add<2>("two");
@@ -158,7 +158,7 @@ TEST_F(DaemonLinkTest, a_second_init_with_the_daemon_takes_a_new_link) {
     EXPECT_EQ(daemon.registered_names(2), (Names{"model", "model"}));
 }
 
-TEST_F(DaemonLinkTest, fini_takes_the_link_down_and_nobody_is_told) {
+TEST_F(DaemonLinkTest, fini_takes_the_link_down_and_nobody_is_notified) {
     Modules::add<1>("model");
     const int link = g_iCloudClientConnFd;
     CLOUDTUNNEL_LIB_Fini();

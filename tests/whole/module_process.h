@@ -37,8 +37,8 @@ class ModuleProcess : public TunnelSteps<support::ProcessTest> {
         data.token = "token-" + tunnel.model;
         return data;
     }
-    // The daemon tells the tunnel data and the module's open callback has been called.
-    void tell(const Tunnel &tunnel) {
+    // The daemon sends the tunnel data and the module's open callback has been called.
+    void notify(const Tunnel &tunnel) {
         const size_t before = modules.calls.size();
         daemon.notify(tunnel_data(tunnel));
         EXPECT_TRUE(run_until([&] { return modules.calls.size() > before; }));
@@ -49,7 +49,7 @@ class ModuleProcess : public TunnelSteps<support::ProcessTest> {
         Tunnel tunnel;
         tunnel.model = model;
         tunnel.server = std::make_unique<support::Server>(wire);
-        tell(tunnel);
+        notify(tunnel);
         return tunnel;
     }
     Tunnel offer_and_start(Wire wire, const std::string &model = "model") {

@@ -1,4 +1,4 @@
-// A platform that refuses, at every step and in every way: the module is told once, nothing is left, and the next
+// A platform that refuses, at every step and in every way: the module is notified once, nothing is left, and the next
 // start leads to a tunnel.
 #include <functional>
 #include <map>
@@ -32,7 +32,7 @@ class RefusalsTest : public ModuleProcess {
                 if (!message.empty()) {
                     EXPECT_TRUE(log.said_once(kError, message));
                 }
-                expect_told_once(tunnel);
+                expect_notified_once(tunnel);
                 expect_next_start_opens(tunnel);
             }
         }
@@ -90,7 +90,7 @@ TEST_F(RefusalsTest, of_the_connection) {
             while (tunnel.server->accepted() == 0) tunnel.server->step();
             (tunnel.server.get()->*end)();
             EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }, *tunnel.server));
-            expect_told_once(tunnel);
+            expect_notified_once(tunnel);
             expect_next_start_opens(tunnel);
         }
     }
@@ -105,7 +105,7 @@ TEST_F(RefusalsTest, of_the_tls_handshake) {
     EXPECT_TRUE(run_until([&] { return !plain.inbox().empty(); }, plain));
     plain.send("HTTP/1.1 400 Bad Request\r\n\r\n");
     EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }, plain));
-    expect_told_once(tunnel);
+    expect_notified_once(tunnel);
     expect_next_start_opens(tunnel);
 }
 
@@ -116,7 +116,7 @@ TEST_F(RefusalsTest, of_a_port_where_nobody_listens) {
         tunnel.server->stop_listening();
         ASSERT_GE(start(tunnel), 0);
         EXPECT_TRUE(run_until([&] { return !callbacks.failures.empty(); }));
-        expect_told_once(tunnel);
+        expect_notified_once(tunnel);
         expect_next_start_opens(tunnel);
     }
 }
@@ -126,10 +126,10 @@ TEST_F(RefusalsTest, of_a_model_without_an_address) {
     tunnel.model = "model";
     tunnel.server = std::make_unique<support::Server>(Wire::plain);
     Modules::add<1>("model");
-    tell(tunnel);  // and nobody knows the host
+    notify(tunnel);  // and nobody knows the host
     EXPECT_EQ(start(tunnel), -1);
     EXPECT_TRUE(log.said_once(kError, "Failed to connect for model [model] because no addrinfo."));
-    expect_told_once(tunnel);
+    expect_notified_once(tunnel);
     expect_next_start_opens(tunnel);
 }
 

@@ -1,11 +1,11 @@
-// Time, as the test's clock tells it: 120 s to connect, 30 s for each answer, and none once the tunnel stands.
+// Time, by the test's clock: 120 s to connect, 30 s for each answer, and none once the tunnel is open.
 #include "tests/whole/module_process.h"
 
 namespace {
 
 class TimeoutsTest : public ModuleProcess {
   protected:
-    // Nothing happens up to a second before; then the module is told, once.
+    // Nothing happens up to a second before; then the module is notified, once.
     void expect_end_after(const Tunnel &tunnel, int64_t seconds, const std::string &message) {
         pass_time(seconds - 1);
         EXPECT_TRUE(callbacks.failures.empty());
@@ -15,10 +15,10 @@ class TimeoutsTest : public ModuleProcess {
         EXPECT_TRUE(log.in_order(lines(tunnel, "ERROR " + message + R"(
             CONNECT Real close sock [{sock}] .
             CONNECT Del ws connect node ok, name model.
-            INIT    told: failure model
+            INIT    notified: failure model
         )")));
         EXPECT_EQ(log.count(kError), 1);
-        expect_told_once(tunnel);
+        expect_notified_once(tunnel);
     }
     static std::string step_message(const Tunnel &tunnel, const std::string &state) {
         return "V3 ws cnct msg send time out [sock " + std::to_string(tunnel.sock) + "][name model][fsm " + state +
@@ -29,7 +29,7 @@ class TimeoutsTest : public ModuleProcess {
     }
 };
 
-TEST_F(TimeoutsTest, a_connection_that_nobody_turns_the_loop_for_ends_after_120_seconds) {
+TEST_F(TimeoutsTest, a_connection_whose_loop_nobody_runs_ends_after_120_seconds) {
     for (const Wire wire : {Wire::plain, Wire::tls}) {
         callbacks.clear();
         const Tunnel tunnel = offer_and_start(wire);
@@ -93,7 +93,7 @@ TEST_F(TimeoutsTest, an_open_tunnel_has_no_time_out) {
     EXPECT_TRUE(callbacks.failures.empty());
 }
 
-TEST_F(TimeoutsTest, a_host_that_makes_its_pass_only_at_the_end_of_a_set_up_is_not_told_of_old_steps) {
+TEST_F(TimeoutsTest, a_host_that_makes_its_pass_only_at_the_end_of_a_set_up_is_not_notified_of_old_steps) {
     // Deleted timers are still in the pool then, under ids that were given again.
     Tunnel tunnel = offer(Wire::tls);
     log.clear();

@@ -50,7 +50,7 @@ TEST_F(TunnelTest, from_the_daemons_word_to_the_last_frame) {
     }
 }
 
-TEST_F(TunnelTest, the_steps_are_told_in_order_and_no_error_is_among_them) {
+TEST_F(TunnelTest, the_steps_are_logged_in_order_and_no_error_is_among_them) {
     Tunnel tunnel = offer(Wire::tls, "base");
     log.clear();
     ASSERT_GE(start(tunnel), 0);
@@ -67,7 +67,7 @@ TEST_F(TunnelTest, the_steps_are_told_in_order_and_no_error_is_among_them) {
                               {kFsm, "[Model base]v3 connect fsm trigger from [WS_HANDSHAKE] to [WS_CONNECT]."},
                               {kConnect, "V3 [base] ws request rcv message."},
                               {kConnect, "Del ws connect node ok, name base."},
-                              {kInit, "told: connected"}}));
+                              {kInit, "notified: connected"}}));
     EXPECT_EQ(log.count(kError), 0);
     EXPECT_EQ(tunnel.opt1.body.find(R"({"optType":1,"platform":"wpt",)"), 0U);
 }
@@ -79,7 +79,7 @@ TEST_F(TunnelTest, a_module_may_start_from_its_open_callback) {
     tunnel.model = "model";
     tunnel.server = std::make_unique<support::Server>(Wire::tls);
     modules.during = [&] { start(tunnel); };
-    tell(tunnel);
+    notify(tunnel);
     finish(tunnel);
     expect_open(tunnel);
 }
@@ -129,7 +129,7 @@ TEST_F(TunnelTest, an_open_tunnel_outlives_the_daemon) {
 TEST_F(TunnelTest, tunnel_data_that_comes_again_leaves_a_request_as_it_is) {
     Tunnel tunnel = offer_and_start(Wire::tls);
     await_request(tunnel);
-    tell(tunnel);
+    notify(tunnel);
     upgrade(tunnel);
     accept(tunnel);
     expect_open(tunnel);
@@ -139,12 +139,12 @@ TEST_F(TunnelTest, a_module_keeps_its_tunnel_when_it_puts_the_data_type_back_as_
     Tunnel tunnel = offer_and_start(Wire::tls);
     finish(tunnel);
     modules.during = [] { CLOUDMGR_socket_urllist_set("model", nullptr, nullptr, CLOUDTUNNEL_DATATYPE_WS, 0); };
-    tell(tunnel);
+    notify(tunnel);
     expect_open(tunnel);
     EXPECT_TRUE(callbacks.failures.empty());
 }
 
-TEST_F(TunnelTest, fini_ends_set_ups_without_a_word_and_leaves_open_connections) {
+TEST_F(TunnelTest, fini_ends_set_ups_and_notifies_nobody_and_leaves_open_connections) {
     Tunnel opened = offer_and_start(Wire::tls, "opened");
     finish(opened);
     Tunnel begun = offer_and_start(Wire::tls, "begun");

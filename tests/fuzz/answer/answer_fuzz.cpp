@@ -1,6 +1,6 @@
 // The platform's answer to the registration: one frame of any opcode and text. It is accepted exactly when it is a text
-// that holds optType 1 and retCode 0; then the tunnel is the module's. Either way the set-up's step timer is gone, and
-// an accepted tunnel's next frame goes to the module.
+// that holds optType 1 and retCode 0; then the tunnel is the module's. Either way the set-up's response timeout is
+// gone, and an accepted tunnel's next frame goes to the module.
 #include <memory>
 
 #include <json-c/json.h>
@@ -28,7 +28,7 @@ struct JsonFree {
     void operator()(json_object *object) const { json_object_put(object); }
 };
 
-// good judges the text by what json-c makes of it.
+// good judges the text by what json-c parses it to.
 bool good(const std::string &text) {
     const std::unique_ptr<json_object, JsonFree> answer(json_tokener_parse(text.c_str()));
     json_object *type = nullptr;

@@ -33,7 +33,7 @@ std::string base64(std::string_view bytes) {
     return text;
 }
 
-// What the proof is made of has room for 63 characters.
+// The buffer that the proof is computed from holds 63 characters.
 std::string proof(const std::string &key) {
     const std::string text = (key + cloudmgr_ws_guid).substr(0, 63);
     unsigned char digest[SHA_DIGEST_LENGTH];

@@ -6,8 +6,8 @@
 // A call takes no two of its arguments from the input itself: in which order they are taken would be the compiler's
 // choice, and a kept input would mean something else to the next one.
 //
-// Whatever the order: a connection's failure is told at most once for each attempt, every count is the length of its
-// list, and when all is released no memory and no descriptor is left.
+// Whatever the order: a failure of a connection is notified at most once for each attempt, every count is the length of
+// its list, and when all is released no memory and no descriptor is left.
 #include <algorithm>
 #include <array>
 #include <cstdlib>
@@ -35,7 +35,7 @@ constexpr std::array kNames = {"base", "a", "thirty-one characters, no more..", 
 constexpr std::array kHosts = {"127.0.0.1", "cloud.example", "nowhere.example", "::1", " 127.0.0.1 ", ""};
 constexpr std::array kPorts = {"80", "443", "0", "65536", "-1", "x", ""};
 
-// A name as the tables store it: failures are told with the name as it was given, or with this one.
+// A name as the tables store it: failures are notified with the name as it was given, or with this one.
 std::string stored(const char *model) { return std::string(model).substr(0, 32); }
 
 class Caller;
@@ -425,15 +425,15 @@ void Caller::receiving() {
     const int fd = sock();
     cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(fd);
     const uint8_t size = in_.byte();
-    const Bytes room(std::string(size, '\0'));
+    const Bytes buffer(std::string(size, '\0'));
     switch (in_.byte() % 7) {
         case 0:
-            FUZZ_CHECK(CLOUDMGR_socket_rcvData(fd, room.get(), size) <= size);
+            FUZZ_CHECK(CLOUDMGR_socket_rcvData(fd, buffer.get(), size) <= size);
             break;
         case 1: {
             uint32_t from_buf = 0;
             uint32_t from_sock = 0;
-            CLOUDMGR_socket_getData(fd, room.get(), node, size, in_.byte(), &from_buf, &from_sock);
+            CLOUDMGR_socket_getData(fd, buffer.get(), node, size, in_.byte(), &from_buf, &from_sock);
             FUZZ_CHECK(from_buf <= size && from_sock <= size);
             break;
         }
@@ -443,10 +443,10 @@ void Caller::receiving() {
             break;
         }
         case 3: {
-            const int32_t saved = node ? node->bufLen : 0;
+            const int32_t buffered = node ? node->bufLen : 0;
             const uint32_t consumed = in_.byte();
             CLOUDMGR_socket_bufClean(node, consumed);
-            if (node) FUZZ_CHECK(node->bufLen == std::max(0, saved - static_cast<int32_t>(consumed)));
+            if (node) FUZZ_CHECK(node->bufLen == std::max(0, buffered - static_cast<int32_t>(consumed)));
             break;
         }
         case 4: {

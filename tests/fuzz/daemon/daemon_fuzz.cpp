@@ -16,31 +16,31 @@ constexpr size_t kMessageMost = 2048;  // the library reads no more at once
 constexpr const char *kNames[] = {"base", "a-name-as-long-as-its-field-is-32-and-longer"};
 
 // What the callbacks were called with, by module.
-struct Told {
+struct Calls {
     int open = 0;
     int close = 0;
     int third = 0;
-    bool operator==(const Told &) const = default;
+    bool operator==(const Calls &) const = default;
 };
-std::array<Told, std::size(kNames)> g_told;
+std::array<Calls, std::size(kNames)> g_calls;
 std::array<int, std::size(kNames)> g_results;  // what the callbacks return
 std::set<char *> g_texts;                      // hosts and paths that a module has seen: they stay until it lets go
 
 template <size_t kModule>
 int on_open() {
-    g_told[kModule].open++;
+    g_calls[kModule].open++;
     const CLOUDTUNNEL_MODULE_NODE *module = cloudmgr_module_getmodNodeByName(kNames[kModule]);
     for (char *text : {module->url_host, module->url_path}) g_texts.insert(text);
     return g_results[kModule];
 }
 template <size_t kModule>
 int on_close() {
-    g_told[kModule].close++;
+    g_calls[kModule].close++;
     return g_results[kModule];
 }
 template <size_t kModule>
 int on_third() {
-    g_told[kModule].third++;
+    g_calls[kModule].third++;
     return g_results[kModule];
 }
 
@@ -95,7 +95,7 @@ Number number_at(std::string_view message, size_t offset) {
     return number;
 }
 
-// check_tunnel_data compares a module and the device with the message that told of them.
+// check_tunnel_data compares a module and the device with the message that brought them.
 void check_tunnel_data(std::string_view message, size_t module_at) {
     const CLOUDTUNNEL_MODULE_NODE *module = cloudmgr_module_getmodNodeByName(kNames[module_at]);
     FUZZ_CHECK(fuzz::text_of(module->url_host) == text_at(message, offsetof(WireNotification, url_host)));
@@ -112,13 +112,13 @@ void check_tunnel_data(std::string_view message, size_t module_at) {
     FUZZ_CHECK(cloudmgr_dev_gettunnellastdownerrno() == number_at<int32_t>(message, kInfo + 8));
 }
 
-// expect_told adds to what the callbacks were told what this message should make of it.
-void expect_told(std::string_view message, std::array<Told, std::size(kNames)> *told) {
+// expect_calls adds the calls that this message leads to.
+void expect_calls(std::string_view message, std::array<Calls, std::size(kNames)> *calls) {
     if (message.size() < sizeof(WireHeader) || number_at<uint32_t>(message, 0) != kTypeNotification) return;
     const std::string model = text_at(message, offsetof(WireNotification, model));
     const auto *const name = std::find(std::begin(kNames), std::end(kNames), model);
     if (name == std::end(kNames)) return;
-    Told &module = (*told)[static_cast<size_t>(name - std::begin(kNames))];
+    Calls &module = (*calls)[static_cast<size_t>(name - std::begin(kNames))];
     switch (number_at<uint32_t>(message, offsetof(WireHeader, sub_type))) {
         case kTunnelData:
             module.open++;
@@ -153,26 +153,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     run.resolver.add("cloud.example", {"127.0.0.1"});
     fuzz::Input in(data, size);
     run.log_level(in.byte());
-    g_told = {};
+    g_calls = {};
     const Modules modules;
     for (int &result : g_results) result = in.byte();
     support::Fd daemon = link_to_daemon();
 
-    std::array<Told, std::size(kNames)> expected = {};
+    std::array<Calls, std::size(kNames)> expected = {};
     while (!in.empty()) {
         const std::string_view message = in.take(std::min<size_t>(in.number(2), kMessageMost));
         if (message.empty()) continue;
         support::send_all(daemon.get(), message);
         run.turn_all();
-        expect_told(message, &expected);
-        FUZZ_CHECK(g_told == expected);
+        expect_calls(message, &expected);
+        FUZZ_CHECK(g_calls == expected);
         run.check_tables();
     }
 
     daemon.reset();
     run.turn_all();
-    for (Told &module : expected) module.close++;
-    FUZZ_CHECK(g_told == expected);
+    for (Calls &module : expected) module.close++;
+    FUZZ_CHECK(g_calls == expected);
     FUZZ_CHECK(g_iCloudClientConnFd == -1 && g_iCloudClientReConnTimeFd >= 100);
     FUZZ_CHECK(cloudtunnel_timerlist.count == 1);
     return 0;

@@ -1,5 +1,5 @@
-// The platform's HTTP answers: bytes and a pattern of cuts. What one call makes of the bytes that wait in the
-// connection and those that come is what it makes of all of them at once; no byte is lost or doubled; a body is what
+// The platform's HTTP answers: bytes and a pattern of cuts. Parsing the receive buffer and the bytes that come in
+// pieces gives the same result as parsing all of them at once; no byte is lost or doubled; a body is what
 // the headers and the chunks say it is.
 #include <cstdlib>
 #include <memory>
@@ -40,7 +40,7 @@ Answer read_once(const fuzz::Link &link, std::string_view bytes) {
         answer.length = resp->content_length;
         answer.body = fuzz::bytes_of(resp->body, resp->content_length);
     }
-    answer.left = link.saved();
+    answer.left = link.buffered();
     return answer;
 }
 
@@ -67,7 +67,7 @@ Chunks join_chunks(std::string_view bytes) {
     }
 }
 
-// check_bytes tells where each of the bytes went that were there.
+// check_bytes accounts for each byte that was there.
 void check_bytes(const Answer &answer, const std::string &bytes) {
     FUZZ_CHECK(answer.result == 0 || answer.result == -1 || answer.result == -2);
     if (answer.result == -2) FUZZ_CHECK(answer.left == bytes);
@@ -96,7 +96,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const fuzz::Pieces pieces(in);
     const fuzz::Link link("cut", CLOUDTUNNEL_DATATYPE_HTTP);
     for (const std::string_view piece : pieces.of(in.rest())) {
-        const std::string before = link.saved();
+        const std::string before = link.buffered();
         const std::string bytes = before + std::string(piece);
         const Answer answer = read_once(link, piece);
         check_bytes(answer, bytes);

@@ -44,25 +44,25 @@ void check_boot_time(int64_t boot) {
         return;
     }
     FUZZ_CHECK(cloudtunnel_timer_boot_time(text.get()) == 0);
-    tm told = {};
-    const char *end = strptime(text.get(), "System boot time: %a %b %e %H:%M:%S %Y\n", &told);
+    tm shown = {};
+    const char *end = strptime(text.get(), "System boot time: %a %b %e %H:%M:%S %Y\n", &shown);
     FUZZ_CHECK(end && std::string(end) == ",");
-    FUZZ_CHECK(timegm(&told) == boot);
+    FUZZ_CHECK(timegm(&shown) == boot);
 }
 
 void check_platform_time(int64_t boot) {
     const Text text;
     FUZZ_CHECK(cloudtunnel_timer_boot_cloudap_time(text.get()) == 0);
-    tm told = {};
-    FUZZ_CHECK(sscanf(text.get(), "%d-%2d-%2d %2d:%2d:%2d", &told.tm_year, &told.tm_mon, &told.tm_mday, &told.tm_hour,
-                      &told.tm_min, &told.tm_sec) == 6);
-    FUZZ_CHECK(told.tm_hour >= 8 && told.tm_hour <= 31);
-    told.tm_year -= 1900;
-    told.tm_mon -= 1;
-    FUZZ_CHECK(timegm(&told) == boot + 8 * 3600);  // timegm carries what the text does not
+    tm shown = {};
+    FUZZ_CHECK(sscanf(text.get(), "%d-%2d-%2d %2d:%2d:%2d", &shown.tm_year, &shown.tm_mon, &shown.tm_mday,
+                      &shown.tm_hour, &shown.tm_min, &shown.tm_sec) == 6);
+    FUZZ_CHECK(shown.tm_hour >= 8 && shown.tm_hour <= 31);
+    shown.tm_year -= 1900;
+    shown.tm_mon -= 1;
+    FUZZ_CHECK(timegm(&shown) == boot + 8 * 3600);  // timegm carries what the text does not
 }
 
-// check_unknown: where the system does not tell its uptime nothing is told on, and the texts are empty.
+// check_unknown: without an uptime of the system the results are errors and the texts are empty.
 void check_unknown() {
     const support::Fault broken("sysinfo", {.times = support::kAlways});
     const Text text;
@@ -87,7 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check_boot_time(boot);
     check_platform_time(boot);
     check_unknown();
-    timeval told = {};
-    FUZZ_CHECK(cloudtunnel_timer_get_time(&told) == 0 && told.tv_sec == now);
+    timeval shown = {};
+    FUZZ_CHECK(cloudtunnel_timer_get_time(&shown) == 0 && shown.tv_sec == now);
     return 0;
 }

@@ -1,6 +1,6 @@
 // The whole life of two tunnels, the fuzzer being the platform, the network and the clock: what it sends and when, how
-// it closes, how time passes; and what the modules do when they are told something. Whatever happens, a module is told
-// of each set-up's end once, of nothing that is over, gets the frames that were sent to it in their order and whole,
+// it closes, how time passes; and what the modules do in their callbacks. Whatever happens, a module is notified of
+// the end of each set-up once, of nothing after that, gets the frames that were sent to it in their order and whole,
 // and when the platform is gone and time has passed, nothing is left of either tunnel.
 #include <array>
 #include <memory>
@@ -26,7 +26,7 @@ constexpr size_t kLargeMost = size_t{512} << 10;  // bytes in all large frames o
 constexpr size_t kTunnels = 2;
 constexpr std::array<const char *, kTunnels> kModels = {"base", "other"};
 
-// What a module does when it is told something.
+// What a module does in a callback.
 enum class Deed : uint8_t { nothing, close, answer_close, send, start_again, start_other, forget, kCount };
 
 enum class Phase { idle, setting_up, up };
@@ -37,12 +37,12 @@ struct Tunnel {
     const char *model = "";
     Server *server = nullptr;
     Phase phase = Phase::idle;
-    int started = 0;        // set-ups so far
-    int starting = 0;       // calls of the start that are under way
-    int told_in_start = 0;  // failures told inside them
-    bool refused = false;   // a callback has refused its connection: one failure follows
-    bool clean = true;      // the platform has sent nothing but whole frames since the hand-over
-    bool answered = false;  // the registration
+    int started = 0;          // set-ups so far
+    int starting = 0;         // calls of the start that are under way
+    int failed_in_start = 0;  // failures notified inside them
+    bool refused = false;     // a callback has refused its connection: one failure follows
+    bool clean = true;        // the platform has sent nothing but whole frames since the hand-off
+    bool answered = false;    // the registration
     std::vector<Frame> sent;
     std::vector<Frame> received;
 
@@ -60,7 +60,7 @@ uint16_t port_of(int fd, int (*name)(int, sockaddr *, socklen_t *)) {
     return ntohs(address.sin_port);
 }
 
-// The platform's ends. They outlive the runs: a listener and a certificate are dear.
+// The platform's ends. They outlive the runs: a listener and a certificate are costly.
 Server &server_of(size_t tunnel, bool tls) {
     static std::array<Server, kTunnels> plain = {Server(Wire::plain), Server(Wire::plain)};
     static std::array<Server, kTunnels> secure = {Server(Wire::tls), Server(Wire::tls)};
@@ -70,7 +70,8 @@ Server &server_of(size_t tunnel, bool tls) {
 class Life {
   public:
     explicit Life(fuzz::Input &in) : in_(in) {
-        cloudmgr_debug_level = 6;  // without the dumps: they tell all that waits anew for each piece that comes
+        cloudmgr_debug_level =
+            6;  // without the dumps: they print the whole receive buffer again for each piece that comes
         const uint8_t wires = in.byte();
         for (size_t i = 0; i < kTunnels; ++i) {
             const bool tls = wires >= 240 + 8 * i;
@@ -158,13 +159,13 @@ Tunnel &Life::by_sock(int sock) {
 
 void Life::start(Tunnel &tunnel) {
     CLOUDMGR_socket_setUserConfigPort(tunnel.server->port_text().c_str());
-    const int told_before = tunnel.told_in_start;
+    const int failed_before = tunnel.failed_in_start;
     const bool ran = tunnel.setup() != nullptr;
     ++tunnel.starting;
     const int sock = CLOUDMGR_v3wscnct_start(tunnel.model, "device", on_connected, on_failure, on_frame);
     --tunnel.starting;
     if (sock >= 0) {
-        FUZZ_CHECK(!ran && tunnel.told_in_start == told_before);
+        FUZZ_CHECK(!ran && tunnel.failed_in_start == failed_before);
         tunnel.phase = Phase::setting_up;
         tunnel.clean = true;
         tunnel.answered = false;
@@ -173,7 +174,7 @@ void Life::start(Tunnel &tunnel) {
         ++tunnel.started;
         return;
     }
-    FUZZ_CHECK(tunnel.told_in_start == told_before + 1);
+    FUZZ_CHECK(tunnel.failed_in_start == failed_before + 1);
     FUZZ_CHECK((tunnel.setup() != nullptr) == ran);
     if (!ran) tunnel.phase = Phase::idle;  // where a connection stood in the way, it is closed
 }
@@ -226,7 +227,7 @@ int Life::failed(const char *model) {
     Tunnel &tunnel = by_name(model);
     FUZZ_CHECK(std::string_view(model) == tunnel.model);
     if (tunnel.starting > 0) {
-        ++tunnel.told_in_start;
+        ++tunnel.failed_in_start;
         return 0;
     }
     if (tunnel.refused) {
@@ -255,7 +256,7 @@ void Life::close_time(int sock) {
     CLOUDMGR_socket_closeBySock(sock);
 }
 
-// talks tells whether the platform's connection is the one that the library has.
+// talks returns whether the platform's connection is the one that the library has.
 bool Life::talks(const Tunnel &tunnel) {
     const support::Quiet quiet;
     const int sock = tunnel.sock();
@@ -296,7 +297,7 @@ bool Life::answer_next(Tunnel &tunnel) {
     return true;
 }
 
-// bring_up takes a set-up to its hand-over, as a platform that means well would.
+// bring_up takes a set-up to its hand-off, as a platform that means well would.
 void Life::bring_up(fuzz::Run &run, Tunnel &tunnel) {
     for (int round = 0; round < kRoundsAtMost && tunnel.setup(); ++round) {
         tunnel.server->step();
@@ -441,8 +442,8 @@ void Life::live(fuzz::Run &run) {
     }
 }
 
-// close_full lets the step timers end what they can, and closes as its owner each connection whose reader is full and
-// whose set-up the module has ended: nobody else would.
+// close_full lets the response timeouts end what they can, and closes as its owner each connection whose reader is full
+// and whose set-up the module has ended: nobody else would.
 void Life::close_full(fuzz::Run &run) {
     run.clock.advance(31);
     CLOUDTUNNEL_TIMER_Proc();
