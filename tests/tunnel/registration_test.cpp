@@ -172,7 +172,7 @@ TEST_F(RegistrationTest, every_allocation_of_the_registration_can_fail) {
     EXPECT_EQ(setup_node("model")->state, 1U);
 }
 
-TEST_F(RegistrationTest, a_frame_for_a_set_up_whose_registration_was_not_sent_ends_it_with_the_line_of_the_dispatch_alone) {
+TEST_F(RegistrationTest, a_frame_for_a_set_up_whose_registration_was_not_sent_ends_it_in_the_dispatch) {
     Tunnel tunnel = begin(Wire::plain);
     {
         const Fault broken("send", {.error = EPIPE});
