@@ -103,7 +103,7 @@ steps=(
     'TLS'                    '^module .* TLS: established'
     'upgrade'                '^module .* upgrade: answer accepted'
     'OPT1'                   '^module .* OPT1: registration sent'
-    'hand-over'              '^module .* hand-over: the tunnel is open'
+    'hand-off'              '^module .* hand-off: the tunnel is open'
     'first request'          '^module .* request 1 received'
     'first answer'           '^module .* answer 1 sent'
     'second answer'          '^module .* answer 2 sent'

@@ -3,7 +3,7 @@
 #include <charconv>
 #include <optional>
 
-namespace module {
+namespace module_program {
 namespace {
 
 constexpr std::string_view kAnnouncement = "length:";
@@ -66,4 +66,4 @@ void Assembly::clear() {
     payload_.clear();
 }
 
-}  // namespace module
+}  // namespace module_program

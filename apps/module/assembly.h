@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-namespace module {
+namespace module_program {
 
 // What became of a frame.
 struct Taken {
@@ -51,4 +51,4 @@ class Assembly {
     std::string payload_;
 };
 
-}  // namespace module
+}  // namespace module_program

@@ -3,7 +3,7 @@
 
 #include "timeline.h"
 
-namespace module {
+namespace module_program {
 
 class DaemonLink {
   public:
@@ -21,4 +21,4 @@ class DaemonLink {
     long ups_ = 0;
 };
 
-}  // namespace module
+}  // namespace module_program

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string_view>
 
-namespace module {
+namespace module_program {
 namespace {
 
 constexpr uint32_t kError = 2;    // levels of the library
@@ -34,34 +34,34 @@ void tell_tunnel_data(va_list &args) {
     va_arg(args, int);  // the data type
     const int port = va_arg(args, int);
     if (model != g_log.options->model || host == "(null)") return;  // the set-up changes the data type this way too
-    g_log.timeline->say("tunnel data received: host %s, path %s, port %d", printable(host).c_str(),
+    g_log.timeline->log("tunnel data received: host %s, path %s, port %d", printable(host).c_str(),
                         printable(path).c_str(), port);
 }
 
 void tell_resolved(va_list &args) {
-    g_log.timeline->say("resolve: %s has an address", printable(va_arg(args, const char *)).c_str());
+    g_log.timeline->log("resolve: %s has an address", printable(va_arg(args, const char *)).c_str());
 }
 
-void tell_unresolved(va_list &args) { g_log.timeline->say("resolve failed: code %d", va_arg(args, int)); }
+void tell_unresolved(va_list &args) { g_log.timeline->log("resolve failed: code %d", va_arg(args, int)); }
 
 void tell_connecting(va_list &args) {
     va_arg(args, int);  // the family
     const char *address = va_arg(args, const char *);
     va_arg(args, unsigned);  // the address once more
-    g_log.timeline->say("TCP: connecting to %s, port %d", address, va_arg(args, int));
+    g_log.timeline->log("TCP: connecting to %s, port %d", address, va_arg(args, int));
 }
 
 // The library does not report the connection itself: the first thing it does with it, TLS or reading, stands for it.
 void tell_tcp(va_list &) {
     if (g_log.tcp_connected) return;
     g_log.tcp_connected = true;
-    g_log.timeline->say("TCP: connected");
+    g_log.timeline->log("TCP: connected");
 }
 
-void tell_tls(va_list &) { g_log.timeline->say("TLS: established"); }
-void tell_upgrade_sent(va_list &) { g_log.timeline->say("upgrade: request sent"); }
-void tell_upgrade_accepted(va_list &) { g_log.timeline->say("upgrade: answer accepted"); }
-void tell_registration(va_list &) { g_log.timeline->say("OPT1: registration sent"); }
+void tell_tls(va_list &) { g_log.timeline->log("TLS: established"); }
+void tell_upgrade_sent(va_list &) { g_log.timeline->log("upgrade: request sent"); }
+void tell_upgrade_accepted(va_list &) { g_log.timeline->log("upgrade: answer accepted"); }
+void tell_registration(va_list &) { g_log.timeline->log("OPT1: registration sent"); }
 
 constexpr Step kSteps[] = {
     {"urllist_set modelname. %s %s %s %d %d", tell_tunnel_data},
@@ -142,4 +142,4 @@ void begin_attempt() {
 
 std::string first_error() { return g_log.first_error; }
 
-}  // namespace module
+}  // namespace module_program

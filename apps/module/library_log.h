@@ -9,7 +9,7 @@
 #include "module_options.h"
 #include "timeline.h"
 
-namespace module {
+namespace module_program {
 
 // open_library_log gets everything ready for print_library_message: the level, the steps of `options.model` and the
 // file. False when the file cannot be opened. `timeline` and `options` outlive the library's last message.
@@ -25,4 +25,4 @@ void begin_attempt();
 // first_error is the first error that the library reported since then; an empty text when there was none.
 std::string first_error();
 
-}  // namespace module
+}  // namespace module_program

@@ -7,11 +7,11 @@
 #include "signals.h"
 
 int main(int argc, char **argv) try {
-    using module::CommandLine;
-    const CommandLine line = module::parse_command_line({argv + 1, argv + argc});
+    using module_program::CommandLine;
+    const CommandLine line = module_program::parse_command_line({argv + 1, argv + argc});
     switch (line.action) {
         case CommandLine::Action::help:
-            std::fputs(module::help_text().c_str(), stdout);
+            std::fputs(module_program::help_text().c_str(), stdout);
             return 0;
         case CommandLine::Action::version:
             std::puts("cloudtunnel-module " CLOUDTUNNEL_MODULE_VERSION);
@@ -23,8 +23,8 @@ int main(int argc, char **argv) try {
             break;
     }
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
-    module::catch_signals();
-    return module::Module(line.options).run();
+    module_program::catch_signals();
+    return module_program::Module(line.options).run();
 } catch (const std::exception &error) {
     std::fprintf(stderr, "cloudtunnel-module: %s\n", error.what());
     return 1;

@@ -10,7 +10,7 @@
 #include "library_log.h"
 #include "signals.h"
 
-namespace module {
+namespace module_program {
 namespace {
 
 constexpr int kEventsAtOnce = 64;  // before the timers get their turn
@@ -65,7 +65,7 @@ int Module::tunnel_close() {
 }
 
 int Module::tunnel_third() {
-    g_module->timeline_.say("the daemon's third notice");
+    g_module->timeline_.log("the daemon's third notice");
     return 0;
 }
 
@@ -81,7 +81,7 @@ int Module::run() {
     CLOUDMGR_socket_deinit();
     close_library_log();
     if (good) {
-        timeline_.say("%ld requests answered, %ld tunnels, %ld daemon links", tunnel_.answers(),
+        timeline_.log("%ld requests answered, %ld tunnels, %ld daemon links", tunnel_.answers(),
                       tunnel_.tunnels_ended(), link_.ups());
     }
     if (good && goal_missed_) good = fail("a goal was not met within --seconds");
@@ -89,7 +89,7 @@ int Module::run() {
 }
 
 bool Module::begin() {
-    timeline_.say("module '%s', sub-name '%s', device model '%s'", options_.model.c_str(), options_.sub_name.c_str(),
+    timeline_.log("module '%s', sub-name '%s', device model '%s'", options_.model.c_str(), options_.sub_name.c_str(),
                   options_.device_model.c_str());
     const MayWait may_wait;
     CLOUDTUNNEL_LIB_INIT_DATA data = {};
@@ -97,7 +97,7 @@ bool Module::begin() {
     epfd_ = CLOUDTUNNEL_LIB_Init(&data);
     if (epfd_ < 0) return fail("the library has no event loop");
     link_.watch();
-    if (!link_.up()) timeline_.say("no daemon yet: trying again every 10 s");
+    if (!link_.up()) timeline_.log("no daemon yet: trying again every 10 s");
     const CLOUDTUNNEL_MODULE_REG registration = {.pcName = options_.model.c_str(),
                                                  .pcSubName = options_.sub_name.c_str(),
                                                  .tunnel_open_cb = tunnel_open,
@@ -128,11 +128,11 @@ void Module::check_end() {
     if (ending_) return;
     const bool time_is_up = Clock::now() >= end_;
     if (asked_to_end()) {
-        timeline_.say("ending: signal %d", asked_to_end());
+        timeline_.log("ending: signal %d", asked_to_end());
     } else if (goals_met()) {
-        timeline_.say("ending: all goals are met");
+        timeline_.log("ending: all goals are met");
     } else if (time_is_up) {
-        timeline_.say("ending: time is up");
+        timeline_.log("ending: time is up");
         goal_missed_ = options_.has_goals();
     } else {
         return;
@@ -158,4 +158,4 @@ bool Module::handle_events() {
     return true;
 }
 
-}  // namespace module
+}  // namespace module_program

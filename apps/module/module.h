@@ -6,7 +6,7 @@
 #include "timeline.h"
 #include "tunnel.h"
 
-namespace module {
+namespace module_program {
 
 class Module {
   public:
@@ -38,4 +38,4 @@ class Module {
     bool goal_missed_ = false;
 };
 
-}  // namespace module
+}  // namespace module_program

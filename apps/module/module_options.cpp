@@ -6,7 +6,7 @@
 
 #include "timeline.h"
 
-namespace module {
+namespace module_program {
 namespace {
 
 // The library's records hold 32 characters of a name, the daemon's messages 31.
@@ -164,4 +164,4 @@ Exit status: 0 the end as wanted, 1 a failure while running, 2 bad options.
 )";
 }
 
-}  // namespace module
+}  // namespace module_program

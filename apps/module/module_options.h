@@ -5,7 +5,7 @@
 #include <span>
 #include <string>
 
-namespace module {
+namespace module_program {
 
 struct Options {
     std::string model = "desk";  // the cloud model, which is also the name the module registers with
@@ -36,4 +36,4 @@ CommandLine parse_command_line(std::span<const char *const> arguments);
 // help_text explains every option.
 std::string help_text();
 
-}  // namespace module
+}  // namespace module_program

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace module {
+namespace module_program {
 
 std::chrono::milliseconds Retry::next() {
     const std::chrono::duration<double, std::milli> jittered = base_ * (0.75 + 0.5 * random_());
@@ -10,4 +10,4 @@ std::chrono::milliseconds Retry::next() {
     return std::min(std::chrono::duration_cast<std::chrono::milliseconds>(jittered), kMost);
 }
 
-}  // namespace module
+}  // namespace module_program

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <functional>
 
-namespace module {
+namespace module_program {
 
 class Retry {
   public:
@@ -26,4 +26,4 @@ class Retry {
     std::chrono::milliseconds base_ = kFirst;
 };
 
-}  // namespace module
+}  // namespace module_program

@@ -4,7 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace module {
+namespace module_program {
 namespace {
 
 volatile sig_atomic_t g_asked = 0;
@@ -32,4 +32,4 @@ int asked_to_end() { return g_asked; }
 MayWait::MayWait() { g_waits = 1; }
 MayWait::~MayWait() { g_waits = 0; }
 
-}  // namespace module
+}  // namespace module_program

@@ -3,7 +3,7 @@
 
 #include <csignal>
 
-namespace module {
+namespace module_program {
 
 void catch_signals();
 
@@ -20,4 +20,4 @@ class MayWait {
     MayWait &operator=(const MayWait &) = delete;
 };
 
-}  // namespace module
+}  // namespace module_program

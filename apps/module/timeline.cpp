@@ -3,9 +3,9 @@
 #include <cstdarg>
 #include <cstdio>
 
-namespace module {
+namespace module_program {
 
-void Timeline::say(const char *format, ...) const {
+void Timeline::log(const char *format, ...) const {
     const std::chrono::duration<double> since = Clock::now() - start_;
     std::printf("%7.3f module    %-8s ", since.count(), state_);
     va_list args;
@@ -32,4 +32,4 @@ std::string printable(std::string_view bytes, size_t limit) {
     return out;
 }
 
-}  // namespace module
+}  // namespace module_program

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace module {
+namespace module_program {
 
 using Clock = std::chrono::steady_clock;
 
@@ -15,8 +15,8 @@ class Timeline {
     // enter names the state that the lines from now on belong to.
     void enter(const char *state) { state_ = state; }
 
-    // say prints one line. Standard output is line-buffered, so a reader behind a pipe sees it when it happens.
-    void say(const char *format, ...) const __attribute__((format(printf, 2, 3)));
+    // log prints one line. Standard output is line-buffered, so a reader behind a pipe sees it when it happens.
+    void log(const char *format, ...) const __attribute__((format(printf, 2, 3)));
 
   private:
     Clock::time_point start_ = Clock::now();
@@ -26,4 +26,4 @@ class Timeline {
 // printable shows foreign bytes on one line: control and 8-bit characters as \xNN, cut behind `limit` bytes.
 std::string printable(std::string_view bytes, size_t limit = 80);
 
-}  // namespace module
+}  // namespace module_program

@@ -5,7 +5,7 @@
 
 #include "library_log.h"
 
-namespace module {
+namespace module_program {
 namespace {
 
 using namespace std::chrono_literals;
@@ -102,13 +102,13 @@ void Tunnel::pause() {
     const auto time = retry_.next();
     enter(State::pausing);
     due_ = Clock::now() + time;
-    timeline_.say("next start in %.1f s", std::chrono::duration<double>(time).count());
+    timeline_.log("next start in %.1f s", std::chrono::duration<double>(time).count());
 }
 
 void Tunnel::start() {
     target_ = current_target();
     enter(State::set_up);
-    timeline_.say("set-up started");
+    timeline_.log("set-up started");
     begin_attempt();
     // A failure, of this call too, comes to failed().
     CLOUDMGR_v3wscnct_start(options_.model.c_str(), options_.device_model.c_str(), connected, failed, received);
@@ -129,7 +129,7 @@ void Tunnel::settle() {
         enter(State::ended);
     } else if (!wanted_) {
         enter(State::waiting);
-        timeline_.say("waiting for tunnel data");
+        timeline_.log("waiting for tunnel data");
     } else {
         pause();
     }
@@ -138,7 +138,7 @@ void Tunnel::settle() {
 void Tunnel::step() {
     if (restart_) {
         restart_ = false;
-        timeline_.say("tunnel data have changed: starting over");
+        timeline_.log("tunnel data have changed: starting over");
         abandon();
         start();
     }
@@ -146,8 +146,8 @@ void Tunnel::step() {
     if (state_ == State::pausing) {
         start();
     } else if (state_ == State::closing) {
-        timeline_.say("no answer to the close");
-        timeline_.say("tunnel closed");
+        timeline_.log("no answer to the close");
+        timeline_.log("tunnel closed");
         abandon();
         settle();
     }
@@ -175,7 +175,7 @@ Tunnel::Target Tunnel::current_target() const {
 }
 
 void Tunnel::data_came() {
-    timeline_.say("tunnel data stored: token of %zu characters, cookie of %zu",
+    timeline_.log("tunnel data stored: token of %zu characters, cookie of %zu",
                   text_of(CLOUDMGR_TUNNEL_GetToken()).size(), text_of(cloudmgr_v3_getCookie()).size());
     if (finishing_) return;
     wanted_ = true;
@@ -208,13 +208,13 @@ void Tunnel::keep_data_type() const {
     }
     if (!websocket) return;
     CLOUDMGR_socket_urllist_set(options_.model.c_str(), nullptr, nullptr, CLOUDTUNNEL_DATATYPE_WS, 0);
-    timeline_.say("the tunnel stands: the data count from its next start");
+    timeline_.log("the tunnel stands: the data count from its next start");
 }
 
 void Tunnel::model_closed() {
     wanted_ = false;
     restart_ = false;
-    timeline_.say("the daemon has closed the model");
+    timeline_.log("the daemon has closed the model");
     if (state_ == State::open) {
         close(kNormal, "closed by the daemon");
     } else if (state_ == State::set_up || state_ == State::pausing) {
@@ -232,22 +232,22 @@ int Tunnel::on_connected(int sock) {
     retry_.reset();
     begin_attempt();
     enter(State::open);
-    timeline_.say("hand-over: the tunnel is open");
+    timeline_.log("hand-off: the tunnel is open");
     return 0;
 }
 
 void Tunnel::on_failed() {
     switch (state_) {
         case State::set_up:
-            timeline_.say("set-up failed: %s", reason_text().c_str());
+            timeline_.log("set-up failed: %s", reason_text().c_str());
             break;
         case State::open:
             tunnels_++;
-            timeline_.say("tunnel lost: %s", reason_text().c_str());
+            timeline_.log("tunnel lost: %s", reason_text().c_str());
             break;
         case State::closing:
             tunnels_++;
-            timeline_.say("tunnel closed");
+            timeline_.log("tunnel closed");
             break;
         default:
             return;
@@ -259,7 +259,7 @@ void Tunnel::on_failed() {
 void Tunnel::on_close_due(int sock) {
     CLOUDMGR_socket_closeBySock(sock);
     tunnels_++;
-    timeline_.say("tunnel closed");
+    timeline_.log("tunnel closed");
     settle();
 }
 
@@ -280,9 +280,9 @@ int Tunnel::on_message(const cloudmgr_ws_msg &message) {
     } else if (opcode == kPing && body.size() <= kControlMax) {
         return answer_ping(body);
     } else if (opcode == kPong) {
-        timeline_.say("pong received");
+        timeline_.log("pong received");
     } else {
-        timeline_.say("frame refused: opcode %u, %zu bytes", opcode, body.size());
+        timeline_.log("frame refused: opcode %u, %zu bytes", opcode, body.size());
         close(kProtocolError, "unexpected frame");
     }
     return 0;
@@ -292,20 +292,20 @@ int Tunnel::take_data(unsigned opcode, std::string_view body) {
     const Taken taken = assembly_.take(opcode, body);
     switch (taken.kind) {
         case Taken::Kind::message:
-            timeline_.say("request %ld received: %s", ++requests_, printable(body).c_str());
+            timeline_.log("request %ld received: %s", ++requests_, printable(body).c_str());
             return answer_request(body);
         case Taken::Kind::more:
             if (assembly_.fragments() == 1) {
-                timeline_.say("fragmented message begins: %zu bytes announced", assembly_.announced());
+                timeline_.log("fragmented message begins: %zu bytes announced", assembly_.announced());
             }
             return 0;
         case Taken::Kind::assembled:
-            timeline_.say("fragmented message complete: %zu bytes in %u fragments", assembly_.announced(),
+            timeline_.log("fragmented message complete: %zu bytes in %u fragments", assembly_.announced(),
                           assembly_.fragments());
             requests_++;
             return answer_request(std::to_string(assembly_.payload().size()) + " bytes");
         case Taken::Kind::refused:
-            timeline_.say("frame refused: %s", taken.reason);
+            timeline_.log("frame refused: %s", taken.reason);
             close(taken.status, taken.reason);
             return 0;
     }
@@ -315,18 +315,18 @@ int Tunnel::take_data(unsigned opcode, std::string_view body) {
 int Tunnel::answer_request(std::string_view body) {
     const std::string answer = "answer: " + std::string(body);
     if (!send(kText, answer)) {
-        timeline_.say("answer %ld could not be sent", requests_);
+        timeline_.log("answer %ld could not be sent", requests_);
         return -1;
     }
     answers_++;
-    timeline_.say("answer %ld sent: %s", requests_, printable(answer).c_str());
+    timeline_.log("answer %ld sent: %s", requests_, printable(answer).c_str());
     return 0;
 }
 
 int Tunnel::answer_ping(std::string_view body) {
-    timeline_.say("ping received: '%s'", printable(body).c_str());
+    timeline_.log("ping received: '%s'", printable(body).c_str());
     if (!send(kPong, body)) return -1;
-    timeline_.say("ping answered");
+    timeline_.log("ping answered");
     return 0;
 }
 
@@ -334,7 +334,7 @@ void Tunnel::take_close(const cloudmgr_ws_msg &message, std::string_view body) {
     if (state_ == State::closing && !close_sent_) return;  // one is enough
     unsigned status = 0;
     if (body.size() >= 2) status = static_cast<uint8_t>(body[0]) * 256U + static_cast<uint8_t>(body[1]);
-    timeline_.say("close received: status %u%s", status, close_sent_ ? ", the answer to ours" : "");
+    timeline_.log("close received: status %u%s", status, close_sent_ ? ", the answer to ours" : "");
     if (close_sent_) {
         on_close_due(sock_);
         return;
@@ -342,7 +342,7 @@ void Tunnel::take_close(const cloudmgr_ws_msg &message, std::string_view body) {
     enter(State::closing);
     due_ = Clock::now() + kCloseTime;
     CLOUDMGR_ws_CloseRcv(sock_, &message, close_due);
-    if (state_ == State::closing) timeline_.say("close answered");  // else it was closed at once
+    if (state_ == State::closing) timeline_.log("close answered");  // else it was closed at once
 }
 
 void Tunnel::close(uint16_t status, std::string_view reason) {
@@ -350,7 +350,7 @@ void Tunnel::close(uint16_t status, std::string_view reason) {
     due_ = Clock::now() + kCloseTime;
     close_sent_ = true;
     CLOUDMGR_ws_CloseSend(sock_, status, reason.data(), static_cast<int32_t>(reason.size()));
-    timeline_.say("close sent: status %u, %.*s", status, static_cast<int>(reason.size()), reason.data());
+    timeline_.log("close sent: status %u, %.*s", status, static_cast<int>(reason.size()), reason.data());
 }
 
 // The library's two cutters lose the last fragment of a body that is an exact multiple of their size; such a body goes
@@ -371,4 +371,4 @@ bool Tunnel::send(uint8_t opcode, std::string_view body) {
     return cutter(sock_, message.get(), kSendAttempts, kFragmentPause_us) == 0;
 }
 
-}  // namespace module
+}  // namespace module_program

@@ -15,14 +15,14 @@
 #include "retry.h"
 #include "timeline.h"
 
-namespace module {
+namespace module_program {
 
 class Tunnel {
   public:
     enum class State {
         waiting,  // for tunnel data of the daemon
         pausing,  // until the next start is due
-        set_up,   // from the start to the hand-over
+        set_up,   // from the start to the hand-off
         open,     // handed over: the platform's messages come here
         closing,  // a close frame was sent or answered; the connection still stands
         ended,    // finish is through
@@ -102,4 +102,4 @@ class Tunnel {
     long tunnels_ = 0;
 };
 
-}  // namespace module
+}  // namespace module_program

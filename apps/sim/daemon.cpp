@@ -13,8 +13,14 @@ using Protocol = asio::local::stream_protocol;
 
 static constexpr auto kAcceptPause = std::chrono::seconds(1);  // for descriptors to become free again
 
-Daemon::Daemon(asio::io_context &io, const Timeline &timeline, Bell &bell, DaemonPolicy policy, std::string path)
-    : io_(io), timeline_(timeline), bell_(bell), policy_(std::move(policy)), path_(std::move(path)), acceptor_(io) {}
+Daemon::Daemon(asio::io_context &io, const Timeline &timeline, Condition &changed, DaemonPolicy policy,
+               std::string path)
+    : io_(io),
+      timeline_(timeline),
+      changed_(changed),
+      policy_(std::move(policy)),
+      path_(std::move(path)),
+      acceptor_(io) {}
 
 void Daemon::start() {
     remove_stale_file();
@@ -28,7 +34,7 @@ void Daemon::start() {
         throw std::runtime_error(cat("daemon cannot listen on ", path_, ": ", error.message()));
     }
     if (::stat(path_.c_str(), &own_file_) != 0) own_file_ = {};
-    timeline_.say("daemon", cat("listening on ", path_));
+    timeline_.log("daemon", cat("listening on ", path_));
     co_spawn(io_, accept(++starts_), asio::detached);
 }
 
@@ -43,7 +49,7 @@ void Daemon::remove_stale_file() const {
     if (error != asio::error::connection_refused) {
         throw std::runtime_error(cat(path_, " cannot be probed: ", error.message()));
     }
-    timeline_.say("daemon", cat("removing the stale socket file ", path_));
+    timeline_.log("daemon", cat("removing the stale socket file ", path_));
     ::unlink(path_.c_str());
 }
 
@@ -56,7 +62,7 @@ void Daemon::stop() {
     const bool own =
         ::stat(path_.c_str(), &file) == 0 && file.st_ino == own_file_.st_ino && file.st_dev == own_file_.st_dev;
     if (own) ::unlink(path_.c_str());
-    timeline_.say("daemon", "stopped");
+    timeline_.log("daemon", "stopped");
 }
 
 awaitable<void> Daemon::accept(int start_number) {
@@ -65,12 +71,12 @@ awaitable<void> Daemon::accept(int start_number) {
         Protocol::socket socket = co_await acceptor_.async_accept(asio::redirect_error(use_awaitable, error));
         if (!running() || start_number != starts_) co_return;  // stopped meanwhile; a new start accepts for itself
         if (error) {
-            timeline_.say("daemon", cat("accept failed: ", error.message()));
+            timeline_.log("daemon", cat("accept failed: ", error.message()));
             asio::steady_timer pause(io_, kAcceptPause);
             co_await pause.async_wait(use_awaitable);
             continue;
         }
-        auto link = std::make_shared<DaemonLink>(io_, timeline_, bell_, policy_, std::move(socket), ++last_id_);
+        auto link = std::make_shared<DaemonLink>(io_, timeline_, changed_, policy_, std::move(socket), ++last_id_);
         links_.push_back(link);
         co_spawn(
             io_,
@@ -100,9 +106,9 @@ bool Daemon::idle() const {
     return std::ranges::all_of(links_, [](const auto &link) { return link->ended() || link->idle(); });
 }
 
-void Daemon::tell_status() const {
-    timeline_.tell("status", running() ? cat("daemon: listening on ", path_) : "daemon: stopped");
-    for (const auto &link : links_) timeline_.tell("status", link->describe());
+void Daemon::show_status() const {
+    timeline_.show("status", running() ? cat("daemon: listening on ", path_) : "daemon: stopped");
+    for (const auto &link : links_) timeline_.show("status", link->describe());
 }
 
 }  // namespace sim

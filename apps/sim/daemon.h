@@ -12,7 +12,7 @@ namespace sim {
 
 class Daemon {
   public:
-    Daemon(asio::io_context &io, const Timeline &timeline, Bell &bell, DaemonPolicy policy, std::string path);
+    Daemon(asio::io_context &io, const Timeline &timeline, Condition &changed, DaemonPolicy policy, std::string path);
 
     // start listens. A socket file that nobody listens on is taken away first. Throws std::runtime_error when the
     // daemon cannot listen.
@@ -35,7 +35,7 @@ class Daemon {
     // empty is true when no link is left.
     [[nodiscard]] bool empty() const { return links_.empty(); }
 
-    void tell_status() const;
+    void show_status() const;
 
   private:
     awaitable<void> accept(int start_number);
@@ -43,7 +43,7 @@ class Daemon {
 
     asio::io_context &io_;
     const Timeline &timeline_;
-    Bell &bell_;
+    Condition &changed_;
     DaemonPolicy policy_;
     std::string path_;
     asio::local::stream_protocol::acceptor acceptor_;

@@ -41,18 +41,18 @@ const char *notice_name(Notice notice) {
 
 }  // namespace
 
-DaemonLink::DaemonLink(asio::io_context &io, const Timeline &timeline, Bell &bell, const DaemonPolicy &policy,
+DaemonLink::DaemonLink(asio::io_context &io, const Timeline &timeline, Condition &changed, const DaemonPolicy &policy,
                        Socket socket, int id)
     : io_(io),
       timeline_(timeline),
-      desk_bell_(bell),
+      changed_(changed),
       policy_(policy),
       socket_(std::move(socket)),
-      outbox_(io, bell),
-      pending_bell_(io),
+      outbox_(io, changed),
+      pending_changed_(io),
       id_(id) {}
 
-void DaemonLink::say(std::string_view what) const { timeline_.say("daemon", what); }
+void DaemonLink::log(std::string_view what) const { timeline_.log("daemon", what); }
 
 bool DaemonLink::has(const std::string &model) const {
     return model.empty() ? !models_.empty() : std::ranges::find(models_, model) != models_.end();
@@ -65,7 +65,7 @@ std::string DaemonLink::describe() const {
 }
 
 awaitable<void> DaemonLink::run() {
-    say(cat("link ", id_, " opened by a module process"));
+    log(cat("link ", id_, " opened by a module process"));
     const auto self = shared_from_this();
     co_spawn(
         io_,
@@ -92,18 +92,18 @@ awaitable<void> DaemonLink::run() {
         else if (error.code() != asio::error::eof)
             why = cat("broken: ", error.code().message());
     }
-    say(cat("link ", id_, " ", why));
+    log(cat("link ", id_, " ", why));
     close_now();
 }
 
 void DaemonLink::close_now() {
     ended_ = true;
     pending_.clear();
-    pending_bell_.ring();
+    pending_changed_.notify();
     outbox_.close();
     error_code ignored;
     socket_.close(ignored);
-    desk_bell_.ring();
+    changed_.notify();
 }
 
 awaitable<void> DaemonLink::read_registrations() {
@@ -123,10 +123,10 @@ awaitable<void> DaemonLink::read_registrations() {
 
 void DaemonLink::on_registration(const WireRegistration &registration) {
     const std::string model = field_text(registration.name);
-    say(cat("module '", printable(model), "' registered (sub-name '", printable(field_text(registration.sub_name)),
+    log(cat("module '", printable(model), "' registered (sub-name '", printable(field_text(registration.sub_name)),
             "')"));
     if (model != field_text(registration.name_again)) {
-        say(cat("registration failed its check: the second name is '", printable(field_text(registration.name_again)),
+        log(cat("registration failed its check: the second name is '", printable(field_text(registration.name_again)),
                 "'"));
     }
     outbox_.post(bytes_of(WireReply{}));
@@ -135,18 +135,18 @@ void DaemonLink::on_registration(const WireRegistration &registration) {
     // The library announces all its modules again with each new one; only the first time is news.
     if (!model.empty() && has(model)) return;
     models_.push_back(model);
-    desk_bell_.ring();
+    changed_.notify();
     const auto &served = policy_.models;
     const bool known = served.empty() || std::ranges::find(served, model) != served.end();
     if (!known)
-        say(cat("module '", printable(model), "' is none of the models served here"));
+        log(cat("module '", printable(model), "' is none of the models served here"));
     else if (policy_.announce)
         notify(model, Notice::tunnel_data);
 }
 
 void DaemonLink::notify(const std::string &model, Notice notice) {
     pending_.push_back({model, notice});
-    pending_bell_.ring();
+    pending_changed_.notify();
 }
 
 awaitable<void> DaemonLink::send_notifications() {
@@ -154,18 +154,19 @@ awaitable<void> DaemonLink::send_notifications() {
     while (!ended_) {
         const auto due = last_traffic_ + kQuiet;
         if (pending_.empty()) {
-            co_await pending_bell_.wait();
+            co_await pending_changed_.wait();
         } else if (Clock::now() < due) {
-            co_await pending_bell_.wait_until(due);
+            co_await pending_changed_.wait_until(due);
         } else {
             const Pending next = pending_.front();
             pending_.pop_front();
             outbox_.post(encode(next));
             last_traffic_ = Clock::now();
-            const Offer &offer = policy_.offer;
+            const TunnelData &tunnel_data = policy_.tunnel_data;
             const bool data = next.notice == Notice::tunnel_data;
-            say(cat(notice_name(next.notice), " sent to module '", printable(next.model), "'",
-                    data ? cat(": host ", offer.host, ", port ", offer.port, ", path ", offer.path) : ""));
+            log(cat(notice_name(next.notice), " sent to module '", printable(next.model), "'",
+                    data ? cat(": host ", tunnel_data.host, ", port ", tunnel_data.port, ", path ", tunnel_data.path)
+                         : ""));
         }
     }
 }
@@ -175,16 +176,16 @@ std::string DaemonLink::encode(const Pending &pending) const {
     out.header.notice = static_cast<std::uint32_t>(pending.notice);
     put_text(out.model, pending.model);
     if (pending.notice == Notice::tunnel_data) {
-        const Offer &offer = policy_.offer;
-        put_text(out.host, offer.host);
-        put_text(out.path, offer.path);
-        out.tunnel_value = offer.tunnel_value;
-        out.port = offer.port;
-        out.last_down_reason = offer.last_down.reason;
-        out.last_down_error_code = offer.last_down.error_code;
-        out.last_down_socket_errno = offer.last_down.socket_errno;
-        put_text(out.cookie, offer.cookie);
-        put_text(out.token, offer.token);
+        const TunnelData &tunnel_data = policy_.tunnel_data;
+        put_text(out.host, tunnel_data.host);
+        put_text(out.path, tunnel_data.path);
+        out.tunnel_value = tunnel_data.tunnel_value;
+        out.port = tunnel_data.port;
+        out.last_down_reason = tunnel_data.last_down.reason;
+        out.last_down_error_code = tunnel_data.last_down.error_code;
+        out.last_down_socket_errno = tunnel_data.last_down.socket_errno;
+        put_text(out.cookie, tunnel_data.cookie);
+        put_text(out.token, tunnel_data.token);
     }
     return bytes_of(out);
 }

@@ -10,17 +10,17 @@
 #include <string>
 #include <vector>
 
-#include "bell.h"
+#include "condition.h"
 #include "daemon_wire.h"
-#include "offer.h"
 #include "outbox.h"
 #include "timeline.h"
+#include "tunnel_data.h"
 
 namespace sim {
 
 // What the daemon tells a link about itself; it outlives every link.
 struct DaemonPolicy {
-    const Offer &offer;
+    const TunnelData &tunnel_data;
     bool announce = true;             // send tunnel data to every model that registers
     std::vector<std::string> models;  // the models that get tunnel data; empty: all
 };
@@ -29,8 +29,8 @@ class DaemonLink : public std::enable_shared_from_this<DaemonLink> {
   public:
     using Socket = asio::local::stream_protocol::socket;
 
-    DaemonLink(asio::io_context &io, const Timeline &timeline, Bell &bell, const DaemonPolicy &policy, Socket socket,
-               int id);
+    DaemonLink(asio::io_context &io, const Timeline &timeline, Condition &changed, const DaemonPolicy &policy,
+               Socket socket, int id);
 
     // run serves the link until it ends; it throws nothing.
     awaitable<void> run();
@@ -55,15 +55,15 @@ class DaemonLink : public std::enable_shared_from_this<DaemonLink> {
     awaitable<void> send_notifications();
     void on_registration(const WireRegistration &registration);
     [[nodiscard]] std::string encode(const Pending &pending) const;
-    void say(std::string_view what) const;
+    void log(std::string_view what) const;
 
     asio::io_context &io_;
     const Timeline &timeline_;
-    Bell &desk_bell_;
+    Condition &changed_;
     const DaemonPolicy &policy_;
     Socket socket_;
     Outbox outbox_;
-    Bell pending_bell_;
+    Condition pending_changed_;
     std::deque<Pending> pending_;
     std::vector<std::string> models_;  // in the order of their first registration
     Clock::time_point last_traffic_ = Clock::now();

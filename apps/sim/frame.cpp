@@ -11,7 +11,7 @@ constexpr unsigned kLength = 0x7f;
 constexpr unsigned kLength16 = 126;
 constexpr unsigned kLength64 = 127;
 constexpr std::size_t kControlMax = 125;           // longest body of a close, ping or pong
-constexpr std::uint64_t kPayloadMax = 256u << 20;  // a broken length shall not eat the desk's memory
+constexpr std::uint64_t kPayloadMax = 256u << 20;  // bounds the memory that a broken length can claim
 
 std::uint64_t big_endian(std::string_view bytes) {
     std::uint64_t value = 0;

@@ -1,4 +1,4 @@
-// cloudtunnel-sim: the platform and the daemon on a desk. See --help.
+// cloudtunnel-sim: a simulator of the platform and the daemon. See --help.
 
 #include <csignal>
 #include <cstdio>
@@ -12,40 +12,41 @@ namespace {
 
 constexpr auto kFarewellTime = std::chrono::milliseconds(300);  // for closed connections to end their coroutines
 
-// serve runs the desk until the steps, a signal or the end of its time stop it; it returns the status to exit with.
+// serve runs the simulator until the steps, a signal or the end of its time stop it; it returns the status to exit
+// with.
 int serve(const Options &options) {
-    Desk desk(options);
-    asio::signal_set signals(desk.io, SIGINT, SIGTERM);  // first: a signal must never leave the socket file behind
-    desk.start();
-    Runner runner(desk, options);
+    Simulator simulator(options);
+    asio::signal_set signals(simulator.io, SIGINT, SIGTERM);  // first: a signal must never leave the socket file behind
+    simulator.start();
+    Runner runner(simulator, options);
     int status = 0;
     const auto end = [&](int with) {
         status = with;
-        desk.io.stop();
+        simulator.io.stop();
     };
     const auto cut_short = [&](const char *by) {
         if (runner.running_steps()) complain(cat("ended by ", by, " before the last step"));
-        desk.timeline.say("sim", cat("ended by ", by));
+        simulator.timeline.log("sim", cat("ended by ", by));
         end(runner.running_steps() ? 1 : 0);
     };
 
     signals.async_wait([&](error_code cancelled, int) {
         if (!cancelled) cut_short("a signal");
     });
-    asio::steady_timer life(desk.io, options.life);
+    asio::steady_timer life(simulator.io, options.life);
     life.async_wait([&](error_code cancelled) {
         if (!cancelled) cut_short("--seconds");
     });
-    co_spawn(desk.io, runner.run(), [&](std::exception_ptr failure, int with) {
+    co_spawn(simulator.io, runner.run(), [&](std::exception_ptr failure, int with) {
         if (failure) std::rethrow_exception(failure);
         end(with);
     });
 
-    desk.io.run();
-    desk.stop();
-    desk.io.restart();
+    simulator.io.run();
+    simulator.stop();
+    simulator.io.restart();
     const auto latest = Clock::now() + kFarewellTime;
-    while (!desk.empty() && desk.io.run_one_until(latest) > 0) {
+    while (!simulator.empty() && simulator.io.run_one_until(latest) > 0) {
     }
     return status;
 }

@@ -61,14 +61,14 @@ void set_last_down(Options &options, const std::string &value) {
     const auto part = [&](std::size_t i) {
         return static_cast<std::int32_t>(count(parts[i], -2147483648L, 2147483647L));
     };
-    options.offer.last_down = {.reason = part(0), .error_code = part(1), .socket_errno = part(2)};
+    options.tunnel_data.last_down = {.reason = part(0), .error_code = part(1), .socket_errno = part(2)};
 }
 
 void set_path(Options &options, const std::string &value) {
     if (!value.starts_with('/') || value.find(' ') != std::string::npos) {
         throw BadOption("a path begins with '/' and has no blank");
     }
-    options.offer.path = text(value, kTextMax);
+    options.tunnel_data.path = text(value, kTextMax);
 }
 
 void behave(Options &options, std::string_view name, const std::string &value) {
@@ -143,16 +143,16 @@ constexpr Row kRows[] = {
     {"--no-daemon", "", "run the platform only", [](Options &o, const std::string &) { o.with_daemon = false; }},
 
     {"--host", "TEXT", "host to hand out; its first address must be IPv4 (127.0.0.1)",
-     [](Options &o, const std::string &v) { o.offer.host = filled_text(v, kTextMax); },
+     [](Options &o, const std::string &v) { o.tunnel_data.host = filled_text(v, kTextMax); },
      "What the daemon hands out, and the platform expects back"},
     {"--path", "PATH", "path of the upgrade request (/tunnel)", set_path},
     {"--token", "TEXT", "token (desk-token)",
-     [](Options &o, const std::string &v) { o.offer.token = text(v, kTextMax); }},
+     [](Options &o, const std::string &v) { o.tunnel_data.token = text(v, kTextMax); }},
     {"--cookie", "TEXT", "cookie (desk-cookie=1)",
-     [](Options &o, const std::string &v) { o.offer.cookie = text(v, kTextMax); }},
+     [](Options &o, const std::string &v) { o.tunnel_data.cookie = text(v, kTextMax); }},
     {"--tunnel-value", "N", "tunnel value (1)",
      [](Options &o, const std::string &v) {
-         o.offer.tunnel_value = static_cast<std::uint32_t>(count(v, 0, 4294967295L));
+         o.tunnel_data.tunnel_value = static_cast<std::uint32_t>(count(v, 0, 4294967295L));
      }},
     {"--last-down", "R,C,E", "reason, error code and socket errno of the main tunnel's last end (0,0,0)",
      set_last_down},

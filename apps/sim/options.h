@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "behaviour.h"
-#include "offer.h"
 #include "platform.h"
 #include "step.h"
+#include "tunnel_data.h"
 
 namespace sim {
 
@@ -26,7 +26,7 @@ struct Options {
     std::string socket_path = "/tmp/cloudmgr_subconn.sock";  // where the library looks for its daemon
     bool announce = true;
     std::vector<std::string> models;  // empty: all
-    Offer offer;
+    TunnelData tunnel_data;
 
     std::vector<Step> steps;  // of --do and --script, in their order on the command line
     bool stay = false;        // go on serving after the steps

@@ -16,15 +16,15 @@ const char *tls_name(int version) { return version == TLS1_3_VERSION ? "1.3" : "
 
 }  // namespace
 
-Platform::Platform(const Surroundings &around, const PlatformOptions &options)
-    : around_(around), options_(options), acceptor_(around.io) {}
+Platform::Platform(const Context &context, const PlatformOptions &options)
+    : context_(context), options_(options), acceptor_(context.io) {}
 
 std::uint16_t Platform::start() {
     if (!options_.plain) {
         SSL_CTX *const context = tls_.native_handle();
         SSL_CTX_set_min_proto_version(context, options_.tls_min);
         SSL_CTX_set_max_proto_version(context, options_.tls_max);
-        use_fresh_certificate(context, around_.offer.host);
+        use_fresh_certificate(context, context_.tunnel_data.host);
     }
     error_code error;
     const auto address = asio::ip::make_address(options_.address, error);
@@ -39,11 +39,11 @@ std::uint16_t Platform::start() {
     const tcp::endpoint bound = acceptor_.local_endpoint();
     const std::string how =
         options_.plain ? "plain" : cat("TLS ", tls_name(options_.tls_min), " to ", tls_name(options_.tls_max));
-    around_.timeline.say("platform", cat("listening on ", bound, ", ", how));
+    context_.timeline.log("platform", cat("listening on ", bound, ", ", how));
     if (options_.plain != (bound.port() == kPlainPort)) {
-        around_.timeline.say("platform", "note: the library speaks plain on port 80 and TLS on every other port");
+        context_.timeline.log("platform", "note: the library speaks plain on port 80 and TLS on every other port");
     }
-    co_spawn(around_.io, accept(), asio::detached);
+    co_spawn(context_.io, accept(), asio::detached);
     return bound.port();
 }
 
@@ -53,17 +53,17 @@ awaitable<void> Platform::accept() {
         tcp::socket socket = co_await acceptor_.async_accept(asio::redirect_error(use_awaitable, error));
         if (!acceptor_.is_open()) co_return;
         if (error) {
-            around_.timeline.say("platform", cat("accept failed: ", error.message()));
-            asio::steady_timer pause(around_.io, kAcceptPause);
+            context_.timeline.log("platform", cat("accept failed: ", error.message()));
+            asio::steady_timer pause(context_.io, kAcceptPause);
             co_await pause.async_wait(use_awaitable);
             continue;
         }
         socket.set_option(tcp::no_delay(true), error);  // a module waits for each of these frames
         Stream stream = options_.plain ? Stream(std::move(socket)) : Stream(std::move(socket), tls_);
-        auto tunnel = std::make_shared<Tunnel>(around_, std::move(stream), ++last_id_);
+        auto tunnel = std::make_shared<Tunnel>(context_, std::move(stream), ++last_id_);
         tunnels_.push_back(tunnel);
         co_spawn(
-            around_.io,
+            context_.io,
             [this, tunnel]() -> awaitable<void> {
                 co_await tunnel->run();
                 std::erase(tunnels_, tunnel);
@@ -92,11 +92,11 @@ std::shared_ptr<Tunnel> Platform::find(int id) const {
     return found == tunnels_.end() ? nullptr : *found;
 }
 
-void Platform::tell_status() const {
+void Platform::show_status() const {
     error_code error;
     const tcp::endpoint bound = acceptor_.local_endpoint(error);
-    around_.timeline.tell("status", error ? "platform: not listening" : cat("platform: listening on ", bound));
-    for (const auto &tunnel : tunnels_) around_.timeline.tell("status", tunnel->describe());
+    context_.timeline.show("status", error ? "platform: not listening" : cat("platform: listening on ", bound));
+    for (const auto &tunnel : tunnels_) context_.timeline.show("status", tunnel->describe());
 }
 
 }  // namespace sim

@@ -18,7 +18,7 @@ struct PlatformOptions {
 
 class Platform {
   public:
-    Platform(const Surroundings &around, const PlatformOptions &options);
+    Platform(const Context &context, const PlatformOptions &options);
 
     // start listens and returns the port. Throws std::runtime_error when that cannot be.
     std::uint16_t start();
@@ -38,12 +38,12 @@ class Platform {
     // empty is true when no tunnel is left.
     [[nodiscard]] bool empty() const { return tunnels_.empty(); }
 
-    void tell_status() const;
+    void show_status() const;
 
   private:
     awaitable<void> accept();
 
-    Surroundings around_;
+    Context context_;
     PlatformOptions options_;
     asio::ssl::context tls_{asio::ssl::context::tls_server};
     tcp::acceptor acceptor_;

@@ -48,7 +48,7 @@ void expect_order(Registration &out, json_object *object) {
 
 }  // namespace
 
-Registration check_registration(const std::string &text, const Offer &offer) {
+Registration check_registration(const std::string &text, const TunnelData &tunnel_data) {
     Registration out;
     const Json object(json_tokener_parse(text.c_str()));
     if (!json_object_is_type(object.get(), json_type_object)) {
@@ -62,10 +62,10 @@ Registration check_registration(const std::string &text, const Offer &offer) {
     expect_order(out, object.get());
     expect_number(out, object.get(), "optType", 1);
     if (out.model == "base") expect_text(out, object.get(), "platform", "wpt");
-    expect_number(out, object.get(), "lastDownReason", offer.last_down.reason);
-    expect_number(out, object.get(), "errorCode", offer.last_down.error_code);
-    expect_number(out, object.get(), "socketErrno", offer.last_down.socket_errno);
-    expect_text(out, object.get(), "tokenID", offer.token);
+    expect_number(out, object.get(), "lastDownReason", tunnel_data.last_down.reason);
+    expect_number(out, object.get(), "errorCode", tunnel_data.last_down.error_code);
+    expect_number(out, object.get(), "socketErrno", tunnel_data.last_down.socket_errno);
+    expect_text(out, object.get(), "tokenID", tunnel_data.token);
     if (out.model.empty()) out.problems.emplace_back("cloudModName is empty");
     if (out.serial.empty()) out.problems.emplace_back("devSN is empty");
     if (out.device_model.empty()) out.problems.emplace_back("devModName is empty");

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "behaviour.h"
-#include "offer.h"
+#include "tunnel_data.h"
 
 namespace sim {
 
@@ -13,10 +13,10 @@ struct Registration {
     std::string model;         // the tunnel's cloud model name
     std::string device_model;  // the module's name for itself
     std::string serial;
-    std::vector<std::string> problems;  // all that is not as the library sends it for the offer; empty is good
+    std::vector<std::string> problems;  // each deviation from what the library sends; empty: none
 };
 
-Registration check_registration(const std::string &text, const Offer &offer);
+Registration check_registration(const std::string &text, const TunnelData &tunnel_data);
 
 // registration_answer is the body of the answer: JSON, except where the behaviour wants it malformed.
 std::string registration_answer(const Behaviour &behaviour);

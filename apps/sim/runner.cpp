@@ -77,8 +77,8 @@ constexpr Runner::Row Runner::kRows[] = {
     {Verb::quit, &Runner::quit},
 };
 
-Runner::Runner(Desk &desk, const Options &options)
-    : desk_(desk),
+Runner::Runner(Simulator &simulator, const Options &options)
+    : simulator_(simulator),
       steps_(options.steps),
       typed_(options.steps.empty() || options.stay),
       step_time_(options.step_time) {}
@@ -98,7 +98,7 @@ awaitable<int> Runner::run() {
 }
 
 awaitable<void> Runner::carry_out(const Step &step) {
-    desk_.timeline.say("step", step.line);
+    simulator_.timeline.log("step", step.line);
     for (const Row &row : kRows) {
         if (row.verb == step.verb) return (this->*row.action)(step);
     }
@@ -107,10 +107,10 @@ awaitable<void> Runner::carry_out(const Step &step) {
 
 awaitable<int> Runner::run_typed() {
     const bool terminal = ::isatty(STDIN_FILENO) == 1;
-    if (terminal) desk_.timeline.tell("step", "type steps; 'help' lists them, 'quit' ends");
-    co_spawn(desk_.io, read_stdin(), asio::detached);
+    if (terminal) simulator_.timeline.show("step", "type steps; 'help' lists them, 'quit' ends");
+    co_spawn(simulator_.io, read_stdin(), asio::detached);
     while (!quit_) {
-        while (typed_lines_.empty()) co_await desk_.bell.wait();
+        while (typed_lines_.empty()) co_await simulator_.changed.wait();
         const std::string line(trim(typed_lines_.front()));
         typed_lines_.pop_front();
         if (line.empty() || line.front() == '#') continue;
@@ -133,7 +133,7 @@ awaitable<int> Runner::run_typed() {
 awaitable<void> Runner::read_stdin() {
     const int fd = open_stdin();
     if (fd < 0) co_return;
-    asio::posix::stream_descriptor input(desk_.io, fd);
+    asio::posix::stream_descriptor input(simulator_.io, fd);
     std::string buffered;
     std::array<char, 4096> area;
     for (;;) {
@@ -146,26 +146,26 @@ awaitable<void> Runner::read_stdin() {
             typed_lines_.push_back(buffered.substr(0, end));
             buffered.erase(0, end + 1);
         }
-        desk_.bell.ring();
+        simulator_.changed.notify();
     }
     if (!buffered.empty()) typed_lines_.push_back(buffered);  // a last line without its line end
-    desk_.bell.ring();
+    simulator_.changed.notify();
 }
 
 // Waiting.
 
-template <class Condition>
-awaitable<void> Runner::wait_for(Condition condition, std::string_view what) {
+template <class Predicate>
+awaitable<void> Runner::wait_for(Predicate condition, std::string_view what) {
     const auto deadline = Clock::now() + step_time_;
     while (!condition()) {
         if (Clock::now() >= deadline) throw StepFailed(cat("waited ", step_time_.count(), " s for ", what));
-        co_await desk_.bell.wait_until(deadline);
+        co_await simulator_.changed.wait_until(deadline);
     }
 }
 
 // wait_on looks at the condition first: what came before the tunnel's end counts.
-template <class Condition>
-awaitable<void> Runner::wait_on(const Tunnel &tunnel, Condition condition, std::string_view what) {
+template <class Predicate>
+awaitable<void> Runner::wait_on(const Tunnel &tunnel, Predicate condition, std::string_view what) {
     co_await wait_for([&] { return condition() || tunnel.state() == Tunnel::State::ended; }, what);
     if (!condition()) throw StepFailed(cat("the tunnel ended while waiting for ", what, ": ", tunnel.ending()));
 }
@@ -176,7 +176,7 @@ awaitable<void> Runner::written(const Tunnel &tunnel) {
 }
 
 awaitable<void> Runner::pause(Clock::duration time) {
-    asio::steady_timer timer(desk_.io, time);
+    asio::steady_timer timer(simulator_.io, time);
     co_await timer.async_wait(use_awaitable);
 }
 
@@ -185,8 +185,8 @@ awaitable<void> Runner::sleep(const Step &step) { return pause(std::chrono::mill
 // Steps of the platform.
 
 Platform &Runner::platform() {
-    if (!desk_.platform) throw StepFailed("there is no platform (--no-platform)");
-    return *desk_.platform;
+    if (!simulator_.platform) throw StepFailed("there is no platform (--no-platform)");
+    return *simulator_.platform;
 }
 
 Tunnel &Runner::open_tunnel() {
@@ -273,7 +273,7 @@ awaitable<void> Runner::answered(Tunnel &on, const std::string &wanted) {
         on, [&] { return !on.inbox.empty(); }, "the answer");
     const Tunnel::Message message = std::move(on.inbox.front());
     on.inbox.pop_front();
-    if (desk_.behaviour.any_answer) co_return;
+    if (simulator_.behaviour.any_answer) co_return;
     if (message.opcode != Opcode::text) throw StepFailed(cat("the answer is a ", opcode_name(message.opcode)));
     if (message.body != wanted) {
         throw StepFailed(cat("the answer is '", printable(message.body), "', expected '", printable(wanted), "'"));
@@ -333,15 +333,15 @@ awaitable<void> Runner::drop(const Step &) {
 }
 
 awaitable<void> Runner::set(const Step &step) {
-    set_behaviour(desk_.behaviour, step.text, step.value);
+    set_behaviour(simulator_.behaviour, step.text, step.value);
     co_return;
 }
 
 // Steps of the daemon.
 
 Daemon &Runner::daemon() {
-    if (!desk_.daemon) throw StepFailed("there is no daemon (--no-daemon)");
-    return *desk_.daemon;
+    if (!simulator_.daemon) throw StepFailed("there is no daemon (--no-daemon)");
+    return *simulator_.daemon;
 }
 
 awaitable<void> Runner::wait_module(const Step &step) {
@@ -383,16 +383,16 @@ awaitable<void> Runner::daemon_restart(const Step &step) {
     co_await daemon_start(step);
 }
 
-// Steps of the desk.
+// Steps of the simulator itself.
 
 awaitable<void> Runner::status(const Step &) {
-    if (desk_.platform) desk_.platform->tell_status();
-    if (desk_.daemon) desk_.daemon->tell_status();
+    if (simulator_.platform) simulator_.platform->show_status();
+    if (simulator_.daemon) simulator_.daemon->show_status();
     co_return;
 }
 
 awaitable<void> Runner::help(const Step &) {
-    desk_.timeline.tell("step", cat("the steps are:\n", step_help()));
+    simulator_.timeline.show("step", cat("the steps are:\n", step_help()));
     co_return;
 }
 

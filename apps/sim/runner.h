@@ -5,13 +5,13 @@
 #include <memory>
 #include <stdexcept>
 
-#include "desk.h"
+#include "simulator.h"
 
 namespace sim {
 
 class Runner {
   public:
-    Runner(Desk &desk, const Options &options);
+    Runner(Simulator &simulator, const Options &options);
 
     // run carries out the steps of the command line, then typed ones where they are wanted. It returns the status to
     // exit with.
@@ -60,10 +60,10 @@ class Runner {
 
     // Waiting. A condition is a lambda that captures references only, and a text is a named one: g++ 12 destroys some
     // temporaries of a co_await expression twice.
-    template <class Condition>
-    awaitable<void> wait_for(Condition condition, std::string_view what);
-    template <class Condition>
-    awaitable<void> wait_on(const Tunnel &tunnel, Condition condition, std::string_view what);
+    template <class Predicate>
+    awaitable<void> wait_for(Predicate condition, std::string_view what);
+    template <class Predicate>
+    awaitable<void> wait_on(const Tunnel &tunnel, Predicate condition, std::string_view what);
     awaitable<void> written(const Tunnel &tunnel);
     awaitable<void> pause(Clock::duration time);
 
@@ -75,7 +75,7 @@ class Runner {
     Platform &platform();
     Daemon &daemon();
 
-    Desk &desk_;
+    Simulator &simulator_;
     std::vector<Step> steps_;
     std::size_t next_step_ = 0;
     bool typed_;  // take steps from stdin

@@ -11,10 +11,10 @@ class Timeline {
     explicit Timeline(bool quiet) : quiet_(quiet) {}
 
     // say prints one line and flushes it, so that a reader behind a pipe sees it at once. Quiet: prints nothing.
-    void say(std::string_view who, std::string_view what) const;
+    void log(std::string_view who, std::string_view what) const;
 
     // tell prints the line even when quiet: somebody asked for it.
-    void tell(std::string_view who, std::string_view what) const;
+    void show(std::string_view who, std::string_view what) const;
 
   private:
     std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();

@@ -52,21 +52,21 @@ const char *state_name(Tunnel::State state) {
     return "";
 }
 
-Tunnel::Tunnel(const Surroundings &around, Stream stream, int id)
-    : around_(around),
+Tunnel::Tunnel(const Context &context, Stream stream, int id)
+    : context_(context),
       stream_(std::move(stream)),
-      outbox_(around.io, around.bell),
-      deadline_(around.io),
-      key_timer_(around.io),
+      outbox_(context.io, context.changed),
+      deadline_(context.io),
+      key_timer_(context.io),
       id_(id) {}
 
-void Tunnel::say(std::string_view what) const {
-    around_.timeline.say(cat("tunnel ", id_), model_.empty() ? std::string(what) : cat("[", model_, "] ", what));
+void Tunnel::log(std::string_view what) const {
+    context_.timeline.log(cat("tunnel ", id_), model_.empty() ? std::string(what) : cat("[", model_, "] ", what));
 }
 
 void Tunnel::become(State state) {
     if (state_ != State::ended) state_ = state;
-    around_.bell.ring();
+    context_.changed.notify();
 }
 
 std::string Tunnel::describe() const {
@@ -79,18 +79,18 @@ std::string Tunnel::describe() const {
 awaitable<void> Tunnel::run() {
     const auto self = shared_from_this();
     try {
-        say(cat("connected from ", stream_.peer()));
+        log(cat("connected from ", stream_.peer()));
         finish_within(kSetUpTime);
         co_await open();
         co_await read_frames();
     } catch (const system_error &error) {
         if (!in_.empty() && state_ != State::connecting && !drain(Key::left_out)) {
-            say(cat("left ", in_.size(), " bytes of an unfinished frame"));
+            log(cat("left ", in_.size(), " bytes of an unfinished frame"));
         }
         if (ending_.empty()) ending_ = reason_of(error);
     }
     become(State::ended);
-    say(cat("ended: ", ending_));
+    log(cat("ended: ", ending_));
     deadline_.cancel();
     key_timer_.cancel();
     outbox_.close();
@@ -99,10 +99,10 @@ awaitable<void> Tunnel::run() {
 
 awaitable<void> Tunnel::open() {
     const std::string agreed = co_await stream_.handshake();
-    say(cat("TLS: ", agreed));
+    log(cat("TLS: ", agreed));
     const std::string request = co_await read_request();
     co_spawn(
-        around_.io,
+        context_.io,
         [self = shared_from_this()]() -> awaitable<void> {
             try {
                 co_await self->outbox_.run([&](const std::string &bytes) { return self->stream_.write(bytes); });
@@ -124,7 +124,7 @@ awaitable<std::string> Tunnel::read_request() {
             co_return request;
         }
         if (in_.size() > kRequestMax) {
-            say(cat("upgrade request failed its check: no end within ", kRequestMax, " bytes"));
+            log(cat("upgrade request failed its check: no end within ", kRequestMax, " bytes"));
             throw system_error(asio::error::message_size);
         }
         in_ += co_await stream_.read();
@@ -133,20 +133,20 @@ awaitable<std::string> Tunnel::read_request() {
 
 void Tunnel::answer_upgrade(const std::string &text) {
     const UpgradeRequest request = parse_upgrade(text);
-    const Behaviour &behaviour = around_.behaviour;
-    say(cat("upgrade request: ", printable(request.line), ", Host ", printable(request.header("Host"))));
-    const auto problems = check_upgrade(request, around_.offer);
-    for (const std::string &problem : problems) say(cat("upgrade request failed its check: ", problem));
-    if (problems.empty()) say("upgrade request checked: as expected");
+    const Behaviour &behaviour = context_.behaviour;
+    log(cat("upgrade request: ", printable(request.line), ", Host ", printable(request.header("Host"))));
+    const auto problems = check_upgrade(request, context_.tunnel_data);
+    for (const std::string &problem : problems) log(cat("upgrade request failed its check: ", problem));
+    if (problems.empty()) log("upgrade request checked: as expected");
 
     int status = behaviour.answer_status;
     if (!problems.empty() && !behaviour.lenient) {
         status = 400;
     } else if (behaviour.upgrade == UpgradeAnswer::silence) {
-        say("upgrade left without an answer");
+        log("upgrade left without an answer");
         return;
     } else if (behaviour.upgrade == UpgradeAnswer::close) {
-        say("upgrade answered by closing the connection");
+        log("upgrade answered by closing the connection");
         ending_ = "connection closed by the platform";
         outbox_.close();
         return;
@@ -154,7 +154,7 @@ void Tunnel::answer_upgrade(const std::string &text) {
     const bool wrong = behaviour.upgrade == UpgradeAnswer::wrong_accept;
     const std::string accept = accept_for(cat(wrong ? "wrong" : "", request.header("Sec-WebSocket-Key")));
     outbox_.post(upgrade_answer(status, accept));
-    say(cat("upgrade answered: ", status_text(status), wrong ? ", with a wrong accept" : ""));
+    log(cat("upgrade answered: ", status_text(status), wrong ? ", with a wrong accept" : ""));
     if (status == 101) {
         become(State::registering);
     } else {
@@ -168,7 +168,7 @@ awaitable<void> Tunnel::read_frames() {
         in_ += co_await stream_.read();
         key_timer_.cancel();
         if (state_ == State::connecting) {
-            say(cat("received ", in_.size(), " bytes where nothing was expected"));
+            log(cat("received ", in_.size(), " bytes where nothing was expected"));
             in_.clear();
         } else {
             drain(Key::follows);
@@ -209,46 +209,46 @@ void Tunnel::wait_for_key() {
 // What the module sends.
 
 void Tunnel::on_frame(Frame frame) {
-    if (frame.keyless) say(cat("read a ", opcode_name(frame.opcode), " frame that has the MASK bit and no key"));
+    if (frame.keyless) log(cat("read a ", opcode_name(frame.opcode), " frame that has the MASK bit and no key"));
     if (frame.opcode == Opcode::close) {
         on_close(frame);
     } else if (state_ == State::registering) {
         on_registration(frame);
     } else if (frame.opcode == Opcode::ping) {
-        say(cat("received ping: '", printable(frame.payload), "'"));
+        log(cat("received ping: '", printable(frame.payload), "'"));
         post({.opcode = Opcode::pong, .payload = frame.payload});
-        say(cat("sent pong: '", printable(frame.payload), "'"));
+        log(cat("sent pong: '", printable(frame.payload), "'"));
     } else if (frame.opcode == Opcode::pong) {
-        say(cat("received pong: '", printable(frame.payload), "'"));
+        log(cat("received pong: '", printable(frame.payload), "'"));
         pongs.push_back(std::move(frame.payload));
-        around_.bell.ring();
+        context_.changed.notify();
     } else {
         on_data(std::move(frame));
     }
 }
 
 void Tunnel::on_registration(const Frame &frame) {
-    const Behaviour &behaviour = around_.behaviour;
+    const Behaviour &behaviour = context_.behaviour;
     if (frame.opcode != Opcode::text || !frame.fin) {
         protocol_error(cat("expected OPT1 as one text frame, got a ", opcode_name(frame.opcode), " frame"));
         return;
     }
-    const Registration registration = check_registration(frame.payload, around_.offer);
+    const Registration registration = check_registration(frame.payload, context_.tunnel_data);
     model_ = printable(registration.model);
-    say(cat("OPT1 received: ", printable(frame.payload, 1000)));
-    for (const std::string &problem : registration.problems) say(cat("OPT1 failed its check: ", problem));
+    log(cat("OPT1 received: ", printable(frame.payload, 1000)));
+    for (const std::string &problem : registration.problems) log(cat("OPT1 failed its check: ", problem));
     const bool good = registration.problems.empty();
     if (good) {
-        say(cat("OPT1 checked: model '", model_, "', device model '", printable(registration.device_model),
+        log(cat("OPT1 checked: model '", model_, "', device model '", printable(registration.device_model),
                 "', serial number '", printable(registration.serial), "', token as handed out"));
     }
 
     if (behaviour.registration == RegistrationAnswer::silence) {
-        say("OPT1 left without an answer");
+        log("OPT1 left without an answer");
         return;
     }
     if (behaviour.registration == RegistrationAnswer::close) {
-        say("OPT1 answered by closing the connection");
+        log("OPT1 answered by closing the connection");
         ending_ = "connection closed by the platform";
         outbox_.close();
         return;
@@ -261,13 +261,13 @@ void Tunnel::on_registration(const Frame &frame) {
 
     const bool accepted = answering.ret_code == 0 && (answering.opt_type & 0xff) == 1 &&  // the library looks at 8 bits
                           behaviour.registration == RegistrationAnswer::text;
-    say(cat("OPT1 answered: ", answer, binary ? " as a binary frame" : ""));
+    log(cat("OPT1 answered: ", answer, binary ? " as a binary frame" : ""));
     if (accepted) {
         deadline_.cancel();
         become(State::open);
-        say("registration accepted: the tunnel is up");
+        log("registration accepted: the tunnel is up");
     } else {
-        say("registration refused");
+        log("registration refused");
         become(State::closing);
         finish_within(kModuleCloseTime);
     }
@@ -289,31 +289,31 @@ void Tunnel::on_data(Frame frame) {
     const Message &whole = *assembly_;
     const char *kind = opcode_name(whole.opcode);
     if (fragments_ > 1) {
-        say(cat("received fragmented ", kind, ": ", whole.body.size(), " bytes in ", fragments_, " fragments"));
+        log(cat("received fragmented ", kind, ": ", whole.body.size(), " bytes in ", fragments_, " fragments"));
     } else {
-        say(cat("received ", kind, ": ", printable(whole.body)));
+        log(cat("received ", kind, ": ", printable(whole.body)));
     }
     inbox.push_back(std::move(*assembly_));
     assembly_.reset();
-    around_.bell.ring();
+    context_.changed.notify();
 }
 
 void Tunnel::on_close(const Frame &frame) {
     if (close_received_) return;  // one is enough
     close_received_ = decode_close(frame.payload);
-    say(cat("received close: ", show(*close_received_)));
+    log(cat("received close: ", show(*close_received_)));
     if (!close_sent_) {
         close_sent_ = CloseBody{.status = close_received_->status, .reason = {}};
         post({.opcode = Opcode::close, .payload = encode_close(*close_sent_)});
-        say(cat("sent close: ", show(*close_sent_)));
+        log(cat("sent close: ", show(*close_sent_)));
     }
-    say("close handshake done");
+    log("close handshake done");
     become(State::closing);
     finish_within(kModuleCloseTime);
 }
 
 void Tunnel::protocol_error(const std::string &why) {
-    say(cat("protocol error: ", why));
+    log(cat("protocol error: ", why));
     if (ending_.empty()) ending_ = cat("protocol error: ", why);
     if (!close_sent_) send_close({.status = kProtocolError, .reason = why});
     outbox_.close();
@@ -323,7 +323,7 @@ void Tunnel::protocol_error(const std::string &why) {
 // What the platform sends.
 
 std::string Tunnel::encode(const Frame &frame) const {
-    if (!around_.behaviour.mask) return encode_frame(frame);
+    if (!context_.behaviour.mask) return encode_frame(frame);
     std::array<unsigned char, 4> key;
     if (RAND_bytes(key.data(), static_cast<int>(key.size())) != 1) key = {0x12, 0x34, 0x56, 0x78};
     return encode_frame(frame, key);
@@ -333,7 +333,7 @@ void Tunnel::post(const Frame &frame) { outbox_.post(encode(frame)); }
 
 void Tunnel::send_message(Opcode opcode, const std::string &body) {
     post({.opcode = opcode, .payload = body});
-    say(cat("sent ", opcode_name(opcode), ": ", printable(body)));
+    log(cat("sent ", opcode_name(opcode), ": ", printable(body)));
 }
 
 void Tunnel::send_fragments(const std::string &body, std::size_t fragment_size) {
@@ -347,35 +347,35 @@ void Tunnel::send_fragments(const std::string &body, std::size_t fragment_size) 
         at += size;
         count++;
     } while (at < body.size());
-    say(cat("sent fragmented text: ", body.size(), " bytes in ", count, " fragments"));
+    log(cat("sent fragmented text: ", body.size(), " bytes in ", count, " fragments"));
 }
 
 void Tunnel::send_burst(const std::vector<std::string> &bodies) {
     std::string bytes;
     for (const std::string &body : bodies) bytes += encode({.payload = body});
     outbox_.post(bytes);
-    say(cat("sent burst: ", bodies.size(), " text frames in one write of ", bytes.size(), " bytes"));
+    log(cat("sent burst: ", bodies.size(), " text frames in one write of ", bytes.size(), " bytes"));
 }
 
 void Tunnel::send_ping(const std::string &body) {
     post({.opcode = Opcode::ping, .payload = body});
-    say(cat("sent ping: '", printable(body), "'"));
+    log(cat("sent ping: '", printable(body), "'"));
 }
 
 void Tunnel::send_close(const CloseBody &body) {
     close_sent_ = body;
     post({.opcode = Opcode::close, .payload = encode_close(body)});
-    say(cat("sent close: ", show(body)));
+    log(cat("sent close: ", show(body)));
     become(State::closing);
 }
 
 void Tunnel::send_raw(const std::string &bytes) {
     outbox_.post(bytes);
-    say(cat("sent raw: ", bytes.size(), " bytes"));
+    log(cat("sent raw: ", bytes.size(), " bytes"));
 }
 
 void Tunnel::drop() {
-    say("dropping: TCP reset");
+    log("dropping: TCP reset");
     ending_ = "connection reset by the platform";
     stream_.reset();
 }
@@ -392,7 +392,7 @@ void Tunnel::finish_within(Clock::duration time) {
     deadline_.async_wait([self = shared_from_this()](error_code cancelled) {
         if (cancelled || self->state_ == State::ended) return;
         if (self->state_ == State::connecting || self->state_ == State::registering) {
-            self->say("still not registered: giving up");
+            self->log("still not registered: giving up");
         }
         self->close_now();
     });

@@ -1,7 +1,7 @@
 // One tunnel on the platform's side: TLS, the upgrade, the registration, and frames both ways until it ends.
 //
-// A tunnel lives by itself: run() reads and reacts, the senders queue, and every change rings the desk's bell so that
-// whoever waits for something can look again.
+// run() reads and reacts, the send functions queue bytes, and every change of state notifies the simulator's condition,
+// on which the runner waits.
 #pragma once
 
 #include <deque>
@@ -10,19 +10,19 @@
 
 #include "behaviour.h"
 #include "frame.h"
-#include "offer.h"
 #include "outbox.h"
 #include "stream.h"
 #include "timeline.h"
+#include "tunnel_data.h"
 
 namespace sim {
 
-// What a tunnel needs of its surroundings; all of it outlives every tunnel.
-struct Surroundings {
+// The parts of the simulator that a tunnel uses; all of them outlive every tunnel.
+struct Context {
     asio::io_context &io;
     const Timeline &timeline;
-    Bell &bell;
-    const Offer &offer;
+    Condition &changed;
+    const TunnelData &tunnel_data;
     const Behaviour &behaviour;
 };
 
@@ -42,7 +42,7 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
         std::string body;
     };
 
-    Tunnel(const Surroundings &around, Stream stream, int id);
+    Tunnel(const Context &context, Stream stream, int id);
 
     // run serves the tunnel until it ends; it throws nothing.
     awaitable<void> run();
@@ -88,9 +88,9 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     std::string encode(const Frame &frame) const;
     void finish_within(Clock::duration time);
     void become(State state);
-    void say(std::string_view what) const;
+    void log(std::string_view what) const;
 
-    Surroundings around_;
+    Context context_;
     Stream stream_;
     Outbox outbox_;
     asio::steady_timer deadline_;   // for the set-up, later for the end

@@ -56,17 +56,18 @@ UpgradeRequest parse_upgrade(std::string_view text) {
     return request;
 }
 
-std::vector<std::string> check_upgrade(const UpgradeRequest &request, const Offer &offer) {
+std::vector<std::string> check_upgrade(const UpgradeRequest &request, const TunnelData &tunnel_data) {
     std::vector<std::string> problems;
-    expect(problems, "request line", request.line, cat("GET ", offer.path, " HTTP/1.1"));
-    expect(problems, "Host", request.header("Host"), offer.host);
+    expect(problems, "request line", request.line, cat("GET ", tunnel_data.path, " HTTP/1.1"));
+    expect(problems, "Host", request.header("Host"), tunnel_data.host);
     expect(problems, "Upgrade", request.header("Upgrade"), "webSocket");
     expect(problems, "Connection", request.header("Connection"), "upgrade");
     if (const std::string key = request.header("Sec-WebSocket-Key"); !is_key(key)) {
         problems.push_back(cat("Sec-WebSocket-Key is '", printable(key), "', expected 24 characters of base64"));
     }
     expect(problems, "Sec-WebSocket-version", request.header("Sec-WebSocket-version"), "13");
-    expect(problems, "Cookie", request.header("Cookie"), cat("JSESSIONID=", offer.token, "; ", offer.cookie));
+    expect(problems, "Cookie", request.header("Cookie"),
+           cat("JSESSIONID=", tunnel_data.token, "; ", tunnel_data.cookie));
     return problems;
 }
 

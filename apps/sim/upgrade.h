@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "offer.h"
+#include "tunnel_data.h"
 
 namespace sim {
 
@@ -20,8 +20,8 @@ struct UpgradeRequest {
 // parse_upgrade reads the text up to the empty line.
 UpgradeRequest parse_upgrade(std::string_view text);
 
-// check_upgrade lists all that is not as the library sends it for `offer`; an empty list is a good request.
-std::vector<std::string> check_upgrade(const UpgradeRequest &request, const Offer &offer);
+// check_upgrade lists all that is not as the library sends it for `tunnel_data`; an empty list is a good request.
+std::vector<std::string> check_upgrade(const UpgradeRequest &request, const TunnelData &tunnel_data);
 
 // accept_for makes the Sec-WebSocket-Accept value that belongs to a Sec-WebSocket-Key.
 std::string accept_for(std::string_view key);

@@ -34,7 +34,7 @@ module TLS: established
 module upgrade: request sent
 module upgrade: answer accepted
 module OPT1: registration sent
-module hand-over: the tunnel is open
+module hand-off: the tunnel is open
 module request 1 received: request 1 of 5
 module answer 1 sent: answer: request 1 of 5
 module request 2 received: request 2 of 5
@@ -92,7 +92,7 @@ module set-up started
 platform upgrade request checked
 module upgrade: answer accepted
 platform OPT1 checked
-module hand-over
+module hand-off
 module request 1 received
 platform received text: answer: request 1 of 5
 module ping received

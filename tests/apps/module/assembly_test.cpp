@@ -6,8 +6,8 @@
 
 namespace {
 
-using module::Assembly;
-using module::Taken;
+using module_program::Assembly;
+using module_program::Taken;
 
 constexpr unsigned kContinuation = 0;
 constexpr unsigned kText = 1;

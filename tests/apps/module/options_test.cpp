@@ -8,11 +8,11 @@
 
 namespace {
 
-using module::CommandLine;
+using module_program::CommandLine;
 
 CommandLine parse(std::initializer_list<const char *> arguments) {
     const std::vector<const char *> all(arguments);
-    return module::parse_command_line(all);
+    return module_program::parse_command_line(all);
 }
 
 TEST(Options, without_arguments_the_module_runs_with_its_defaults) {
@@ -95,7 +95,7 @@ TEST(Options, a_fault_is_one_line_whatever_the_value_holds) {
 }
 
 TEST(Options, help_names_every_option) {
-    const std::string help = module::help_text();
+    const std::string help = module_program::help_text();
     for (const char *option :
          {"--model", "--sub-name", "--device-model", "--log", "--log-level", "--exchanges", "--tunnels", "--links",
           "--seconds", "--fragment-size", "--max-message", "--help", "--version"}) {

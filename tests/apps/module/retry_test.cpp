@@ -6,7 +6,7 @@
 
 namespace {
 
-using module::Retry;
+using module_program::Retry;
 using std::chrono::milliseconds;
 
 TEST(Retry, pauses_double_up_to_a_minute) {

@@ -6,7 +6,7 @@ scenario=$1 sim=$2 module=$3 example=$4
 work=$(mktemp -d)
 sim_pid='' program_pid=''
 
-# Each of both is ended here on every road out; KILL also reaches a stopped one.
+# Both processes are ended here whatever happened; KILL also ends a stopped one.
 clean_up() {
     for pid in $program_pid $sim_pid; do kill -KILL "$pid" 2>/dev/null; done
     rm -rf "$work"
@@ -62,7 +62,7 @@ start_module() { start_program "$module" --seconds 60 "$@"; }
 
 # sim_ends and program_ends STATUS wait for an end of their process.
 sim_ends() {
-    wait "$sim_pid" || fail 'a step of the stand-in failed'
+    wait "$sim_pid" || fail 'a step of the simulator failed'
     sim_pid=''
 }
 program_ends() {
@@ -87,18 +87,18 @@ missing() {
         line=$((line + ${found%%:*}))
     done
 }
-module_told() {
+expect_timeline() {
     local text
     text=$(missing "$@")
     [ -z "$text" ] || fail "'$text' is missing in the timeline, or not in its place"
 }
-# module_tells TEXT...: the same, once it is so, ten seconds at most.
-module_tells() {
+# await_timeline TEXT...: the same, once it is so, ten seconds at most.
+await_timeline() {
     for _ in $(seq 200); do
         [ -n "$(missing "$@")" ] || return
         sleep 0.05
     done
-    module_told "$@"
+    expect_timeline "$@"
 }
 
 exchanges() {
@@ -107,10 +107,10 @@ exchanges() {
     sim_ends
     program_ends 0
     wait_for sim 'received close: status 1000'
-    module_told 'daemon link up' 'tunnel data received: host 127.0.0.1, path /tunnel, port ' 'resolve: 127.0.0.1' \
+    expect_timeline 'daemon link up' 'tunnel data received: host 127.0.0.1, path /tunnel, port ' 'resolve: 127.0.0.1' \
         'tunnel data stored: token of 10 ' 'set-up started' 'TCP: connecting to 127.0.0.1' 'TCP: connected' \
         'TLS: established' 'upgrade: request sent' 'upgrade: answer accepted' 'OPT1: registration sent' \
-        'hand-over' 'request 1 received: request 1 of 3' 'answer 1 sent' 'answer 3 sent' 'all goals are met' \
+        'hand-off' 'request 1 received: request 1 of 3' 'answer 1 sent' 'answer 3 sent' 'all goals are met' \
         'close sent: status 1000' 'close received: status 1000, the answer to ours' 'tunnel closed' \
         '3 requests answered, 1 tunnels, 1 daemon links'
 }
@@ -122,7 +122,7 @@ long_messages() {
     start_module
     sim_ends
     stop_program
-    module_told 'fragmented message begins: 300000 bytes announced' 'fragmented message complete: 300000 bytes in' \
+    expect_timeline 'fragmented message begins: 300000 bytes announced' 'fragmented message complete: 300000 bytes in' \
         'request 9 received: after all that'
 }
 
@@ -138,37 +138,37 @@ refused_then_accepted() {
     local refusals=('set-up failed: .*error ret code 5' 'next start in' 'set-up failed: .*Rcv acception error' 'next start in')
     start_sim --ret-code=5 --stay
     start_module
-    module_tells "${refusals[@]:0:2}"
+    await_timeline "${refusals[@]:0:2}"
     type_step 'set upgrade wrong-accept'
     type_step 'set ret-code 0'
-    module_tells "${refusals[@]}"
+    await_timeline "${refusals[@]}"
     type_step 'set upgrade accept'
     type_step wait-tunnel
     type_step 'request hello'
     type_step quit
     sim_ends
     stop_program
-    module_told "${refusals[@]}" 'hand-over' 'answer 1 sent'
+    expect_timeline "${refusals[@]}" 'hand-off' 'answer 1 sent'
 }
 
 # A reset takes with it what the module has not read yet: it comes after the module has spoken.
 lost() {
     start_sim --stay wait-tunnel
     start_module
-    module_tells 'hand-over'
+    await_timeline 'hand-off'
     for step in drop wait-close wait-tunnel 'ping still there' 'request hello' quit; do type_step "$step"; done
     sim_ends
     stop_program
-    module_told 'tunnel lost: ' 'next start in' 'hand-over' 'ping answered' 'answer 1 sent'
+    expect_timeline 'tunnel lost: ' 'next start in' 'hand-off' 'ping answered' 'answer 1 sent'
 }
 
 tunnels() {
     start_sim --stay wait-tunnel 'close 1001' wait-close wait-tunnel
     start_module --tunnels 2
-    module_tells 'hand-over' 'close received: status 1001' 'hand-over'
+    await_timeline 'hand-off' 'close received: status 1001' 'hand-off'
     type_step drop
     program_ends 0
-    module_told 'close received: status 1001' 'tunnel closed' 'tunnel lost: ' 'all goals are met' ', 2 tunnels, '
+    expect_timeline 'close received: status 1001' 'tunnel closed' 'tunnel lost: ' 'all goals are met' ', 2 tunnels, '
 }
 
 close_now() {
@@ -176,7 +176,7 @@ close_now() {
     start_module
     sim_ends
     stop_program
-    module_told 'close received: status 3000' 'tunnel closed' 'next start in' 'hand-over'
+    expect_timeline 'close received: status 3000' 'tunnel closed' 'next start in' 'hand-off'
     ! grep -q 'close answered' "$work/program" || fail 'a close that is not answered was said to be'
 }
 
@@ -185,7 +185,7 @@ close_twice() {
     start_module
     sim_ends
     stop_program
-    module_told 'close received: status 1000' 'close answered' 'tunnel closed' 'hand-over'
+    expect_timeline 'close received: status 1000' 'close answered' 'tunnel closed' 'hand-off'
     [ "$(grep -c 'close received: status 1000$' "$work/program")" -eq 1 ] || fail 'the second close was not ignored'
 }
 
@@ -194,7 +194,7 @@ protocol_error() {
     start_module
     sim_ends
     stop_program
-    module_told 'frame refused: continuation without a first fragment' 'close sent: status 1002' 'tunnel closed' \
+    expect_timeline 'frame refused: continuation without a first fragment' 'close sent: status 1002' 'tunnel closed' \
         'frame refused: opcode 3' 'close sent: status 1002' 'tunnel closed' 'answer 1 sent'
 }
 
@@ -204,26 +204,26 @@ too_long() {
     start_module --max-message 1999
     sim_ends
     stop_program
-    module_told 'frame refused: announced message too long' 'close sent: status 1009' 'tunnel closed' 'answer 1 sent'
+    expect_timeline 'frame refused: announced message too long' 'close sent: status 1009' 'tunnel closed' 'answer 1 sent'
 }
 
 end_by_signal() {
     start_sim wait-tunnel wait-close
     start_module
-    wait_for program 'hand-over'
+    wait_for program 'hand-off'
     stop_program
     sim_ends
-    module_told 'ending: signal 15' 'close sent: status 1000' 'tunnel closed'
+    expect_timeline 'ending: signal 15' 'close sent: status 1000' 'tunnel closed'
 }
 
 # The daemon's data come while the tunnel is open, and while it is being set up.
 same_data_again() {
-    local story=('hand-over' 'the tunnel stands' 'answer 1 sent' 'OPT1: registration sent' 'the tunnel stands')
+    local story=('hand-off' 'the tunnel stands' 'answer 1 sent' 'OPT1: registration sent' 'the tunnel stands')
     start_sim --stay wait-tunnel 'tunnel desk' 'request hello' 'set opt1 silence' 'close' wait-close
     start_module
-    module_tells "${story[@]:0:4}"
+    await_timeline "${story[@]:0:4}"
     type_step 'tunnel desk'
-    module_tells "${story[@]}"
+    await_timeline "${story[@]}"
     type_step quit
     sim_ends
     stop_program
@@ -234,8 +234,8 @@ closed_by_daemon() {
     start_module
     sim_ends
     stop_program
-    module_told 'the daemon has closed the model' 'close sent: status 1000, closed by the daemon' 'tunnel closed' \
-        'waiting for tunnel data' "the daemon's third notice" 'hand-over' 'answer 1 sent'
+    expect_timeline 'the daemon has closed the model' 'close sent: status 1000, closed by the daemon' 'tunnel closed' \
+        'waiting for tunnel data' "the daemon's third notice" 'hand-off' 'answer 1 sent'
 }
 
 # The daemon takes the link and never answers the registration: the library waits, a signal must end it all the same.
@@ -251,7 +251,7 @@ silent_daemon() {
 no_daemon() {
     start_program "$module" --seconds 1 --links 1
     program_ends 1
-    module_told 'no daemon yet' 'ending: time is up'
+    expect_timeline 'no daemon yet' 'ending: time is up'
     [ "$(grep '^cloudtunnel-module' "$work/program.errors")" = \
         'cloudtunnel-module: a goal was not met within --seconds' ] || fail 'the reason is missing'
 }

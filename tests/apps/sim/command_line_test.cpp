@@ -7,7 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "tests/apps/sim/desk_module.h"
+#include "tests/apps/sim/raw_module.h"
 #include "tests/apps/sim/sim_process.h"
 
 using simtest::fresh_path;
@@ -299,7 +299,7 @@ TEST(sim_command_line, a_file_that_is_no_socket_stays) {
     EXPECT_EQ(access(file.path.c_str(), F_OK), 0);
 }
 
-TEST(sim_command_line, a_port_in_use_is_told_in_one_line) {
+TEST(sim_command_line, a_port_in_use_is_reported_in_one_line) {
     SimProcess first({});
     const std::string port = std::to_string(first.port());
     SimProcess second({"--port", port});
@@ -308,7 +308,7 @@ TEST(sim_command_line, a_port_in_use_is_told_in_one_line) {
     EXPECT_NE(second.errors().find("127.0.0.1:" + port), std::string::npos) << second.errors();
 }
 
-TEST(sim_command_line, an_address_that_is_none_is_told_in_one_line) {
+TEST(sim_command_line, an_invalid_address_is_reported_in_one_line) {
     SimProcess sim({"--address", "nowhere"});
     EXPECT_EQ(sim.finish(), 1);
     EXPECT_EQ(lines(sim.errors()), 1u);

@@ -1,7 +1,7 @@
 // The daemon's side of the unix socket.
 #include <gtest/gtest.h>
 
-#include "tests/apps/sim/desk_module.h"
+#include "tests/apps/sim/raw_module.h"
 #include "tests/apps/sim/sim_process.h"
 
 using simtest::half_at;
@@ -18,8 +18,8 @@ constexpr size_t kReplySize = 132;
 constexpr size_t kNotificationSize = 708;
 
 // A program whose daemon listens, and one link to it.
-struct Desk {
-    explicit Desk(std::vector<std::string> options = {}) : sim(std::move(options)) {
+struct LinkedSim {
+    explicit LinkedSim(std::vector<std::string> options = {}) : sim(std::move(options)) {
         port = sim.port();
         EXPECT_TRUE(sim.wait_for("daemon    listening on"));
         EXPECT_TRUE(link.connect_unix(sim.socket_path()));
@@ -37,11 +37,11 @@ std::string read_notification(Wire &link) { return link.read_once(2048); }
 }  // namespace
 
 TEST(sim_daemon, a_registration_gets_a_reply_and_then_the_tunnel_data) {
-    Desk desk({"--host", "platform.example", "--path", "/x/y", "--token", "tok", "--cookie", "cook=1", "--tunnel-value",
-               "77", "--last-down", "3,-4,110"});
-    ASSERT_TRUE(desk.link.write(registration("base", "demo")));
-    EXPECT_EQ(read_reply(desk.link).size(), kReplySize);
-    const std::string data = read_notification(desk.link);
+    LinkedSim linked({"--host", "platform.example", "--path", "/x/y", "--token", "tok", "--cookie", "cook=1",
+                      "--tunnel-value", "77", "--last-down", "3,-4,110"});
+    ASSERT_TRUE(linked.link.write(registration("base", "demo")));
+    EXPECT_EQ(read_reply(linked.link).size(), kReplySize);
+    const std::string data = read_notification(linked.link);
     ASSERT_EQ(data.size(), kNotificationSize);
     EXPECT_EQ(word_at(data, 0), kNotification);
     EXPECT_EQ(word_at(data, 4), 0u);
@@ -51,24 +51,24 @@ TEST(sim_daemon, a_registration_gets_a_reply_and_then_the_tunnel_data) {
     EXPECT_EQ(text_at(data, 48), "platform.example");
     EXPECT_EQ(text_at(data, 176), "/x/y");
     EXPECT_EQ(word_at(data, 304), 77u);
-    EXPECT_EQ(half_at(data, 308), desk.port);
+    EXPECT_EQ(half_at(data, 308), linked.port);
     EXPECT_EQ(word_at(data, 312), 3u);
     EXPECT_EQ(word_at(data, 316), static_cast<uint32_t>(-4));
     EXPECT_EQ(word_at(data, 320), 110u);
     EXPECT_EQ(text_at(data, 452), "cook=1");
     EXPECT_EQ(text_at(data, 580), "tok");
-    EXPECT_TRUE(desk.sim.wait_for("daemon    module 'base' registered (sub-name 'demo')"));
-    EXPECT_TRUE(desk.sim.wait_for("daemon    tunnel data sent to module 'base': host platform.example, port "));
+    EXPECT_TRUE(linked.sim.wait_for("daemon    module 'base' registered (sub-name 'demo')"));
+    EXPECT_TRUE(linked.sim.wait_for("daemon    tunnel data sent to module 'base': host platform.example, port "));
 }
 
 TEST(sim_daemon, registrations_in_a_row_get_their_replies_before_any_notification) {
-    Desk desk;
+    LinkedSim linked;
     const std::string both = registration("base", "a") + registration("base", "a") + registration("video", "b");
-    ASSERT_TRUE(desk.link.write(both.substr(0, 150)));  // also cut in the middle of one
-    ASSERT_TRUE(desk.link.write(both.substr(150)));
-    EXPECT_EQ(desk.link.read_all(3 * kReplySize).size(), 3 * kReplySize);
-    const std::string first = read_notification(desk.link);
-    const std::string second = read_notification(desk.link);
+    ASSERT_TRUE(linked.link.write(both.substr(0, 150)));  // also cut in the middle of one
+    ASSERT_TRUE(linked.link.write(both.substr(150)));
+    EXPECT_EQ(linked.link.read_all(3 * kReplySize).size(), 3 * kReplySize);
+    const std::string first = read_notification(linked.link);
+    const std::string second = read_notification(linked.link);
     EXPECT_EQ(first.size(), kNotificationSize);
     EXPECT_EQ(text_at(first, 16), "base");
     EXPECT_EQ(second.size(), kNotificationSize);
@@ -76,24 +76,24 @@ TEST(sim_daemon, registrations_in_a_row_get_their_replies_before_any_notificatio
 }
 
 TEST(sim_daemon, a_model_that_registers_again_gets_no_second_tunnel_data) {
-    Desk desk;
-    ASSERT_TRUE(desk.link.write(registration("base", "demo")));
-    EXPECT_EQ(read_reply(desk.link).size(), kReplySize);
-    EXPECT_EQ(read_notification(desk.link).size(), kNotificationSize);
-    ASSERT_TRUE(desk.link.write(registration("base", "demo") + registration("video", "demo")));
-    EXPECT_EQ(desk.link.read_all(2 * kReplySize).size(), 2 * kReplySize);
-    EXPECT_EQ(text_at(read_notification(desk.link), 16), "video");
+    LinkedSim linked;
+    ASSERT_TRUE(linked.link.write(registration("base", "demo")));
+    EXPECT_EQ(read_reply(linked.link).size(), kReplySize);
+    EXPECT_EQ(read_notification(linked.link).size(), kNotificationSize);
+    ASSERT_TRUE(linked.link.write(registration("base", "demo") + registration("video", "demo")));
+    EXPECT_EQ(linked.link.read_all(2 * kReplySize).size(), 2 * kReplySize);
+    EXPECT_EQ(text_at(read_notification(linked.link), 16), "video");
 }
 
 TEST(sim_daemon, steps_send_each_kind_of_notification) {
-    Desk desk({"--no-announce"});
-    ASSERT_TRUE(desk.link.write(registration("base", "demo")));
-    EXPECT_EQ(read_reply(desk.link).size(), kReplySize);
-    ASSERT_TRUE(desk.sim.wait_for("registered"));
+    LinkedSim linked({"--no-announce"});
+    ASSERT_TRUE(linked.link.write(registration("base", "demo")));
+    EXPECT_EQ(read_reply(linked.link).size(), kReplySize);
+    ASSERT_TRUE(linked.sim.wait_for("registered"));
     const char *steps[] = {"tunnel base", "closed base", "third base"};
     for (uint32_t sub_type = 1; sub_type <= 3; sub_type++) {
-        desk.sim.type(steps[sub_type - 1]);
-        const std::string notice = read_notification(desk.link);
+        linked.sim.type(steps[sub_type - 1]);
+        const std::string notice = read_notification(linked.link);
         EXPECT_EQ(notice.size(), kNotificationSize);
         EXPECT_EQ(word_at(notice, 8), sub_type);
         EXPECT_EQ(text_at(notice, 16), "base");
@@ -102,24 +102,24 @@ TEST(sim_daemon, steps_send_each_kind_of_notification) {
 }
 
 TEST(sim_daemon, notifications_in_a_row_arrive_in_reads_of_their_own) {
-    Desk desk({"--no-announce"});
-    ASSERT_TRUE(desk.link.write(registration("base", "demo")));
-    EXPECT_EQ(read_reply(desk.link).size(), kReplySize);
-    ASSERT_TRUE(desk.sim.wait_for("registered"));
-    desk.sim.type("tunnel base\nclosed base\nthird base");
+    LinkedSim linked({"--no-announce"});
+    ASSERT_TRUE(linked.link.write(registration("base", "demo")));
+    EXPECT_EQ(read_reply(linked.link).size(), kReplySize);
+    ASSERT_TRUE(linked.sim.wait_for("registered"));
+    linked.sim.type("tunnel base\nclosed base\nthird base");
     for (uint32_t sub_type = 1; sub_type <= 3; sub_type++) {
-        const std::string notice = read_notification(desk.link);
+        const std::string notice = read_notification(linked.link);
         EXPECT_EQ(notice.size(), kNotificationSize);
         EXPECT_EQ(word_at(notice, 8), sub_type);
     }
 }
 
 TEST(sim_daemon, only_the_models_it_serves_get_tunnel_data) {
-    Desk desk({"--models", "video,audio"});
-    ASSERT_TRUE(desk.link.write(registration("base", "demo") + registration("audio", "demo")));
-    EXPECT_EQ(desk.link.read_all(2 * kReplySize).size(), 2 * kReplySize);
-    EXPECT_EQ(text_at(read_notification(desk.link), 16), "audio");
-    EXPECT_TRUE(desk.sim.wait_for("module 'base' is none of the models served here"));
+    LinkedSim linked({"--models", "video,audio"});
+    ASSERT_TRUE(linked.link.write(registration("base", "demo") + registration("audio", "demo")));
+    EXPECT_EQ(linked.link.read_all(2 * kReplySize).size(), 2 * kReplySize);
+    EXPECT_EQ(text_at(read_notification(linked.link), 16), "audio");
+    EXPECT_TRUE(linked.sim.wait_for("module 'base' is none of the models served here"));
 }
 
 TEST(sim_daemon, without_a_platform_the_given_port_is_handed_out) {
@@ -133,42 +133,42 @@ TEST(sim_daemon, without_a_platform_the_given_port_is_handed_out) {
 }
 
 TEST(sim_daemon, a_restart_ends_the_links_and_takes_new_ones) {
-    Desk desk;
-    ASSERT_TRUE(desk.link.write(registration("base", "demo")));
-    ASSERT_TRUE(desk.sim.wait_for("tunnel data sent"));
-    desk.sim.type("daemon restart 0\nwait-module base\nquit");
-    EXPECT_EQ(desk.link.read_all(10000).size(), kReplySize + kNotificationSize);  // then the end
-    ASSERT_TRUE(desk.sim.wait_for("daemon    stopped"));
-    ASSERT_TRUE(desk.sim.wait_for("daemon    listening on"));
+    LinkedSim linked;
+    ASSERT_TRUE(linked.link.write(registration("base", "demo")));
+    ASSERT_TRUE(linked.sim.wait_for("tunnel data sent"));
+    linked.sim.type("daemon restart 0\nwait-module base\nquit");
+    EXPECT_EQ(linked.link.read_all(10000).size(), kReplySize + kNotificationSize);  // then the end
+    ASSERT_TRUE(linked.sim.wait_for("daemon    stopped"));
+    ASSERT_TRUE(linked.sim.wait_for("daemon    listening on"));
     Wire again;
-    ASSERT_TRUE(again.connect_unix(desk.sim.socket_path()));
+    ASSERT_TRUE(again.connect_unix(linked.sim.socket_path()));
     ASSERT_TRUE(again.write(registration("base", "demo")));
-    EXPECT_EQ(desk.sim.finish(), 0) << desk.sim.errors();
+    EXPECT_EQ(linked.sim.finish(), 0) << linked.sim.errors();
 }
 
 TEST(sim_daemon, a_stopped_daemon_has_no_socket_until_it_starts) {
-    Desk desk;
-    desk.sim.type("daemon stop");
-    ASSERT_TRUE(desk.sim.wait_for("daemon    stopped"));
+    LinkedSim linked;
+    linked.sim.type("daemon stop");
+    ASSERT_TRUE(linked.sim.wait_for("daemon    stopped"));
     Wire link;
-    EXPECT_FALSE(link.connect_unix(desk.sim.socket_path()));
-    desk.sim.type("daemon start");
-    ASSERT_TRUE(desk.sim.wait_for("daemon    listening on"));
+    EXPECT_FALSE(link.connect_unix(linked.sim.socket_path()));
+    linked.sim.type("daemon start");
+    ASSERT_TRUE(linked.sim.wait_for("daemon    listening on"));
     Wire again;
-    EXPECT_TRUE(again.connect_unix(desk.sim.socket_path()));
+    EXPECT_TRUE(again.connect_unix(linked.sim.socket_path()));
 }
 
 TEST(sim_daemon, bytes_that_are_no_registration_end_the_link) {
-    Desk desk;
-    ASSERT_TRUE(desk.link.write(std::string(112, 'x')));
-    EXPECT_EQ(desk.link.read_once(1024), "");
-    EXPECT_TRUE(desk.sim.wait_for("no registration, the bytes are of another kind"));
+    LinkedSim linked;
+    ASSERT_TRUE(linked.link.write(std::string(112, 'x')));
+    EXPECT_EQ(linked.link.read_once(1024), "");
+    EXPECT_TRUE(linked.sim.wait_for("no registration, the bytes are of another kind"));
 }
 
 TEST(sim_daemon, a_name_without_its_zero_byte_is_read_no_further_than_its_field) {
-    Desk desk;
+    LinkedSim linked;
     std::string record = registration(std::string(32, 'n'), std::string(32, 's'));
-    ASSERT_TRUE(desk.link.write(record));
-    EXPECT_TRUE(desk.sim.wait_for("module '" + std::string(32, 'n') + "' registered (sub-name '" +
-                                  std::string(32, 's') + "')"));
+    ASSERT_TRUE(linked.link.write(record));
+    EXPECT_TRUE(linked.sim.wait_for("module '" + std::string(32, 'n') + "' registered (sub-name '" +
+                                    std::string(32, 's') + "')"));
 }

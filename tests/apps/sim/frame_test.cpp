@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/apps/sim/desk_module.h"
+#include "tests/apps/sim/raw_module.h"
 
 using sim::CloseBody;
 using sim::decode_close;

@@ -1,7 +1,7 @@
 // The platform's side of a tunnel, met by a module written in the test.
 #include <gtest/gtest.h>
 
-#include "tests/apps/sim/desk_module.h"
+#include "tests/apps/sim/raw_module.h"
 #include "tests/apps/sim/sim_process.h"
 
 using simtest::library_frame;

@@ -1,4 +1,4 @@
-#include "tests/apps/sim/desk_module.h"
+#include "tests/apps/sim/raw_module.h"
 
 #include <algorithm>
 #include <cerrno>

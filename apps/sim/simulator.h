@@ -1,4 +1,4 @@
-// The desk: everything the program simulates, in one place for the runner.
+// Everything the program simulates: the platform, the daemon, and what both share.
 #pragma once
 
 #include <optional>
@@ -9,23 +9,24 @@
 
 namespace sim {
 
-struct Desk {
-    explicit Desk(const Options &options);
-    ~Desk() { stop(); }
-    Desk(const Desk &) = delete;
-    Desk &operator=(const Desk &) = delete;
+struct Simulator {
+    explicit Simulator(const Options &options);
+    ~Simulator() { stop(); }
+    Simulator(const Simulator &) = delete;
+    Simulator &operator=(const Simulator &) = delete;
 
     // start opens the platform's listener first: the daemon hands its port out. Throws std::runtime_error.
     void start();
 
-    // stop closes everything. Tunnels and links need the io context for a moment to end: then the desk is empty.
+    // stop closes everything. The io context must run a little longer until tunnels and links have ended; then empty()
+    // is true.
     void stop();
     [[nodiscard]] bool empty() const;
 
     asio::io_context io;
     Timeline timeline;
-    Bell bell{io};
-    Offer offer;
+    Condition changed{io};
+    TunnelData tunnel_data;
     Behaviour behaviour;
     std::optional<Platform> platform;  // left out by --no-platform
     std::optional<Daemon> daemon;      // left out by --no-daemon

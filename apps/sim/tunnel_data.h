@@ -13,7 +13,7 @@ struct LastDown {
     std::int32_t socket_errno = 0;
 };
 
-struct Offer {
+struct TunnelData {
     std::string host = "127.0.0.1";  // as text: the library resolves it and takes the first address, which must be IPv4
     std::string path = "/tunnel";
     std::uint16_t port = 0;

@@ -1,0 +1,29 @@
+#include "simulator.h"
+
+namespace sim {
+
+Simulator::Simulator(const Options &options)
+    : timeline(options.quiet), tunnel_data(options.tunnel_data), behaviour(options.behaviour) {
+    tunnel_data.port = options.platform.port;
+    if (options.with_platform) {
+        platform.emplace(Context{io, timeline, changed, tunnel_data, behaviour}, options.platform);
+    }
+    if (options.with_daemon) {
+        daemon.emplace(io, timeline, changed, DaemonPolicy{tunnel_data, options.announce, options.models},
+                       options.socket_path);
+    }
+}
+
+void Simulator::start() {
+    if (platform) tunnel_data.port = platform->start();
+    if (daemon) daemon->start();
+}
+
+void Simulator::stop() {
+    if (platform) platform->stop();
+    if (daemon) daemon->stop();
+}
+
+bool Simulator::empty() const { return (!platform || platform->empty()) && (!daemon || daemon->empty()); }
+
+}  // namespace sim
