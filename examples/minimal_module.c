@@ -1,5 +1,5 @@
-/* The smallest module that behaves well: one tunnel, its answers, fragments, pings and closes, and a new start after
- * every end. Usage: minimal_module [MODEL], a name of at most 31 characters. SIGINT or SIGTERM ends it. */
+/* The smallest module that behaves well: one tunnel, answers to requests, fragments, pings and closes, and a new start
+ * after every end. Usage: minimal_module [MODEL], a name of at most 31 characters. SIGINT or SIGTERM ends it. */
 #include <cloudtunnel.h>
 #include <poll.h>
 #include <signal.h>
@@ -28,9 +28,9 @@ static int on_failure(const char *name) { /* of the set-up, or of the open tunne
     return start_later();
 }
 
-static int on_connected(int handed_over) {
+static int on_connected(int connected) {
     printf("tunnel open\n");
-    sock = handed_over;
+    sock = connected;
     pause_s = 1;
     return 0;
 }
@@ -46,7 +46,7 @@ static int send_frame(uint8_t opcode, const void *body, int64_t length) {
     return result;
 }
 
-/* The library hands up each frame by itself and does not tell which is a message's last. So a message in fragments
+/* The library passes on each frame by itself and does not show which is a message's last. So a message in fragments
  * begins with "length:<decimal>\n". A body has a zero byte behind it. */
 static int on_data(const cloudmgr_ws_msg *frame) {
     char answer[4096] = "answer: ";
@@ -84,15 +84,15 @@ static int on_message(int from, void *message) {
     return frame->opcode <= 2 ? on_data(frame) : 0;
 }
 
-/* The daemon has said where to connect; the loop below starts the tunnel. Such news set the model back to HTTP, so an
- * open tunnel tells the library that it goes on speaking WebSocket. */
+/* The daemon has sent the address of the platform; the loop below starts the tunnel. Tunnel data reset the model to
+ * HTTP, so an open tunnel sets it to WebSocket again. */
 static int on_tunnel_data(void) {
     if (!running) start_at = cloudtunnel_timer_run_time_nobuf();
     if (sock >= 0) CLOUDMGR_socket_urllist_set(model, NULL, NULL, CLOUDTUNNEL_DATATYPE_WS, 0);
     return 0;
 }
 
-static int on_notice(void) { return 0; } /* the daemon closed the model or is gone: the tunnel stands without it */
+static int on_notice(void) { return 0; } /* the daemon closed the model or its link; the tunnel stays up without it */
 
 int main(int argc, char **argv) {
     if (argc > 1) model = argv[1];
@@ -100,7 +100,7 @@ int main(int argc, char **argv) {
     signal(SIGINT, on_signal);
     signal(SIGTERM, on_signal);
     CLOUDMGR_debug_SetStdout();
-    cloudmgr_debug_level = 0; /* the library says nothing */
+    cloudmgr_debug_level = 0; /* nothing is logged */
     const CLOUDTUNNEL_LIB_INIT_DATA init = {0, NULL};
     const CLOUDTUNNEL_MODULE_REG self = {model, "minimal", on_tunnel_data, on_notice, on_notice};
     const int epfd = CLOUDTUNNEL_LIB_Init(&init);

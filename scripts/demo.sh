@@ -1,6 +1,6 @@
 #!/bin/bash
-# A whole tunnel on one machine: the platform and the daemon in one process, a module in another. Every line tells whose
-# it is and when it happened, in seconds since the start of that process.
+# A whole tunnel on one machine: the platform and the daemon in one process, a module in another. Every line names
+# its source and the time, in seconds since the start of that process.
 # Usage: demo.sh SIM MODULE, the two programs. Exit status: 0 when every step was seen, 1 with the reason otherwise.
 set -u
 
@@ -26,12 +26,12 @@ SECONDS=0
 work=$(mktemp -d) || fail "no temporary directory"
 sim_pid='' module_pid='' reader_pid=''
 
-# reason FILE: what a program said about its failure, in its one line.
+# reason FILE: the one line that a program wrote about its failure.
 reason() {
     grep '^cloudtunnel-' "$work/$1" | tail -n 1 | grep . || echo 'it gave no reason'
 }
 
-# end PID: ask, and insist when it does not end within two seconds.
+# end PID: TERM, and KILL when the process has not ended within two seconds.
 end() {
     kill "$1" 2>/dev/null || return
     for _ in $(seq 40); do

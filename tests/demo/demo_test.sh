@@ -21,8 +21,8 @@ in_order() {
     done
 }
 
-# Who sends something says so after the sending, so the line of the one who got it can be the earlier one: each side is
-# looked at by itself, and then what one of them can only do after the other.
+# A sender logs after sending, so the receiver's line can be the earlier one. The lines of each side are checked by
+# themselves, and then those where one side acts only after the other.
 in_order <<'MODULE'
 module daemon link up
 module tunnel data received: host 127\.0\.0\.1, path /tunnel, port [0-9]+$
