@@ -1,13 +1,13 @@
 #!/bin/sh
 # Runs clang-tidy and cppcheck over the library and the programs of a build tree, given as the argument, that clang
-# configured. The stand-ins in apps/sim/ are left out: neither reads their coroutines.
+# configured. The simulator in apps/sim/ is left out: neither tool reads its coroutines.
 set -eu
 cd "$(dirname "$0")/.."
 build=${1:?"lint.sh: needs the build tree of the preset 'clang'"}
 
 sources() {
-    git ls-files 'src/*.cpp' 'apps/module/*.cpp' 'examples/*.c'
+    git ls-files 'src/*.cpp' 'apps/common/*.cpp' 'apps/module/*.cpp' 'examples/*.c'
 }
 sources | xargs -P "$(nproc)" -n 3 clang-tidy --quiet -p "$build"
 sources | xargs cppcheck -q -j "$(nproc)" --enable=warning,performance,portability --error-exitcode=1 \
-    --suppress=missingIncludeSystem -D_GNU_SOURCE -Isrc -Iinclude -Iapps/module
+    --suppress=missingIncludeSystem -D_GNU_SOURCE -Isrc -Iinclude -Iapps -Iapps/module

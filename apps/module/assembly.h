@@ -1,7 +1,5 @@
-// Data frames in, messages out. The library hands up every frame by itself and does not tell which one is a message's
-// last, so the platform and the module agree on a rule of their own: a message in fragments begins with
-// "length:<decimal>\n", the number of payload bytes that follow in this fragment and the next ones. A first frame
-// without that line is a message by itself.
+// Joins data frames to messages. A message in fragments begins with a line that holds its length; a first frame without
+// that line is a message by itself.
 #pragma once
 
 #include <cstddef>
@@ -9,15 +7,17 @@
 #include <string>
 #include <string_view>
 
+#include "common/websocket.h"
+
 namespace module_program {
 
 // What became of a frame.
 struct Taken {
     enum class Kind {
         message,    // a message of one frame: the frame's own body
-        more,       // a fragment; others are missing
+        more,       // a fragment, and others are missing
         assembled,  // the last fragment: Assembly::payload holds the message
-        refused,    // against the rules: the tunnel is closed with `status` and `reason`
+        refused,    // the caller closes the tunnel with `status` and `reason`
     };
     Kind kind = Kind::more;
     uint16_t status = 0;
@@ -26,11 +26,11 @@ struct Taken {
 
 class Assembly {
   public:
-    // No message over `limit` bytes is taken, whatever a frame announces.
+    // A message over `limit` bytes, received or announced, is refused.
     explicit Assembly(size_t limit) : limit_(limit) {}
 
-    // take reads the next data frame: opcode 0 continuation, 1 text or 2 binary.
-    Taken take(unsigned opcode, std::string_view body);
+    // take reads the next data frame: a continuation, text or binary frame.
+    Taken take(common::Opcode opcode, std::string_view body);
 
     [[nodiscard]] const std::string &payload() const { return payload_; }
     [[nodiscard]] size_t announced() const { return announced_; }

@@ -1,4 +1,4 @@
-// The link to the daemon, as it comes and goes. The library keeps it; this only watches.
+// Watches the link to the daemon, which the library keeps.
 #pragma once
 
 #include "timeline.h"
@@ -9,7 +9,7 @@ class DaemonLink {
   public:
     explicit DaemonLink(const Timeline &timeline) : timeline_(timeline) {}
 
-    // watch tells what has changed since the last call.
+    // watch logs a change since the last call.
     void watch();
 
     [[nodiscard]] bool up() const { return up_; }

@@ -1,31 +1,21 @@
 // cloudtunnel-module: a module process on libcloudtunnel's public header. See --help.
-#include <cstdio>
-#include <exception>
-
+#include "common/program.h"
 #include "module.h"
-#include "module_options.h"
+#include "options.h"
 #include "signals.h"
 
-int main(int argc, char **argv) try {
-    using module_program::CommandLine;
-    const CommandLine line = module_program::parse_command_line({argv + 1, argv + argc});
-    switch (line.action) {
-        case CommandLine::Action::help:
-            std::fputs(module_program::help_text().c_str(), stdout);
-            return 0;
-        case CommandLine::Action::version:
-            std::puts("cloudtunnel-module " CLOUDTUNNEL_MODULE_VERSION);
-            return 0;
-        case CommandLine::Action::refuse:
-            std::fprintf(stderr, "cloudtunnel-module: %s (--help explains all)\n", line.fault.c_str());
-            return 2;
-        case CommandLine::Action::run:
-            break;
-    }
-    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
-    module_program::catch_signals();
-    return module_program::Module(line.options).run();
-} catch (const std::exception &error) {
-    std::fprintf(stderr, "cloudtunnel-module: %s\n", error.what());
-    return 1;
+int main(int argc, char **argv) {
+    module_program::Options options;
+    const common::Program program = {
+        .name = module_program::kProgramName,
+        .version = CLOUDTUNNEL_MODULE_VERSION,
+        .options = module_program::option_table(options),
+        .help = module_program::help_text,
+        .run =
+            [&options] {
+                module_program::catch_signals();
+                return module_program::Module(options).run();
+            },
+    };
+    return common::run_program(program, {argv + 1, argv + argc});
 }

@@ -4,26 +4,25 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <ctime>
 
+#include "common/program.h"
 #include "library_log.h"
 #include "signals.h"
 
 namespace module_program {
 namespace {
 
-constexpr int kEventsAtOnce = 64;  // before the timers get their turn
+constexpr int kEventsAtOnce = 64;  // then the timers run
 
-Module *g_module = nullptr;  // the module's callbacks get no argument
+Module *g_module = nullptr;  // the library's callbacks carry no argument
 
 bool fail(const char *what) {
-    std::fprintf(stderr, "cloudtunnel-module: %s\n", what);
+    common::complain(kProgramName, what);
     return false;
 }
 
-// The library counts time in whole seconds of uptime: a pass over its timers right behind each of them misses none, and
-// more passes would find nothing new.
+// The library's timers count whole seconds of uptime: to look at them once, just after each second begins, is enough.
 std::chrono::milliseconds until_next_second() {
     timespec now = {};
     clock_gettime(CLOCK_BOOTTIME, &now);
@@ -35,10 +34,10 @@ int milliseconds_until(Clock::time_point when) {
     return static_cast<int>(std::clamp<long long>(left.count(), 0, 1000));
 }
 
-// ready asks the event loop for work, for at most `wait_ms`; false when there is no event loop any more.
+// ready waits for events of the library for at most `wait_ms`. False when the event loop is gone.
 bool ready(int epfd, int wait_ms, bool &has_work) {
     pollfd look = {.fd = epfd, .events = POLLIN, .revents = 0};
-    has_work = poll(&look, 1, wait_ms) > 0;  // a signal ends the wait; what it asks for is looked at next
+    has_work = poll(&look, 1, wait_ms) > 0;  // a signal ends the wait too; check_end handles it
     return !has_work || (look.revents & POLLIN);
 }
 
@@ -57,7 +56,7 @@ int Module::tunnel_open() {
     return 0;
 }
 
-// A broken link to the daemon comes here too; tunnels stand without it.
+// A broken link to the daemon calls this too; it does not end a tunnel.
 int Module::tunnel_close() {
     g_module->link_.watch();
     if (g_module->link_.up()) g_module->tunnel_.model_closed();
@@ -76,16 +75,16 @@ int Module::run() {
         return 1;
     }
     bool good = begin();
-    while (good && !tunnel_.ended()) good = turn();
+    while (good && !tunnel_.ended()) good = run_once();
     CLOUDTUNNEL_LIB_Fini();
     CLOUDMGR_socket_deinit();
     close_library_log();
-    if (good) {
-        timeline_.log("%ld requests answered, %ld tunnels, %ld daemon links", tunnel_.answers(),
-                      tunnel_.tunnels_ended(), link_.ups());
-    }
-    if (good && goal_missed_) good = fail("a goal was not met within --seconds");
-    return good ? 0 : 1;
+    if (!good) return 1;
+    timeline_.log("%ld requests answered, %ld tunnels, %ld daemon links", tunnel_.answers(), tunnel_.tunnels_ended(),
+                  link_.ups());
+    if (!goal_missed_) return 0;
+    fail("a goal was not met within --seconds");
+    return 1;
 }
 
 bool Module::begin() {
@@ -107,13 +106,13 @@ bool Module::begin() {
     return true;
 }
 
-// One turn of the loop: what is due, a sleep, what came in, the library's timers.
-bool Module::turn() {
+// What is due, a wait, the events that came in, the library's timers.
+bool Module::run_once() {
     check_end();
     tunnel_.step();
     if (tunnel_.ended()) return true;
     if (!wait() || !handle_events()) return fail("the library's event loop is gone");
-    const MayWait may_wait;  // a timer connects to the daemon anew
+    const MayWait may_wait;  // a timer may connect to the daemon again
     CLOUDTUNNEL_TIMER_Proc();
     link_.watch();
     return true;
@@ -153,7 +152,7 @@ bool Module::handle_events() {
         if (!ready(epfd_, 0, has_work)) return false;
         if (!has_work) return true;
         CLOUDTUNNEL_EPOLL_HandleMsg(epfd_);
-        tunnel_.step();  // what a callback asked for, before the next event
+        tunnel_.step();  // what a callback left to do, before the next event
     }
     return true;
 }

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "daemon_link.h"
-#include "module_options.h"
+#include "options.h"
 #include "timeline.h"
 #include "tunnel.h"
 
@@ -10,10 +10,10 @@ namespace module_program {
 
 class Module {
   public:
-    // One module at a time in a process; `options` outlives it.
+    // There is one module at a time in a process. `options` outlives it.
     explicit Module(const Options &options);
 
-    // run serves until the end and returns the exit status. A failure is told on standard error, in one line.
+    // run serves until the end and returns the exit status. A failure writes one line on standard error.
     int run();
 
   private:
@@ -22,7 +22,7 @@ class Module {
     static int tunnel_third();
 
     bool begin();
-    bool turn();
+    bool run_once();
     void check_end();
     [[nodiscard]] bool goals_met() const;
     [[nodiscard]] bool wait() const;

@@ -1,5 +1,5 @@
-// The pause before a tunnel is started over: 1, 2, 4 ... seconds, never more than 60, each with a jitter of a quarter
-// so that a thousand devices do not come back in the same moment.
+// The pause before a tunnel is started again: 1, 2, 4 ... seconds, at most 60, each with a random jitter of up to a
+// quarter, so that a thousand devices do not reconnect at the same moment.
 #pragma once
 
 #include <chrono>

@@ -7,11 +7,11 @@ namespace module_program {
 
 void catch_signals();
 
-// asked_to_end is the number of the signal that came, 0 when none did. A second one ends the process at once.
+// asked_to_end is the number of the signal that was received, 0 for none. A second one ends the process at once.
 int asked_to_end();
 
-// MayWait marks, for its lifetime, a call of the library that can wait for the daemon without end. A signal ends such a
-// wait by shutting the link down.
+// MayWait marks, for its lifetime, a call of the library that can wait for the daemon without a time limit. A signal
+// ends such a wait by shutting down the link.
 class MayWait {
   public:
     MayWait();

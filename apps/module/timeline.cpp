@@ -1,35 +1,21 @@
 #include "timeline.h"
 
+#include <algorithm>
 #include <cstdarg>
-#include <cstdio>
+
+#include "common/text.h"
 
 namespace module_program {
 
 void Timeline::log(const char *format, ...) const {
-    const std::chrono::duration<double> since = Clock::now() - start_;
-    std::printf("%7.3f module    %-8s ", since.count(), state_);
+    constexpr size_t kStateWidth = 8;
+    std::string line = state_;
+    line.resize(std::max(line.size(), kStateWidth), ' ');
     va_list args;
     va_start(args, format);
-    std::vprintf(format, args);
+    line = common::cat(line, " ", common::format_text(format, args));
     va_end(args);
-    std::putchar('\n');
-}
-
-std::string printable(std::string_view bytes, size_t limit) {
-    constexpr std::string_view kHex = "0123456789abcdef";
-    std::string out;
-    for (const char c : bytes.substr(0, limit)) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= ' ' && byte < 0x7f) {
-            out += c;
-        } else {
-            out += "\\x";
-            out += kHex[byte >> 4];
-            out += kHex[byte & 0xf];
-        }
-    }
-    if (bytes.size() > limit) out += "...";
-    return out;
+    lines_.log("module", line);
 }
 
 }  // namespace module_program

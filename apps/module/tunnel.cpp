@@ -3,24 +3,22 @@
 #include <memory>
 #include <random>
 
+#include "common/messages.h"
+#include "common/text.h"
 #include "library_log.h"
 
 namespace module_program {
 namespace {
 
 using namespace std::chrono_literals;
+using common::Opcode;
+using common::printable;
+namespace close_status = common::close_status;
 
-constexpr uint8_t kText = 1;
-constexpr uint8_t kClose = 8;
-constexpr uint8_t kPing = 9;
-constexpr uint8_t kPong = 10;
-constexpr size_t kControlMax = 125;  // bytes in a ping, pong or close
-constexpr uint16_t kNormal = 1000;
-constexpr uint16_t kProtocolError = 1002;
 constexpr int kSendAttempts = 100;
 constexpr uint32_t kFragmentPause_us = 1000;  // lets a slow connection take one fragment before the next
 constexpr auto kCloseTime = 3s;               // for the platform's answer, or the library's timer, after a close
-constexpr uint32_t kRegistered = 2;           // state of a set-up that waits for the answer to OPT1
+constexpr uint32_t kRegistered = 2;           // state of a set-up that waits for the answer to its registration
 
 Tunnel *g_tunnel = nullptr;
 
@@ -53,6 +51,11 @@ double random_fraction() {
 }
 
 std::string_view text_of(const char *text) { return text ? text : std::string_view(); }
+
+std::string_view body_of(const cloudmgr_ws_msg &message) {
+    if (!message.body || message.length <= 0) return {};
+    return {reinterpret_cast<const char *>(message.body), static_cast<size_t>(message.length)};
+}
 
 std::string reason_text() {
     const std::string error = first_error();
@@ -110,11 +113,11 @@ void Tunnel::start() {
     enter(State::set_up);
     timeline_.log("set-up started");
     begin_attempt();
-    // A failure, of this call too, comes to failed().
+    // failed() is called for every failure, also for one of this call.
     CLOUDMGR_v3wscnct_start(options_.model.c_str(), options_.device_model.c_str(), connected, failed, received);
 }
 
-// abandon ends a set-up or a tunnel without a word to the platform; no callback tells of it.
+// abandon ends a set-up or a tunnel without a close frame. The library calls no callback for it.
 void Tunnel::abandon() {
     CLOUDMGR_v3wscnct_node_del(options_.model.c_str());
     CLOUDMGR_socket_closeByModelName(options_.model.c_str());
@@ -122,7 +125,7 @@ void Tunnel::abandon() {
     sock_ = -1;
 }
 
-// settle chooses what comes after a tunnel or a set-up has ended.
+// settle chooses the next state after a tunnel or a set-up has ended.
 void Tunnel::settle() {
     sock_ = -1;
     if (finishing_) {
@@ -138,7 +141,7 @@ void Tunnel::settle() {
 void Tunnel::step() {
     if (restart_) {
         restart_ = false;
-        timeline_.log("tunnel data have changed: starting over");
+        timeline_.log("tunnel data have changed: starting again");
         abandon();
         start();
     }
@@ -158,14 +161,14 @@ void Tunnel::finish() {
     finishing_ = true;
     restart_ = false;
     if (state_ == State::open) {
-        close(kNormal, "module ends");
+        close(close_status::kNormal, "module ends");
     } else if (state_ != State::closing) {
         if (state_ == State::set_up) abandon();
         settle();
     }
 }
 
-// What the daemon says.
+// Notifications of the daemon.
 
 Tunnel::Target Tunnel::current_target() const {
     const CLOUDTUNNEL_MODULE_NODE *node = cloudmgr_module_getmodNodeByName(options_.model.c_str());
@@ -198,8 +201,8 @@ void Tunnel::data_came() {
     }
 }
 
-// The daemon's data set the model's data type back to HTTP. A tunnel that already speaks WebSocket would take its next
-// frame for an HTTP answer.
+// Tunnel data of the daemon reset the model's data type to HTTP. A tunnel that already uses WebSocket would then parse
+// its next frame as an HTTP answer.
 void Tunnel::keep_data_type() const {
     bool websocket = state_ == State::open || state_ == State::closing;
     for (cloudtunnel_link *at = wscnctlist.link.next; !CLOUDMGR_DL_IsEndOfQ(&wscnctlist.link, at); at = at->next) {
@@ -208,7 +211,7 @@ void Tunnel::keep_data_type() const {
     }
     if (!websocket) return;
     CLOUDMGR_socket_urllist_set(options_.model.c_str(), nullptr, nullptr, CLOUDTUNNEL_DATATYPE_WS, 0);
-    timeline_.log("the tunnel stands: the data count from its next start");
+    timeline_.log("the tunnel stays: the data apply from its next start");
 }
 
 void Tunnel::model_closed() {
@@ -216,14 +219,14 @@ void Tunnel::model_closed() {
     restart_ = false;
     timeline_.log("the daemon has closed the model");
     if (state_ == State::open) {
-        close(kNormal, "closed by the daemon");
+        close(close_status::kNormal, "closed by the daemon");
     } else if (state_ == State::set_up || state_ == State::pausing) {
         if (state_ == State::set_up) abandon();
         settle();
     }
 }
 
-// The tunnel's life, as the library tells it.
+// Callbacks of the library, in the order of a tunnel's life.
 
 int Tunnel::on_connected(int sock) {
     sock_ = sock;
@@ -255,7 +258,7 @@ void Tunnel::on_failed() {
     settle();
 }
 
-// The second after a received close is over, or the close was not one that is answered.
+// The library calls this a second after a received close, or at once when it does not answer that close.
 void Tunnel::on_close_due(int sock) {
     CLOUDMGR_socket_closeBySock(sock);
     tunnels_++;
@@ -266,34 +269,38 @@ void Tunnel::on_close_due(int sock) {
 // Messages. A result of -1 makes the library close the connection and call failed().
 
 int Tunnel::on_message(const cloudmgr_ws_msg &message) {
-    const std::string_view body =
-        message.body && message.length > 0
-            ? std::string_view(reinterpret_cast<const char *>(message.body), static_cast<size_t>(message.length))
-            : std::string_view();
-    const unsigned opcode = message.opcode;
-    if (opcode == kClose) {
+    const std::string_view body = body_of(message);
+    const auto opcode = static_cast<Opcode>(message.opcode);
+    if (opcode == Opcode::close) {
         take_close(message, body);
-    } else if (state_ != State::open) {
-        return 0;  // crossed the close on its way
-    } else if (opcode <= 2) {
-        return take_data(opcode, body);
-    } else if (opcode == kPing && body.size() <= kControlMax) {
-        return answer_ping(body);
-    } else if (opcode == kPong) {
-        timeline_.log("pong received");
-    } else {
-        timeline_.log("frame refused: opcode %u, %zu bytes", opcode, body.size());
-        close(kProtocolError, "unexpected frame");
+        return 0;
     }
+    if (state_ != State::open) return 0;  // sent before the platform saw our close
+    switch (opcode) {
+        case Opcode::continuation:
+        case Opcode::text:
+        case Opcode::binary:
+            return take_data(opcode, body);
+        case Opcode::ping:
+            if (body.size() <= common::kControlMax) return answer_ping(body);
+            break;
+        case Opcode::pong:
+            timeline_.log("pong received");
+            return 0;
+        default:
+            break;
+    }
+    timeline_.log("frame refused: opcode %u, %zu bytes", unsigned{message.opcode}, body.size());
+    close(close_status::kProtocolError, "unexpected frame");
     return 0;
 }
 
-int Tunnel::take_data(unsigned opcode, std::string_view body) {
+int Tunnel::take_data(Opcode opcode, std::string_view body) {
     const Taken taken = assembly_.take(opcode, body);
     switch (taken.kind) {
         case Taken::Kind::message:
             timeline_.log("request %ld received: %s", ++requests_, printable(body).c_str());
-            return answer_request(body);
+            return send_answer(common::answer_to(body));
         case Taken::Kind::more:
             if (assembly_.fragments() == 1) {
                 timeline_.log("fragmented message begins: %zu bytes announced", assembly_.announced());
@@ -303,7 +310,7 @@ int Tunnel::take_data(unsigned opcode, std::string_view body) {
             timeline_.log("fragmented message complete: %zu bytes in %u fragments", assembly_.announced(),
                           assembly_.fragments());
             requests_++;
-            return answer_request(std::to_string(assembly_.payload().size()) + " bytes");
+            return send_answer(common::answer_to_fragments(assembly_.payload().size()));
         case Taken::Kind::refused:
             timeline_.log("frame refused: %s", taken.reason);
             close(taken.status, taken.reason);
@@ -312,9 +319,8 @@ int Tunnel::take_data(unsigned opcode, std::string_view body) {
     return 0;
 }
 
-int Tunnel::answer_request(std::string_view body) {
-    const std::string answer = "answer: " + std::string(body);
-    if (!send(kText, answer)) {
+int Tunnel::send_answer(const std::string &answer) {
+    if (!send(Opcode::text, answer)) {
         timeline_.log("answer %ld could not be sent", requests_);
         return -1;
     }
@@ -325,13 +331,13 @@ int Tunnel::answer_request(std::string_view body) {
 
 int Tunnel::answer_ping(std::string_view body) {
     timeline_.log("ping received: '%s'", printable(body).c_str());
-    if (!send(kPong, body)) return -1;
+    if (!send(Opcode::pong, body)) return -1;
     timeline_.log("ping answered");
     return 0;
 }
 
 void Tunnel::take_close(const cloudmgr_ws_msg &message, std::string_view body) {
-    if (state_ == State::closing && !close_sent_) return;  // one is enough
+    if (state_ == State::closing && !close_sent_) return;  // a second close is ignored
     unsigned status = 0;
     if (body.size() >= 2) status = static_cast<uint8_t>(body[0]) * 256U + static_cast<uint8_t>(body[1]);
     timeline_.log("close received: status %u%s", status, close_sent_ ? ", the answer to ours" : "");
@@ -342,7 +348,7 @@ void Tunnel::take_close(const cloudmgr_ws_msg &message, std::string_view body) {
     enter(State::closing);
     due_ = Clock::now() + kCloseTime;
     CLOUDMGR_ws_CloseRcv(sock_, &message, close_due);
-    if (state_ == State::closing) timeline_.log("close answered");  // else it was closed at once
+    if (state_ == State::closing) timeline_.log("close answered");  // otherwise the tunnel has ended already
 }
 
 void Tunnel::close(uint16_t status, std::string_view reason) {
@@ -353,12 +359,12 @@ void Tunnel::close(uint16_t status, std::string_view reason) {
     timeline_.log("close sent: status %u, %.*s", status, static_cast<int>(reason.size()), reason.data());
 }
 
-// The library's two cutters lose the last fragment of a body that is an exact multiple of their size; such a body goes
-// as one frame.
-bool Tunnel::send(uint8_t opcode, std::string_view body) {
+// The library's two functions for fragments lose the last fragment of a body that is an exact multiple of their size.
+// Such a body is sent as one frame.
+bool Tunnel::send(Opcode opcode, std::string_view body) {
     const OwnedMessage message(CLOUDMGR_ws_msg_create());
     if (!message) return false;
-    CLOUDMGR_ws_setoptcode(message.get(), opcode);
+    CLOUDMGR_ws_setoptcode(message.get(), static_cast<uint8_t>(opcode));
     CLOUDMGR_ws_setmask(message.get(), CLOUDMGR_ws_getMask());
     if (!body.empty() && CLOUDMGR_ws_setbody(message.get(), body.data(), static_cast<int32_t>(body.size())) != 0) {
         return false;
@@ -367,8 +373,8 @@ bool Tunnel::send(uint8_t opcode, std::string_view body) {
     if (body.size() <= fragment || body.size() % fragment == 0) {
         return CLOUDMGR_ws_send(sock_, message.get(), kSendAttempts) == 0;
     }
-    const auto cutter = fragment == 8192 ? CLOUDMGR_ws_send_byFrag : CLOUDMGR_ws_sendlarge_byFrag;
-    return cutter(sock_, message.get(), kSendAttempts, kFragmentPause_us) == 0;
+    const auto send_fragments = fragment == 8192 ? CLOUDMGR_ws_send_byFrag : CLOUDMGR_ws_sendlarge_byFrag;
+    return send_fragments(sock_, message.get(), kSendAttempts, kFragmentPause_us) == 0;
 }
 
 }  // namespace module_program

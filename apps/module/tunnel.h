@@ -1,7 +1,7 @@
 // The tunnel of one model, from the daemon's tunnel data to its end and the next start.
 //
-// The library's callbacks only note what happened or answer on the socket in hand; starting, closing for good and
-// pausing are done by step(), from the program's own loop.
+// The library's callbacks change the state and answer messages. step(), which the program's loop calls, starts a tunnel
+// when it is due and ends one that did not answer a close in time.
 #pragma once
 
 #include <cloudtunnel.h>
@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "assembly.h"
-#include "module_options.h"
+#include "options.h"
 #include "retry.h"
 #include "timeline.h"
 
@@ -23,27 +23,27 @@ class Tunnel {
         waiting,  // for tunnel data of the daemon
         pausing,  // until the next start is due
         set_up,   // from the start to the hand-off
-        open,     // handed over: the platform's messages come here
-        closing,  // a close frame was sent or answered; the connection still stands
-        ended,    // finish is through
+        open,     // after the hand-off: the platform's messages arrive here
+        closing,  // a close frame was sent or answered, and the connection still exists
+        ended,    // finish is done
     };
 
-    // There is one tunnel at a time in a process: the library's callbacks carry no argument to tell two apart.
+    // There is one tunnel at a time in a process: the library's callbacks carry no argument that could distinguish two.
     Tunnel(const Options &options, Timeline &timeline);
     ~Tunnel();
     Tunnel(const Tunnel &) = delete;
     Tunnel &operator=(const Tunnel &) = delete;
 
-    // data_came: the daemon has sent tunnel data. Meant for the module's open callback.
+    // data_came is for the module's open callback: the daemon has sent tunnel data.
     void data_came();
 
-    // model_closed: the daemon wants no tunnel of this model any more, until it sends tunnel data again.
+    // model_closed ends the tunnel: the daemon wants none for this model until it sends tunnel data again.
     void model_closed();
 
-    // step does what is due: a start, the end of a close that got no answer.
+    // step does what is due: a start, or the end of a tunnel whose close was not answered.
     void step();
 
-    // finish closes an open tunnel and starts none any more.
+    // finish closes an open tunnel; no other is started.
     void finish();
 
     // due is the next moment at which step has something to do; Clock::time_point::max() when there is none.
@@ -53,7 +53,7 @@ class Tunnel {
     [[nodiscard]] long tunnels_ended() const { return tunnels_; }  // that had been open
 
   private:
-    struct Target {  // where the daemon's data point to
+    struct Target {  // the destination in the daemon's tunnel data
         std::string host;
         std::string path;
         uint16_t port = 0;
@@ -78,12 +78,12 @@ class Tunnel {
     Target current_target() const;
     void keep_data_type() const;
 
-    int take_data(unsigned opcode, std::string_view body);
-    int answer_request(std::string_view body);
+    int take_data(common::Opcode opcode, std::string_view body);
+    int send_answer(const std::string &answer);
     int answer_ping(std::string_view body);
     void take_close(const cloudmgr_ws_msg &message, std::string_view body);
     void close(uint16_t status, std::string_view reason);
-    bool send(uint8_t opcode, std::string_view body);
+    bool send(common::Opcode opcode, std::string_view body);
 
     const Options &options_;
     Timeline &timeline_;
@@ -93,7 +93,7 @@ class Tunnel {
     Clock::time_point due_ = Clock::time_point::max();
     Target target_;         // of the tunnel that was started last
     int sock_ = -1;         // of an open or closing tunnel
-    bool restart_ = false;  // the data point elsewhere now
+    bool restart_ = false;  // the destination has changed
     bool wanted_ = false;   // the daemon wants this tunnel
     bool finishing_ = false;
     bool close_sent_ = false;

@@ -1,26 +1,39 @@
-// How the platform behaves where a real one may let a module down. It can change while the program runs.
+// How the platform behaves where a real one may fail a module. It can change while the program runs.
 #pragma once
 
 #include <string>
 #include <string_view>
+
+#include "common/options.h"
 
 namespace sim {
 
 enum class UpgradeAnswer { accept, wrong_accept, silence, close };
 enum class RegistrationAnswer { text, binary, malformed, silence, close };
 
+// The initial values stand in the table below.
 struct Behaviour {
     UpgradeAnswer upgrade = UpgradeAnswer::accept;
-    int answer_status = 101;
+    int answer_status = 0;
     RegistrationAnswer registration = RegistrationAnswer::text;
     int ret_code = 0;
-    int opt_type = 1;
+    int opt_type = 0;
     bool lenient = false;     // report a wrong upgrade request or registration, and go on
     bool mask = false;        // mask the platform's own frames
     bool any_answer = false;  // take any message as the answer to a request
 };
 
-// set_behaviour changes the behaviour called `name`. It returns an empty text, or what is wrong with name or value.
-std::string set_behaviour(Behaviour &behaviour, std::string_view name, std::string_view value);
+// The argument of a behaviour that is on or off: as an option of the command line it is a switch.
+constexpr const char *kOnOrOff = "on|off";
+
+// behaviour_options is the table of all that can be set, at the start by an option and later by the step 'set'. Names
+// are without dashes.
+std::vector<common::Option> behaviour_options(Behaviour &behaviour);
+
+// set_behaviour changes the behaviour called `name`. Throws BadInput.
+void set_behaviour(Behaviour &behaviour, std::string_view name, std::string_view value);
+
+// behaviour_names lists the names: "upgrade, answer-status, ..."
+std::string behaviour_names();
 
 }  // namespace sim

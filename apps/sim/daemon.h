@@ -23,7 +23,7 @@ class Daemon {
 
     [[nodiscard]] bool running() const { return acceptor_.is_open(); }
 
-    // has tells whether a connected module process has registered that model, or any for an empty text.
+    // has is true when a connected module process has registered that model, or any for an empty text.
     [[nodiscard]] bool has(const std::string &model) const;
 
     // notify queues a notification to every module process that registered the model; false when there is none.

@@ -10,15 +10,17 @@
 #include <string>
 #include <vector>
 
+#include "common/timeline.h"
 #include "condition.h"
 #include "daemon_wire.h"
 #include "outbox.h"
-#include "timeline.h"
 #include "tunnel_data.h"
 
 namespace sim {
 
-// What the daemon tells a link about itself; it outlives every link.
+using common::Timeline;
+
+// What every link knows of its daemon; it outlives every link.
 struct DaemonPolicy {
     const TunnelData &tunnel_data;
     bool announce = true;             // send tunnel data to every model that registers

@@ -10,7 +10,6 @@ constexpr unsigned kMask = 0x80;
 constexpr unsigned kLength = 0x7f;
 constexpr unsigned kLength16 = 126;
 constexpr unsigned kLength64 = 127;
-constexpr std::size_t kControlMax = 125;           // longest body of a close, ping or pong
 constexpr std::uint64_t kPayloadMax = 256u << 20;  // bounds the memory that a broken length can claim
 
 std::uint64_t big_endian(std::string_view bytes) {
@@ -40,7 +39,7 @@ Decoded bad(const char *fault) {
     return out;
 }
 
-// What the header's first two bytes say, and the fault in them if there is one.
+// The fields of the header's first two bytes, and the fault in them if there is one.
 struct Start {
     bool fin;
     Opcode opcode;
@@ -60,30 +59,12 @@ Start read_start(std::string_view in) {
         start.fault = "MASK bit is not set";
     else if (is_control(start.opcode) && !start.fin)
         start.fault = "control frame in fragments";
-    else if (is_control(start.opcode) && start.length_code > kControlMax)
+    else if (is_control(start.opcode) && start.length_code > common::kControlMax)
         start.fault = "control frame over 125 bytes";
     return start;
 }
 
 }  // namespace
-
-const char *opcode_name(Opcode opcode) {
-    switch (opcode) {
-        case Opcode::continuation:
-            return "continuation";
-        case Opcode::text:
-            return "text";
-        case Opcode::binary:
-            return "binary";
-        case Opcode::close:
-            return "close";
-        case Opcode::ping:
-            return "ping";
-        case Opcode::pong:
-            return "pong";
-    }
-    return nullptr;
-}
 
 Decoded decode_frame(std::string_view in, Key key) {
     if (in.size() < 2) return {};

@@ -13,12 +13,12 @@
 #include <string>
 #include <string_view>
 
+#include "common/websocket.h"
+
 namespace sim {
 
-enum class Opcode : std::uint8_t { continuation = 0, text = 1, binary = 2, close = 8, ping = 9, pong = 10 };
-
-// opcode_name is the name of a known opcode, null for all others.
-const char *opcode_name(Opcode opcode);
+using common::Opcode;
+using common::opcode_name;
 
 struct Frame {
     bool fin = true;

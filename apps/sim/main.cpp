@@ -1,16 +1,16 @@
 // cloudtunnel-sim: a simulator of the platform and the daemon. See --help.
 
 #include <csignal>
-#include <cstdio>
 #include <exception>
 
+#include "common/program.h"
 #include "runner.h"
 #include "text.h"
 
 namespace sim {
 namespace {
 
-constexpr auto kFarewellTime = std::chrono::milliseconds(300);  // for closed connections to end their coroutines
+constexpr auto kShutdownTime = std::chrono::milliseconds(300);  // for the coroutines of closed connections to end
 
 // serve runs the simulator until the steps, a signal or the end of its time stop it; it returns the status to exit
 // with.
@@ -25,7 +25,7 @@ int serve(const Options &options) {
         simulator.io.stop();
     };
     const auto cut_short = [&](const char *by) {
-        if (runner.running_steps()) complain(cat("ended by ", by, " before the last step"));
+        if (runner.running_steps()) common::complain(kProgramName, cat("ended by ", by, " before the last step"));
         simulator.timeline.log("sim", cat("ended by ", by));
         end(runner.running_steps() ? 1 : 0);
     };
@@ -45,36 +45,27 @@ int serve(const Options &options) {
     simulator.io.run();
     simulator.stop();
     simulator.io.restart();
-    const auto latest = Clock::now() + kFarewellTime;
+    const auto latest = Clock::now() + kShutdownTime;
     while (!simulator.empty() && simulator.io.run_one_until(latest) > 0) {
     }
     return status;
-}
-
-int run(const std::vector<std::string> &arguments) {
-    const Options options = parse_options(arguments);
-    if (options.help) {
-        std::fputs(help_text().c_str(), stdout);
-        return 0;
-    }
-    if (options.version) {
-        std::puts("cloudtunnel-sim " CLOUDTUNNEL_SIM_VERSION);
-        return 0;
-    }
-    return serve(options);
 }
 
 }  // namespace
 }  // namespace sim
 
 int main(int argc, char **argv) {
-    try {
-        return sim::run({argv + 1, argv + argc});
-    } catch (const sim::BadOption &bad) {
-        sim::complain(bad.what());
-        return 2;
-    } catch (const std::exception &error) {
-        sim::complain(error.what());
-        return 1;
-    }
+    sim::Options options;
+    const common::Program program = {
+        .name = sim::kProgramName,
+        .version = CLOUDTUNNEL_SIM_VERSION,
+        .options = sim::option_table(options),
+        .help = sim::help_text,
+        .run =
+            [&options] {
+                sim::check_options(options);
+                return sim::serve(options);
+            },
+    };
+    return common::run_program(program, {argv + 1, argv + argc});
 }

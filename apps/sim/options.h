@@ -2,20 +2,21 @@
 #pragma once
 
 #include <chrono>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "behaviour.h"
+#include "common/options.h"
 #include "platform.h"
 #include "step.h"
 #include "tunnel_data.h"
 
 namespace sim {
 
+constexpr std::string_view kProgramName = "cloudtunnel-sim";
+
+// The initial values stand in the table of the options.
 struct Options {
-    bool help = false;
-    bool version = false;
     bool quiet = false;
 
     bool with_platform = true;
@@ -23,25 +24,22 @@ struct Options {
     Behaviour behaviour;
 
     bool with_daemon = true;
-    std::string socket_path = "/tmp/cloudmgr_subconn.sock";  // where the library looks for its daemon
+    std::string socket_path;
     bool announce = true;
     std::vector<std::string> models;  // empty: all
     TunnelData tunnel_data;
 
     std::vector<Step> steps;  // of --do and --script, in their order on the command line
     bool stay = false;        // go on serving after the steps
-    std::chrono::seconds step_time{10};
-    std::chrono::seconds life{3600};
+    std::chrono::seconds step_time{};
+    std::chrono::seconds life{};
 };
 
-// BadOption says in one line what is wrong with the command line.
-class BadOption : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
+// option_table is the table of the options. Its setters write to `options`.
+common::OptionTable option_table(Options &options);
 
-// parse_options reads the arguments behind the program's name. Throws BadOption.
-Options parse_options(const std::vector<std::string> &arguments);
+// check_options looks at what only all options together show. Throws BadInput.
+void check_options(const Options &options);
 
 // help_text explains the program: every option, every step, and examples.
 std::string help_text();

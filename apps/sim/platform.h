@@ -9,18 +9,18 @@
 namespace sim {
 
 struct PlatformOptions {
-    std::string address = "127.0.0.1";
+    std::string address;
     std::uint16_t port = 0;  // 0: any free one
     bool plain = false;
-    int tls_min = TLS1_2_VERSION;
-    int tls_max = TLS1_3_VERSION;
+    int tls_min = 0;  // as OpenSSL numbers them
+    int tls_max = 0;
 };
 
 class Platform {
   public:
     Platform(const Context &context, const PlatformOptions &options);
 
-    // start listens and returns the port. Throws std::runtime_error when that cannot be.
+    // start listens and returns the port. Throws std::runtime_error when it cannot listen.
     std::uint16_t start();
 
     // stop closes the listener and all tunnels.
@@ -47,7 +47,7 @@ class Platform {
     PlatformOptions options_;
     asio::ssl::context tls_{asio::ssl::context::tls_server};
     tcp::acceptor acceptor_;
-    std::vector<std::shared_ptr<Tunnel>> tunnels_;  // in the order of their coming, ended ones taken out
+    std::vector<std::shared_ptr<Tunnel>> tunnels_;  // in the order of their connections, without those that ended
     int last_id_ = 0;
 };
 

@@ -2,16 +2,19 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "common/messages.h"
+#include "common/program.h"
 #include "text.h"
 
 namespace sim {
 namespace {
 
-constexpr std::size_t kFragmentSize = 8192;  // the size into which the library itself cuts
+constexpr std::size_t kFragmentSize = 8192;  // one of the two sizes of the library's own fragments
 
 class StepFailed : public std::runtime_error {
   public:
@@ -89,7 +92,7 @@ awaitable<int> Runner::run() {
         try {
             co_await carry_out(step);
         } catch (const StepFailed &failed) {
-            complain(cat("step '", printable(step.line), "' failed: ", failed.what()));
+            common::complain(kProgramName, cat("step '", printable(step.line), "' failed: ", failed.what()));
             co_return 1;
         }
     }
@@ -102,7 +105,7 @@ awaitable<void> Runner::carry_out(const Step &step) {
     for (const Row &row : kRows) {
         if (row.verb == step.verb) return (this->*row.action)(step);
     }
-    throw StepFailed("nobody carries it out");
+    throw StepFailed("the runner has no action for it");
 }
 
 awaitable<int> Runner::run_typed() {
@@ -118,13 +121,13 @@ awaitable<int> Runner::run_typed() {
         try {
             const Step step = parse_step(line);
             co_await carry_out(step);
-        } catch (const BadStep &bad) {
+        } catch (const BadInput &bad) {
             wrong = bad.what();
         } catch (const StepFailed &failed) {
             wrong = cat("step '", printable(line), "' failed: ", failed.what());
         }
         if (wrong.empty()) continue;
-        complain(wrong);
+        common::complain(kProgramName, wrong);
         if (!terminal) co_return 1;
     }
     co_return 0;
@@ -155,19 +158,19 @@ awaitable<void> Runner::read_stdin() {
 // Waiting.
 
 template <class Predicate>
-awaitable<void> Runner::wait_for(Predicate condition, std::string_view what) {
+awaitable<void> Runner::wait_for(Predicate done, std::string_view what) {
     const auto deadline = Clock::now() + step_time_;
-    while (!condition()) {
+    while (!done()) {
         if (Clock::now() >= deadline) throw StepFailed(cat("waited ", step_time_.count(), " s for ", what));
         co_await simulator_.changed.wait_until(deadline);
     }
 }
 
-// wait_on looks at the condition first: what came before the tunnel's end counts.
+// wait_on tests the predicate first: what came before the tunnel's end counts.
 template <class Predicate>
-awaitable<void> Runner::wait_on(const Tunnel &tunnel, Predicate condition, std::string_view what) {
-    co_await wait_for([&] { return condition() || tunnel.state() == Tunnel::State::ended; }, what);
-    if (!condition()) throw StepFailed(cat("the tunnel ended while waiting for ", what, ": ", tunnel.ending()));
+awaitable<void> Runner::wait_on(const Tunnel &tunnel, Predicate done, std::string_view what) {
+    co_await wait_for([&] { return done() || tunnel.state() == Tunnel::State::ended; }, what);
+    if (!done()) throw StepFailed(cat("the tunnel ended while waiting for ", what, ": ", tunnel.ending()));
 }
 
 awaitable<void> Runner::written(const Tunnel &tunnel) {
@@ -199,7 +202,7 @@ Tunnel &Runner::open_tunnel() {
 awaitable<void> Runner::use(const Step &step) {
     pinned_ = nullptr;
     if (step.text == "newest") co_return;
-    const auto id = number(step.text, 1, 2147483647L);
+    const auto id = common::parse_number(step.text, 1, INT_MAX);
     pinned_ = id ? platform().find(static_cast<int>(*id)) : platform().newest_open(step.text);
     if (!pinned_) throw StepFailed("there is no such tunnel");
 }
@@ -238,12 +241,11 @@ awaitable<void> Runner::large(const Step &step) {
 awaitable<void> Runner::fragmented(const Step &step) {
     Tunnel &on = open_tunnel();
     const auto size = static_cast<std::size_t>(step.count);
-    // The library does not show a module which fragment is the last, so the first one announces the size.
-    const std::string announcement = cat("length:", size, "\n");
-    const std::size_t cut = size > kFragmentSize ? kFragmentSize : std::max(size / 3 + 1, announcement.size());
-    const std::string answer = cat("answer: ", size, " bytes");
+    const std::string line = common::length_line(size);
+    const std::size_t cut = size > kFragmentSize ? kFragmentSize : std::max(size / 3 + 1, line.size());
+    const std::string answer = common::answer_to_fragments(size);
     on.inbox.clear();
-    on.send_fragments(announcement + sized_text(size), cut);
+    on.send_fragments(line + sized_text(size), cut);
     co_await answered(on, answer);
 }
 
@@ -254,7 +256,7 @@ awaitable<void> Runner::burst(const Step &step) {
     on.inbox.clear();
     on.send_burst(texts);
     for (const std::string &text : texts) {
-        const std::string answer = cat("answer: ", text);
+        const std::string answer = common::answer_to(text);
         co_await answered(on, answer);
     }
 }
@@ -263,11 +265,11 @@ awaitable<void> Runner::burst(const Step &step) {
 awaitable<void> Runner::exchange(Tunnel &on, Opcode opcode, const std::string &text) {
     on.inbox.clear();  // an answer comes after its request
     on.send_message(opcode, text);
-    const std::string answer = cat("answer: ", text);
+    const std::string answer = common::answer_to(text);
     co_await answered(on, answer);
 }
 
-// answered takes the next message and compares it.
+// answered waits for the next message and compares it with the wanted one.
 awaitable<void> Runner::answered(Tunnel &on, const std::string &wanted) {
     co_await wait_on(
         on, [&] { return !on.inbox.empty(); }, "the answer");
@@ -368,7 +370,7 @@ awaitable<void> Runner::daemon_stop(const Step &) {
 }
 
 awaitable<void> Runner::daemon_start(const Step &) {
-    if (daemon().running()) throw StepFailed("the daemon runs already");
+    if (daemon().running()) throw StepFailed("the daemon is already running");
     try {
         daemon().start();
     } catch (const std::runtime_error &error) {

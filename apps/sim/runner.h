@@ -3,7 +3,6 @@
 
 #include <deque>
 #include <memory>
-#include <stdexcept>
 
 #include "simulator.h"
 
@@ -58,12 +57,12 @@ class Runner {
     awaitable<void> help(const Step &step);
     awaitable<void> quit(const Step &step);
 
-    // Waiting. A condition is a lambda that captures references only, and a text is a named one: g++ 12 destroys some
-    // temporaries of a co_await expression twice.
+    // Waiting. A predicate is a lambda that captures references only, and a text is a named variable: g++ 12 destroys
+    // some temporaries of a co_await expression twice.
     template <class Predicate>
-    awaitable<void> wait_for(Predicate condition, std::string_view what);
+    awaitable<void> wait_for(Predicate done, std::string_view what);
     template <class Predicate>
-    awaitable<void> wait_on(const Tunnel &tunnel, Predicate condition, std::string_view what);
+    awaitable<void> wait_on(const Tunnel &tunnel, Predicate done, std::string_view what);
     awaitable<void> written(const Tunnel &tunnel);
     awaitable<void> pause(Clock::duration time);
 

@@ -1,10 +1,11 @@
 #include "step.h"
 
 #include <algorithm>
-#include <cctype>
+#include <charconv>
 
 #include "behaviour.h"
-#include "frame.h"
+#include "common/options.h"
+#include "common/websocket.h"
 #include "text.h"
 
 namespace sim {
@@ -23,61 +24,70 @@ enum class Form {
     hex,
 };
 
+struct Range {
+    long min = 0;
+    long max = 0;
+    long initial = 0;  // when the number is left out
+};
+
 struct Row {
     Verb verb;
     std::string_view name;
     std::string_view arguments;
     Form form;
-    long min, max, preset;  // range of the number, and its value when it is left out
     std::string_view help;
+    Range range = {};
 };
 
-constexpr long kSizeMax = 64L << 20;
-constexpr std::size_t kControlMax = 125;  // bytes in a ping; a close has two less for its reason
+constexpr Range kRequestCounts = {.min = 1, .max = 100000};
+constexpr Range kBurstCounts = {.min = 1, .max = 500};
+constexpr Range kSizes = {.min = 1, .max = 64L << 20};
+constexpr Range kStatuses = {.min = 0, .max = 65535};
+constexpr Range kStatusesOr1000 = {.min = 0, .max = 65535, .initial = 1000};
+constexpr Range kSecondsOr1 = {.min = 0, .max = 3600, .initial = 1};
+constexpr Range kMilliseconds = {.min = 0, .max = 3600000};
 
 constexpr Row kRows[] = {
-    {Verb::wait_module, "wait-module", "[MODEL]", Form::maybe_text, 0, 0, 0,
+    {Verb::wait_module, "wait-module", "[MODEL]", Form::maybe_text,
      "wait until a module process has registered MODEL, or any model, with the daemon"},
-    {Verb::wait_tunnel, "wait-tunnel", "[MODEL]", Form::maybe_text, 0, 0, 0,
+    {Verb::wait_tunnel, "wait-tunnel", "[MODEL]", Form::maybe_text,
      "wait until a tunnel of MODEL, or any, is registered with the platform"},
-    {Verb::wait_close, "wait-close", "", Form::nothing, 0, 0, 0, "wait until the tunnel last used has ended"},
-    {Verb::use, "use", "N|MODEL|newest", Form::text, 0, 0, 0,
+    {Verb::wait_close, "wait-close", "", Form::nothing, "wait until the tunnel last used has ended"},
+    {Verb::use, "use", "N|MODEL|newest", Form::text,
      "choose the tunnel for the steps that follow; without it, the newest one"},
-    {Verb::request, "request", "TEXT", Form::text, 0, 0, 0, "send TEXT, expect 'answer: TEXT'"},
-    {Verb::binary, "binary", "TEXT", Form::text, 0, 0, 0, "the same in a binary frame"},
-    {Verb::requests, "requests", "N", Form::count, 1, 100000, 0, "N requests, each after the answer to the one before"},
-    {Verb::large, "large", "SIZE", Form::count, 1, kSizeMax, 0,
-     "one frame of SIZE bytes, expect 'answer: ' and the same bytes"},
-    {Verb::fragmented, "fragmented", "SIZE", Form::count, 1, kSizeMax, 0,
-     "a text of SIZE bytes in fragments, behind a line that tells SIZE; expect 'answer: SIZE bytes'"},
-    {Verb::burst, "burst", "N", Form::count, 1, 500, 0, "N requests in one write (one TLS record), expect N answers"},
-    {Verb::ping, "ping", "[TEXT]", Form::maybe_text, 0, 0, 0, "send a ping, expect the pong with the same body"},
-    {Verb::expect, "expect", "TEXT", Form::text, 0, 0, 0, "wait for a message of the module that contains TEXT"},
-    {Verb::close, "close", "[STATUS [REASON]]", Form::maybe_status, 0, 65535, 1000,
-     "send a close (1000 without STATUS), expect its echo"},
-    {Verb::close_frame, "close-frame", "STATUS [REASON]", Form::status, 0, 65535, 0, "send a close, expect nothing"},
-    {Verb::drop, "drop", "", Form::nothing, 0, 0, 0, "reset the tunnel's TCP connection"},
-    {Verb::raw, "raw", "HEX", Form::hex, 0, 0, 0, "send these bytes as they are, in place of a frame"},
-    {Verb::tunnel, "tunnel", "MODEL", Form::text, 0, 0, 0, "the daemon sends MODEL its tunnel data (sub-type 1)"},
-    {Verb::closed, "closed", "MODEL", Form::text, 0, 0, 0, "the daemon tells MODEL its tunnel closed (sub-type 2)"},
-    {Verb::third, "third", "MODEL", Form::text, 0, 0, 0, "the daemon sends MODEL the notice of sub-type 3"},
-    {Verb::daemon_stop, "daemon stop", "", Form::nothing, 0, 0, 0, "the daemon goes away: links and socket close"},
-    {Verb::daemon_start, "daemon start", "", Form::nothing, 0, 0, 0, "the daemon is back"},
-    {Verb::daemon_restart, "daemon restart", "[SECONDS]", Form::maybe_count, 0, 3600, 1,
-     "both, SECONDS apart (1 when left out)"},
-    {Verb::set, "set", "NAME VALUE", Form::setting, 0, 0, 0,
-     "change upgrade, answer-status, opt1, ret-code, opt-type, lenient, mask or any-answer"},
-    {Verb::sleep, "sleep", "MS", Form::count, 0, 3600000, 0, "do nothing for MS milliseconds"},
-    {Verb::status, "status", "", Form::nothing, 0, 0, 0, "show listeners, links and tunnels"},
-    {Verb::help, "help", "", Form::nothing, 0, 0, 0, "show this list"},
-    {Verb::quit, "quit", "", Form::nothing, 0, 0, 0, "end the program with status 0"},
+    {Verb::request, "request", "TEXT", Form::text, "send TEXT, expect 'answer: TEXT'"},
+    {Verb::binary, "binary", "TEXT", Form::text, "the same in a binary frame"},
+    {Verb::requests, "requests", "N", Form::count, "N requests, each after the answer to the one before",
+     kRequestCounts},
+    {Verb::large, "large", "SIZE", Form::count, "one frame of SIZE bytes, expect 'answer: ' and the same bytes",
+     kSizes},
+    {Verb::fragmented, "fragmented", "SIZE", Form::count,
+     "a text of SIZE bytes in fragments, behind a line with SIZE; expect 'answer: SIZE bytes'", kSizes},
+    {Verb::burst, "burst", "N", Form::count, "N requests in one write (one TLS record), expect N answers",
+     kBurstCounts},
+    {Verb::ping, "ping", "[TEXT]", Form::maybe_text, "send a ping, expect the pong with the same body"},
+    {Verb::expect, "expect", "TEXT", Form::text, "wait for a message of the module that contains TEXT"},
+    {Verb::close, "close", "[STATUS [REASON]]", Form::maybe_status,
+     "send a close (1000 without STATUS), expect its echo", kStatusesOr1000},
+    {Verb::close_frame, "close-frame", "STATUS [REASON]", Form::status, "send a close, expect nothing", kStatuses},
+    {Verb::drop, "drop", "", Form::nothing, "reset the tunnel's TCP connection"},
+    {Verb::raw, "raw", "HEX", Form::hex, "send these bytes as they are, in place of a frame"},
+    {Verb::tunnel, "tunnel", "MODEL", Form::text, "the daemon sends MODEL its tunnel data (sub-type 1)"},
+    {Verb::closed, "closed", "MODEL", Form::text,
+     "the daemon sends MODEL the notice that its tunnel closed (sub-type 2)"},
+    {Verb::third, "third", "MODEL", Form::text, "the daemon sends MODEL the notice of sub-type 3"},
+    {Verb::daemon_stop, "daemon stop", "", Form::nothing, "the daemon closes its links and its socket"},
+    {Verb::daemon_start, "daemon start", "", Form::nothing, "the daemon listens again"},
+    {Verb::daemon_restart, "daemon restart", "[SECONDS]", Form::maybe_count, "both, SECONDS apart (1 if left out)",
+     kSecondsOr1},
+    {Verb::set, "set", "NAME VALUE", Form::setting, "set one of "},
+    {Verb::sleep, "sleep", "MS", Form::count, "do nothing for MS milliseconds", kMilliseconds},
+    {Verb::status, "status", "", Form::nothing, "show listeners, links and tunnels"},
+    {Verb::help, "help", "", Form::nothing, "show this list"},
+    {Verb::quit, "quit", "", Form::nothing, "end the program with status 0"},
 };
 
-[[noreturn]] void fail(const Step &step, std::string_view why) {
-    throw BadStep(cat("bad step '", printable(step.line), "': ", why));
-}
-
-// The row whose name, of one or two words, begins the line; `rest` becomes what follows it.
+// find_row finds the row whose name, of one or two words, begins the line, and sets `rest` to what follows the name.
 const Row *find_row(std::string_view line, std::string_view &rest) {
     for (const Row &row : kRows) {
         if (!line.starts_with(row.name)) continue;
@@ -90,35 +100,48 @@ const Row *find_row(std::string_view line, std::string_view &rest) {
     return nullptr;
 }
 
-void read_count(Step &step, const Row &row, std::string_view word) {
-    const auto count = number(word, row.min, row.max);
-    if (!count) fail(step, cat("'", printable(word), "' is not a number from ", row.min, " to ", row.max));
-    step.count = *count;
+long read_count(const Row &row, std::string_view word) {
+    return common::read_number(word, row.range.min, row.range.max);
 }
 
-std::string from_hex(const Step &step, std::string_view text) {
+// Blanks may stand between the digits.
+std::string from_hex(std::string_view text) {
+    std::string digits(text);
+    std::erase(digits, ' ');
+    if (digits.empty() || digits.size() % 2 != 0) throw BadInput("expected pairs of hexadecimal digits");
     std::string out;
-    int nibbles = 0;
-    unsigned byte = 0;
-    for (const char c : text) {
-        if (c == ' ') continue;
-        if (!std::isxdigit(static_cast<unsigned char>(c))) fail(step, "expected pairs of hexadecimal digits");
-        const unsigned digit = static_cast<unsigned>(c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10);
-        byte = byte << 4 | digit;
-        if (++nibbles % 2 == 0) out += static_cast<char>(byte & 0xff);
+    for (auto at = digits.begin(); at != digits.end(); at += 2) {
+        unsigned char byte = 0;
+        const auto [stop, error] = std::from_chars(&*at, &*at + 2, byte, 16);
+        if (error != std::errc() || stop != &*at + 2) throw BadInput("expected pairs of hexadecimal digits");
+        out += static_cast<char>(byte);
     }
-    if (nibbles == 0 || nibbles % 2 != 0) fail(step, "expected pairs of hexadecimal digits");
     return out;
 }
 
+bool takes_nothing(Form form) {
+    return form == Form::nothing || form == Form::maybe_text || form == Form::maybe_count || form == Form::maybe_status;
+}
+
+void read_status(Step &step, const Row &row, std::string_view rest) {
+    if (!rest.empty()) step.count = read_count(row, first_word(rest));
+    if (rest.size() > common::kCloseReasonMax) throw BadInput("a close holds at most 123 bytes of reason");
+    step.text = rest;
+}
+
+void read_setting(Step &step, std::string_view rest) {
+    step.text = first_word(rest);
+    step.value = rest;
+    Behaviour checked;
+    set_behaviour(checked, step.text, step.value);
+}
+
 void read_arguments(Step &step, const Row &row, std::string_view rest) {
-    const bool optional = row.form == Form::maybe_text || row.form == Form::maybe_count ||
-                          row.form == Form::maybe_status || row.form == Form::nothing;
-    if (rest.empty() && !optional) fail(step, cat("expected ", row.name, " ", row.arguments));
-    step.count = row.preset;
+    if (rest.empty() && !takes_nothing(row.form)) throw BadInput(cat("expected ", row.name, " ", row.arguments));
+    step.count = row.range.initial;
     switch (row.form) {
         case Form::nothing:
-            if (!rest.empty()) fail(step, cat(row.name, " takes no argument"));
+            if (!rest.empty()) throw BadInput(cat(row.name, " takes no argument"));
             break;
         case Form::text:
         case Form::maybe_text:
@@ -126,26 +149,21 @@ void read_arguments(Step &step, const Row &row, std::string_view rest) {
             break;
         case Form::count:
         case Form::maybe_count:
-            if (!rest.empty()) read_count(step, row, rest);
+            if (!rest.empty()) step.count = read_count(row, rest);
             break;
         case Form::status:
         case Form::maybe_status:
-            if (!rest.empty()) read_count(step, row, first_word(rest));
-            if (rest.size() > kControlMax - 2) fail(step, "a close holds at most 123 bytes of reason");
-            step.text = rest;
+            read_status(step, row, rest);
             break;
-        case Form::setting: {
-            step.text = first_word(rest);
-            step.value = rest;
-            Behaviour scratch;
-            if (const std::string wrong = set_behaviour(scratch, step.text, step.value); !wrong.empty()) {
-                fail(step, wrong);
-            }
+        case Form::setting:
+            read_setting(step, rest);
             break;
-        }
         case Form::hex:
-            step.text = from_hex(step, rest);
+            step.text = from_hex(rest);
             break;
+    }
+    if (row.verb == Verb::ping && step.text.size() > common::kControlMax) {
+        throw BadInput("a ping holds at most 125 bytes");
     }
 }
 
@@ -154,12 +172,15 @@ void read_arguments(Step &step, const Row &row, std::string_view rest) {
 Step parse_step(std::string_view line) {
     Step step;
     step.line = trim(line);
-    std::string_view rest;
-    const Row *row = find_row(step.line, rest);
-    if (!row) fail(step, "no such step; 'help' lists all");
-    step.verb = row->verb;
-    read_arguments(step, *row, rest);
-    if (row->verb == Verb::ping && step.text.size() > kControlMax) fail(step, "a ping holds at most 125 bytes");
+    try {
+        std::string_view rest;
+        const Row *row = find_row(step.line, rest);
+        if (!row) throw BadInput("no such step; 'help' lists all");
+        step.verb = row->verb;
+        read_arguments(step, *row, rest);
+    } catch (const BadInput &bad) {
+        throw BadInput(cat("bad step '", printable(step.line), "': ", bad.what()));
+    }
     return step;
 }
 
@@ -172,8 +193,8 @@ std::vector<Step> parse_script(std::string_view text) {
         if (line.empty() || line.front() == '#') continue;
         try {
             steps.push_back(parse_step(line));
-        } catch (const BadStep &bad) {
-            throw BadStep(cat("line ", line_number, ": ", bad.what()));
+        } catch (const BadInput &bad) {
+            throw BadInput(cat("line ", line_number, ": ", bad.what()));
         }
     }
     return steps;
@@ -182,9 +203,8 @@ std::vector<Step> parse_script(std::string_view text) {
 std::string step_help() {
     std::string out;
     for (const Row &row : kRows) {
-        std::string left = cat("  ", row.name, row.arguments.empty() ? "" : " ", row.arguments);
-        left.resize(std::max<std::size_t>(left.size() + 1, 30), ' ');
-        out += cat(left, row.help, "\n");
+        const std::string names = row.verb == Verb::set ? behaviour_names() : "";
+        out += common::help_row(row.name, row.arguments, cat(row.help, names));
     }
     return out;
 }

@@ -1,7 +1,6 @@
 // One step of a script: a line such as "request hello", read and checked before anything runs.
 #pragma once
 
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,16 +25,11 @@ struct Step {
     long count = 0;     // the argument that is a number, or its default
 };
 
-// BadStep says in one line what is wrong with a step.
-class BadStep : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
-// parse_step reads one line. Throws BadStep.
+// parse_step reads one line. Throws BadInput.
 Step parse_step(std::string_view line);
 
-// parse_script reads many: empty lines and those that begin with '#' are left out. Throws BadStep with the line number.
+// parse_script reads many: empty lines and those that begin with '#' are left out. Throws BadInput with the line
+// number.
 std::vector<Step> parse_script(std::string_view text);
 
 // step_help explains all steps, one a line.

@@ -18,7 +18,6 @@ constexpr auto kKeyTime = 500ms;       // a key that has not come by then was le
 constexpr auto kModuleCloseTime = 3s;  // the library's close handler runs a second after the echo
 constexpr auto kFinishTime = 1s;       // for the peer's TLS close alert
 constexpr std::size_t kRequestMax = 65535;
-constexpr std::uint16_t kProtocolError = 1002;
 
 std::string show(const CloseBody &body) {
     if (!body.status) return "no status";
@@ -36,7 +35,7 @@ std::string reason_of(const system_error &error) {
 
 }  // namespace
 
-const char *state_name(Tunnel::State state) {
+static const char *state_name(Tunnel::State state) {
     switch (state) {
         case Tunnel::State::connecting:
             return "connecting";
@@ -74,7 +73,7 @@ std::string Tunnel::describe() const {
                state_name(state_));
 }
 
-// The road of one tunnel.
+// From the connection to its end.
 
 awaitable<void> Tunnel::run() {
     const auto self = shared_from_this();
@@ -108,7 +107,7 @@ awaitable<void> Tunnel::open() {
                 co_await self->outbox_.run([&](const std::string &bytes) { return self->stream_.write(bytes); });
                 co_await self->stream_.finish();
             } catch (const system_error &) {
-                // The reader meets the same broken stream and tells why.
+                // The reader fails on the same stream and reports why.
             }
             self->stream_.close();
         },
@@ -315,7 +314,7 @@ void Tunnel::on_close(const Frame &frame) {
 void Tunnel::protocol_error(const std::string &why) {
     log(cat("protocol error: ", why));
     if (ending_.empty()) ending_ = cat("protocol error: ", why);
-    if (!close_sent_) send_close({.status = kProtocolError, .reason = why});
+    if (!close_sent_) send_close({.status = common::close_status::kProtocolError, .reason = why});
     outbox_.close();
     finish_within(kFinishTime);
 }

@@ -9,13 +9,15 @@
 #include <optional>
 
 #include "behaviour.h"
+#include "common/timeline.h"
 #include "frame.h"
 #include "outbox.h"
 #include "stream.h"
-#include "timeline.h"
 #include "tunnel_data.h"
 
 namespace sim {
+
+using common::Timeline;
 
 // The parts of the simulator that a tunnel uses; all of them outlive every tunnel.
 struct Context {
@@ -105,8 +107,5 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     std::optional<CloseBody> close_received_;
     std::string ending_;  // why it ended; the first reason stays
 };
-
-// state_name is the state in words.
-const char *state_name(Tunnel::State state);
 
 }  // namespace sim

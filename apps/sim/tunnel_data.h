@@ -14,12 +14,12 @@ struct LastDown {
 };
 
 struct TunnelData {
-    std::string host = "127.0.0.1";  // as text: the library resolves it and takes the first address, which must be IPv4
-    std::string path = "/tunnel";
+    std::string host;  // the library resolves it and uses the first address, which must be IPv4
+    std::string path;
     std::uint16_t port = 0;
-    std::string token = "desk-token";
-    std::string cookie = "desk-cookie=1";
-    std::uint32_t tunnel_value = 1;
+    std::string token;
+    std::string cookie;
+    std::uint32_t tunnel_value = 0;
     LastDown last_down;
 };
 

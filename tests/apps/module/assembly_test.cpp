@@ -9,9 +9,9 @@ namespace {
 using module_program::Assembly;
 using module_program::Taken;
 
-constexpr unsigned kContinuation = 0;
-constexpr unsigned kText = 1;
-constexpr unsigned kBinary = 2;
+constexpr auto kContinuation = common::Opcode::continuation;
+constexpr auto kText = common::Opcode::text;
+constexpr auto kBinary = common::Opcode::binary;
 
 TEST(Assembly, a_frame_without_an_announcement_is_a_message) {
     Assembly assembly(100);

@@ -27,14 +27,14 @@ check 0 '^Usage: cloudtunnel-module' --help
 check 0 '^cloudtunnel-module [0-9]' --version
 check 2 "unknown option '--nonsense'" --nonsense
 check 2 "unknown option 'word'" word
-check 2 '--model needs a value' --model
-check 2 'has 32 characters: more than 31' --model 12345678901234567890123456789012
-check 2 'has 32 characters: more than 31' --sub-name=12345678901234567890123456789012
-check 2 '--model is empty' --model ''
-check 2 "--log-level '10' is not a number from 0 to 9" --log-level 10
-check 2 "--exchanges '0' is not a number" --exchanges 0
-check 2 "--seconds '1s' is not a number" --seconds 1s
-check 2 "--fragment-size '5' is neither 8192 nor 16000" --fragment-size 5
-check 2 "--max-message '1' is not a number" --max-message 1
+check 2 '--model needs a value: --model NAME' --model
+check 2 'has 32 bytes, at most 31 fit' --model 12345678901234567890123456789012
+check 2 'has 32 bytes, at most 31 fit' --sub-name=12345678901234567890123456789012
+check 2 '--model: the text is empty' --model ''
+check 2 "--log-level: '10' is not a number from 0 to 9" --log-level 10
+check 2 "--exchanges: '0' is not a number" --exchanges 0
+check 2 "--seconds: '1s' is not a number" --seconds 1s
+check 2 "--fragment-size: '5' is neither 8192 nor 16000" --fragment-size 5
+check 2 "--max-message: '1' is not a number" --max-message 1
 check 1 'the log file cannot be opened' --log /nowhere/module.log
 [ $failures -eq 0 ]

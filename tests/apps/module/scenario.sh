@@ -76,7 +76,7 @@ stop_program() {
     program_ends 0
 }
 
-# missing TEXT...: each text stands in the module's timeline behind the one before it; else prints the first that does not.
+# missing TEXT...: prints the first text that is not in the module's timeline behind the one before it.
 missing() {
     local line=0 found text
     for text in "$@"; do
@@ -87,12 +87,13 @@ missing() {
         line=$((line + ${found%%:*}))
     done
 }
+# expect_timeline TEXT...: the texts stand in the timeline in this order.
 expect_timeline() {
     local text
     text=$(missing "$@")
     [ -z "$text" ] || fail "'$text' is missing in the timeline, or not in its place"
 }
-# await_timeline TEXT...: the same, once it is so, ten seconds at most.
+# await_timeline TEXT...: waits for that, ten seconds at most.
 await_timeline() {
     for _ in $(seq 200); do
         [ -n "$(missing "$@")" ] || return
@@ -151,7 +152,7 @@ refused_then_accepted() {
     expect_timeline "${refusals[@]}" 'hand-off' 'answer 1 sent'
 }
 
-# A reset takes with it what the module has not read yet: it comes after the module has spoken.
+# A reset discards what the module has not read yet, so it comes after the module has logged the hand-off.
 lost() {
     start_sim --stay wait-tunnel
     start_module
@@ -177,7 +178,7 @@ close_now() {
     sim_ends
     stop_program
     expect_timeline 'close received: status 3000' 'tunnel closed' 'next start in' 'hand-off'
-    ! grep -q 'close answered' "$work/program" || fail 'a close that is not answered was said to be'
+    ! grep -q 'close answered' "$work/program" || fail 'a close was logged as answered that was not'
 }
 
 close_twice() {
@@ -218,7 +219,7 @@ end_by_signal() {
 
 # The daemon's data come while the tunnel is open, and while it is being set up.
 same_data_again() {
-    local story=('hand-off' 'the tunnel stands' 'answer 1 sent' 'OPT1: registration sent' 'the tunnel stands')
+    local story=('hand-off' 'the tunnel stays' 'answer 1 sent' 'OPT1: registration sent' 'the tunnel stays')
     start_sim --stay wait-tunnel 'tunnel desk' 'request hello' 'set opt1 silence' 'close' wait-close
     start_module
     await_timeline "${story[@]:0:4}"
@@ -238,7 +239,8 @@ closed_by_daemon() {
         'waiting for tunnel data' "the daemon's third notice" 'hand-off' 'answer 1 sent'
 }
 
-# The daemon takes the link and never answers the registration: the library waits, a signal must end it all the same.
+# The daemon accepts the link and never answers the registration. The library waits, and a signal must still end the
+# program.
 silent_daemon() {
     start_sim
     kill -STOP "$sim_pid"
@@ -256,7 +258,7 @@ no_daemon() {
         'cloudtunnel-module: a goal was not met within --seconds' ] || fail 'the reason is missing'
 }
 
-# The C example does the same in its own few lines.
+# The C example does the same.
 example() {
     start_sim wait-tunnel 'request hello' 'fragmented 20000' 'ping hello' 'tunnel base' 'request once more' 'close 1000 bye' \
         wait-close wait-tunnel 'request again'

@@ -32,7 +32,7 @@ class Wire {
     // read_all returns exactly `size` bytes, or fewer when no more come.
     std::string read_all(size_t size);
 
-    // was_reset tells whether the last read ended with a TCP reset.
+    // was_reset is true when the last read ended with a TCP reset.
     [[nodiscard]] bool was_reset() const { return reset_; }
 
     void close();

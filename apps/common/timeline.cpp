@@ -1,0 +1,18 @@
+#include "common/timeline.h"
+
+#include <cstdio>
+
+namespace common {
+
+void Timeline::log(std::string_view source, std::string_view what) const {
+    if (!quiet_) show(source, what);
+}
+
+void Timeline::show(std::string_view source, std::string_view what) const {
+    const std::chrono::duration<double> since = std::chrono::steady_clock::now() - start_;
+    std::printf("%7.3f %-9.*s %.*s\n", since.count(), static_cast<int>(source.size()), source.data(),
+                static_cast<int>(what.size()), what.data());
+    std::fflush(stdout);
+}
+
+}  // namespace common

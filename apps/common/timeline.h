@@ -1,0 +1,25 @@
+// The timeline on standard output: one line an event, with the seconds since start and its source.
+#pragma once
+
+#include <chrono>
+#include <string_view>
+
+namespace common {
+
+class Timeline {
+  public:
+    explicit Timeline(bool quiet = false) : quiet_(quiet) {}
+
+    // log prints one line and flushes it, so that a reader behind a pipe sees it at once. A quiet timeline prints
+    // nothing.
+    void log(std::string_view source, std::string_view what) const;
+
+    // show prints the line even when quiet: the user has asked for it.
+    void show(std::string_view source, std::string_view what) const;
+
+  private:
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    bool quiet_;
+};
+
+}  // namespace common
