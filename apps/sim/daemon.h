@@ -14,7 +14,7 @@ class Daemon {
   public:
     Daemon(asio::io_context &io, const Timeline &timeline, Condition &changed, DaemonPolicy policy, std::string path);
 
-    // start listens. A socket file that nobody listens on is taken away first. Throws std::runtime_error when the
+    // start listens. A socket file on which no process listens is removed first. Throws std::runtime_error when the
     // daemon cannot listen.
     void start();
 

@@ -11,7 +11,7 @@ namespace {
 
 constexpr auto kQuiet = std::chrono::milliseconds(100);
 
-// A field need not end in a zero byte when a client is broken.
+// A faulty client may leave out the zero byte at the end.
 template <std::size_t N>
 std::string field_text(const char (&field)[N]) {
     return std::string(field, strnlen(field, N));
@@ -37,6 +37,12 @@ const char *notice_name(Notice notice) {
             return "third notice";
     }
     return "";
+}
+
+std::string reason_of(const error_code &error) {
+    if (error == asio::error::eof) return "closed by the module process";
+    if (error == asio::error::operation_aborted) return "closed by the daemon";
+    return cat("broken: ", error.message());
 }
 
 }  // namespace
@@ -75,22 +81,18 @@ awaitable<void> DaemonLink::run() {
                     co_await asio::async_write(self->socket_, asio::buffer(bytes), use_awaitable);
                 });
             } catch (const system_error &) {
-                // The reader meets the same broken link.
+                // The reader fails on the same link and reports why.
             }
         },
         asio::detached);
     co_spawn(
         io_, [self] { return self->send_notifications(); }, asio::detached);
 
-    std::string why = "closed by the module process";
+    std::string why = "closed: no registration, the bytes are of another kind";
     try {
         co_await read_registrations();
-        why = "closed: no registration, the bytes are of another kind";
     } catch (const system_error &error) {
-        if (error.code() == asio::error::operation_aborted)
-            why = "closed by the daemon";
-        else if (error.code() != asio::error::eof)
-            why = cat("broken: ", error.code().message());
+        why = reason_of(error.code());
     }
     log(cat("link ", id_, " ", why));
     close_now();
@@ -132,7 +134,7 @@ void DaemonLink::on_registration(const WireRegistration &registration) {
     outbox_.post(bytes_of(WireReply{}));
     last_traffic_ = Clock::now();
 
-    // The library announces all its modules again with each new one; only the first time is news.
+    // The library registers all its modules again with each new one; only the first time counts.
     if (!model.empty() && has(model)) return;
     models_.push_back(model);
     changed_.notify();

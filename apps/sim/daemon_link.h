@@ -1,8 +1,8 @@
 // One module process on the daemon's socket.
 //
-// The library waits for a reply after each registration, takes the next bytes for it whatever they are, and later takes
-// all that one read yields for one notification. So a reply goes out at once, and a notification only after the link
-// was quiet for a while: they never meet in one read, and no notification falls into a wait for a reply.
+// After each registration the library takes the next bytes for the reply, whatever they are. At any other time it takes
+// everything that one read yields for one notification. So a reply is sent at once, and a notification only after the
+// link was quiet for a while: one read never yields both, and no notification arrives where a reply is expected.
 #pragma once
 
 #include <deque>

@@ -14,7 +14,7 @@ enum class Notice : std::uint32_t { tunnel_data = 1, closed = 2, third = 3 };
 struct WireHeader {
     std::uint32_t type = 0;
     std::uint32_t zero1 = 0;
-    std::uint32_t notice = 0;  // a Notice; 0 in all that is no notification
+    std::uint32_t notice = 0;  // a Notice; 0 in the other records
     std::uint32_t zero2 = 0;
 };
 
@@ -26,18 +26,18 @@ struct WireRegistration {
     char sub_name[32] = "";
 };
 
-// Daemon to module, once for each registration. The library reads it and throws it away, or, when it comes at another
-// time, takes it for a message: the type is one that it passes over in silence.
+// Daemon to module, once for each registration. The library reads and discards it. At any other time it would take it
+// for a message, whose type it ignores.
 struct WireReply {
     WireHeader header = {.type = kRegistrationType};
     char zero[116] = "";
 };
 
-// Daemon to module. The library takes all that one read yields for one message, so there is no length in it.
+// Daemon to module. It has no length: the library takes everything that one read yields for one message.
 struct WireNotification {
     WireHeader header = {.type = kNotificationType};
     char model[32] = "";
-    // The rest matters for Notice::tunnel_data only.
+    // The rest is used with Notice::tunnel_data only.
     char host[128] = "";
     char path[128] = "";
     std::uint32_t tunnel_value = 0;

@@ -1,9 +1,9 @@
 // WebSocket frames as the two ends of a tunnel write them.
 //
-// The platform writes RFC 6455. The library reads that and writes a dialect of its own:
+// The platform's frames follow RFC 6455. The library reads these and writes a dialect of its own:
 //   - a payload over 65535 bytes has length code 127, its length as 32 bits in bytes 2 to 5, and zeros in bytes 6 to 9;
-//   - the MASK bit is always set, also on a message that has no mask key. Then no key follows: the payload starts
-//     where the key would stand. The library's own close message is such a frame, a module may send others.
+//   - the MASK bit is always set, also on a message that has no mask key. Then no key follows, and the payload begins
+//     in its place. The library's own close message is such a frame; a module may send others.
 #pragma once
 
 #include <array>
@@ -37,9 +37,9 @@ struct Decoded {
     Frame frame;
 };
 
-// decode_frame reads the library's dialect from the front of `in`. Whether a key follows the header cannot be seen in
-// the frame. Asked with Key::follows and given exactly the bytes of a frame without one, it answers only_key_missing:
-// more bytes may be on their way, or the frame is to be read with Key::left_out.
+// decode_frame reads the library's dialect from the front of `in`. The frame does not show whether a key follows its
+// header. With Key::follows and exactly the bytes of a frame without a key, the result is only_key_missing: either more
+// bytes will arrive, or the frame must be read with Key::left_out.
 Decoded decode_frame(std::string_view in, Key key);
 
 // encode_frame writes RFC 6455, masked with `mask` when there is one.

@@ -1,4 +1,4 @@
-// OPT1: the JSON text with which a tunnel registers, and the platform's answer to it.
+// OPT1: the JSON text with which a tunnel registers, and the platform's answer.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// The bytes of one tunnel, over TLS or plain; the rest of the platform does not care which.
+// The bytes of one tunnel, over TLS or plain TCP, behind one interface.
 #pragma once
 
 #include <string>
@@ -24,8 +24,8 @@ class Stream {
     // write sends everything; over TLS one call with up to 16 KiB makes one record.
     awaitable<void> write(std::string_view bytes);
 
-    // finish ends the stream politely: the TLS close alert, then the end of the TCP stream. It waits for the peer's own
-    // alert, so the caller bounds it with close.
+    // finish sends the TLS close alert and then the end of the TCP stream. It waits for the peer's own alert; the
+    // caller limits that wait with close.
     awaitable<void> finish();
 
     // close ends it at once. reset does too, and lets the peer see a TCP reset in place of an end.

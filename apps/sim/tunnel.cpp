@@ -13,8 +13,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kSetUpTime = 60s;       // longer than the library waits for any step, so that its time-outs show
-constexpr auto kKeyTime = 500ms;       // a key that has not come by then was left out
+constexpr auto kSetUpTime = 60s;       // longer than any time-out of the library, so that those come first
+constexpr auto kKeyTime = 500ms;       // a mask key that has not arrived by then was left out
 constexpr auto kModuleCloseTime = 3s;  // the library's close handler runs a second after the echo
 constexpr auto kFinishTime = 1s;       // for the peer's TLS close alert
 constexpr std::size_t kRequestMax = 65535;
@@ -60,7 +60,8 @@ Tunnel::Tunnel(const Context &context, Stream stream, int id)
       id_(id) {}
 
 void Tunnel::log(std::string_view what) const {
-    context_.timeline.log(cat("tunnel ", id_), model_.empty() ? std::string(what) : cat("[", model_, "] ", what));
+    context_.timeline.log(cat("tunnel ", id_),
+                          model_.empty() ? std::string(what) : cat("[", printable(model_), "] ", what));
 }
 
 void Tunnel::become(State state) {
@@ -69,7 +70,7 @@ void Tunnel::become(State state) {
 }
 
 std::string Tunnel::describe() const {
-    return cat("tunnel ", id_, ": model ", model_.empty() ? "unknown" : cat("'", model_, "'"), ", ",
+    return cat("tunnel ", id_, ": model ", model_.empty() ? "unknown" : cat("'", printable(model_), "'"), ", ",
                state_name(state_));
 }
 
@@ -130,35 +131,53 @@ awaitable<std::string> Tunnel::read_request() {
     }
 }
 
+// report_check logs the result of a check and returns true when it found no problem.
+bool Tunnel::report_check(std::string_view what, const std::vector<std::string> &problems) const {
+    for (const std::string &problem : problems) log(cat(what, " failed its check: ", problem));
+    return problems.empty();
+}
+
+// answer_by_closing ends the connection where the module waits for an answer.
+void Tunnel::answer_by_closing(std::string_view what) {
+    log(cat(what, " answered by closing the connection"));
+    ending_ = "connection closed by the platform";
+    outbox_.close();
+}
+
+// await_close gives the module time to close the connection.
+void Tunnel::await_close() {
+    become(State::closing);
+    finish_within(kModuleCloseTime);
+}
+
 void Tunnel::answer_upgrade(const std::string &text) {
     const UpgradeRequest request = parse_upgrade(text);
     const Behaviour &behaviour = context_.behaviour;
     log(cat("upgrade request: ", printable(request.line), ", Host ", printable(request.header("Host"))));
-    const auto problems = check_upgrade(request, context_.tunnel_data);
-    for (const std::string &problem : problems) log(cat("upgrade request failed its check: ", problem));
-    if (problems.empty()) log("upgrade request checked: as expected");
+    const bool good = report_check("upgrade request", check_upgrade(request, context_.tunnel_data));
+    if (good) log("upgrade request checked: as expected");
+    if (!good && !behaviour.lenient) return send_upgrade_answer(request, 400);
 
-    int status = behaviour.answer_status;
-    if (!problems.empty() && !behaviour.lenient) {
-        status = 400;
-    } else if (behaviour.upgrade == UpgradeAnswer::silence) {
-        log("upgrade left without an answer");
-        return;
-    } else if (behaviour.upgrade == UpgradeAnswer::close) {
-        log("upgrade answered by closing the connection");
-        ending_ = "connection closed by the platform";
-        outbox_.close();
-        return;
+    switch (behaviour.upgrade) {
+        case UpgradeAnswer::silence:
+            return log("upgrade left without an answer");
+        case UpgradeAnswer::close:
+            return answer_by_closing("upgrade");
+        case UpgradeAnswer::accept:
+        case UpgradeAnswer::wrong_accept:
+            return send_upgrade_answer(request, behaviour.answer_status);
     }
-    const bool wrong = behaviour.upgrade == UpgradeAnswer::wrong_accept;
+}
+
+void Tunnel::send_upgrade_answer(const UpgradeRequest &request, int status) {
+    const bool wrong = context_.behaviour.upgrade == UpgradeAnswer::wrong_accept;
     const std::string accept = accept_for(cat(wrong ? "wrong" : "", request.header("Sec-WebSocket-Key")));
     outbox_.post(upgrade_answer(status, accept));
     log(cat("upgrade answered: ", status_text(status), wrong ? ", with a wrong accept" : ""));
     if (status == 101) {
         become(State::registering);
     } else {
-        become(State::closing);
-        finish_within(kModuleCloseTime);
+        await_close();
     }
 }
 
@@ -175,7 +194,7 @@ awaitable<void> Tunnel::read_frames() {
     }
 }
 
-// drain handles every whole frame in hand; true when no byte is left.
+// drain handles every complete frame that was read; true when no byte is left.
 bool Tunnel::drain(Key key) {
     while (!in_.empty() && state_ != State::ended) {
         Decoded decoded = decode_frame(in_, key);
@@ -227,53 +246,46 @@ void Tunnel::on_frame(Frame frame) {
 }
 
 void Tunnel::on_registration(const Frame &frame) {
-    const Behaviour &behaviour = context_.behaviour;
     if (frame.opcode != Opcode::text || !frame.fin) {
         protocol_error(cat("expected OPT1 as one text frame, got a ", opcode_name(frame.opcode), " frame"));
         return;
     }
     const Registration registration = check_registration(frame.payload, context_.tunnel_data);
-    model_ = printable(registration.model);
+    model_ = registration.model;
     log(cat("OPT1 received: ", printable(frame.payload, 1000)));
-    for (const std::string &problem : registration.problems) log(cat("OPT1 failed its check: ", problem));
-    const bool good = registration.problems.empty();
+    const bool good = report_check("OPT1", registration.problems);
     if (good) {
-        log(cat("OPT1 checked: model '", model_, "', device model '", printable(registration.device_model),
+        log(cat("OPT1 checked: model '", printable(model_), "', device model '", printable(registration.device_model),
                 "', serial number '", printable(registration.serial), "', token as handed out"));
     }
+    Behaviour behaviour = context_.behaviour;
+    if (!good && !behaviour.lenient) behaviour.ret_code = 1;
+    answer_registration(behaviour);
+}
 
-    if (behaviour.registration == RegistrationAnswer::silence) {
-        log("OPT1 left without an answer");
-        return;
-    }
-    if (behaviour.registration == RegistrationAnswer::close) {
-        log("OPT1 answered by closing the connection");
-        ending_ = "connection closed by the platform";
-        outbox_.close();
-        return;
-    }
-    Behaviour answering = behaviour;
-    if (!good && !behaviour.lenient) answering.ret_code = 1;
+void Tunnel::answer_registration(const Behaviour &behaviour) {
+    if (behaviour.registration == RegistrationAnswer::silence) return log("OPT1 left without an answer");
+    if (behaviour.registration == RegistrationAnswer::close) return answer_by_closing("OPT1");
+
     const bool binary = behaviour.registration == RegistrationAnswer::binary;
-    const std::string answer = registration_answer(answering);
+    const std::string answer = registration_answer(behaviour);
     post({.opcode = binary ? Opcode::binary : Opcode::text, .payload = answer});
-
-    const bool accepted = answering.ret_code == 0 && (answering.opt_type & 0xff) == 1 &&  // the library looks at 8 bits
-                          behaviour.registration == RegistrationAnswer::text;
     log(cat("OPT1 answered: ", answer, binary ? " as a binary frame" : ""));
+
+    const bool accepted = behaviour.registration == RegistrationAnswer::text && behaviour.ret_code == 0 &&
+                          (behaviour.opt_type & 0xff) == 1;  // the library compares 8 bits
     if (accepted) {
         deadline_.cancel();
         become(State::open);
         log("registration accepted: the tunnel is up");
     } else {
         log("registration refused");
-        become(State::closing);
-        finish_within(kModuleCloseTime);
+        await_close();
     }
 }
 
 void Tunnel::on_data(Frame frame) {
-    if (state_ == State::closing) return;  // crossed our close on the way
+    if (state_ == State::closing) return;  // sent before the module saw our close
     if (frame.opcode == Opcode::continuation) {
         if (!assembly_) return protocol_error("continuation without a first fragment");
         assembly_->body += frame.payload;
@@ -298,7 +310,7 @@ void Tunnel::on_data(Frame frame) {
 }
 
 void Tunnel::on_close(const Frame &frame) {
-    if (close_received_) return;  // one is enough
+    if (close_received_) return;  // a second close is ignored
     close_received_ = decode_close(frame.payload);
     log(cat("received close: ", show(*close_received_)));
     if (!close_sent_) {
@@ -307,8 +319,7 @@ void Tunnel::on_close(const Frame &frame) {
         log(cat("sent close: ", show(*close_sent_)));
     }
     log("close handshake done");
-    become(State::closing);
-    finish_within(kModuleCloseTime);
+    await_close();
 }
 
 void Tunnel::protocol_error(const std::string &why) {
@@ -385,7 +396,7 @@ void Tunnel::close_now() {
     stream_.close();
 }
 
-// finish_within lets the other side act first, then ends the tunnel from here.
+// finish_within ends the tunnel after `time`, unless the module has ended it before.
 void Tunnel::finish_within(Clock::duration time) {
     deadline_.expires_after(time);
     deadline_.async_wait([self = shared_from_this()](error_code cancelled) {

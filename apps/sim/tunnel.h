@@ -14,6 +14,7 @@
 #include "outbox.h"
 #include "stream.h"
 #include "tunnel_data.h"
+#include "upgrade.h"
 
 namespace sim {
 
@@ -49,7 +50,7 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     // run serves the tunnel until it ends; it throws nothing.
     awaitable<void> run();
 
-    // The senders queue frames. Meant for an open tunnel; on an ended one they do nothing.
+    // The send functions queue frames of an open tunnel; on an ended one they do nothing.
     void send_message(Opcode opcode, const std::string &body);
     void send_fragments(const std::string &body, std::size_t fragment_size);
     void send_burst(const std::vector<std::string> &bodies);  // all frames in one write
@@ -60,7 +61,7 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     // drop resets the TCP connection.
     void drop();
 
-    // close_now ends the connection without a word, for the end of the program.
+    // close_now ends the connection without a close frame, for the end of the program.
     void close_now();
 
     [[nodiscard]] int id() const { return id_; }
@@ -71,18 +72,23 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     [[nodiscard]] bool written() const { return outbox_.empty(); }
     [[nodiscard]] std::string describe() const;
 
-    std::deque<Message> inbox;      // messages nobody has taken yet
-    std::deque<std::string> pongs;  // bodies of pongs nobody has taken yet
+    std::deque<Message> inbox;      // messages that the runner has not read yet
+    std::deque<std::string> pongs;  // bodies of pongs that the runner has not read yet
 
   private:
     awaitable<void> open();
     awaitable<std::string> read_request();
     awaitable<void> read_frames();
-    void answer_upgrade(const std::string &request);
+    bool report_check(std::string_view what, const std::vector<std::string> &problems) const;
+    void answer_by_closing(std::string_view what);
+    void await_close();
+    void answer_upgrade(const std::string &text);
+    void send_upgrade_answer(const UpgradeRequest &request, int status);
     bool drain(Key key);
     void wait_for_key();
     void on_frame(Frame frame);
     void on_registration(const Frame &frame);
+    void answer_registration(const Behaviour &behaviour);
     void on_data(Frame frame);
     void on_close(const Frame &frame);
     void protocol_error(const std::string &why);
@@ -96,7 +102,7 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     Stream stream_;
     Outbox outbox_;
     asio::steady_timer deadline_;   // for the set-up, later for the end
-    asio::steady_timer key_timer_;  // runs while a frame is four bytes short of one with a key
+    asio::steady_timer key_timer_;  // runs while a frame is exactly its key's four bytes short
     int id_;
     State state_ = State::connecting;
     std::string model_;

@@ -1,4 +1,4 @@
-// What the daemon hands out for a model, which is also what the platform expects to get back.
+// The tunnel data that the daemon sends for a model. The platform expects the same values from the module.
 #pragma once
 
 #include <cstdint>

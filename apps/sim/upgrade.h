@@ -20,7 +20,7 @@ struct UpgradeRequest {
 // parse_upgrade reads the text up to the empty line.
 UpgradeRequest parse_upgrade(std::string_view text);
 
-// check_upgrade lists all that is not as the library sends it for `tunnel_data`; an empty list is a good request.
+// check_upgrade lists each deviation from the request that the library sends for `tunnel_data`.
 std::vector<std::string> check_upgrade(const UpgradeRequest &request, const TunnelData &tunnel_data);
 
 // accept_for makes the Sec-WebSocket-Accept value that belongs to a Sec-WebSocket-Key.
