@@ -16,11 +16,11 @@ constexpr long kSmallFragments = 8192;  // the library cuts into fragments of ei
 constexpr long kLargeFragments = 16000;
 
 void set_fragment_size(long &size, std::string_view text) {
-    const auto number = common::parse_number(text, kSmallFragments, kLargeFragments);
+    const long number = common::parse_number(text, kSmallFragments, kLargeFragments).value_or(0);
     if (number != kSmallFragments && number != kLargeFragments) {
         throw common::BadInput(cat("'", common::printable(text), "' is neither 8192 nor 16000"));
     }
-    size = *number;
+    size = number;
 }
 
 constexpr std::string_view kIntroduction =
