@@ -18,14 +18,17 @@ constexpr GeneralOption kGeneralOptions[] = {
 };
 
 const GeneralOption *find_general(std::string_view name) {
-    const auto *found = std::ranges::find(kGeneralOptions, name, &GeneralOption::name);
-    return found == std::end(kGeneralOptions) ? nullptr : found;
+    for (const GeneralOption &option : kGeneralOptions) {
+        if (option.name == name) return &option;
+    }
+    return nullptr;
 }
 
 const Option &find_option(const OptionTable &table, std::string_view name) {
     for (const OptionSection &section : table) {
-        const auto found = std::ranges::find(section.options, name, &Option::name);
-        if (found != section.options.end()) return *found;
+        for (const Option &option : section.options) {
+            if (option.name == name) return option;
+        }
     }
     throw BadInput(cat("unknown option '", printable(name), "'; --help lists all"));
 }
