@@ -86,6 +86,11 @@ torture: packages ## Every call that can fail, fails once: under the sanitizers,
 	cmake --build --preset sanitize --target torture
 	build/sanitize/tests/torture/torture
 
+# A refactoring names the revision before it.
+CASES := 20000
+compare: packages ## Show that this tree's library behaves as revision BASE's, byte for byte (CASES=n SEED=n)
+	scripts/compare.sh "$(BASE)" $(CASES) $(SEED)
+
 coverage: packages packages-coverage ## Line and branch coverage of the library
 	cmake --preset coverage
 	cmake --build --preset coverage
