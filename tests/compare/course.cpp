@@ -90,34 +90,35 @@ std::string state() {
     };
     add("timers %u:", EXPORTED(cloudtunnel_timerlist).count);
     each<cloudtunnel_timer_node>(EXPORTED(cloudtunnel_timerlist).link, [&](const auto &timer) {
-        add(" [%u %u %llu %llu %u %s]", timer.id, timer.periodic, static_cast<unsigned long long>(timer.period_ms),
-            static_cast<unsigned long long>(timer.last_s), timer.deleted, timer.arg ? "arg" : "");
+        add("\n timer %u %u %llu %llu %u %s", timer.id, timer.periodic,
+            static_cast<unsigned long long>(timer.period_ms), static_cast<unsigned long long>(timer.last_s),
+            timer.deleted, timer.arg ? "arg" : "");
     });
     add("\nconnections %u:", EXPORTED(cloudtunnel_connectlist).count);
     each<cloudtunnel_connect_node>(EXPORTED(cloudtunnel_connectlist).head.link, [&](const auto &conn) {
-        add(" [%s %d %d %u %s %u %u ", conn.modelName, conn.sock, conn.unclose, conn.sslState,
+        add("\n connection %s %d %d %u %s %u %u ", conn.modelName, conn.sock, conn.unclose, conn.sslState,
             conn.ssl ? "ssl" : "plain", conn.delTimer, conn.connectTimer);
         all += shown(std::string_view(reinterpret_cast<const char *>(conn.buf),
                                       conn.buf ? static_cast<size_t>(conn.bufLen) : 0));
-        add(" %d]", conn.bufLen);
+        add(" %d", conn.bufLen);
     });
     add("\nmodels %u:", EXPORTED(cloudtunnel_urllist).count);
     each<cloudtunnel_url_node>(EXPORTED(cloudtunnel_urllist).head.link, [&](const auto &url) {
-        all += " [" + shown(url.modelName) + " " + shown(url.url) + " " + shown(url.path);
+        all += "\n model " + shown(url.modelName) + " " + shown(url.url) + " " + shown(url.path);
         int addresses = 0;
         for (const addrinfo *entry = url.addrList; entry; entry = entry->ai_next) ++addresses;
-        add(" %u %u %d %lld]", url.dataType, url.port, addresses, static_cast<long long>(url.resolveTime));
+        add(" %u %u %d %lld", url.dataType, url.port, addresses, static_cast<long long>(url.resolveTime));
     });
     add("\ntunnels %u:", EXPORTED(wscnctlist).count);
     each<cloudmgr_v3wscnct_node>(EXPORTED(wscnctlist).link, [&](const auto &node) {
-        add(" [%s %s %u %u ", node.cloudModelName, node.deviceModelName, node.state, node.timerId);
-        all += shown(node.key) + "]";
+        add("\n tunnel %s %s %u %u ", node.cloudModelName, node.deviceModelName, node.state, node.timerId);
+        all += shown(node.key);
     });
     add("\nmodules %d:", EXPORTED(cloudtunnel_module_list).count);
     each<CLOUDTUNNEL_MODULE_NODE>(EXPORTED(cloudtunnel_module_list).link, [&](const auto &module) {
-        all += " [" + shown(module.name) + " " + shown(module.sub_name) + " " + shown(module.url_host) + " " +
+        all += "\n module " + shown(module.name) + " " + shown(module.sub_name) + " " + shown(module.url_host) + " " +
                shown(module.url_path);
-        add(" %u %u %u]", module.registered, module.tunnel_value, module.port);
+        add(" %u %u %u", module.registered, module.tunnel_value, module.port);
     });
     add("\nlink %d timer %d level %d mirrored %d file %s token ", EXPORTED(g_iCloudClientConnFd),
         EXPORTED(g_iCloudClientReConnTimeFd), EXPORTED(cloudmgr_debug_level), EXPORTED(bigEndian),
@@ -126,24 +127,47 @@ std::string state() {
     return all;
 }
 
+std::vector<std::string_view> records_of(std::string_view all) {
+    std::vector<std::string_view> records;
+    for (size_t end = all.find('\n'); end != std::string_view::npos; end = all.find('\n')) {
+        records.push_back(all.substr(0, end));
+        all.remove_prefix(end + 1);
+    }
+    return records;
+}
+
+bool state_shown = true;  // after each call
+
+// Shows the records that are gone or new since the last look.
 void show_state() {
+    if (!state_shown) return;
     const Outside outside;
     std::string now = state();
     if (now == last_state) return;
-    // Only the lines that changed.
-    size_t at = 0;
-    size_t before = 0;
-    while (at < now.size()) {
-        const size_t end = now.find('\n', at);
-        const size_t before_end = last_state.find('\n', before);
-        const std::string part = now.substr(at, end - at);
-        if (before_end == std::string::npos || last_state.substr(before, before_end - before) != part)
-            line("  %s", part.c_str());
-        at = end + 1;
-        before = before_end == std::string::npos ? last_state.size() : before_end + 1;
-    }
+    const auto before = records_of(last_state);
+    const auto after = records_of(now);
+    size_t head = 0;
+    while (head < before.size() && head < after.size() && before[head] == after[head]) ++head;
+    size_t tail = 0;
+    while (head + tail < before.size() && head + tail < after.size() &&
+           before[before.size() - 1 - tail] == after[after.size() - 1 - tail])
+        ++tail;
+    for (size_t i = head; i < before.size() - tail; ++i)
+        line("  - %.*s", static_cast<int>(before[i].size()), before[i].data());
+    for (size_t i = head; i < after.size() - tail; ++i)
+        line("  + %.*s", static_cast<int>(after[i].size()), after[i].data());
     last_state = std::move(now);
 }
+
+// Many calls of one kind: the state is shown after the last.
+class Bulk {
+  public:
+    Bulk() { state_shown = false; }
+    ~Bulk() {
+        state_shown = true;
+        show_state();
+    }
+};
 
 // ------------------------------------------------------------------------------------------------ what is drawn
 
@@ -543,6 +567,7 @@ void timer_init() {
     CALL(CLOUDMGR_timer_init);
 }
 void timer_fill() {
+    const Bulk bulk;
     for (int count = chance().between(100, 260); count > 0; --count)
         CALL(cloudtunnel_timer_add, 0, 0U, uint64_t{60000}, argument(), on_timer);
 }
@@ -613,6 +638,7 @@ void loop_init() {
 }
 void loop_deinit() { CALL(CLOUDMGR_eloop_deinit); }
 void loop_fill() {
+    const Bulk bulk;
     for (int count = chance().between(120, 135); count > 0; --count) {
         const int fd = world->add_socket(false);
         epoll_event event = {};
@@ -705,6 +731,7 @@ void model_ports() {
     }
 }
 void model_fill() {
+    const Bulk bulk;
     for (int i = 0; i < 210; ++i) {
         const std::string name = "filled" + std::to_string(i);
         CALL(CLOUDMGR_socket_urllist_set, name.c_str(), "10.0.0.1", "/", 1U, uint16_t{80});
@@ -1233,6 +1260,7 @@ void tunnel_whole() {
 void tunnel_del() { CALL(CLOUDMGR_v3wscnct_node_del, model()); }
 void tunnel_deinit() { CALL(CLOUDMGR_v3wscnct_deinit); }
 void tunnel_fill() {
+    const Bulk bulk;
     for (int i = 0; i < 34; ++i) {
         const std::string name = "tunnel" + std::to_string(i);
         CALL(CLOUDMGR_socket_urllist_set, name.c_str(), "10.0.0.1", "/", chance().in(4) ? 1U : 0U, uint16_t{80});
@@ -1603,7 +1631,10 @@ void draw_faults() {
         const char *const function = chance().of(fallible());
         const bool memory = strcmp(function, "memory") == 0;
         if (memory && allowed("allocations")) continue;
-        world->faults.push_back({function, chance().below(memory ? 60 : 12),
+        world->faults.push_back({function,
+                                 memory           ? chance().below(60)
+                                 : chance().in(3) ? 0
+                                                  : chance().below(12),
                                  chance().in(3) ? chance().between(2, 8) : 1, chance().of(kErrors)});
     }
 }

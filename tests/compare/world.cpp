@@ -83,11 +83,13 @@ struct Block {
     void *address;
     size_t size;
     bool freed;
+    bool returned;  // to libc, which may give the address to somebody else
 };
 constexpr size_t kBlocksMost = size_t{1} << 17;
 Block blocks[kBlocksMost];
 size_t blocks_made = 0;
 int blocks_held = 0;
+constexpr size_t kKeptMost = size_t{16} << 10;  // larger ones are given back: they would cost too much
 constexpr int kFresh = 0xa5;
 constexpr int kFreed = 0xdd;
 
@@ -97,12 +99,18 @@ Block *find_block(const void *address) {
     return &blocks[at];
 }
 
+// noted returns the library's block at an address, a freed one, too; null for any other memory.
+Block *noted(const void *address) {
+    Block *const block = find_block(address);
+    return address && block->address && !block->returned ? block : nullptr;
+}
+
 bool strike(const char *function, Fault *hit);
 
 void *note_block(void *address, size_t size) {
     if (!address) return nullptr;
     if (++blocks_made > kBlocksMost / 2) finish("too many blocks");
-    *find_block(address) = {address, size, false};
+    *find_block(address) = {address, size, false, false};
     ++blocks_held;
     return address;
 }
@@ -113,8 +121,8 @@ void *make_block(size_t size, int fill) {
         errno = ENOMEM;
         return nullptr;
     }
-    void *const address = __libc_malloc(size ? size : 1);
-    if (address) memset(address, fill, size);
+    void *const address = fill ? __libc_malloc(size ? size : 1) : __libc_calloc(1, size ? size : 1);
+    if (address && fill) memset(address, fill, size);
     return note_block(address, size);
 }
 
@@ -126,14 +134,16 @@ void drop_block(Block *block) {
     memset(block->address, kFreed, block->size);
     block->freed = true;
     --blocks_held;
+    block->returned = block->size > kKeptMost;
+    if (block->returned) __libc_free(block->address);
 }
 
 }  // namespace
 
 int blocks_left() { return blocks_held; }
 bool is_block(const void *address) {
-    const Block *const block = find_block(address);
-    return block->address && !block->freed;
+    const Block *const block = noted(address);
+    return block && !block->freed;
 }
 void *give(const void *data, size_t size) {
     void *const address = __libc_malloc(size ? size : 1);
@@ -345,9 +355,9 @@ void *calloc(size_t count, size_t size) {
 }
 
 void *realloc(void *old, size_t size) {
-    Block *const block = find_block(old);
     if (!old) return malloc(size);
-    if (!block->address) return __libc_realloc(old, size);
+    Block *const block = noted(old);
+    if (!block) return __libc_realloc(old, size);
     void *const grown = Side::inside() ? make_block(size, kFresh) : note_block(__libc_malloc(size), size);
     if (!grown) return nullptr;
     memcpy(grown, old, std::min(size, block->size));
@@ -356,9 +366,7 @@ void *realloc(void *old, size_t size) {
 }
 
 void free(void *address) {
-    if (!address) return;
-    Block *const block = find_block(address);
-    if (block->address)
+    if (Block *const block = noted(address))
         drop_block(block);
     else
         __libc_free(address);
@@ -373,8 +381,8 @@ char *strdup(const char *text) noexcept {
 
 size_t malloc_usable_size(void *address) noexcept {
     FIND_REAL(malloc_usable_size);
-    const Block *const block = find_block(address);
-    return address && block->address ? block->size : REAL(malloc_usable_size)(address);
+    const Block *const block = noted(address);
+    return block ? block->size : REAL(malloc_usable_size)(address);
 }
 
 // Time
