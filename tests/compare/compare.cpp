@@ -239,9 +239,9 @@ int run(const Options &options) {
 }  // namespace
 
 const std::vector<const char *> &allowances() {
-    static const std::vector<const char *> names = {"timer-same-id", "full-table-type", "set-results",
-                                                    "ws-body-size",  "loop-nodes",      "failure-name",
-                                                    "tls-rearm",     "calls",           "allocations"};
+    static const std::vector<const char *> names = {"timer-same-id", "full-table-type", "set-results", "ws-body-size",
+                                                    "loop-nodes",    "failure-name",    "tls-rearm",   "calls",
+                                                    "allocations",   "address-text"};
     return names;
 }
 

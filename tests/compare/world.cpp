@@ -752,7 +752,10 @@ void perror(const char *text) {
 
 int vsnprintf(char *text, size_t size, const char *format, va_list args) noexcept {
     FIND_REAL(vsnprintf);
-    if (Side::inside() && fails("vsnprintf")) return -1;
+    if (Side::inside() && fails("vsnprintf")) {
+        if (size) text[0] = '\0';  // what a caller reads that does not look at the result
+        return -1;
+    }
     const Outside outside;
     return REAL(vsnprintf)(text, size, format, args);
 }
