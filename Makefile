@@ -4,7 +4,7 @@
 .PHONY: $(shell awk -F: '/^[a-z][a-z-]*:/ { print $$1 }' Makefile)
 
 PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev \
-	python3-kconfiglib
+	python3 python3-kconfiglib
 PACKAGES_lint := clang clang-format clang-tidy cppcheck
 PACKAGES_coverage := gcovr
 PACKAGES_device := clang lld lld-19 llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make python3
@@ -115,7 +115,7 @@ format: packages-lint ## Format every source file
 format-check: packages-lint ## Fail where a source file is not formatted
 	scripts/format.sh --check
 
-lint: packages packages-lint ## clang-tidy and cppcheck over the library and the programs
+lint: packages packages-lint ## The layer table against the library's calls; clang-tidy and cppcheck over library and programs
 	cmake --preset clang
 	scripts/lint.sh build/clang
 

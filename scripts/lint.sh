@@ -1,9 +1,13 @@
 #!/bin/sh
-# Runs clang-tidy and cppcheck over the library and the programs of a build tree, given as the argument, that clang
-# configured. The simulator in apps/sim/ is left out: neither tool reads its coroutines.
+# Checks the calls between the library's components against the layer table, and runs clang-tidy and cppcheck over the
+# library and the programs of a build tree, given as the argument, that clang configured. The simulator in apps/sim/ is
+# left out: neither tool reads its coroutines.
 set -eu
 cd "$(dirname "$0")/.."
 build=${1:?"lint.sh: needs the build tree of the preset 'clang'"}
+
+cmake --build "$build" --target cloudtunnel_objects
+ctest --test-dir "$build" -R '^layers_test$' --no-tests=error --output-on-failure
 
 sources() {
     git ls-files 'src/*.cpp' 'apps/common/*.cpp' 'apps/module/*.cpp' 'examples/*.c'
