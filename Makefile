@@ -1,4 +1,5 @@
-# The front door. CMake does the work, in build/<preset>; each target installs the Debian packages it needs.
+# The front door. CMake does the work, in build/<preset>; each target installs the Debian packages it needs, where what
+# scripts/packages.txt says of them is missing.
 .DEFAULT_GOAL := help
 # No target is a file.
 .PHONY: $(shell awk -F: '/^[a-z][a-z-]*:/ { print $$1 }' Makefile)
