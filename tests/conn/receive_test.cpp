@@ -202,6 +202,21 @@ TEST_F(ReceiveTest, a_broken_socket_is_an_error_with_and_without_buffered_bytes)
     EXPECT_EQ(got.from_sock, 0U);
 }
 
+TEST_F(ReceiveTest, the_end_of_the_stream_where_bytes_are_missing_is_an_error) {
+    for (const Wire wire : {Wire::plain, Wire::tls}) {
+        const support::Connection conn = connect(wire, wire == Wire::plain ? "plain" : "tls");
+        update(conn, "ab");
+        conn.server->close();
+        EXPECT_TRUE(support::wait_readable(conn.sock));
+        const Got got = get(conn, 10);
+        EXPECT_EQ(got.result, -1);
+        EXPECT_EQ(got.from_buf, 2U);
+        EXPECT_EQ(got.from_sock, 0U);
+        EXPECT_EQ(receive_buffer_fill(conn.sock, conn.node(), 10), -1);
+        EXPECT_EQ(buffered(conn), "ab");
+    }
+}
+
 TEST_F(ReceiveTest, absurd_requests_are_errors) {
     const support::Connection conn = connect(Wire::plain);
     uint32_t count = 0;
