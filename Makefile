@@ -92,6 +92,10 @@ CASES := 20000
 compare: packages ## Show that this tree's library behaves as revision BASE's, byte for byte (CASES=n SEED=n)
 	scripts/compare.sh "$(BASE)" $(CASES) $(SEED)
 
+COUNT ?= 60
+mutants: packages ## Plant COUNT=n small faults in the library, one at a time, and show those no test notices (SEED=n)
+	nice scripts/mutants.py --count $(COUNT) --seed $(SEED) . build/mutants
+
 coverage: packages packages-coverage ## Line and branch coverage of the library
 	cmake --preset coverage
 	cmake --build --preset coverage
@@ -116,7 +120,7 @@ format: packages-lint ## Format every source file
 format-check: packages-lint ## Fail where a source file is not formatted
 	scripts/format.sh --check
 
-lint: packages packages-lint ## The layer table against the library's calls; clang-tidy and cppcheck over library and programs
+lint: packages packages-lint ## The layer table against the calls; clang-tidy and cppcheck over library and programs
 	cmake --preset clang
 	scripts/lint.sh build/clang
 
