@@ -14,6 +14,10 @@ namespace {
 using support::Calls;
 using support::Fault;
 
+const int32_t before_any_call = g_iCloudClientConnFd;
+
+TEST(LinkStartTest, before_the_first_connection_there_is_no_descriptor) { EXPECT_EQ(before_any_call, -1); }
+
 // One end of a pair is the link; the answer of the daemon at the other end is there before it is waited for.
 class LinkTest : public support::LibraryTest {
   protected:
