@@ -5,7 +5,7 @@
 .PHONY: $(shell awk -F: '/^[a-z][a-z-]*:/ { print $$1 }' Makefile)
 
 PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev \
-	python3 python3-kconfiglib
+	python3 python3-kconfiglib strace gnuplot-nox
 PACKAGES_lint := clang clang-format clang-tidy cppcheck
 PACKAGES_coverage := gcovr
 PACKAGES_device := clang lld lld-19 llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make python3
@@ -14,6 +14,8 @@ PACKAGES_abi := abigail-tools
 PACKAGES_docs := doxygen
 PACKAGES_package := scdoc dpkg-dev file lintian
 PACKAGES_package-test := debootstrap
+# Beside which the library is measured: what is not installed is left out.
+PACKAGES_peers := libboost-dev libwebsockets-dev libwslay-dev
 PACKAGES_fuzz := clang libclang-rt-dev llvm
 
 # How long each fuzz target runs.
@@ -95,6 +97,13 @@ compare: packages ## Show that this tree's library behaves as revision BASE's, b
 COUNT ?= 60
 mutants: packages ## Plant COUNT=n small faults in the library, one at a time, and show those no test notices (SEED=n)
 	nice scripts/mutants.py --count $(COUNT) --seed $(SEED) . build/mutants
+
+# Single rows: ROWS='echo plain 16 B'. QUICK=1 and ROWS write into build/release/performance, not into docs/.
+bench: packages ## The library beside bare sockets and its peers, under 15 minutes (QUICK=1: two)
+	-@$(MAKE) --no-print-directory packages-peers
+	cmake --preset release
+	cmake --build --preset release --target bench_programs
+	bench/bench.py build/release $(if $(QUICK),--quick) --rows '$(ROWS)'
 
 coverage: packages packages-coverage ## Line and branch coverage of the library
 	cmake --preset coverage

@@ -1,0 +1,31 @@
+// The way from a connection to a tunnel: the HTTP upgrade (RFC 6455, section 4) and the registration behind it.
+#pragma once
+
+#include "common/machine.h"
+
+namespace bench {
+
+constexpr std::string_view kPath = "/bench";
+constexpr std::string_view kRegistration =
+    R"({"optType":1,"lastDownReason":0,"errorCode":0,"socketErrno":0,)"
+    R"("cloudModName":"bench","tokenID":"","devSN":"-NA-","devModName":"bench"})";
+constexpr std::string_view kAnswer = R"({"optType":1,"retCode":0})";
+constexpr std::string_view kHeadEnd = "\r\n\r\n";
+
+// What a tunnel that is registered asks of the server by a text: "flood SIZE COUNT", frames until it closes for COUNT
+// 0. Binary messages come back as they are.
+constexpr std::string_view kFlood = "flood ";
+
+// upgrade_request returns a request; its key is the same in all, since nothing in between keeps answers.
+std::string upgrade_request();
+
+// accept_value returns what answers a key.
+std::string accept_value(std::string_view key);
+
+// upgrade_answer returns the server's answer to a whole request, an empty text where it asks for no upgrade.
+std::string upgrade_answer(std::string_view request);
+
+// accepted tells whether a whole answer is the one to upgrade_request.
+bool accepted(std::string_view answer);
+
+}  // namespace bench
