@@ -14,6 +14,7 @@ PACKAGES_abi := abigail-tools
 PACKAGES_docs := doxygen
 PACKAGES_package := scdoc dpkg-dev file lintian
 PACKAGES_package-test := debootstrap
+PACKAGES_cost := valgrind
 # Beside which the library is measured: what is not installed is left out.
 PACKAGES_peers := libboost-dev libwebsockets-dev libwslay-dev
 PACKAGES_fuzz := clang libclang-rt-dev llvm
@@ -97,6 +98,16 @@ compare: packages ## Show that this tree's library behaves as revision BASE's, b
 COUNT ?= 60
 mutants: packages ## Plant COUNT=n small faults in the library, one at a time, and show those no test notices (SEED=n)
 	nice scripts/mutants.py --count $(COUNT) --seed $(SEED) . build/mutants
+
+cost: packages packages-cost ## Count the library's instructions, and compare with bench/cost.txt
+	cmake --preset release
+	cmake --build --preset release --target bench_programs
+	bench/cost.py check build/release/bench bench/cost.txt
+
+cost-update: packages packages-cost ## Write the counts into bench/cost.txt, after an intended change
+	cmake --preset release
+	cmake --build --preset release --target bench_programs
+	bench/cost.py write build/release/bench bench/cost.txt
 
 # Single rows: ROWS='echo plain 16 B'. QUICK=1 and ROWS write into build/release/performance, not into docs/.
 bench: packages ## The library beside bare sockets and its peers, under 15 minutes (QUICK=1: two)

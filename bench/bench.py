@@ -8,15 +8,16 @@ it would write goes to BUILD/performance instead. A row's name is what the progr
 """
 
 import argparse
-import json
 import os
 import re
 import sys
 
 import processes
+import report
 import rows
 
 DESCRIPTORS = 4096
+DOCS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "docs")
 
 
 def arguments():
@@ -34,11 +35,10 @@ def main():
     chosen = [row for row in rows.all_rows() if re.search(asked.rows, row.label)]
     if not chosen:
         raise processes.Failure(f"no row is named like '{asked.rows}'")
-    record = rows.run(os.path.join(asked.build, "bench"), rows.QUICK if asked.quick else rows.FULL, chosen)
-    target = os.path.join(asked.build, "performance")
-    os.makedirs(target, exist_ok=True)
-    with open(os.path.join(target, "record.json"), "w", encoding="ascii") as file:
-        json.dump(record, file, indent=1)
+    plan = rows.QUICK if asked.quick else rows.FULL
+    record = rows.run(os.path.join(asked.build, "bench"), plan, chosen)
+    whole = not asked.quick and not asked.rows
+    print("written:", report.write(record, plan, DOCS if whole else os.path.join(asked.build, "performance")))
 
 
 if __name__ == "__main__":

@@ -46,8 +46,9 @@ def running(*command, **options):
     finally:
         process.kill()
         process.wait()
-        if process.stdout:
-            process.stdout.close()
+        for stream in (process.stdout, process.stderr):
+            if stream:
+                stream.close()
 
 
 def run(*command, limit_s):

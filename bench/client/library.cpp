@@ -55,7 +55,8 @@ class LibraryClient : public Client {
         const std::unique_ptr<cloudmgr_ws_msg, MsgFree> msg(CLOUDMGR_ws_msg_create());
         CLOUDMGR_ws_setoptcode(msg.get(), static_cast<uint8_t>(opcode));
         CLOUDMGR_ws_setmask(msg.get(), own_masks_ ? masks_.next() : CLOUDMGR_ws_getMask());
-        if (CLOUDMGR_ws_setbody(msg.get(), message.data(), static_cast<int32_t>(message.size())) != 0 ||
+        const auto size = static_cast<int32_t>(message.size());
+        if ((size > 0 && CLOUDMGR_ws_setbody(msg.get(), message.data(), size) != 0) ||
             CLOUDMGR_ws_send(socks_[tunnel], msg.get(), kSendAttempts) != 0)
             throw Failure("a message was not sent");
     }

@@ -6,10 +6,13 @@
 // It writes one line, "messages N seconds S queued S": what was done in how long, and how long the process waited for
 // its core. With --messages the loop, bench_measured, makes exactly the same turns in every run that is --waiting: it
 // is what counts of system calls and instructions are taken from.
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 
 #include "client/client.h"
+#include "client/measured.h"
 #include "common/upgrade.h"
 
 namespace bench {
@@ -46,12 +49,11 @@ Job read_job(const Options &options) {
     return job;
 }
 
-}  // namespace
-
 class Load : public Listener {
   public:
-    Load(const Target &target, const Options &options)
-        : job_(read_job(options)),
+    Load(const Target &target, const Options &options, FILE *report)
+        : report_(report),
+          job_(read_job(options)),
           registered_(job_.tunnels),
           payload_(job_.size, 'e'),
           client_(make_client(target, options, *this)) {}
@@ -166,9 +168,10 @@ class Load : public Listener {
         const size_t base = open_;
         const size_t before = heap_bytes();
         open_to(job_.tunnels);
-        printf("heap %zu\n", (heap_bytes() - before) / (job_.tunnels - base));
+        fprintf(report_, "heap %zu\n", (heap_bytes() - before) / (job_.tunnels - base));
     }
 
+    FILE *report_;
     Job job_;
     std::vector<bool> registered_;
     std::vector<uint8_t> payload_;
@@ -178,25 +181,15 @@ class Load : public Listener {
     std::unique_ptr<Client> client_;  // last: what it still hands up finds the rest in place
 };
 
-}  // namespace bench
-
-// By this name the counts of instructions find the part of the run that they are about.
-extern "C" [[gnu::noinline]] void bench_measured(bench::Load *load);
-void bench_measured(bench::Load *load) { load->measured(); }
-
-namespace bench {
-
 void Load::measure() {
     if (job_.messages == 0 && job_.kind != "setup") turn_for(job_.seconds * kWarmUp);
     messages_ = 0;
     const double queued = queued_seconds();
     const auto start = Clock::now();
-    bench_measured(this);
+    bench_measured([](void *load) { static_cast<Load *>(load)->measured(); }, this);
     const double seconds = seconds_since(start);
-    printf("messages %lu seconds %.6f queued %.6f\n", messages_, seconds, queued_seconds() - queued);
+    fprintf(report_, "messages %lu seconds %.6f queued %.6f\n", messages_, seconds, queued_seconds() - queued);
 }
-
-namespace {
 
 void run_load(int argc, char **argv) {
     const Options options(argc, argv,
@@ -205,7 +198,10 @@ void run_load(int argc, char **argv) {
     settle(static_cast<int>(options.number("--core", -1)));
     const Target target = {.port = static_cast<uint16_t>(options.number("--port", 0)), .tls = options.has("--tls")};
     if (target.port == 0) throw Failure("--port is needed");
-    Load(target, options).run();
+    // What a client prints goes nowhere, as on a device; what the run came to goes where it would have gone.
+    const std::unique_ptr<FILE, int (*)(FILE *)> report(fdopen(dup(STDOUT_FILENO), "w"), fclose);
+    if (!report || !freopen("/dev/null", "w", stdout)) fail_with_errno("standard output");
+    Load(target, options, report.get()).run();
 }
 
 }  // namespace
