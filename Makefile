@@ -113,7 +113,7 @@ cost-update: packages packages-cost ## Write the counts into bench/cost.txt, aft
 bench: packages ## The library beside bare sockets and its peers, under 15 minutes (QUICK=1: two)
 	-@$(MAKE) --no-print-directory packages-peers
 	cmake --preset release
-	cmake --build --preset release --target bench_programs
+	cmake --build --preset release --target bench_programs demo_programs
 	bench/bench.py build/release $(if $(QUICK),--quick) --rows '$(ROWS)'
 
 coverage: packages packages-coverage ## Line and branch coverage of the library

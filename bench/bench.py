@@ -12,6 +12,7 @@ import os
 import re
 import sys
 
+import fleet
 import processes
 import report
 import rows
@@ -37,6 +38,9 @@ def main():
         raise processes.Failure(f"no row is named like '{asked.rows}'")
     plan = rows.QUICK if asked.quick else rows.FULL
     record = rows.run(os.path.join(asked.build, "bench"), plan, chosen)
+    if not asked.rows:
+        print(f"{plan.modules} module processes", flush=True)
+        record["fleet"] = fleet.text(fleet.run(asked.build, plan.modules, plan.idle_seconds))
     whole = not asked.quick and not asked.rows
     print("written:", report.write(record, plan, DOCS if whole else os.path.join(asked.build, "performance")))
 

@@ -40,14 +40,14 @@ def program(path):
 @contextlib.contextmanager
 def running(*command, **options):
     """A process that is killed at the end of the block."""
-    process = subprocess.Popen(command, stdin=subprocess.DEVNULL, text=True, **options)
+    process = subprocess.Popen(command, text=True, **{"stdin": subprocess.DEVNULL, **options})
     try:
         yield process
     finally:
         process.kill()
         process.wait()
-        for stream in (process.stdout, process.stderr):
-            if stream:
+        for stream in filter(None, (process.stdin, process.stdout, process.stderr)):
+            with contextlib.suppress(BrokenPipeError):
                 stream.close()
 
 

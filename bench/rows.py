@@ -78,10 +78,12 @@ class Plan:
     repetitions: int
     seconds: float  # of one run
     budget: float  # of all rows, seconds
+    modules: int  # module processes at once
+    idle_seconds: float  # that one of them is looked at
 
 
-FULL = Plan(repetitions=5, seconds=0.3, budget=660)
-QUICK = Plan(repetitions=3, seconds=0.1, budget=80)
+FULL = Plan(repetitions=5, seconds=0.3, budget=660, modules=500, idle_seconds=20)
+QUICK = Plan(repetitions=3, seconds=0.1, budget=70, modules=100, idle_seconds=5)
 
 
 class Bench:
