@@ -33,7 +33,8 @@ def main():
     asked = arguments()
     processes.end_on_signals()
     processes.raise_descriptor_limit(DESCRIPTORS)
-    chosen = [row for row in rows.all_rows() if re.search(asked.rows, row.label)]
+    offered = rows.quick_rows() if asked.quick and not asked.rows else rows.all_rows()
+    chosen = [row for row in offered if re.search(asked.rows, row.label)]
     if not chosen:
         raise processes.Failure(f"no row is named like '{asked.rows}'")
     plan = rows.QUICK if asked.quick else rows.FULL

@@ -17,6 +17,7 @@ namespace websocket = beast::websocket;
 using boost::system::error_code;
 
 constexpr size_t kMessageMax = 64 << 20;
+constexpr int kHandlersATurn = 16;
 
 using Socket = asio::basic_stream_socket<asio::ip::tcp, asio::io_context::executor_type>;
 using Secured = asio::ssl::stream<Socket>;
@@ -130,7 +131,8 @@ class BeastClient : public Client {
     }
     void turn() override {
         if (loop_.stopped()) loop_.restart();  // it had nothing to do for a moment
-        loop_.poll();
+        // Not until nothing is ready: in a flood that is never.
+        for (int handled = 0; handled < kHandlersATurn && loop_.poll_one() > 0;) handled++;
     }
     void wait() override {
         if (loop_.stopped()) loop_.restart();
