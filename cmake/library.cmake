@@ -5,7 +5,7 @@ find_package(PkgConfig REQUIRED)
 pkg_check_modules(JSONC REQUIRED IMPORTED_TARGET json-c)
 
 set(sources
-  base/os.cpp base/list.cpp base/log.cpp base/json.cpp
+  base/os.cpp base/list.cpp base/index.cpp base/log.cpp base/json.cpp
   loop/clock.cpp loop/eloop.cpp loop/timer.cpp
   trace/dump.cpp
   identity/identity.cpp

@@ -1,5 +1,7 @@
 #include "base/list.h"
 
+#include "base/index.h"
+
 void list_insert_after(cloudtunnel_link &place, cloudtunnel_link &node) {
     if (!place.next) list_init(place);
     node.prev = &place;
@@ -14,6 +16,7 @@ void list_append(cloudtunnel_link &head, cloudtunnel_link &node) {
 
 void CLOUDMGR_DL_Del(cloudtunnel_link *node) {
     if (!node || !node->next || !node->prev) return;
+    index_drop(node);
     node->prev->next = node->next;
     node->next->prev = node->prev;
 }

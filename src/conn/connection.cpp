@@ -13,6 +13,7 @@
 
 #include <cstring>
 
+#include "base/index.h"
 #include "base/list.h"
 #include "base/log.h"
 #include "base/os.h"
@@ -115,6 +116,7 @@ cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallba
     node->sock = sock;
     list_append(cloudtunnel_connectlist.head.link, node->link);
     cloudtunnel_connectlist.count++;
+    index_add(node);
     LOG(connect, "Add socket connect node ok, model %s, socket %d.", node->modelName, sock);
     return node;
 }
@@ -122,6 +124,7 @@ cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallba
 void CLOUDMGR_socket_init(void) {
     memset(&cloudtunnel_connectlist, 0, sizeof cloudtunnel_connectlist);
     list_init(cloudtunnel_connectlist.head.link);
+    index_clear_connections();
     models_init();
 }
 
@@ -135,7 +138,7 @@ void CLOUDMGR_socket_deinit(void) {
 
 cloudtunnel_connect_node *CLOUDMGR_socket_getCnctBySock(int sock) {
     if (sock == -1) return nullptr;
-    return list_find<&cloudtunnel_connect_node::sock>(cloudtunnel_connectlist.head.link, sock);
+    return index_find<&IndexSlot::connection, &cloudtunnel_connect_node::sock>(cloudtunnel_connectlist.head.link, sock);
 }
 
 cloudtunnel_connect_node *CLOUDMGR_socket_getCnctByModelName(const char *modelName) {
@@ -152,9 +155,25 @@ int CLOUDMGR_socket_getSockByModelName(const char *modelName) {
     return node ? node->sock : -1;
 }
 
+cloudtunnel_url_node *conn_model(const cloudtunnel_connect_node *node) {
+    IndexSlot *slot = index_slot(node->sock);
+    if (!slot || slot->connection.load(std::memory_order_relaxed) != node)
+        return cloudtunnel_socket_getUrlNodeByModelname(node->modelName);
+    cloudtunnel_url_node *url = slot->model.load(std::memory_order_relaxed);
+    if (url && os_strcmp(url->modelName, node->modelName) == 0) return url;
+    url = cloudtunnel_socket_getUrlNodeByModelname(node->modelName);
+    slot->model.store(url, std::memory_order_relaxed);
+    return url;
+}
+
+bool conn_is_plain(const cloudtunnel_connect_node *node) {
+    const cloudtunnel_url_node *url = node ? conn_model(node) : nullptr;
+    return !url || url->port == kPlainPort;
+}
+
 uint16_t cloudtunnel_socket_getPortBySock(int sock) {
-    const cloudtunnel_url_node *url =
-        cloudtunnel_socket_getUrlNodeByModelname(CLOUDMGR_socket_getModelNameBySock(sock));
+    const cloudtunnel_connect_node *node = CLOUDMGR_socket_getCnctBySock(sock);
+    const cloudtunnel_url_node *url = node ? conn_model(node) : nullptr;
     return url ? url->port : kPlainPort;
 }
 

@@ -16,6 +16,11 @@ struct ConnCallbacks {
 // or the socket has a connection already, or memory is short.
 [[nodiscard]] cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallbacks &callbacks);
 
+// conn_model returns the model of a connection, null if it has none. conn_is_plain returns whether the connection is a
+// plain one; one without a model, or no connection at all, is.
+cloudtunnel_url_node *conn_model(const cloudtunnel_connect_node *node);
+bool conn_is_plain(const cloudtunnel_connect_node *node);
+
 // cloudtunnel_socket_getPortBySock returns the port of the model that owns connection `sock`; 80 when there is no such
 // connection or model, so that an unknown socket is treated as plain.
 uint16_t cloudtunnel_socket_getPortBySock(int sock);

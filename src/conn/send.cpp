@@ -11,7 +11,6 @@
 #include "base/log.h"
 #include "base/os.h"
 #include "conn/connection.h"
-#include "model/models.h"
 
 namespace {
 
@@ -19,7 +18,7 @@ constexpr int kTryAgain = -2;
 
 bool is_plain(int sock) {
     const Lock hold(cloudtunnel_connectlist.lock);
-    return cloudtunnel_socket_getPortBySock(sock) == kPlainPort;
+    return conn_is_plain(CLOUDMGR_socket_getCnctBySock(sock));
 }
 
 // session_of returns a connection's TLS session, or null. The write that follows does not touch the table any more.
@@ -109,6 +108,7 @@ int CLOUDMGR_socket_sendData(int sock, const uint8_t *data, int len, int retryCo
         result = send_tls(sock, ssl, data, len, retryCount, waitUs);
         if (result < 0) return -1;
     }
-    LOG(package, "[Socket %d]Send message result %d, message [%s].", sock, result, strerror(errno));
+    if (log_wanted(LogLevel::package))
+        LOG(package, "[Socket %d]Send message result %d, message [%s].", sock, result, strerror(errno));
     return result;
 }

@@ -1,7 +1,8 @@
 // One message is read for each readiness event. The kernel reports bytes that it still holds again, but not bytes that
 // a TLS session has taken in already: if the platform packs several frames into one TLS record, the second one would
-// wait until it sends more. So while the session holds bytes the loop is asked for writability as well. Such a
-// connection is draining, and each event of it counts as readable.
+// wait until it sends more. So when the session holds bytes after a message, the loop is asked for writability as well:
+// the socket is writable, so the next event comes at once. Such a connection is draining. It stays so until an event
+// finds nothing left to read; asking again for each message would cost a system call for each.
 #include "session/dispatch.h"
 
 #include <memory>
@@ -35,18 +36,11 @@ int watch_for(int sock, uint32_t events) {
     return CLOUDMGR_eloop_sock_modify(sock, &event, cloudtunnel_socket_dataProc);
 }
 
-bool readable(uint32_t events, int sock) {
-    if (events & EPOLLIN) return true;
-    const CLOUDMGR_ELOOP_SOCK *registered = events & EPOLLOUT ? watched(sock) : nullptr;
-    return registered && draining(registered);
-}
-
-// update_draining asks the loop for writability while the TLS session holds bytes, and no longer.
-int update_draining(const cloudtunnel_connect_node *conn) {
+// drain asks the loop to call again at once if the TLS session holds bytes.
+int drain(const cloudtunnel_connect_node *conn) {
+    if (!tls_pending(conn)) return 0;
     const CLOUDMGR_ELOOP_SOCK *registered = watched(conn->sock);
-    const bool pending = tls_pending(conn);
-    if (!registered || pending == draining(registered)) return 0;
-    return watch_for(conn->sock, pending ? EPOLLIN | EPOLLOUT : EPOLLIN);
+    return !registered || draining(registered) ? 0 : watch_for(conn->sock, EPOLLIN | EPOLLOUT);
 }
 
 // dispatch_http reads one HTTP response and passes it on. The connection may be gone afterwards. 0, or -1 or what the
@@ -79,11 +73,20 @@ int dispatch_ws(cloudtunnel_connect_node *conn) {
 }
 
 int dispatch_message(cloudtunnel_connect_node *conn) {
-    const cloudtunnel_url_node *url = cloudtunnel_socket_getUrlNodeByModelname(conn->modelName);
+    const cloudtunnel_url_node *url = conn_model(conn);
     if (!url) return -1;
     if (url->dataType == CLOUDTUNNEL_DATATYPE_HTTP) return dispatch_http(conn);
     if (url->dataType == CLOUDTUNNEL_DATATYPE_WS) return dispatch_ws(conn);
     return -1;
+}
+
+// dispatch_event acts on what an event reports. 0, or what closes the connection.
+int dispatch_event(cloudtunnel_connect_node *conn, uint32_t events) {
+    if (events & EPOLLIN) return dispatch_message(conn);
+    const CLOUDMGR_ELOOP_SOCK *registered = watched(conn->sock);
+    if (!(events & EPOLLOUT) || !registered || !draining(registered)) return -1;
+    if (tls_pending(conn)) return dispatch_message(conn);
+    return watch_for(conn->sock, EPOLLIN);
 }
 
 }  // namespace
@@ -96,8 +99,8 @@ int cloudtunnel_socket_dataProc(const struct epoll_event *event, int sock) {
 
     ConnGuard guard(conn);
     const uint32_t events = event->events;
-    int result = readable(events, sock) ? dispatch_message(conn) : -1;
-    if (result == 0 && guard.node()) result = update_draining(guard.node());
+    int result = dispatch_event(conn, events);
+    if (result == 0 && guard.node()) result = drain(guard.node());
     if (!(events & (EPOLLERR | EPOLLHUP)) && result == 0) return 0;
 
     LOG(error, "Socket data proc error,[model %s][sock %d][event %d][ret %d]", guard.model(), sock,

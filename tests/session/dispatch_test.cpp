@@ -57,12 +57,27 @@ TEST_F(DispatchTest, three_frames_in_one_record_are_three_messages_in_three_call
         for (size_t n = 1; n <= 3; n++) {
             ASSERT_TRUE(turn(kWaitMs));
             ASSERT_EQ(callbacks.frames.size(), n);
-            EXPECT_EQ(asked(conn.sock), n < 3 ? kReceiving | EPOLLOUT : kReceiving);
+            EXPECT_EQ(asked(conn.sock), kReceiving | EPOLLOUT);
         }
         EXPECT_EQ(bodies(), (std::vector<std::string>{"one", "two", "three"}));
+        EXPECT_TRUE(turn());  // finds nothing left
+        EXPECT_EQ(asked(conn.sock), kReceiving);
         EXPECT_FALSE(turn());
         EXPECT_TRUE(callbacks.failures.empty());
     }
+}
+
+TEST_F(DispatchTest, bursts_that_follow_each_other_ask_for_writability_once) {
+    const support::Connection conn = connect(Wire::tls);
+    log.clear();
+    for (size_t burst = 1; burst <= 3; burst++) {
+        conn.server->send(frame(kText, "one") + frame(kText, "two"));
+        EXPECT_TRUE(support::wait_readable(conn.sock));
+        ASSERT_TRUE(turn(kWaitMs));
+        ASSERT_TRUE(turn(kWaitMs));
+        EXPECT_EQ(callbacks.frames.size(), 2 * burst);
+    }
+    EXPECT_EQ(log.count(kConnect), 1);  // "Modify socket", for the first burst
 }
 
 TEST_F(DispatchTest, a_session_that_holds_nothing_is_watched_as_ever) {
