@@ -15,6 +15,8 @@ bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 void *os_alloc(size_t size) { return calloc(1, size ? size : 1); }
 
+void *os_alloc_bytes(size_t size) { return malloc(size ? size : 1); }
+
 void os_free(void *block) { free(block); }
 
 char *os_strdup(const char *text) { return os_strndup(text, PTRDIFF_MAX); }
@@ -74,7 +76,7 @@ ptrdiff_t os_datapos(const void *data, size_t len, const void *what, size_t what
 uint8_t *os_memcat(const void *a, size_t len_a, const void *b, size_t len_b) {
     size_t len = 0;
     if (__builtin_add_overflow(len_a, len_b, &len)) return nullptr;
-    auto *both = static_cast<uint8_t *>(malloc(len ? len : 1));
+    auto *both = static_cast<uint8_t *>(os_alloc_bytes(len));
     if (!both) return nullptr;
     if (len_a) memcpy(both, a, len_a);
     if (len_b) memcpy(both + len_a, b, len_b);

@@ -16,6 +16,9 @@
 [[nodiscard]] void *os_alloc(size_t size);
 void os_free(void *block);
 
+// os_alloc_bytes returns `size` bytes (one at least) for the caller to fill, to be released with os_free, or null.
+[[nodiscard]] void *os_alloc_bytes(size_t size);
+
 // os_strdup and os_strndup return a copy for the caller to free; null for a null text and without memory. os_strndup
 // copies at most `max` bytes and reads no further.
 [[nodiscard]] char *os_strdup(const char *text);

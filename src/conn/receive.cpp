@@ -16,31 +16,30 @@
 #include "base/log.h"
 #include "base/os.h"
 #include "conn/connection.h"
-#include "model/models.h"
 
 namespace {
 
-int receive_plain(int sock, const char *model, uint8_t *dst, uint32_t len) {
+int receive_plain(const cloudtunnel_connect_node *conn, uint8_t *dst, uint32_t len) {
+    const int sock = conn->sock;
     errno = 0;  // the end of the stream sets none: the log must not show an older one
     const ssize_t got = recv(sock, dst, len, MSG_DONTWAIT);
     if (got > 0) return static_cast<int>(got);
     const int error = errno;
     if (got < 0 && os_try_again(error)) {
-        LOG(connect, "[Model %s][Socket %d]Recv incomplete.", model, sock);
+        LOG(connect, "[Model %s][Socket %d]Recv incomplete.", conn->modelName, sock);
         return kReadIncomplete;
     }
     LOG(error,
         got < 0 ? "[Model %s][Socket %d]Rcv msg rcv error %d, errno %d [%s]."
                 : "[Model %s][Socket %d]Rcv msg error %d, errno %d [%s].",
-        model, sock, static_cast<int>(got), error, strerror(error));
+        conn->modelName, sock, static_cast<int>(got), error, strerror(error));
     errno = error;
     perror("\r\n Rcv errno message");
     return kReadBad;
 }
 
-int receive_tls(int sock, const char *model, uint8_t *dst, uint32_t len) {
-    const cloudtunnel_ssl_node *node = CLOUDMGR_ssl_GetSslBySock(sock);
-    SSL *ssl = node ? node->ssl : nullptr;
+int receive_tls(const cloudtunnel_connect_node *conn, uint8_t *dst, uint32_t len) {
+    SSL *ssl = conn->ssl ? conn->ssl->ssl : nullptr;
     if (!ssl) return kReadBad;
     ERR_clear_error();
     const int got = SSL_read(ssl, dst, static_cast<int>(std::min<uint32_t>(len, INT_MAX)));
@@ -49,12 +48,13 @@ int receive_tls(int sock, const char *model, uint8_t *dst, uint32_t len) {
     const int code = SSL_get_error(ssl, got);
     const char *reason = ERR_error_string(ERR_get_error(), nullptr);
     if (code == SSL_ERROR_NONE || code == SSL_ERROR_WANT_READ || code == SSL_ERROR_WANT_WRITE) {
-        LOG(connect, "[Model %s][Socket %d]Ssl read incomplete err %d [%s].", model, sock, code, reason);
+        LOG(connect, "[Model %s][Socket %d]Ssl read incomplete err %d [%s].", conn->modelName, conn->sock, code,
+            reason);
         return kReadIncomplete;
     }
-    LOG(error, "[Model %s][Socket %d]Ssl read ret %d, errcode %d [%s], errno [%d][%s].", model, sock, got, code, reason,
-        error, strerror(error));
-    CLOUDMGR_v3_socketError(sock);
+    LOG(error, "[Model %s][Socket %d]Ssl read ret %d, errcode %d [%s], errno [%d][%s].", conn->modelName, conn->sock,
+        got, code, reason, error, strerror(error));
+    CLOUDMGR_v3_socketError(conn->sock);
     return kReadBad;
 }
 
@@ -75,16 +75,15 @@ void log_buffer(const cloudtunnel_connect_node *conn) {
 }  // namespace
 
 int CLOUDMGR_socket_rcvData(int sock, uint8_t *dst, uint32_t len) {
-    const char *model = CLOUDMGR_socket_getModelNameBySock(sock);
-    if (!model) {
+    const cloudtunnel_connect_node *conn = CLOUDMGR_socket_getCnctBySock(sock);
+    if (!conn) {
         LOG(error, "Get model name by socket %d error.", sock);
         return kReadBad;
     }
     LOG(package, "Need rcv frome socket %d len %d.", sock, static_cast<int>(len));
     if (!dst) return kReadBad;
     if (len == 0) return kReadIncomplete;  // a read of nothing is not the end of the stream
-    return cloudtunnel_socket_getPortBySock(sock) == kPlainPort ? receive_plain(sock, model, dst, len)
-                                                                : receive_tls(sock, model, dst, len);
+    return conn_is_plain(conn) ? receive_plain(conn, dst, len) : receive_tls(conn, dst, len);
 }
 
 int CLOUDMGR_socket_getData(int sock, uint8_t *dst, cloudtunnel_connect_node *conn, int need, int offset,

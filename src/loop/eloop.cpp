@@ -3,6 +3,7 @@
 // the loop.
 #include <cstring>
 
+#include "base/index.h"
 #include "base/list.h"
 #include "base/log.h"
 #include "base/os.h"
@@ -37,7 +38,9 @@ bool full() {
     return g_loop.count >= kSocketMax;
 }
 
-CLOUDMGR_ELOOP_SOCK *find_locked(int fd) { return list_find<&CLOUDMGR_ELOOP_SOCK::fd>(g_loop.sockets, fd); }
+CLOUDMGR_ELOOP_SOCK *find_locked(int fd) {
+    return index_find<&IndexSlot::socket, &CLOUDMGR_ELOOP_SOCK::fd>(g_loop.sockets, fd);
+}
 
 void unlink_locked(CLOUDMGR_ELOOP_SOCK *node) {
     cloudmgr_dl_list_del(&node->link);
@@ -59,6 +62,7 @@ CLOUDMGR_ELOOP_SOCK *node_add(int fd, const struct epoll_event &event, CLOUDMGR_
     node->extra = extra;
     const Lock hold(g_loop.lock);
     list_append(g_loop.sockets, node->link);
+    index_add(node);
     g_loop.count++;
     return node;
 }
@@ -82,6 +86,7 @@ int CLOUDMGR_eloop_init(void) {
     // instance.
     memset(&g_loop, 0, sizeof g_loop);
     list_init(g_loop.sockets);
+    index_clear_sockets();
     pthread_mutex_init(&g_loop.lock, nullptr);
     const int epfd = epoll_create(1);
     g_loop.epfd = epfd;

@@ -1,7 +1,7 @@
-// Frames in: one frame a call. The bytes of an incomplete frame are kept in the receive buffer, and the next call
-// parses it again from its first byte. A payload that comes in many pieces is collected there, each piece appended to
-// the others, and the block of the buffer becomes the body: the time this takes grows with the payload, not with the
-// number of pieces.
+// Frames in: one frame a call. A payload that is there at once is read into the block that becomes the body. The bytes
+// of an incomplete frame are kept in the receive buffer, and the next call parses it again from its first byte. A
+// payload that comes in many pieces is collected there, each piece appended to the others, and the block of the buffer
+// becomes the body: the time this takes grows with the payload, not with the number of pieces.
 #include <cstring>
 
 #include "base/log.h"
@@ -69,26 +69,34 @@ int read_mask(Incoming &in) {
     return result;
 }
 
-// read_first reads a payload of which the receive buffer has nothing. It makes a block of header and payload with room
-// for all `total` bytes: `*block`, the caller's to free, when the payload is complete; the receive buffer when it is
-// not.
-int read_first(Incoming &in, int total, uint8_t **block) {
-    Owned<uint8_t> bytes(static_cast<uint8_t *>(os_alloc(static_cast<size_t>(total) + 1)));
-    if (!bytes) return kReadBad;
-    memcpy(bytes.get(), in.header, static_cast<size_t>(in.header_len));
-    const int result = read_next(in, bytes.get() + in.header_len, static_cast<int>(in.length));
-    if (incomplete(result))
-        receive_buffer_set(in.conn, bytes.release(), in.header_len + static_cast<int>(in.from_buf + in.from_sock));
-    if (result == kReadDone) *block = bytes.release();
+// keep_part makes the header and the first `len` bytes of a payload the receive buffer, with room for the whole frame.
+bool keep_part(const Incoming &in, const uint8_t *part, size_t len) {
+    const auto header_len = static_cast<size_t>(in.header_len);
+    auto *block = static_cast<uint8_t *>(os_alloc_bytes(header_len + static_cast<size_t>(in.length) + 1));
+    if (!block) return false;
+    memcpy(block, in.header, header_len);
+    memcpy(block + header_len, part, len);
+    receive_buffer_set(in.conn, block, static_cast<int32_t>(header_len + len));
+    return true;
+}
+
+// read_first reads a payload of which the receive buffer has nothing, straight into the block that becomes the body.
+int read_first(Incoming &in, Owned<uint8_t> *body) {
+    body->reset(static_cast<uint8_t *>(os_alloc_bytes(static_cast<size_t>(in.length) + 1)));
+    if (!*body) return kReadBad;
+    const int result = read_next(in, body->get(), static_cast<int>(in.length));
+    if (incomplete(result) && !keep_part(in, body->get(), in.from_buf + in.from_sock)) return kReadBad;
     return result;
 }
 
-// read_more reads on where the receive buffer has the header at least. `*block`, the caller's to free, is the buffer's
-// block when the payload is complete.
-int read_more(const Incoming &in, int total, uint8_t **block) {
+// read_more reads on where the receive buffer has the header at least. When the payload is complete, the block of the
+// buffer becomes the body: the header in front of it gives way.
+int read_more(const Incoming &in, int total, Owned<uint8_t> *body) {
     const int result = receive_buffer_fill(in.sock, in.conn, total);
-    if (result == kReadDone) *block = receive_buffer_take(in.conn);
-    return result;
+    if (result != kReadDone) return result;
+    body->reset(receive_buffer_take(in.conn));
+    memmove(body->get(), body->get() + in.header_len, static_cast<size_t>(in.length));
+    return kReadDone;
 }
 
 // read_payload gives the message its body, which has a zero byte behind it.
@@ -97,14 +105,13 @@ int read_payload(Incoming &in) {
     if (in.length < 0 || in.length > kPayloadMax - static_cast<int64_t>(sizeof in.header)) return kReadBad;
     const int total = in.header_len + static_cast<int>(in.length);
     const int buffered = in.conn->bufLen;
-    uint8_t *block = nullptr;
-    const int result =
-        buffered >= in.header_len && buffered < total ? read_more(in, total, &block) : read_first(in, total, &block);
+    const bool begun = buffered >= in.header_len && buffered < total;
+    Owned<uint8_t> body;
+    const int result = begun ? read_more(in, total, &body) : read_first(in, &body);
     if (result != kReadDone) return result;
-    memmove(block, block + in.header_len, static_cast<size_t>(in.length));
-    block[in.length] = 0;
+    body.get()[in.length] = 0;
     os_free(in.msg->body);
-    in.msg->body = block;
+    in.msg->body = body.release();
     return kReadDone;
 }
 

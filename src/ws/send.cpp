@@ -71,7 +71,7 @@ struct Frame {
 Frame frame_make(const cloudmgr_ws_msg *msg, Fragment position, int64_t offset, int64_t length) {
     Frame frame;
     frame.payload = static_cast<size_t>(length);
-    frame.bytes.reset(static_cast<uint8_t *>(os_alloc(frame.payload + kFrameSlack)));
+    frame.bytes.reset(static_cast<uint8_t *>(os_alloc_bytes(frame.payload + kFrameSlack)));
     uint8_t *to = frame.bytes.get();
     if (!to) return frame;
     frame.header = bigEndian == 1 ? cloudmgr_ws_setHeadBigEndian(to, msg, position, length)
