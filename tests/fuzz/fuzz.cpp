@@ -14,7 +14,8 @@
 namespace fuzz {
 namespace {
 
-constexpr int kTurnsAtMost = 10000;  // a loop that is never done is a finding
+constexpr int kIndexedDescriptors = 300;  // the index ends at 256
+constexpr int kTurnsAtMost = 10000;       // a loop that is never done is a finding
 
 // Formats as a host does: a text without an end, or an argument of the wrong kind, shows only then.
 int print(uint32_t, const char *, ...) __attribute__((format(printf, 2, 3)));
@@ -116,6 +117,17 @@ void Run::check_tables() {
     FUZZ_CHECK(length_of(cloudtunnel_module_list.link) == static_cast<size_t>(cloudtunnel_module_list.count));
     FUZZ_CHECK(cloudtunnel_timerlist.count <= 200 && cloudtunnel_urllist.count <= 200);
     FUZZ_CHECK(cloudtunnel_connectlist.count <= 1024 && wscnctlist.count <= 32);
+    check_index();
+}
+
+void Run::check_index() {
+    for (int fd = 0; fd < kIndexedDescriptors; ++fd) {
+        cloudtunnel_connect_node *const conn = CLOUDMGR_socket_getCnctBySock(fd);
+        FUZZ_CHECK(conn == list_find<&cloudtunnel_connect_node::sock>(cloudtunnel_connectlist.head.link, fd));
+        if (conn) FUZZ_CHECK(conn_model(conn) == cloudtunnel_socket_getUrlNodeByModelname(conn->modelName));
+        const CLOUDMGR_ELOOP_SOCK *const socket = cloudmgr_eloop_get_sock(fd);
+        FUZZ_CHECK(!socket || (socket->fd == fd && socket->link.next->prev == &socket->link));
+    }
 }
 
 Link::Link(const char *model, uint32_t data_type) {

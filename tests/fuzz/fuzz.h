@@ -80,7 +80,8 @@ class Run {
     void use(int epfd) { epfd_ = epfd; }                                    // after another init
     bool turn();                                                            // one event, if there is one
     bool turn_all();      // until nothing is ready; false where a full reader would turn for ever
-    void check_tables();  // every count is the length of its list, and within its limit
+    void check_tables();  // every count is the length of its list, and within its limit; checks the index, too
+    void check_index();   // every lookup by descriptor finds what the walk of the list finds
 
   private:
     int descriptors_;

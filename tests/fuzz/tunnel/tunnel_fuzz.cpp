@@ -343,6 +343,7 @@ void Life::step(fuzz::Run &run) {
     };
     const uint8_t choice = in_.byte();
     (this->*kSteps[(choice >> 1) % kSteps.size()])(run, tunnels_[choice & 1]);
+    run.check_tables();
 }
 
 void Life::step_start(fuzz::Run &, Tunnel &tunnel) { start(tunnel); }
