@@ -1,11 +1,10 @@
 #include "base/index.h"
 
+IndexSlot index_slots[kIndexSlots];
+
 namespace {
 
-constexpr int kSlots = 256;  // twice the sockets that the loop takes; few processes have more descriptors
 constexpr auto kRelaxed = std::memory_order_relaxed;
-
-IndexSlot g_slots[kSlots];
 
 template <typename T>
 void drop(std::atomic<T *> &entry, const void *record) {
@@ -13,8 +12,6 @@ void drop(std::atomic<T *> &entry, const void *record) {
 }
 
 }  // namespace
-
-IndexSlot *index_slot(int fd) { return fd >= 0 && fd < kSlots ? &g_slots[fd] : nullptr; }
 
 void index_add(CLOUDMGR_ELOOP_SOCK *socket) {
     IndexSlot *slot = index_slot(socket->fd);
@@ -29,7 +26,7 @@ void index_add(cloudtunnel_connect_node *connection) {
 }
 
 void index_drop(const cloudtunnel_link *link) {
-    for (IndexSlot &slot : g_slots) {
+    for (IndexSlot &slot : index_slots) {
         drop(slot.socket, link);
         drop(slot.connection, link);
         drop(slot.model, link);
@@ -37,11 +34,11 @@ void index_drop(const cloudtunnel_link *link) {
 }
 
 void index_clear_sockets() {
-    for (IndexSlot &slot : g_slots) slot.socket.store(nullptr, kRelaxed);
+    for (IndexSlot &slot : index_slots) slot.socket.store(nullptr, kRelaxed);
 }
 
 void index_clear_connections() {
-    for (IndexSlot &slot : g_slots) {
+    for (IndexSlot &slot : index_slots) {
         slot.connection.store(nullptr, kRelaxed);
         slot.model.store(nullptr, kRelaxed);
     }

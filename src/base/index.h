@@ -17,8 +17,11 @@ struct IndexSlot {
     std::atomic<cloudtunnel_url_node *> model;
 };
 
-// index_slot returns the entries of a descriptor; null for a descriptor of 256 or more.
-IndexSlot *index_slot(int fd);
+constexpr int kIndexSlots = 256;  // twice the sockets that the loop takes; few processes have more descriptors
+extern IndexSlot index_slots[kIndexSlots];
+
+// index_slot returns the entries of a descriptor; null for one beyond the index.
+inline IndexSlot *index_slot(int fd) { return fd >= 0 && fd < kIndexSlots ? &index_slots[fd] : nullptr; }
 
 // index_add enters a record that its owner has linked, unless another one of the list has its descriptor already.
 void index_add(CLOUDMGR_ELOOP_SOCK *socket);

@@ -8,12 +8,19 @@
 
 namespace {
 
+constexpr size_t kSmallBlock = 1024;
+
 // White space in the "C" locale, whatever the process has set.
 bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 }  // namespace
 
-void *os_alloc(size_t size) { return calloc(1, size ? size : 1); }
+void *os_alloc(size_t size) {
+    // The C library serves small blocks from a cache of the thread in malloc, but not in calloc.
+    if (size >= kSmallBlock) return calloc(1, size);
+    void *block = os_alloc_bytes(size);
+    return block ? memset(block, 0, size) : nullptr;
+}
 
 void *os_alloc_bytes(size_t size) { return malloc(size ? size : 1); }
 

@@ -160,7 +160,7 @@ cloudtunnel_url_node *conn_model(const cloudtunnel_connect_node *node) {
     if (!slot || slot->connection.load(std::memory_order_relaxed) != node)
         return cloudtunnel_socket_getUrlNodeByModelname(node->modelName);
     cloudtunnel_url_node *url = slot->model.load(std::memory_order_relaxed);
-    if (url && os_strcmp(url->modelName, node->modelName) == 0) return url;
+    if (url) return url;
     url = cloudtunnel_socket_getUrlNodeByModelname(node->modelName);
     slot->model.store(url, std::memory_order_relaxed);
     return url;

@@ -47,14 +47,16 @@ int CLOUDMGR_ws_setbody(cloudmgr_ws_msg *msg, const void *data, int64_t size) {
 }
 
 void cloudmgr_ws_maskData(uint8_t *data, size_t len, const uint8_t (&key)[kMaskSize]) {
-    uint64_t twice = 0;  // the key, twice: eight bytes are masked at once, on any alignment
-    memcpy(&twice, key, kMaskSize);
-    memcpy(reinterpret_cast<uint8_t *>(&twice) + kMaskSize, key, kMaskSize);
-    for (; len >= sizeof twice; data += sizeof twice, len -= sizeof twice) {
-        uint64_t word = 0;
-        memcpy(&word, data, sizeof word);
-        word ^= twice;
-        memcpy(data, &word, sizeof word);
+    uint32_t word = 0;
+    memcpy(&word, key, sizeof word);
+    using Block = uint32_t __attribute__((vector_size(16)));
+    const Block keys = word - Block{};  // the key four times: a block is masked at once, on any alignment
+    const size_t blocks = len - len % sizeof keys;
+    for (size_t i = 0; i < blocks; i += sizeof keys) {
+        Block block;
+        memcpy(&block, data + i, sizeof block);
+        block ^= keys;
+        memcpy(data + i, &block, sizeof block);
     }
-    for (size_t i = 0; i < len; i++) data[i] = static_cast<uint8_t>(data[i] ^ key[i % kMaskSize]);
+    for (size_t i = blocks; i < len; i++) data[i] = static_cast<uint8_t>(data[i] ^ key[i % kMaskSize]);
 }
