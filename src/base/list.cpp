@@ -14,11 +14,24 @@ void list_append(cloudtunnel_link &head, cloudtunnel_link &node) {
     list_insert_after(head.prev ? *head.prev : head, node);
 }
 
+namespace {
+
+void unlink(cloudtunnel_link &node) {
+    node.prev->next = node.next;
+    node.next->prev = node.prev;
+}
+
+}  // namespace
+
+void list_remove(cloudtunnel_link &node) {
+    unlink(node);
+    node.next = node.prev = nullptr;
+}
+
 void CLOUDMGR_DL_Del(cloudtunnel_link *node) {
     if (!node || !node->next || !node->prev) return;
     index_drop(node);
-    node->prev->next = node->next;
-    node->next->prev = node->prev;
+    unlink(*node);
 }
 
 void cloudmgr_dl_list_del(cloudtunnel_link *node) {

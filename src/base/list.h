@@ -13,6 +13,9 @@ inline void list_init(cloudtunnel_link &head) { head.next = head.prev = &head; }
 
 inline bool list_empty(const cloudtunnel_link &head) { return !head.next || head.next == &head; }
 
+// list_remove unlinks a record of a list that has no index; cloudmgr_dl_list_del also drops it from the index.
+void list_remove(cloudtunnel_link &node);
+
 // list_insert_after puts `node` behind `place`, a head or a node in a list; list_append puts it at the end.
 void list_insert_after(cloudtunnel_link &place, cloudtunnel_link &node);
 void list_append(cloudtunnel_link &head, cloudtunnel_link &node);

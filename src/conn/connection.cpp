@@ -116,7 +116,7 @@ cloudtunnel_connect_node *conn_add(int sock, const char *model, const ConnCallba
     node->sock = sock;
     list_append(cloudtunnel_connectlist.head.link, node->link);
     cloudtunnel_connectlist.count++;
-    index_add(node);
+    index_add(cloudtunnel_connectlist.head.link, node);
     LOG(connect, "Add socket connect node ok, model %s, socket %d.", node->modelName, sock);
     return node;
 }
@@ -156,14 +156,10 @@ int CLOUDMGR_socket_getSockByModelName(const char *modelName) {
 }
 
 cloudtunnel_url_node *conn_model(const cloudtunnel_connect_node *node) {
-    IndexSlot *slot = index_slot(node->sock);
-    if (!slot || slot->connection.load(std::memory_order_relaxed) != node)
-        return cloudtunnel_socket_getUrlNodeByModelname(node->modelName);
-    cloudtunnel_url_node *url = slot->model.load(std::memory_order_relaxed);
-    if (url) return url;
-    url = cloudtunnel_socket_getUrlNodeByModelname(node->modelName);
-    slot->model.store(url, std::memory_order_relaxed);
-    return url;
+    const IndexSlot *slot = index_slot(node->sock);
+    const bool entered = slot && slot->connection.load(std::memory_order_acquire) == node;
+    cloudtunnel_url_node *url = entered ? slot->model.load(std::memory_order_acquire) : nullptr;
+    return url ? url : cloudtunnel_socket_getUrlNodeByModelname(node->modelName);
 }
 
 bool conn_is_plain(const cloudtunnel_connect_node *node) {

@@ -61,8 +61,9 @@ CLOUDMGR_ELOOP_SOCK *node_add(int fd, const struct epoll_event &event, CLOUDMGR_
     node->event = event;
     node->extra = extra;
     const Lock hold(g_loop.lock);
+    const bool first = !find_locked(fd);
     list_append(g_loop.sockets, node->link);
-    index_add(node);
+    if (first) index_add(g_loop.sockets, node);
     g_loop.count++;
     return node;
 }

@@ -45,8 +45,8 @@ std::array<uint8_t, kPoolBytes> g_pool = {};  // bit b of byte B: id 100 + 8 * B
 // A pass over the list that is under way.
 struct Pass {
     cloudtunnel_link *next = nullptr;  // visited next; moved on when that node is removed
-    // The node whose callback this pass runs; only this pass frees it. Once the node has left the list, this is null in
-    // the outermost of the passes that run it.
+    // The node whose callback this pass runs. If the node leaves the list meanwhile, the outermost pass that runs it
+    // frees it: remove_locked sets its `running` to null.
     cloudtunnel_timer_node *running = nullptr;
     Pass *outer = nullptr;
 };
@@ -64,7 +64,7 @@ void remove_locked(cloudtunnel_timer_node *node) {
         if (pass->next == &node->link) pass->next = node->link.next;
         if (pass->running == node) runner = pass;
     }
-    cloudmgr_dl_list_del(&node->link);
+    list_remove(node->link);
     cloudtunnel_timerlist.count--;
     if (runner)
         runner->running = nullptr;

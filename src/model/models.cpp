@@ -4,6 +4,7 @@
 #include <ctime>
 #include <utility>
 
+#include "base/index.h"
 #include "base/list.h"
 #include "base/log.h"
 #include "base/os.h"
@@ -51,6 +52,7 @@ cloudtunnel_url_node *node_add(const char *model) {
     if (!node->modelName) return nullptr;
     list_append(cloudtunnel_urllist.head.link, node->link);
     cloudtunnel_urllist.count++;
+    index_add(cloudtunnel_urllist.head.link, node.get());
     return node.release();
 }
 
@@ -97,6 +99,7 @@ void model_set_data_type(const char *model, uint32_t type) {
 void models_init() {
     cloudtunnel_urllist = {};
     list_init(cloudtunnel_urllist.head.link);
+    index_clear_models();
     resolver_init();
 }
 

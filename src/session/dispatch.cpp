@@ -1,8 +1,9 @@
 // One message is read for each readiness event. The kernel reports bytes that it still holds again, but not bytes that
 // a TLS session has taken in already: if the platform packs several frames into one TLS record, the second one would
 // wait until it sends more. So when the session holds bytes after a message, the loop is asked for writability as well:
-// the socket is writable, so the next event comes at once. Such a connection is draining. It stays so until an event
-// finds nothing left to read; asking again for each message would cost a system call for each.
+// as a rule the socket is writable, so the next event comes at once; with a full send buffer it comes when the peer
+// reads on. Such a connection is draining. It stays so until an event finds nothing left to read, since asking again
+// for each message would cost a system call for each.
 #include "session/dispatch.h"
 
 #include <memory>
@@ -31,6 +32,9 @@ const CLOUDMGR_ELOOP_SOCK *watched(int sock) {
 
 bool draining(const CLOUDMGR_ELOOP_SOCK *registered) { return registered->event.events & EPOLLOUT; }
 
+// holds_bytes returns whether the TLS session that the connection is read through holds bytes.
+bool holds_bytes(const cloudtunnel_connect_node *conn) { return tls_pending(conn) && !conn_is_plain(conn); }
+
 int watch_for(int sock, uint32_t events) {
     struct epoll_event event = loop_event(sock, events);
     return CLOUDMGR_eloop_sock_modify(sock, &event, cloudtunnel_socket_dataProc);
@@ -38,7 +42,7 @@ int watch_for(int sock, uint32_t events) {
 
 // drain asks the loop to call again at once if the TLS session holds bytes.
 int drain(const cloudtunnel_connect_node *conn) {
-    if (!tls_pending(conn)) return 0;
+    if (!holds_bytes(conn)) return 0;
     const CLOUDMGR_ELOOP_SOCK *registered = watched(conn->sock);
     return !registered || draining(registered) ? 0 : watch_for(conn->sock, EPOLLIN | EPOLLOUT);
 }
@@ -83,10 +87,10 @@ int dispatch_message(cloudtunnel_connect_node *conn) {
 // dispatch_event acts on what an event reports. 0, or what closes the connection.
 int dispatch_event(cloudtunnel_connect_node *conn, uint32_t events) {
     if (events & EPOLLIN) return dispatch_message(conn);
-    const CLOUDMGR_ELOOP_SOCK *registered = watched(conn->sock);
+    const CLOUDMGR_ELOOP_SOCK *registered = conn->ssl ? watched(conn->sock) : nullptr;
     if (!(events & EPOLLOUT) || !registered || !draining(registered)) return -1;
-    if (tls_pending(conn)) return dispatch_message(conn);
-    return watch_for(conn->sock, EPOLLIN);
+    if (holds_bytes(conn)) return dispatch_message(conn);
+    return events & (EPOLLERR | EPOLLHUP) ? -1 : watch_for(conn->sock, EPOLLIN);
 }
 
 }  // namespace

@@ -46,7 +46,7 @@ void CLOUDMGR_v3wscnct_deinit(void) {
 void CLOUDMGR_v3wscnct_node_del(const char *cloudModelName) {
     cloudmgr_v3wscnct_node *node = cloudmgr_v3wscnct_getNodeByName(cloudModelName);
     if (!node) return;
-    cloudmgr_dl_list_del(&node->link);
+    list_remove(node->link);
     wscnctlist.count--;
     LOG(connect, "Del ws connect node ok, name %s.", node->cloudModelName);
     node_free(&node->link);

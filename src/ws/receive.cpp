@@ -69,23 +69,19 @@ int read_mask(Incoming &in) {
     return result;
 }
 
-// keep_part makes the header and the first `len` bytes of a payload the receive buffer, with room for the whole frame.
-bool keep_part(const Incoming &in, const uint8_t *part, size_t len) {
-    const auto header_len = static_cast<size_t>(in.header_len);
-    auto *block = static_cast<uint8_t *>(os_alloc_bytes(header_len + static_cast<size_t>(in.length) + 1));
-    if (!block) return false;
-    memcpy(block, in.header, header_len);
-    memcpy(block + header_len, part, len);
-    receive_buffer_set(in.conn, block, static_cast<int32_t>(header_len + len));
-    return true;
-}
-
-// read_first reads a payload of which the receive buffer has nothing, straight into the block that becomes the body.
-int read_first(Incoming &in, Owned<uint8_t> *body) {
-    body->reset(static_cast<uint8_t *>(os_alloc_bytes(static_cast<size_t>(in.length) + 1)));
+// read_first reads a payload of which the receive buffer has nothing, straight to the start of the block that becomes
+// the body. The block has room for the header as well: if bytes are missing, what there is moves behind the header, and
+// the block becomes the receive buffer.
+int read_first(Incoming &in, int total, Owned<uint8_t> *body) {
+    body->reset(static_cast<uint8_t *>(os_alloc_bytes(static_cast<size_t>(total) + 1)));
     if (!*body) return kReadBad;
     const int result = read_next(in, body->get(), static_cast<int>(in.length));
-    if (incomplete(result) && !keep_part(in, body->get(), in.from_buf + in.from_sock)) return kReadBad;
+    if (!incomplete(result)) return result;
+    const auto header_len = static_cast<size_t>(in.header_len);
+    const size_t part = in.from_buf + in.from_sock;
+    memmove(body->get() + header_len, body->get(), part);
+    memcpy(body->get(), in.header, header_len);
+    receive_buffer_set(in.conn, body->release(), static_cast<int32_t>(header_len + part));
     return result;
 }
 
@@ -107,7 +103,7 @@ int read_payload(Incoming &in) {
     const int buffered = in.conn->bufLen;
     const bool begun = buffered >= in.header_len && buffered < total;
     Owned<uint8_t> body;
-    const int result = begun ? read_more(in, total, &body) : read_first(in, &body);
+    const int result = begun ? read_more(in, total, &body) : read_first(in, total, &body);
     if (result != kReadDone) return result;
     body.get()[in.length] = 0;
     os_free(in.msg->body);

@@ -134,6 +134,57 @@ TEST_F(IndexTest, a_socket_that_leaves_the_loop_is_not_found_any_more) {
     EXPECT_EQ(cloudmgr_eloop_get_sock(fd), nullptr);
 }
 
+TEST_F(IndexTest, of_two_sockets_with_one_descriptor_the_older_is_found_until_it_is_deleted) {
+    struct epoll_event event = {};
+    support::Pair one = support::unix_pair();
+    const int fd = one.a.get();
+    event.data.fd = fd;
+    ASSERT_EQ(CLOUDMGR_eloop_sock_add(fd, &event, unused_handler), 0);
+    const CLOUDMGR_ELOOP_SOCK *const oldest = cloudmgr_eloop_get_sock(fd);
+    const auto add_again = [&] {  // another open file with this number: epoll takes it beside the node that is left
+        const support::Pair other = support::unix_pair();
+        ASSERT_EQ(dup2(other.a.get(), fd), fd);
+        ASSERT_EQ(CLOUDMGR_eloop_sock_add(fd, &event, unused_handler), 0);
+    };
+    add_again();
+    EXPECT_EQ(cloudmgr_eloop_get_sock(fd), oldest);
+    const auto *const second = reinterpret_cast<const CLOUDMGR_ELOOP_SOCK *>(oldest->link.next);
+    ASSERT_EQ(CLOUDMGR_eloop_sock_del(fd), 0);
+    EXPECT_EQ(cloudmgr_eloop_get_sock(fd), second);
+    add_again();
+    EXPECT_EQ(cloudmgr_eloop_get_sock(fd), second);
+    CLOUDMGR_eloop_sock_del(fd);
+    CLOUDMGR_eloop_sock_del(fd);
+    EXPECT_EQ(cloudmgr_eloop_get_sock(fd), nullptr);
+}
+
+TEST_F(IndexTest, a_head_that_is_unlinked_takes_the_entries_of_its_list_along) {
+    CLOUDMGR_socket_urllist_set("model", nullptr, nullptr, CLOUDTUNNEL_DATATYPE_HTTP, 443);
+    cloudtunnel_url_node *const url = cloudtunnel_socket_getUrlNodeByModelname("model");
+    cloudtunnel_connect_node *const node = add(200, "model");
+    EXPECT_EQ(cloudtunnel_socket_getPortBySock(200), 443);
+    cloudmgr_dl_list_del(&cloudtunnel_urllist.head.link);
+    EXPECT_EQ(cloudtunnel_socket_getPortBySock(200), 80);
+    cloudmgr_dl_list_del(&cloudtunnel_connectlist.head.link);
+    EXPECT_EQ(CLOUDMGR_socket_getCnctBySock(200), nullptr);
+    std::free(node);
+    std::free(url->modelName);
+    std::free(url);
+    CLOUDMGR_socket_init();
+}
+
+TEST_F(IndexTest, a_model_that_a_caller_linked_itself_is_found_by_the_walk_and_never_entered) {
+    char name[] = "model";
+    cloudtunnel_url_node own = {};
+    own.modelName = name;
+    own.port = 444;
+    list_append(cloudtunnel_urllist.head.link, own.link);
+    ASSERT_NE(add(200, "model"), nullptr);
+    EXPECT_EQ(cloudtunnel_socket_getPortBySock(200), 444);
+    cloudtunnel_urllist.head.link.next = cloudtunnel_urllist.head.link.prev = &cloudtunnel_urllist.head.link;
+    EXPECT_EQ(cloudtunnel_socket_getPortBySock(200), 80);
+}
+
 TEST_F(IndexTest, a_descriptor_added_twice_keeps_its_first_node) {
     const support::Pair pair = support::unix_pair();
     const int fd = pair.a.get();

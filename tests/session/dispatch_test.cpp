@@ -157,6 +157,29 @@ TEST_F(DispatchTest, a_handler_that_a_data_callback_registers_is_not_replaced_wh
     EXPECT_EQ(bodies(), std::vector<std::string>{"one"});
 }
 
+TEST_F(DispatchTest, bytes_in_a_session_that_is_no_longer_read_through_do_not_keep_the_loop_busy) {
+    const support::Connection conn = connect(Wire::tls);
+    conn.server->send(frame(kText, "one") + frame(kText, "two"));
+    ASSERT_TRUE(turn(kWaitMs));
+    CLOUDMGR_socket_urllist_set("model", nullptr, nullptr, CLOUDTUNNEL_DATATYPE_WS, 80);  // plain from now on
+    int turns = 0;
+    while (turn() && turns < 10) turns++;
+    EXPECT_LT(turns, 10);
+    EXPECT_EQ(bodies(), std::vector<std::string>{"one"});
+}
+
+TEST_F(DispatchTest, a_plain_connection_is_never_draining) {
+    const support::Connection conn = connect(Wire::plain);
+    CLOUDMGR_ELOOP_HANDLER *const stock = cloudmgr_eloop_get_sock(conn.sock)->handler;
+    struct epoll_event event = {};
+    event.events = EPOLLIN | EPOLLOUT;
+    event.data.fd = conn.sock;
+    ASSERT_EQ(CLOUDMGR_eloop_sock_modify(conn.sock, &event, stock), 0);
+    EXPECT_TRUE(turn(kWaitMs));  // writable alone: an event without data closes
+    EXPECT_EQ(conn.node(), nullptr);
+    EXPECT_EQ(callbacks.failures, std::vector<std::string>{"model"});
+}
+
 TEST_F(DispatchTest, each_data_type_has_its_reader) {
     const support::Connection conn = connect(Wire::plain, "model", CLOUDTUNNEL_DATATYPE_HTTP);
     conn.server->send("HTTP/1.1 200 OK\r\n\r\n");
