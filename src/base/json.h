@@ -14,6 +14,6 @@ json_object *cloudtunnel_json_StringToObject(const char *text);
 // cloudtunnel_json_GetObject returns the member `key`, which belongs to the object; null when there is none.
 json_object *cloudtunnel_json_GetObject(json_object *object, const char *key);
 
-// json_add gives `value` to the object as its member `key`. Where memory is short the member is left out and the value
-// released.
+// json_add adds `value` to the object as its member `key`, a null value as JSON's null, and gives it to the object. If
+// memory is short, it releases the value and the member is missing.
 void json_add(json_object *object, const char *key, json_object *value);

@@ -32,7 +32,8 @@ bool os_replace(char **field, const char *text);
 // an empty one.
 void os_strlcpy(char *to, const char *from, size_t size);
 
-// os_snprintf formats into `size` bytes and always terminates the text; returns what vsnprintf returns.
+// os_snprintf formats into `size` bytes; returns what vsnprintf returns. The text is terminated unless that is
+// negative.
 int os_snprintf(char *to, size_t size, const char *format, ...) __attribute__((format(printf, 3, 4)));
 
 size_t os_strlen(const char *text);  // 0 for null

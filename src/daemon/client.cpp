@@ -13,6 +13,7 @@
 #include "daemon/link.h"
 #include "daemon/modules.h"
 #include "daemon/wire.h"
+#include "loop/event.h"
 #include "loop/timer.h"
 
 int32_t g_iCloudClientReConnTimeFd = -1;
@@ -29,7 +30,7 @@ bool reconnect_armed() {
     return timer_armed(static_cast<uint32_t>(g_iCloudClientReConnTimeFd), cloudtunnel_cl_reConnTimerProc);
 }
 
-// reconnect_disarm forgets the timer. It deletes the timer too, unless the id belongs to another one by now.
+// reconnect_disarm deletes the timer, by its id, if it is armed, and forgets it.
 void reconnect_disarm() {
     if (reconnect_armed()) cloudtunnel_timer_del(static_cast<uint32_t>(g_iCloudClientReConnTimeFd));
     g_iCloudClientReConnTimeFd = -1;
@@ -158,17 +159,15 @@ int cloudtunnel_cl_connect(const char *path) {
     address.sun_family = AF_UNIX;
     os_strlcpy(address.sun_path, path, sizeof address.sun_path);
     const auto len = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + os_strlen(address.sun_path));
-    const bool timed = setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &kReplyTimeout, sizeof kReplyTimeout) == 0;
-    if (!timed || connect(fd.get(), reinterpret_cast<const struct sockaddr *>(&address), len) != 0) {
-        LOG(error,
-            timed ? "[libcloudtunnel client]connect kyrcloud error:%s\n"
-                  : "[libcloudtunnel client] setsockopt error : %s",
-            strerror(errno));
+    if (setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &kReplyTimeout, sizeof kReplyTimeout) != 0) {
+        LOG(error, "[libcloudtunnel client] setsockopt error : %s", strerror(errno));
         return 1;
     }
-    struct epoll_event event = {};
-    event.events = EPOLLIN | EPOLLERR | EPOLLHUP;
-    event.data.fd = fd.get();
+    if (connect(fd.get(), reinterpret_cast<const struct sockaddr *>(&address), len) != 0) {
+        LOG(error, "[libcloudtunnel client]connect kyrcloud error:%s\n", strerror(errno));
+        return 1;
+    }
+    struct epoll_event event = loop_event(fd.get(), EPOLLIN);
     if (CLOUDMGR_eloop_sock_add(fd.get(), &event, cloudtunnel_cl_procServerMsg) != 0) {
         LOG(error, "[libcloudtunnel client] client fd add socket eloop error\n");
         return 1;

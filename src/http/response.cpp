@@ -114,10 +114,12 @@ struct ChunkedBody {
     int count = 0;  // complete chunks
 };
 
+constexpr size_t kLastChunkLen = 3;  // "0" and its CR LF; the same is taken if the size line is longer, or empty
+
 enum class ChunkRead { chunk, end, incomplete };
 
-// read_chunk decodes the next chunk. The chunk of size 0 takes "0" and its CR LF, and the body ends there: the empty
-// line behind it stays for the next call.
+// read_chunk decodes the next chunk. The body ends with the chunk of size 0; the empty line behind it stays for the
+// next call.
 ChunkRead read_chunk(ChunkedBody &body) {
     if (body.processed >= body.bytes.size()) return ChunkRead::incomplete;
     Chunk *chunk = body.last->next = chunk_make();
@@ -138,7 +140,7 @@ ChunkRead read_chunk(ChunkedBody &body) {
     const int64_t size = strtol(size_line.get(), nullptr, 16);
     size_line.reset();
     if (size == 0) {
-        body.processed += 3;
+        body.processed += kLastChunkLen;
         LOG(package, "End of body, prolen %d.", static_cast<int>(body.processed));
         return ChunkRead::end;
     }
@@ -179,40 +181,55 @@ bool append_chunk(cloudtunnel_http_resp *resp, const Chunk *chunk) {
     return true;
 }
 
-// join_chunks makes the complete chunks the response's body.
-bool join_chunks(const ChunkedBody &body, cloudtunnel_http_resp *resp) {
-    const Chunk *chunk = body.head->next;
-    for (int i = 0; i < body.count; i++, chunk = chunk->next) {
-        if (append_chunk(resp, chunk)) continue;
-        // The number in this message is the count plus one, whichever chunk it is about: logs are matched on it.
-        LOG(package, "Chunk proc node %d malloc failed.", body.count + 1);
-        return false;
+// join_chunks makes the complete chunks the response's body. kReadDone, kReadIncomplete without memory, or kReadBad for
+// a list that is not sound.
+int join_chunks(const ChunkedBody &body, cloudtunnel_http_resp *resp) {
+    // The number in these messages is the count plus one, whichever chunk they are about: logs are matched on it.
+    const int number = body.count + 1;
+    int result = kReadDone;
+    const Chunk *chunk = body.head.get();
+    for (int i = 0; i < body.count; i++) {
+        chunk = chunk->next;
+        if (!chunk) {
+            LOG(package, "Chunk proc node %d null.", number);
+            return kReadBad;
+        }
+        if (chunk->length == 0) {
+            LOG(package, "Chunk proc node %d len 0 error.", number);
+            result = kReadBad;
+        }
+        if (result == kReadDone && !append_chunk(resp, chunk)) {
+            LOG(package, "Chunk proc node %d malloc failed.", number);
+            result = kReadIncomplete;
+        }
     }
-    return true;
+    return result;
 }
 
 // decode_chunks decodes a chunked body into the response. Returns what it took, never more than there is, or
-// kReadIncomplete.
+// kReadIncomplete or kReadBad.
 int decode_chunks(std::string_view bytes, cloudtunnel_http_resp *resp) {
     ChunkedBody body = {.bytes = bytes, .head = OwnedChunks(chunk_make())};
     if (!body.head) return kReadIncomplete;
     ChunkRead read = ChunkRead::chunk;
     while (read == ChunkRead::chunk) read = read_chunk(body);
-    if (read == ChunkRead::incomplete || !join_chunks(body, resp)) {
-        LOG(package, "Chunk proc not complete %d.", kReadIncomplete);
-        return kReadIncomplete;
+    const int result = read == ChunkRead::end ? join_chunks(body, resp) : kReadIncomplete;
+    if (result != kReadDone) {
+        LOG(package, "Chunk proc not complete %d.", result);
+        return result;
     }
     LOG(package, "Chunk proc ok, proclen %d, bodylen %d.", static_cast<int>(body.processed), resp->content_length);
     return static_cast<int>(std::min(body.processed, bytes.size()));
 }
 
-// read_body takes the body from the bytes behind the headers. Returns what it took, kReadIncomplete, or kReadBad for a
-// body of known length without memory.
+// read_body takes the body from the bytes behind the headers. Returns what it took, kReadIncomplete, or kReadBad for
+// chunks that are not sound and for a body of known length without memory.
 int read_body(const char *model, std::string_view bytes, cloudtunnel_http_resp *resp) {
     if (bytes.empty()) return 0;
     if (resp->chunked) {
         const int used = decode_chunks(bytes, resp);
-        if (used < 0) LOG(package, "[Model %s]msg rcv chunked body not enough.", model);
+        if (used == kReadIncomplete) LOG(package, "[Model %s]msg rcv chunked body not enough.", model);
+        if (used == kReadBad) LOG(package, "[Model %s]msg rcv chunked body error.", model);
         return used;
     }
     int failed = kReadBad;
@@ -272,7 +289,7 @@ int cloudtunnel_http_rcv(int sock, cloudtunnel_http_resp *resp) {
     if (!conn || !resp) return kReadBad;
     // The bytes of the receive buffer, and behind them those read now.
     size_t len = conn->buf && conn->bufLen > 0 ? static_cast<size_t>(conn->bufLen) : 0;
-    const Owned<uint8_t> area(static_cast<uint8_t *>(os_alloc((len > kAreaSize ? len : kAreaSize) + 1)));
+    const Owned<uint8_t> area(static_cast<uint8_t *>(os_alloc_bytes((len > kAreaSize ? len : kAreaSize) + 1)));
     if (!area) return kReadBad;
     if (len) {
         memcpy(area.get(), conn->buf, len);
@@ -295,6 +312,8 @@ int cloudtunnel_http_rcv(int sock, cloudtunnel_http_resp *resp) {
         if (resp->content_length < 0) return kReadBad;
         if (len - headers >= static_cast<size_t>(resp->content_length))
             result = read_body(conn->modelName, text_of(area.get() + headers, len - headers), resp);
+        // A chunk error leaves the receive buffer as it was; a body without memory does not.
+        if (result == kReadBad && resp->chunked) return kReadBad;
         if (result >= 0) consumed = headers + static_cast<size_t>(result);
     }
     // What was not consumed becomes the receive buffer. Bytes that cannot be kept are an error: they would be missing

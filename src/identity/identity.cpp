@@ -35,9 +35,7 @@ static_assert(sizeof(Store::secrets) == 2 * kSecretSize &&
 
 Store g_store = {};
 
-void add_text(json_object *object, const char *key, const char *text) {
-    json_add(object, key, json_object_new_string(text ? text : ""));
-}
+json_object *text_value(const char *text) { return json_object_new_string(text ? text : ""); }
 
 }  // namespace
 
@@ -80,8 +78,13 @@ const char *cloudmgr_v3_getCookie(void) { return g_store.secrets.cookie; }
 
 void cloudmgr_v3_basic_add(json_object *object, const char *cloud_model, const char *device_model) {
     if (!object) return;
-    add_text(object, "cloudModName", cloud_model);
-    add_text(object, "tokenID", CLOUDMGR_TUNNEL_GetToken());
-    add_text(object, "devSN", cloudmgr_dev_getSN());
-    add_text(object, "devModName", device_model);
+    // All four are made before the first is added: a text may be that of a member which an addition replaces.
+    json_object *const cloud = text_value(cloud_model);
+    json_object *const token = text_value(CLOUDMGR_TUNNEL_GetToken());
+    json_object *const serial = text_value(cloudmgr_dev_getSN());
+    json_object *const device = text_value(device_model);
+    json_add(object, "cloudModName", cloud);
+    json_add(object, "tokenID", token);
+    json_add(object, "devSN", serial);
+    json_add(object, "devModName", device);
 }

@@ -5,7 +5,7 @@
 
 #include <csignal>
 
-// Set by cloudtunnel_timer_timerout, cleared at the end of each pass; nothing in the library reads it.
+// Set by cloudtunnel_timer_timerout, cleared at the end of each pass; nothing in the library reads it, the tests do.
 extern volatile sig_atomic_t timer_timeout_pending;
 
 // timer_armed tells whether `id` is a live timer with this callback: ids are given anew, and an init forgets them all.

@@ -40,7 +40,7 @@ void print_packet_header() {
     tzset();
     if (localtime_r(&now.tv_sec, &local) && os_asctime(local, date)) os_strrtrim(date);
 
-    char header[256];
+    char header[256] = "";
     os_snprintf(header, sizeof header, "[%s][%06u][PACKAGE DETAIL]: \n***************** Data *****************\n", date,
                 static_cast<unsigned>(now.tv_usec));
     if (g_CloudTunnelLogFile)
@@ -108,7 +108,7 @@ void CLOUDMGR_debug_CloseFile(void) {
 }
 
 void CLOUDMGR_debug_Removefile(void) {
-    if (close_log_file()) remove(g_log_path);
+    if (close_log_file() && g_log_path) remove(g_log_path);
 }
 
 void CLOUDMGR_debug_SetStdout(void) { setvbuf(stdout, nullptr, _IOLBF, 0); }

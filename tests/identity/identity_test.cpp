@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/json.h"
 #include "tests/support/fault.h"
 #include "tests/support/fixture.h"
 
@@ -142,6 +143,16 @@ TEST_F(DeviceTest, token_and_cookie_may_be_set_to_the_stored_texts) {
     EXPECT_STREQ(cloudmgr_v3_getCookie(), "token");
     cloudtunnel_dev_setMainTunnelInfo(nullptr, cloudmgr_v3_getCookie());
     EXPECT_STREQ(CLOUDMGR_TUNNEL_GetToken(), "token");
+}
+
+TEST_F(DeviceTest, the_identity_may_be_made_of_the_objects_own_texts) {
+    json_object *const object = json_object_new_object();
+    cloudmgr_v3_basic_add(object, "model", "device");
+    json_object *const member = cloudtunnel_json_GetObject(object, "cloudModName");
+    cloudmgr_v3_basic_add(object, "other", json_object_get_string(member));
+    EXPECT_STREQ(json_object_get_string(cloudtunnel_json_GetObject(object, "cloudModName")), "other");
+    EXPECT_STREQ(json_object_get_string(cloudtunnel_json_GetObject(object, "devModName")), "model");
+    json_object_put(object);
 }
 
 }  // namespace
