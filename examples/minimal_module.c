@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/random.h>
 
 static const char *model = "desk";
 static int running;              /* a set-up or a tunnel is under way */
@@ -35,11 +36,23 @@ static int on_connected(int connected) {
     return 0;
 }
 
+/* A mask key that nobody can foresee. The kernel gives them in batches; the library's own come from the clock. */
+static const uint8_t *next_mask(void) {
+    static uint8_t batch[256];
+    static size_t used = sizeof batch;
+    if (used == sizeof batch) {
+        if (getrandom(batch, sizeof batch, 0) != (ssize_t)sizeof batch) return CLOUDMGR_ws_getMask();
+        used = 0;
+    }
+    used += 4;
+    return batch + used - 4;
+}
+
 /* A client masks what it sends. 0 when it was sent. */
 static int send_frame(uint8_t opcode, const void *body, int64_t length) {
     cloudmgr_ws_msg *frame = CLOUDMGR_ws_msg_create();
     CLOUDMGR_ws_setoptcode(frame, opcode);
-    CLOUDMGR_ws_setmask(frame, CLOUDMGR_ws_getMask());
+    CLOUDMGR_ws_setmask(frame, next_mask());
     if (length > 0) CLOUDMGR_ws_setbody(frame, body, length);
     const int result = CLOUDMGR_ws_send(sock, frame, 100);
     CLOUDMGR_ws_msg_destory(frame);

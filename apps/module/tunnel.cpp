@@ -365,7 +365,7 @@ bool Tunnel::send(Opcode opcode, std::string_view body) {
     const OwnedMessage message(CLOUDMGR_ws_msg_create());
     if (!message) return false;
     CLOUDMGR_ws_setoptcode(message.get(), static_cast<uint8_t>(opcode));
-    CLOUDMGR_ws_setmask(message.get(), CLOUDMGR_ws_getMask());
+    CLOUDMGR_ws_setmask(message.get(), masks_.next());
     if (!body.empty() && CLOUDMGR_ws_setbody(message.get(), body.data(), static_cast<int32_t>(body.size())) != 0) {
         return false;
     }

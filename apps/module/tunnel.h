@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "assembly.h"
+#include "masks.h"
 #include "options.h"
 #include "retry.h"
 #include "timeline.h"
@@ -89,6 +90,7 @@ class Tunnel {
     Timeline &timeline_;
     Retry retry_;
     Assembly assembly_;
+    Masks masks_;
     State state_ = State::waiting;
     Clock::time_point due_ = Clock::time_point::max();
     Target target_;         // of the tunnel that was started last
