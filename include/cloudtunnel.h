@@ -9,17 +9,17 @@
  * Rules that hold for every function here, unless its comment says otherwise:
  *
  * - Threads. The library starts none and installs no signal handler. Call it from one thread: the one that calls
- *   CLOUDTUNNEL_EPOLL_HandleMsg and CLOUDTUNNEL_TIMER_Proc. Only cloudtunnel_timer_add, _del and _refresh may be
- *   called from other threads too, and not while a pass over the timers runs.
+ *   CLOUDTUNNEL_EPOLL_HandleMsg and CLOUDTUNNEL_TIMER_Proc. Only cloudtunnel_timer_add, _del and _refresh may also be
+ *   called from other threads, but not while a pass over the timers runs.
  * - Results. 32-bit; 0 is success, -1 failure. A null argument gives -1 (or null, or nothing) and changes nothing.
- * - Memory. What the library gives to be freed comes from malloc and is released with free. Texts handed in are
- *   copied. A pointer that is handed out belongs to its record, unless its comment says otherwise, and is valid until
- *   the record changes.
+ * - Memory. What the caller has to free comes from malloc and is released with free. The library copies the texts it is
+ *   given. A pointer that it returns belongs to a record of the library, unless the comment says otherwise, and is
+ *   valid until that record changes.
  * - Callbacks run on the caller's thread with no lock of the library held. They may call every function here. The
  *   print callback is the exception: it must not call the library.
  * - Log. A message of level L reaches the print callback when cloudmgr_debug_level is at least L.
- * - Records are laid out as they stand here, with natural alignment. They are read by callers, never copied or freed
- *   by them unless the comment says so.
+ * - Records are laid out as they stand here, with natural alignment. Callers read them; they copy or free none unless
+ *   its comment says so.
  */
 #ifndef CLOUDTUNNEL_H
 #define CLOUDTUNNEL_H
@@ -33,7 +33,7 @@
 #include <sys/time.h>
 
 #if defined(__GNUC__)
-/* Marks what the shared library shows to the outside. */
+/* Marks what the shared library exports. */
 #define CLOUDTUNNEL_EXPORT __attribute__((visibility("default")))
 /* Has the compiler check a format against its arguments, as it does for printf. */
 #define CLOUDTUNNEL_PRINTF(format_at, args_at) __attribute__((format(printf, format_at, args_at)))
@@ -52,8 +52,8 @@ struct ssl_ctx_st;  /* OpenSSL's SSL_CTX */
 
 /* ------------------------------------------------------------------------------------------------ lists */
 
-/* The links of every record that lives in a list: always its first field. A list is circular; its head is such a pair
- * of links too, pointing to itself when the list is empty. A head of zeros reads as an empty list. */
+/* The links of a record in a list; always its first field. A list is circular. Its head is such a pair of links too,
+ * and points to itself when the list is empty. A head of zeros is an empty list as well. */
 typedef struct cloudtunnel_link {
     struct cloudtunnel_link *next; /* the node behind this one; the head behind the last */
     struct cloudtunnel_link *prev; /* the node in front of this one; the head in front of the first */
@@ -66,7 +66,7 @@ CLOUDTUNNEL_EXPORT void cloudmgr_dl_list_del(cloudtunnel_link *node);
 CLOUDTUNNEL_EXPORT void CLOUDMGR_DL_Del(cloudtunnel_link *node);
 
 /* CLOUDMGR_DL_DelHead unlinks the first node of the list `head` and returns it, its links cleared; null when the list
- * is empty. The caller owns the node from then on. A count beside the head is the caller's business. */
+ * is empty. The caller owns the node from then on, and updates the count where the head has one. */
 CLOUDTUNNEL_EXPORT cloudtunnel_link *CLOUDMGR_DL_DelHead(cloudtunnel_link *head);
 
 /* CLOUDMGR_DL_IsEndOfQ returns 1 when a walk over `head` that has reached `node` is over: the list is empty, `node` is
@@ -79,15 +79,15 @@ CLOUDTUNNEL_EXPORT void cloudmgr_dl_FreeAll(cloudtunnel_link *head, void (*free_
 
 /* ------------------------------------------------------------------------------------------------ logging and debug */
 
-/* CLOUDTUNNEL_PRINT_FN takes every message of the library, in the manner of printf; its result is ignored. `level` is
- * 1 INIT, 2 ERROR, 3 EVENT, 4 FSM, 5 CONNECT, 6 PACKAGE, 7 PACKAGE DETAIL, 8 TIMER or 9 TIMER DETAIL. `format` has no
- * newline at its end, but for a few messages of the daemon client. The function must not call the library: it can run
- * while a lock of the library is held. */
+/* CLOUDTUNNEL_PRINT_FN is called with every message of the library, as a printf format and its arguments; its result is
+ * ignored. `level` is 1 INIT, 2 ERROR, 3 EVENT, 4 FSM, 5 CONNECT, 6 PACKAGE, 7 PACKAGE DETAIL, 8 TIMER or 9 TIMER
+ * DETAIL. `format` has no newline at its end, except in a few messages of the daemon client. The function must not call
+ * the library: it can run while a lock of the library is held. */
 typedef int CLOUDTUNNEL_PRINT_FN(uint32_t level, const char *format, ...);
 
 /* CLOUDTUNNEL_LIB_INIT_DATA is filled by the caller and copied by the library. */
 typedef struct CLOUDTUNNEL_LIB_INIT_DATA {
-    uint16_t usReserved;                                     /* kept, read by nothing in the library */
+    uint16_t usReserved;                                     /* copied; the library does not read it */
     CLOUDTUNNEL_PRINT_FN *pfnPrint CLOUDTUNNEL_PRINTF(2, 3); /* null: the library prints nothing */
 } CLOUDTUNNEL_LIB_INIT_DATA;
 
@@ -109,16 +109,16 @@ CLOUDTUNNEL_EXPORT extern char g_szDebugModuleName[128]; /* "CLOUD_TUNNEL" at fi
 CLOUDTUNNEL_EXPORT extern uintptr_t g_cloudmgrprintLock; /* 0 at first */
 CLOUDTUNNEL_EXPORT extern uint16_t g_bCallerOpenFile;    /* 0 at first */
 
-/* CLOUDMGR_debug_Init copies the init data into g_stLibInitData: from here on messages are printed. Both inits call
- * it first; a null `data` changes nothing. */
+/* CLOUDMGR_debug_Init copies the init data into g_stLibInitData: from then on messages are printed. Both inits call it
+ * first; a null `data` changes nothing. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_debug_Init(const CLOUDTUNNEL_LIB_INIT_DATA *data);
 
 /* CLOUDMGR_debug_Fini does nothing: the callback stays, so that late messages still print. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_debug_Fini(void);
 
-/* CLOUDMGR_debug_open_file opens `path` for writing, cut to nothing, line-buffered, as the log file, and closes the one
- * that was open. 0, also for a null path, which changes nothing; -1 when the file cannot be opened: then none is open.
- * Prints "Open log file %s." or "Open log file failed." at INIT. */
+/* CLOUDMGR_debug_open_file closes the log file if one is open, and opens `path` as the new one, truncated and
+ * line-buffered. 0; -1 when the file cannot be opened: then no log file is open. A null path changes nothing and gives
+ * 0. Prints "Open log file %s." or "Open log file failed." at INIT. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_debug_open_file(const char *path);
 
 /* CLOUDMGR_debug_CloseFile closes the log file if one is open. */
@@ -140,55 +140,56 @@ CLOUDTUNNEL_EXPORT void printHex(const uint8_t *data, uint32_t len);
 
 /* ------------------------------------------------------------------------------------------------ library lifecycle */
 
-/* CLOUDTUNNEL_LIB_Init brings the library up in a module process: everything, with the link to the daemon. Returns the
- * epoll descriptor, 0 or more, to be handed to CLOUDTUNNEL_EPOLL_HandleMsg; -1 for null `data` and when no epoll
- * instance can be made. A daemon that does not answer is no failure: the library tries again every 10000 ms. When not
- * even that timer can be armed, the event loop is torn down and its descriptor, closed by then, is returned all the
- * same. Blocks while registered modules are announced (see CLOUDTUNNEL_MODULE_Register).
- * A second call starts over: it forgets the tables of the first without freeing what callers may still hold. */
+/* CLOUDTUNNEL_LIB_Init initialises the library in a module process, with the link to the daemon. Returns the epoll
+ * descriptor, 0 or more, to be passed to CLOUDTUNNEL_EPOLL_HandleMsg; -1 for null `data` and when no epoll instance can
+ * be made. A daemon that cannot be reached is no failure: the library tries again every 10000 ms. If not even the timer
+ * for that can be armed, the event loop is shut down, and its closed descriptor is returned.
+ * A second call starts over with empty tables: the modules, timers, sockets, models, connections and pending tunnels of
+ * the first are forgotten, not freed, since callers may still hold them. Call CLOUDTUNNEL_LIB_Fini and
+ * CLOUDMGR_socket_deinit in between to free them. */
 CLOUDTUNNEL_EXPORT int CLOUDTUNNEL_LIB_Init(const CLOUDTUNNEL_LIB_INIT_DATA *data);
 
-/* CLOUDTUNNEL_LIB_MiniInit brings the library up in the daemon itself: no link to the daemon, and the tables of models
- * and connections stay as they are. Results as CLOUDTUNNEL_LIB_Init. */
+/* CLOUDTUNNEL_LIB_MiniInit initialises the library in the daemon itself: without a link to the daemon, and with the
+ * tables of models and connections left as they are. Results as CLOUDTUNNEL_LIB_Init. */
 CLOUDTUNNEL_EXPORT int CLOUDTUNNEL_LIB_MiniInit(const CLOUDTUNNEL_LIB_INIT_DATA *data);
 
-/* CLOUDTUNNEL_LIB_Fini ends what either init began: tunnels being set up, daemon link, event loop, timers. Open
- * connections, models and modules stay; CLOUDMGR_socket_deinit frees the first two. May be called without init, twice,
- * and from inside a callback. */
+/* CLOUDTUNNEL_LIB_Fini ends pending tunnels, the daemon link, the event loop and the timers. Connections, models and
+ * modules stay; CLOUDMGR_socket_deinit frees the first two. May be called without an init, twice, and from inside a
+ * callback. */
 CLOUDTUNNEL_EXPORT void CLOUDTUNNEL_LIB_Fini(void);
 
 /* cloudtunnel_initLibData copies the init data into g_stLibInitData, as CLOUDMGR_debug_Init does. */
 CLOUDTUNNEL_EXPORT void cloudtunnel_initLibData(const CLOUDTUNNEL_LIB_INIT_DATA *data);
 
-/* English names, "Jan" to "Dec" and "Mon" to "Sun"; for callers, read by nothing in the library. */
+/* English names, "Jan" to "Dec" and "Mon" to "Sun", for callers; the library does not read them. */
 CLOUDTUNNEL_EXPORT extern const char *const cloudtunnel_month[12];
 CLOUDTUNNEL_EXPORT extern const char *const cloudtunnel_wkday_s[7];
 
 /* ------------------------------------------------------------------------------------------------ modules */
 
-/* What a module hands in to be registered. Texts are copied, callbacks stored; all three must be set. They take no
- * arguments: they fetch what they need with CLOUDMGR_TUNNEL_GetToken and similar functions. A non-zero result only
- * shows in the log. */
+/* What CLOUDTUNNEL_MODULE_Register takes. Texts are copied; all three callbacks must be set. They take no arguments:
+ * they fetch what they need with CLOUDMGR_TUNNEL_GetToken and similar functions. A non-zero result is logged and has no
+ * other effect. */
 typedef struct CLOUDTUNNEL_MODULE_REG {
-    const char *pcName;           /* the model; by this name the daemon's messages find the module */
+    const char *pcName;           /* the model, by which the daemon's messages name the module */
     const char *pcSubName;        /* a second name, announced to the daemon */
     int (*tunnel_open_cb)(void);  /* the daemon sent the model's tunnel data: CLOUDMGR_v3wscnct_start may follow */
     int (*tunnel_close_cb)(void); /* the daemon closed the model, or the link to the daemon broke */
     int (*tunnel_third_cb)(void); /* the daemon's third kind of notification */
 } CLOUDTUNNEL_MODULE_REG;
 
-/* A registered module. Lives until the process ends. */
+/* A registered module. It stays in memory until the process ends. */
 typedef struct CLOUDTUNNEL_MODULE_NODE {
     cloudtunnel_link link; /* its place in the list */
-    uint16_t registered;   /* stays 0: the daemon's answer is not examined, so every announcement names every module */
-    char *name;            /* owned, as the next one: copies of the registration's texts */
+    uint16_t registered;   /* always 0: the daemon's answer is not examined, so each module is announced each time */
+    char *name;            /* owned, like sub_name: copies of the texts that were registered */
     char *sub_name;        /* announced beside the name */
     int (*tunnel_open_cb)(void);  /* as registered, like the next two */
     int (*tunnel_close_cb)(void); /* see CLOUDTUNNEL_MODULE_REG */
     int (*tunnel_third_cb)(void); /* see CLOUDTUNNEL_MODULE_REG */
     char *url_host;               /* from the daemon's last tunnel data; null before */
     char *url_path;               /* likewise */
-    uint32_t tunnel_value;        /* likewise; kept, used for nothing */
+    uint32_t tunnel_value;        /* likewise; stored and not used */
     uint16_t port;                /* likewise */
 } CLOUDTUNNEL_MODULE_NODE;
 
@@ -196,7 +197,7 @@ typedef struct CLOUDTUNNEL_MODULE_NODE {
 typedef struct cloudtunnel_module_head {
     cloudtunnel_link link; /* of the first node and the last */
     int32_t count;         /* modules in the list */
-    uint32_t reserved[3];  /* 0, read by nothing */
+    uint32_t reserved[3];  /* 0, not read */
 } cloudtunnel_module_head;
 
 /* The registered modules, in the order of their registration. */
@@ -206,8 +207,8 @@ CLOUDTUNNEL_EXPORT extern cloudtunnel_module_head cloudtunnel_module_list;
 CLOUDTUNNEL_EXPORT void cloudtunnel_initModuleList(void);
 
 /* CLOUDTUNNEL_MODULE_Register adds a module and announces every module, this one included, to the daemon. 0; -1 for a
- * null `reg` and when memory is short. May be called before the daemon is reachable, and twice with one name: then
- * the daemon's messages reach the first.
+ * null `reg` and when memory is short. May be called before the daemon is reachable, and twice with one name: then the
+ * daemon's messages reach the first.
  * Blocks while the daemon is connected: it waits for an answer to each announcement until the daemon answers or closes
  * the link. N registrations send 1 + 2 + ... + N announcements. */
 CLOUDTUNNEL_EXPORT int CLOUDTUNNEL_MODULE_Register(const CLOUDTUNNEL_MODULE_REG *reg);
@@ -221,24 +222,24 @@ CLOUDTUNNEL_EXPORT void cloudtunnel_module_reg2Server(void);
 
 /* ------------------------------------------------------------------------------------------------ device identity */
 
-/* Why the main tunnel last went down, as the daemon reports it. */
+/* Why the main tunnel last failed, as the daemon reports it. */
 typedef struct CLOUDTUNNEL_MAIN_TUNNEL_INFO {
-    int32_t last_down_reason;       /* why, in the daemon's numbers */
+    int32_t last_down_reason;       /* the daemon's number for the reason */
     int32_t last_down_error_code;   /* the daemon's code for the error */
     int32_t last_down_socket_errno; /* errno of the socket */
     uint8_t kept[128];              /* not read by the library */
 } CLOUDTUNNEL_MAIN_TUNNEL_INFO;
 
-/* cloudmgr_dev_setSN reads the device's serial number from /proc/sys/product_info through a shell command. Without an
- * answer the number stays as it was ("-NA-" at first). At most 63 characters are kept; the line end is dropped, a
- * leading blank stays. Returns 0. Both inits call it. */
+/* cloudmgr_dev_setSN reads the device's serial number from /proc/sys/product_info through a shell command. If the
+ * command prints nothing, the number stays as it was ("-NA-" at first). At most 63 characters are kept, without the
+ * line end but with a leading blank. Returns 0. Both inits call it. */
 CLOUDTUNNEL_EXPORT int cloudmgr_dev_setSN(void);
 
 /* cloudmgr_dev_getSN returns the serial number. */
 CLOUDTUNNEL_EXPORT const char *cloudmgr_dev_getSN(void);
 
 /* cloudtunnel_dev_setMainTunnelInfo stores the main tunnel's status and, from 256 bytes, the cookie (128) and the token
- * (128) as they are, terminated or not. A null pointer leaves its part as it is. */
+ * (128) as they are, terminated or not. A null pointer leaves that part as it was. */
 CLOUDTUNNEL_EXPORT void cloudtunnel_dev_setMainTunnelInfo(const CLOUDTUNNEL_MAIN_TUNNEL_INFO *info,
                                                           const void *cookie_and_token);
 
@@ -275,27 +276,28 @@ typedef struct CLOUDMGR_ELOOP_SOCK {
     void *extra;                     /* owned, freed with the node; null unless CLOUDMGR_eloop_sock_addex set it */
 } CLOUDMGR_ELOOP_SOCK;
 
-/* CLOUDMGR_eloop_init makes the epoll instance and an empty table. Returns the descriptor or -1. A second call forgets
- * the first epoll instance and its table: it closes and frees nothing. */
+/* CLOUDMGR_eloop_init makes the epoll instance and an empty table. Returns the epoll descriptor, or -1. A second call
+ * starts over: the nodes of the first table and their `extra` are forgotten, not freed, and the first epoll descriptor
+ * is not closed. Call CLOUDMGR_eloop_deinit before it to free them. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_eloop_init(void);
 
-/* CLOUDMGR_eloop_deinit closes the epoll instance and empties the table. The sockets themselves stay open. */
+/* CLOUDMGR_eloop_deinit closes the epoll instance and frees the nodes and their `extra`. The sockets stay open. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_eloop_deinit(void);
 
 /* cloudmgr_eloop_get_sock returns the node of `fd`, or null; null for -1. */
 CLOUDTUNNEL_EXPORT CLOUDMGR_ELOOP_SOCK *cloudmgr_eloop_get_sock(int fd);
 
-/* CLOUDMGR_eloop_sock_add registers `fd` for the events in `event`, whose data.fd must be `fd`: an event with other
- * data finds no handler. 0, or -1 when 128 sockets are registered, memory is short or epoll refuses. */
+/* CLOUDMGR_eloop_sock_add registers `fd` for the events in `event`. Its data.fd must be `fd`: the handler is found by
+ * it. 0, or -1 when 128 sockets are registered, memory is short or epoll refuses. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_eloop_sock_add(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler);
 
-/* CLOUDMGR_eloop_sock_addex does the same and keeps `extra`, from malloc, in the node, which frees it when it is
- * removed. On failure `extra` stays the caller's. */
+/* CLOUDMGR_eloop_sock_addex does the same and stores `extra`, from malloc, in the node. It is freed with the node; on
+ * failure it stays the caller's. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_eloop_sock_addex(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler,
                                                  void *extra);
 
-/* CLOUDMGR_eloop_sock_modify replaces events and handler. 0; -1 when `fd` is not registered or epoll refuses: even
- * then the node has the new event and handler. */
+/* CLOUDMGR_eloop_sock_modify replaces events and handler. 0; -1 when `fd` is not registered or epoll refuses. If epoll
+ * refuses, the node has the new event and handler nevertheless. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_eloop_sock_modify(int fd, struct epoll_event *event, CLOUDMGR_ELOOP_HANDLER *handler);
 
 /* CLOUDMGR_eloop_sock_del removes `fd`, which stays open. 0, also when epoll refuses; -1 when it was not registered. */
@@ -303,7 +305,7 @@ CLOUDTUNNEL_EXPORT int CLOUDMGR_eloop_sock_del(int fd);
 
 /* CLOUDTUNNEL_EPOLL_HandleMsg handles at most one ready socket and never waits; `epfd` is what the init returned.
  * Returns the handler's result; 0 when nothing was ready or the event's socket is not registered; -1 when epoll_wait
- * failed. Call it over and over: to sleep in between, poll `epfd` for POLLIN. */
+ * failed. To wait between the calls, poll `epfd` for POLLIN. */
 CLOUDTUNNEL_EXPORT int CLOUDTUNNEL_EPOLL_HandleMsg(int epfd);
 
 /* ------------------------------------------------------------------------------------------------ timers */
@@ -321,56 +323,60 @@ typedef struct cloudtunnel_timer_node {
     uint32_t id;                    /* the key */
     uint32_t periodic;              /* 0: fires once */
     uint64_t period_ms;             /* whole seconds count */
-    uint32_t deleted;               /* 1: waits for the next pass to remove it */
+    uint32_t deleted;               /* 1: deleted; the next pass removes it */
 } cloudtunnel_timer_node;
 
 /* The head of the list of timers. */
 typedef struct cloudtunnel_timer_head {
     cloudtunnel_link link; /* of the first node and the last */
-    uint32_t count;        /* deleted nodes that still wait for their removal included */
+    uint32_t count;        /* including deleted nodes that no pass has removed yet */
 } cloudtunnel_timer_head;
 
-/* The timers, in firing order: the first one added stays first, later ones stand behind it, the newest in front. */
+/* The timers, in firing order: the one that was added first, then the others from the newest to the oldest. */
 CLOUDTUNNEL_EXPORT extern cloudtunnel_timer_head cloudtunnel_timerlist;
 
 /* CLOUDMGR_timer_init makes the pool empty and all dynamic ids free. Nodes that were in it are not freed. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_timer_init(void);
 
-/* CLOUDMGR_timer_deinit frees every timer and its argument. The ids in use stay marked as used until the next init.
+/* CLOUDMGR_timer_deinit frees every timer and its argument. Dynamic ids in use stay taken until the next init.
  * Returns the result of releasing the lock, 0. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_timer_deinit(void);
 
-/* cloudtunnel_timer_add arms a timer and returns its id, or -1 when 200 timers are in the pool (deleted ones that wait
- * for the next pass included), memory is short or the uptime cannot be read.
- * `id` 0 asks for a free id, 100 to 355. Any other id is taken as it is; the id of a live timer returns that id and
- * leaves that timer as it was. `periodic` 0 fires once. `period_ms` counts whole seconds: below 1000 the timer fires on
- * every pass, 1500 is 1 s.
- * `arg`, null or from malloc, belongs to the pool from this call on, even when the call fails; it is freed on the pass
- * after the timer's end. (Where a fixed id is reused before that pass, the old argument is not freed.) */
+/* cloudtunnel_timer_add arms a timer and returns its id, or -1 when 200 timers are in the pool (including deleted ones
+ * that no pass has removed yet), memory is short or the uptime cannot be read.
+ * `id` 0 asks for a free dynamic id, 100 to 355. Any other id is taken as it is; if a live timer has it, that timer
+ * stays as it was and its id is returned. `periodic` 0 fires once. `period_ms` is rounded down to whole seconds: below
+ * 1000 the timer fires on every pass, 1500 is 1 s.
+ * A one-shot timer expires by cloudtunnel_timer_del with its id, before its callback is called. Two timers share an id
+ * where a fixed id of 100 or more equals a dynamic one. Then the first of them in the list is deleted: if that is not
+ * the expired one, the expired one stays armed and fires again on the next pass.
+ * `arg`, null or from malloc, belongs to the pool from this call on, even when the call fails. It is freed when a pass
+ * removes the timer. (If a fixed id is used again before that pass, the old argument is not freed.) */
 CLOUDTUNNEL_EXPORT int cloudtunnel_timer_add(int32_t id, uint32_t periodic, uint64_t period_ms, void *arg,
                                              cloudtunnel_timer_fn *callback);
 
-/* cloudtunnel_timer_del deletes a timer: it does not fire any more, its id is free at once, its memory is released by
- * the next pass. Always 0; unknown ids are ignored. Until that pass a new timer with the same id can stand behind the
- * deleted one and is not found: it lives on and fires. */
+/* cloudtunnel_timer_del deletes the first timer in the list with this id: it does not fire any more, its id is free at
+ * once, and the next pass frees it. Always 0; an unknown id is ignored. Until that pass, a new timer that got the same
+ * id can stand behind the deleted one: it cannot be deleted or refreshed, and fires. */
 CLOUDTUNNEL_EXPORT int cloudtunnel_timer_del(uint32_t id);
 
 /* cloudtunnel_timer_refresh starts the timer's period again. 0, also for an unknown id; -1 for id 0 and when the uptime
  * cannot be read. */
 CLOUDTUNNEL_EXPORT int cloudtunnel_timer_refresh(uint32_t id);
 
-/* cloudtunnel_timer_proc makes one pass: fires what is due, removes what was deleted. */
+/* cloudtunnel_timer_proc makes one pass over the timers: it fires those that are due and removes deleted ones. It may
+ * be called from inside a timer's callback. */
 CLOUDTUNNEL_EXPORT void cloudtunnel_timer_proc(void);
 
-/* CLOUDTUNNEL_TIMER_Proc makes a pass when there is any timer. Call it at least once a second. */
+/* CLOUDTUNNEL_TIMER_Proc makes a pass if there is any timer. Call it at least once a second. */
 CLOUDTUNNEL_EXPORT void CLOUDTUNNEL_TIMER_Proc(void);
 
 /* cloudtunnel_timer_slotnow returns 1 when there is any timer, else 0. */
 CLOUDTUNNEL_EXPORT int cloudtunnel_timer_slotnow(void);
 
-/* For a host that wants a 100 ms SIGALRM as its own pace; nothing in the library depends on it. cloudtunnel_timer_
- * settimer starts ITIMER_REAL and returns setitimer's result; cloudtunnel_timer_stoptimer and CLOUDTUNNEL_TIMER_Stop
- * stop it; cloudtunnel_timer_timerout is meant as the signal handler and only notes that the signal (14 or 26) came. */
+/* For a host that drives its loop by a SIGALRM every 100 ms; the library does not need it. cloudtunnel_timer_settimer
+ * starts ITIMER_REAL and returns setitimer's result; cloudtunnel_timer_stoptimer and CLOUDTUNNEL_TIMER_Stop stop it;
+ * cloudtunnel_timer_timerout is the signal handler for it and only sets a flag, for signals 14 and 26. */
 CLOUDTUNNEL_EXPORT int cloudtunnel_timer_settimer(void);
 CLOUDTUNNEL_EXPORT void cloudtunnel_timer_stoptimer(void);
 CLOUDTUNNEL_EXPORT void CLOUDTUNNEL_TIMER_Stop(void);
@@ -379,16 +385,16 @@ CLOUDTUNNEL_EXPORT void cloudtunnel_timer_timerout(int signal_number);
 /* cloudtunnel_timer_get_time fills the time of day, seconds and microseconds. Returns gettimeofday's result. */
 CLOUDTUNNEL_EXPORT int cloudtunnel_timer_get_time(struct timeval *now);
 
-/* cloudtunnel_timer_run_time_nobuf returns the system's uptime in seconds, all ones (-1) when it cannot be read. */
+/* cloudtunnel_timer_run_time_nobuf returns the system's uptime in seconds, UINT64_MAX when it cannot be read. */
 CLOUDTUNNEL_EXPORT uint64_t cloudtunnel_timer_run_time_nobuf(void);
 
 /* cloudtunnel_timer_run_time returns the same and writes "%02dD:%02dH:%02dM:%02dS" into `text`, of at least 512 bytes.
- * A null `text` gives -1. */
+ * UINT64_MAX for a null `text`. */
 CLOUDTUNNEL_EXPORT uint64_t cloudtunnel_timer_run_time(char *text);
 
 /* cloudtunnel_timer_boot_time writes when the system started, "System boot time: %s," in UTC with a newline before the
  * comma; cloudtunnel_timer_boot_cloudap_time "%d-%02d-%02d %02d:%02d:%02d" with 8 added to the hour of UTC and no carry
- * into the day, so that 16 to 23 o'clock read 24 to 31. `text` has at least 512 bytes. 0, or -1. */
+ * into the day: hours 16 to 23 are written as 24 to 31. `text` has at least 512 bytes. 0, or -1. */
 CLOUDTUNNEL_EXPORT int cloudtunnel_timer_boot_time(char *text);
 CLOUDTUNNEL_EXPORT int cloudtunnel_timer_boot_cloudap_time(char *text);
 
@@ -408,7 +414,7 @@ typedef struct cloudtunnel_url_node {
     uint32_t dataType;         /* CLOUDTUNNEL_DATATYPE_* */
     uint16_t port;             /* 0 until set; 80 is plain, every other value TLS */
     struct addrinfo *addrList; /* the library's own copy of the resolved addresses, or null */
-    int64_t resolveTime;       /* monotonic seconds when addrList was last replaced; 0 never */
+    int64_t resolveTime;       /* monotonic seconds when addrList was last replaced; 0: never */
 } cloudtunnel_url_node;
 
 /* The head of the list of models. */
@@ -420,8 +426,8 @@ typedef struct cloudtunnel_url_head {
 /* The models, at most 200, in the order of their first set. */
 CLOUDTUNNEL_EXPORT extern cloudtunnel_url_head cloudtunnel_urllist;
 
-/* CLOUDMGR_socket_urllist_set creates or updates a model. A null `url` or `path` and a `port` of 0 leave the field as
- * it is; `dataType` is always stored. A given `url` is resolved, which can block as long as the resolver does, but at
+/* CLOUDMGR_socket_urllist_set creates or updates a model. A null `url` or `path` and a `port` of 0 leave that field as
+ * it was; `dataType` is always stored. A given `url` is resolved, which can block as long as the resolver does, but at
  * most once an hour for each model: within the hour the address list stays even if the host changed. 0; -1 when the
  * table is full, memory is short or the name does not resolve: then the model keeps its last addresses, path, type and
  * port, while a failed copy of `url` or `path` removes the model. */
@@ -445,8 +451,8 @@ CLOUDTUNNEL_EXPORT const struct addrinfo *cloudtunnel_socket_getAddrinfoByModeln
 CLOUDTUNNEL_EXPORT const char *CLOUDMGR_socket_getPathByModelname(const char *modelName);
 
 /* The link ports. A setter reads a decimal text, stores its low 16 bits and returns the whole number: 0 for a text that
- * is no number; -1 for null, which stores nothing. A model whose port is the V3 link port connects to the user's port;
- * the other two are only kept. */
+ * is no number; -1 for null, which stores nothing. A model whose port equals the V3 link port connects to the user's
+ * port; the other two ports are stored and not used. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_setLinkPortV2(const char *port);
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_setLinkPortV3(const char *port);
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_setUserConfigPort(const char *port);
@@ -461,14 +467,16 @@ CLOUDTUNNEL_EXPORT uint16_t CLOUDMGR_socket_getLinkPortCas(void);
 /* The connection is up, TLS included. A non-zero result refuses it: it is closed and the failure callback is called. */
 typedef int cloudtunnel_connected_fn(int sock);
 
-/* The connection of that model is gone, or was never made. Its result is ignored. */
+/* The connection of that model has failed and is closed, or could not be opened. Its result is ignored. `modelName` is
+ * valid during the call: copy it to keep it. A connection's name is a copy, so that closing the connection does not
+ * free it; a call that is refused at once passes the name it was given. */
 typedef int cloudtunnel_failure_fn(const char *modelName);
 
-/* A message came: a cloudtunnel_http_resp or a cloudmgr_ws_msg, by the model's data type. It is destroyed after the
- * call. A non-zero result closes the connection, and the failure callback is called. */
+/* A message was received: a cloudtunnel_http_resp or a cloudmgr_ws_msg, by the model's data type. It is destroyed after
+ * the call. A non-zero result closes the connection, and the failure callback is called. */
 typedef int cloudtunnel_data_fn(int sock, void *message);
 
-/* One connection's TLS session; a null `ssl` is no session. */
+/* The TLS session of one connection; none while `ssl` is null. */
 typedef struct cloudtunnel_ssl_node {
     struct ssl_st *ssl;     /* OpenSSL's session, owned */
     struct ssl_ctx_st *ctx; /* its context, owned: each session has its own */
@@ -477,14 +485,14 @@ typedef struct cloudtunnel_ssl_node {
 /* A connection of the table. */
 typedef struct cloudtunnel_connect_node {
     cloudtunnel_link link;                       /* its place in the list */
-    cloudtunnel_connected_fn *connectedCallback; /* told when the connection is up */
-    cloudtunnel_failure_fn *failureCallback;     /* told when it failed, or ended by a failure */
+    cloudtunnel_connected_fn *connectedCallback; /* called when the connection is up */
+    cloudtunnel_failure_fn *failureCallback;     /* called when it fails */
     cloudtunnel_data_fn *dataCallback;           /* gets each message */
     char modelName[33];                          /* cut to 32 characters; a name that was not cut is unique */
     int32_t sock;                                /* owned, unless `unclose` says otherwise */
     int32_t unclose;                             /* non-zero: closing the connection leaves the descriptor open */
-    uint8_t *buf;                                /* owned: bytes received and not consumed yet, or null */
-    int32_t bufLen;                              /* how many */
+    uint8_t *buf;                                /* owned: the receive buffer, or null */
+    int32_t bufLen;                              /* bytes in it */
     cloudtunnel_ssl_node *ssl;                   /* owned; null for a plain connection */
     uint32_t sslState;                           /* 0 none or failed, 1 handshaking, 2 established */
     uint32_t delTimer;     /* id of the timer that closes the connection after a received close, 0 none */
@@ -498,20 +506,22 @@ typedef struct cloudtunnel_connect_head {
     pthread_mutex_t lock;          /* guards the list and the count */
 } cloudtunnel_connect_head;
 
-/* The connections, at most 1024. */
+/* The connections, at most 1024, in the order in which they were opened. */
 CLOUDTUNNEL_EXPORT extern cloudtunnel_connect_head cloudtunnel_connectlist;
 
 /* CLOUDMGR_socket_init makes the tables of connections and models and the resolution cache empty. What was in them is
- * not freed: call CLOUDMGR_socket_deinit first where there is something. */
+ * not freed: call CLOUDMGR_socket_deinit first to free it. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_socket_init(void);
 
-/* CLOUDMGR_socket_deinit frees every connection, model and the cache. Descriptors stay open and stay registered. */
+/* CLOUDMGR_socket_deinit frees the connections, the models and the resolution cache. Descriptors stay open and
+ * registered. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_socket_deinit(void);
 
-/* CLOUDMGR_socket_connect opens a connection to the first address of the model, which must be IPv4, without waiting.
- * `timeout` is in milliseconds (whole seconds count). Returns the socket; what follows comes through the callbacks. -1
- * when the connection is refused at once: a null argument, no address, table full (1024), model already connected, a
- * failing system call; then the failure callback, if not null, has been called with `modelName`. */
+/* CLOUDMGR_socket_connect opens a connection to the first address of the model, which must be IPv4, and does not wait
+ * for it. `timeout` is in milliseconds, rounded down to whole seconds. Returns the socket: one of the callbacks
+ * follows. -1 when the connection is refused at once: a null argument, no address, table full (1024), model already
+ * connected, memory short or a failing system call; then the failure callback, if not null, has been called with
+ * `modelName`. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_connect(uint64_t timeout, const char *modelName,
                                                cloudtunnel_connected_fn *connected, cloudtunnel_failure_fn *failure,
                                                cloudtunnel_data_fn *data);
@@ -520,28 +530,29 @@ CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_connect(uint64_t timeout, const char *mod
  * unknown connection or model. A failure closes the connection and calls its failure callback. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_connectProc(const struct epoll_event *event, int sock);
 
-/* CLOUDMGR_socket_normal_connect switches a connection that is up to receiving and calls its connected callback. 0; -1
- * when it is unknown or cannot be registered anew. */
+/* CLOUDMGR_socket_normal_connect makes a connection established: messages are read from now on, and its connected
+ * callback is called. 0; -1 when the connection is unknown or the event loop refuses the change. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_normal_connect(int sock);
 
 /* CLOUDMGR_socket_connect_modify replaces the callbacks that are not null. 0, or -1 for an unknown socket. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_connect_modify(int sock, cloudtunnel_data_fn *data,
                                                       cloudtunnel_failure_fn *failure);
 
-/* CLOUDMGR_socket_connect_del forgets a connection; the socket stays open and registered. */
+/* CLOUDMGR_socket_connect_del frees a connection and calls no callback; its socket stays open and registered. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_socket_connect_del(int sock);
 
-/* CLOUDMGR_socket_closeBySock and CLOUDMGR_socket_closeByModelName forget a connection, remove its socket from the loop
- * and close it, unless it is marked to stay open. No callback is called. An unknown connection is ignored. 0. */
+/* CLOUDMGR_socket_closeBySock and CLOUDMGR_socket_closeByModelName free a connection, remove its socket from the event
+ * loop and close it, unless it is marked to stay open. No callback is called. An unknown connection is ignored. 0. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_closeBySock(int sock);
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_closeByModelName(const char *modelName);
 
-/* CLOUDMGR_socket_SetUnclose marks the socket to stay open when its connection is closed; ClearUnclose takes it back.
- */
+/* CLOUDMGR_socket_SetUnclose marks the socket to stay open when its connection is closed; ClearUnclose removes the
+ * mark. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_socket_SetUnclose(int sock);
 CLOUDTUNNEL_EXPORT void CLOUDMGR_socket_ClearUnclose(int sock);
 
-/* Lookups: the node, the model's name (borrowed), the socket; null or -1 when there is none. */
+/* Lookups: the node, the model's name (borrowed until the connection is freed), the socket; null or -1 when there is
+ * none. */
 CLOUDTUNNEL_EXPORT cloudtunnel_connect_node *CLOUDMGR_socket_getCnctBySock(int sock);
 CLOUDTUNNEL_EXPORT const char *CLOUDMGR_socket_getModelNameBySock(int sock);
 CLOUDTUNNEL_EXPORT cloudtunnel_connect_node *CLOUDMGR_socket_getCnctByModelName(const char *modelName);
@@ -552,14 +563,14 @@ CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_getSockByModelName(const char *modelName)
 CLOUDTUNNEL_EXPORT uint32_t CLOUDMGR_socket_getDelTimerBySock(int sock);
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_setDelTimerBySock(int sock, uint32_t timerId);
 
-/* CLOUDMGR_v3_socketError is told of fatal TLS read errors and does nothing. */
+/* CLOUDMGR_v3_socketError is called on fatal TLS read errors and does nothing. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_v3_socketError(int sock);
 
 /* ------------------------------------------------------------------------------------------------ TLS */
 
-/* CLOUDMGR_ssl_connect makes one step of the TLS handshake of a connection, starting it where none runs. The peer's
- * certificate is not checked and no server name is sent. -1 on failure, else the result of switching the connection to
- * receiving or of waiting on. */
+/* CLOUDMGR_ssl_connect makes one step of the TLS handshake of a connection, the first one if none was made. The peer's
+ * certificate is not checked and no server name is sent. -1 on failure. After the last step the result is that of
+ * CLOUDMGR_socket_normal_connect; before it, 0 when the event loop waits for the next step, or -1. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_ssl_connect(int sock);
 
 /* CLOUDMGR_ssl_GetSslBySock returns the connection's TLS session, null when there is none. */
@@ -572,9 +583,9 @@ CLOUDTUNNEL_EXPORT void CLOUDMGR_ssl_Destory(cloudtunnel_connect_node *conn);
 
 /* CLOUDMGR_socket_sendData writes `len` bytes to a connection, plain or TLS, in at most `retryCount` attempts with a
  * sleep of `waitUs` microseconds before each. Returns the bytes written; 0 when no attempt was made; -2 when a plain
- * send ended on EINTR or EAGAIN; -1 on any other failure. A plain connection makes one successful write: what it did
- * not take is not sent. A TLS connection writes on until all is sent, and gives up at the first write that fails; the
- * session should then be closed. A plain send can raise SIGPIPE: the process ignores that signal. */
+ * send ended on EINTR or EAGAIN; -1 on any other failure. A plain connection makes one successful write: what that did
+ * not take is not sent. A TLS connection goes on until all is sent, and stops at the first write that fails; close the
+ * connection then. Both can raise SIGPIPE: the process must ignore that signal. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_sendData(int sock, const uint8_t *data, int len, int retryCount,
                                                 uint32_t waitUs);
 
@@ -589,8 +600,8 @@ enum {
     CLOUDTUNNEL_READ_INCOMPLETE_TOO = -3 /* means the same, and is handled alike */
 };
 
-/* CLOUDMGR_socket_rcvData reads at most `len` bytes once. Their count; CLOUDTUNNEL_READ_INCOMPLETE when nothing can be
- * read now; CLOUDTUNNEL_READ_BAD. */
+/* CLOUDMGR_socket_rcvData reads once, at most `len` bytes, and returns their number; CLOUDTUNNEL_READ_INCOMPLETE when
+ * nothing can be read now; CLOUDTUNNEL_READ_BAD on an error and at the end of the stream. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_rcvData(int sock, uint8_t *dst, uint32_t len);
 
 /* CLOUDMGR_socket_getData fills `dst` with `need` bytes: first those in the receive buffer of `conn` from `offset` on,
@@ -600,14 +611,16 @@ CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_rcvData(int sock, uint8_t *dst, uint32_t 
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_getData(int sock, uint8_t *dst, cloudtunnel_connect_node *conn, int need,
                                                int offset, uint32_t *fromBuf, uint32_t *fromSock);
 
-/* CLOUDMGR_socket_mergeBuf returns a new block of `a` followed by `b`, for the caller to free; null without memory. */
+/* CLOUDMGR_socket_mergeBuf returns a new block of `a` followed by `b`, which the caller frees; null when memory is
+ * short and for a null pointer with a length. */
 CLOUDTUNNEL_EXPORT uint8_t *CLOUDMGR_socket_mergeBuf(const uint8_t *a, const uint8_t *b, uint32_t lenA, uint32_t lenB);
 
-/* CLOUDMGR_socket_bufUpdata replaces the receive buffer with a copy of `len` bytes; a `len` of 0 changes nothing. 0, or
- * -1. */
+/* CLOUDMGR_socket_bufUpdata replaces the receive buffer with a copy of `len` bytes; a `len` of 0 changes nothing. 0; -1
+ * for a null argument, over 2^31 - 1 bytes and when memory is short: then the buffer stays. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_bufUpdata(cloudtunnel_connect_node *conn, const uint8_t *data, uint32_t len);
 
-/* CLOUDMGR_socket_bufClean drops the first `consumed` bytes of the receive buffer. 0, or -1 for a null connection. */
+/* CLOUDMGR_socket_bufClean drops the first `consumed` bytes of the receive buffer. 0, or -1 for a null connection. When
+ * memory is short, all bytes are dropped. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_bufClean(cloudtunnel_connect_node *conn, uint32_t consumed);
 
 /* ------------------------------------------------------------------------------------------------ HTTP */
@@ -664,7 +677,7 @@ typedef struct cloudtunnel_http_line {
 
 /* An HTTP response as it was read. */
 typedef struct cloudtunnel_http_resp {
-    uint32_t status_index;   /* place in the table of known statuses: 1 is 101 Switching Protocols; 0 also for none */
+    uint32_t status_index;   /* index in the table of known statuses: 1 is 101 Switching Protocols; 0 also for none */
     int32_t status_code;     /* 0: the status line named none that is known */
     const char *status_text; /* the status as its table has it, "101 Switching Protocols"; borrowed, or null */
     char *ws_accept;         /* Sec-WebSocket-Accept; owned, or null, as the next two */
@@ -675,18 +688,18 @@ typedef struct cloudtunnel_http_resp {
     uint8_t *body;           /* owned, no zero byte behind it */
 } cloudtunnel_http_resp;
 
-/* A text that grows, for cloudtunnel_http_strcat. It begins as a record of zeros, from malloc. */
+/* A text that grows, for cloudtunnel_http_strcat. Begin with a record of zeros, from malloc. */
 typedef struct cloudtunnel_http_text {
     char *data;        /* owned */
-    uint64_t capacity; /* bytes that data has room for */
+    uint64_t capacity; /* size of data in bytes */
     uint64_t length;   /* without the zero byte behind the text */
 } cloudtunnel_http_text;
 
 /* cloudtunnel_http_req_create returns an empty request, the caller's to destroy; null without memory. */
 CLOUDTUNNEL_EXPORT cloudtunnel_http_req *cloudtunnel_http_req_create(void);
 
-/* cloudtunnel_http_req_destory frees a request, but not its Cache-Control, User-Agent and Content-Type texts: whoever
- * sets these frees them first. */
+/* cloudtunnel_http_req_destory frees a request, but not its Cache-Control, User-Agent and Content-Type texts: who set
+ * these frees them first. */
 CLOUDTUNNEL_EXPORT void cloudtunnel_http_req_destory(cloudtunnel_http_req *req);
 
 /* cloudtunnel_http_resp_create returns an empty response, null without memory; _destory frees it. */
@@ -762,7 +775,7 @@ typedef struct cloudmgr_ws_object {
     char *cookie;  /* 6: also stored as the device's cookie */
 } cloudmgr_ws_object;
 
-/* The caller's record that holds a ws object; the library reads only `ws`. */
+/* A record of the caller's that holds a ws object; the library reads only `ws`. */
 typedef struct cloudmgr_ws_owner {
     void *callers[6];       /* the caller's own */
     cloudmgr_ws_object *ws; /* the caller creates it and destroys it */
@@ -794,15 +807,15 @@ CLOUDTUNNEL_EXPORT void CLOUDMGR_ws_msg_destory(cloudmgr_ws_msg *msg);
 CLOUDTUNNEL_EXPORT void CLOUDMGR_ws_setoptcode(cloudmgr_ws_msg *msg, uint8_t opcode);
 CLOUDTUNNEL_EXPORT uint8_t CLOUDMGR_ws_getoptcode(const cloudmgr_ws_msg *msg);
 
-/* CLOUDMGR_ws_setmask copies a key of 4 bytes; null takes the key away. */
+/* CLOUDMGR_ws_setmask copies a mask key of 4 bytes; null removes it. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_ws_setmask(cloudmgr_ws_msg *msg, const uint8_t *key);
 
 /* CLOUDMGR_ws_setbody replaces the body with a copy of `size` bytes. 0; -1 for a null argument, a negative size, a size
  * over 2^31 - 1 and when memory is short: then the old body stays. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_ws_setbody(cloudmgr_ws_msg *msg, const void *data, int64_t size);
 
-/* CLOUDMGR_ws_getMask returns a new 4-byte mask key in a place shared by all: copy it at once. It is not random in the
- * sense of cryptography. */
+/* CLOUDMGR_ws_getMask returns a new mask key of 4 bytes in a static buffer: the next call overwrites it. It is not
+ * cryptographically random. */
 CLOUDTUNNEL_EXPORT uint8_t *CLOUDMGR_ws_getMask(void);
 
 /* ------------------------------------------------------------------------------------------------ WebSocket frames */
@@ -847,15 +860,15 @@ CLOUDTUNNEL_EXPORT void CLOUDMGR_ws_CloseRcv(int sock, const cloudmgr_ws_msg *ms
 
 /* ------------------------------------------------------------------------------------------------ handshake key */
 
-/* cloudmgr_base64_encode returns `length` bytes in base64 without line breaks, for the caller to free, or null. */
+/* cloudmgr_base64_encode returns `length` bytes in base64 without line breaks, which the caller frees, or null. */
 CLOUDTUNNEL_EXPORT char *cloudmgr_base64_encode(const void *data, int length);
 
-/* cloudmgr_base64_decode returns `size` bytes, for the caller to free, that begin with the decoded text and are zero
- * behind it, or null; `size` also bounds how much of the text is read. */
+/* cloudmgr_base64_decode returns a block of `size` bytes, which the caller frees, or null. It holds the decoded text
+ * and zeros after it; `size` also limits how much of `text` is read. */
 CLOUDTUNNEL_EXPORT uint8_t *cloudmgr_base64_decode(const char *text, int size);
 
 /* CLOUDMGR_ws_CreateKey makes a new handshake key of 24 characters, keeps it in the ws object and returns it, borrowed;
- * null on failure. It is not random in the sense of cryptography. */
+ * null on failure. It is not cryptographically random. */
 CLOUDTUNNEL_EXPORT char *CLOUDMGR_ws_CreateKey(cloudmgr_ws_owner *owner);
 
 /* CLOUDMGR_ws_checkKey returns 0 when the ws object's accept value answers its key (RFC 6455, section 4.1), else -1. */
@@ -863,42 +876,48 @@ CLOUDTUNNEL_EXPORT int CLOUDMGR_ws_checkKey(cloudmgr_ws_owner *owner);
 
 /* ------------------------------------------------------------------------------------------------ tunnel set-up */
 
-/* A tunnel that is being set up. */
+/* A pending tunnel: one that is being set up. */
 typedef struct cloudmgr_v3wscnct_node {
     cloudtunnel_link link;                       /* its place in the list */
     cloudtunnel_connected_fn *connectedCallback; /* the module's, as given to CLOUDMGR_v3wscnct_start */
     cloudtunnel_failure_fn *failureCallback;     /* likewise */
-    cloudtunnel_data_fn *receiveCallback;        /* likewise; the connection's own from the hand-over on */
+    cloudtunnel_data_fn *receiveCallback;        /* likewise; the connection's data callback after the hand-off */
     char cloudModelName[33];                     /* cut to 32 characters; the key */
-    char deviceModelName[33];                    /* cut as well; named to the platform */
+    char deviceModelName[33];                    /* cut to 32 characters too; sent to the platform */
     uint32_t state;                              /* 0 WS_INIT, 1 WS_HANDSHAKE, 2 WS_CONNECT */
-    uint32_t timerId;                            /* the running step timer, 0 none */
+    uint32_t timerId;                            /* id of the response timeout, 0 none */
     char *key;                                   /* owned: the Sec-WebSocket-Key that was sent */
 } cloudmgr_v3wscnct_node;
 
-/* The head of the list of tunnels that are being set up. */
+/* The head of the list of pending tunnels. */
 typedef struct cloudmgr_v3wscnct_head {
     cloudtunnel_link link; /* of the first node and the last */
     uint32_t count;        /* nodes in the list */
 } cloudmgr_v3wscnct_head;
 
-/* The tunnels that are being set up, at most 32. */
+/* The pending tunnels, at most 32. */
 CLOUDTUNNEL_EXPORT extern cloudmgr_v3wscnct_head wscnctlist;
 
-/* CLOUDMGR_v3wscnct_init makes the table empty, freeing nothing. */
+/* CLOUDMGR_v3wscnct_init makes the table of pending tunnels empty; nodes that were in it are not freed. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_v3wscnct_init(void);
 
-/* CLOUDMGR_v3wscnct_deinit frees every node. */
+/* CLOUDMGR_v3wscnct_deinit frees the pending tunnels and calls no callback; their connections stay. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_v3wscnct_deinit(void);
 
-/* CLOUDMGR_v3wscnct_node_del ends a set-up without a word to the module; its connection stays. */
+/* CLOUDMGR_v3wscnct_node_del removes a pending tunnel and calls no callback; its connection stays. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_v3wscnct_node_del(const char *cloudModelName);
 
-/* CLOUDMGR_v3wscnct_start sets a tunnel up. `connected` is called once the platform has accepted the registration; from
- * then on `receive` gets every cloudmgr_ws_msg and `failure` is told when the connection ends by a failure. `failure`
- * is told of every failed set-up, too, exactly once, also when this call returns -1 (but for a null argument). Returns
- * the socket, or -1: 32 tunnels are being set up, this model is, memory is short, or the connection was refused. Names
- * have at most 31 characters. A started set-up is bounded: 120 s to connect, 30 s for each answer. */
+/* CLOUDMGR_v3wscnct_start sets a tunnel up. Returns the socket, or -1: a null argument, 32 tunnels are pending, the
+ * model's tunnel is, memory is short, or the connection was refused at once. Names have at most 31 characters.
+ * `connected` is called once the platform has accepted the registration; a non-zero result closes the connection and
+ * calls `failure`. From then on `receive` is called with every cloudmgr_ws_msg, and `failure` when the connection
+ * fails. `failure` is called exactly once for each set-up that fails, also when this call returns -1, except for a null
+ * argument. Its name is a copy, or the name given here, and valid during the call. A set-up ends after at most 120 s
+ * for the connection and 30 s for each of the two answers, except where the registration cannot be sent or the timer
+ * pool is full: then it stays pending until the connection ends.
+ * The call sets the model's data type to HTTP, for the upgrade answer. If the call is refused because the table is
+ * full, the model's tunnel is pending or memory is short, the type stays HTTP, unless a pending tunnel or a connection
+ * of this model stands: then the type is restored, so that it goes on as before. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_v3wscnct_start(const char *cloudModelName, const char *deviceModelName,
                                                cloudtunnel_connected_fn *connected, cloudtunnel_failure_fn *failure,
                                                cloudtunnel_data_fn *receive);
@@ -911,8 +930,8 @@ CLOUDTUNNEL_EXPORT extern int32_t g_iCloudClientConnFd;
 /* The id of the reconnection timer, -1 when there is none. */
 CLOUDTUNNEL_EXPORT extern int32_t g_iCloudClientReConnTimeFd;
 
-/* CLOUDTUNNEL_client_Init connects to the daemon at "/tmp/cloudmgr_subconn.sock" and announces the modules, or arms a
- * timer that tries again every 10000 ms. 0; -1 when neither could be done. CLOUDTUNNEL_LIB_Init calls it. */
+/* CLOUDTUNNEL_client_Init connects to the daemon at "/tmp/cloudmgr_subconn.sock" and announces the modules. If that
+ * fails, it arms a timer that tries again every 10000 ms. 0; -1 when both fail. CLOUDTUNNEL_LIB_Init calls it. */
 CLOUDTUNNEL_EXPORT int CLOUDTUNNEL_client_Init(void);
 
 /* CLOUDTUNNEL_client_Fini closes the link and deletes the timer. CLOUDTUNNEL_LIB_Fini calls it. */
