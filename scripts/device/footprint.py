@@ -132,12 +132,12 @@ def deepest(tree):
         by_plain.setdefault(short, []).append(name)
     for name in unsure:
         if names[name] not in INDIRECT:
-            raise Failure(f"{name} calls through a pointer; tell INDIRECT in scripts/device/footprint.py where that arrives")
+            raise Failure(f"{name} calls through a pointer; name the functions that it can reach in INDIRECT of scripts/device/footprint.py")
     for caller, arrive in INDIRECT.items():
         for name in by_plain.get(caller, []):
             for callee in arrive:
                 if callee not in by_plain:
-                    raise Failure(f"{callee} is not in the library; mend INDIRECT in scripts/device/footprint.py")
+                    raise Failure(f"{callee} is not in the library; correct INDIRECT in scripts/device/footprint.py")
                 callees[name].update(by_plain[callee])
     best, on_path = {}, set()
 
@@ -177,10 +177,10 @@ def measure(small, fast):
     for tree, flag in ((small, "-Os"), (fast, "-O2")):
         for what, size in sizes(tree).items():
             figures.append((f"{what} of the stripped library at {flag}", size, "bytes"))
-    told = re.findall(r"^footprint: (.*): (\d+) (\w+)$", test_log(small), re.M)
-    if not told:
-        raise Failure(f"the heap test of {small} told no figures; 'make device' runs it")
-    figures += [(what, int(number), unit) for what, number, unit in told]
+    printed = re.findall(r"^footprint: (.*): (\d+) (\w+)$", test_log(small), re.M)
+    if not printed:
+        raise Failure(f"the heap test of {small} printed no figures; 'make device' runs it")
+    figures += [(what, int(number), unit) for what, number, unit in printed]
     file = sizes(small)["file"]
     if file > LARGEST_FILE:
         raise Failure(f"the stripped library at -Os has {file} bytes; was it linked for the tiny model (cmake/small.cmake)?")
@@ -190,8 +190,8 @@ def measure(small, fast):
     figures.append(("largest stack frame", size[largest], "bytes"))
     if size[largest] > LARGEST_FRAME or total > DEEPEST_PATH:
         raise Failure(f"the frame of {largest} has {size[largest]} bytes, the deepest path {total}")
-    frames_told = sorted(((bytes_, names.get(name, name)) for name, bytes_ in size.items()), reverse=True)[:8]
-    return figures, path, frames_told
+    largest_frames = sorted(((bytes_, names.get(name, name)) for name, bytes_ in size.items()), reverse=True)[:8]
+    return figures, path, largest_frames
 
 
 def page(figures, path, largest, entries):
@@ -210,13 +210,13 @@ again and fails where a figure has grown by more than 5 %.
 The library needs {", ".join(f"`{name}`" for name in entries)}.
 
 **Sizes** are those of the stripped shared library, with the hardening of [security.md](security.md). At `-Os` it has
-neither unwind tables nor frame pointers: a debugger walks the stack by the unstripped file. What else makes it
-small, and asks for a linker that knows 64-bit ARM's tiny model, is in `cmake/small.cmake`.
+neither unwind tables nor frame pointers: a debugger walks the stack with the unstripped file. `cmake/small.cmake` has what
+else makes it small, and needs a linker that supports 64-bit ARM's tiny code model.
 
-**Heap** is what was asked for, as a 64-bit program sees it, without the allocator's own words. A tunnel's share is all
-that stands between hearing of its model from the daemon and idling open; OpenSSL's is what it holds for the session.
+**Heap** is the sum of the sizes requested in a 64-bit program, without the allocator's overhead. A tunnel's share is
+everything allocated from the first notification until the tunnel is open and idle; OpenSSL's is what it holds for the session.
 
-**Stack** is the sum of the frames down the deepest path of calls, as the compiler tells them; what the C library,
+**Stack** is the sum of the frames down the deepest path of calls, as the compiler reports them; what the C library,
 OpenSSL, json-c and the caller's own callbacks use comes on top. Call by call:
 
 | function | bytes |
