@@ -1,5 +1,5 @@
-# The front door. CMake does the work, in build/<preset>; each target installs the Debian packages it needs, where what
-# scripts/packages.txt says of them is missing.
+# The commands. CMake does the work, in build/<preset>. Each target installs the Debian packages it needs, unless what
+# scripts/packages.txt names for them is there.
 .DEFAULT_GOAL := help
 # No target is a file.
 .PHONY: $(shell awk -F: '/^[a-z][a-z-]*:/ { print $$1 }' Makefile)
@@ -30,7 +30,7 @@ demo: packages ## Build, and watch a tunnel come up, work and close
 	cmake --build --preset release --target demo_programs
 	scripts/demo.sh build/release/apps/sim/cloudtunnel-sim build/release/apps/module/cloudtunnel-module
 
-test: test-release test-sanitize ## Build and run all tests, and once more under the sanitizers
+test: test-release test-sanitize ## Build and run all tests, then again under the sanitizers
 
 test-release: packages ## The tests of what is shipped
 	cmake --preset release
@@ -57,7 +57,7 @@ valgrind: packages packages-valgrind ## The whole-tunnel tests under valgrind's 
 	cmake --build --preset valgrind
 	ctest --preset valgrind
 
-# One run behind the other: each has the machine to itself. SEED=n draws another course.
+# One run after the other, so that each has the machine to itself. SEED=n draws other random numbers.
 SEED := 1
 soak: packages ## Load and simulated months over real sockets, under 10 minutes (SEED=n)
 	cmake --preset release
@@ -74,7 +74,7 @@ matrix: packages packages-lint packages-device ## Build and test with both compi
 	scripts/device/host-openssl.sh build/platform
 	scripts/matrix.sh build/platform/openssl
 
-# The stand-ins run on this machine.
+# The simulator runs on this machine.
 device-tested: packages packages-device
 	scripts/device/sysroot.sh build/platform
 	cmake --preset release
@@ -124,12 +124,12 @@ coverage: packages packages-coverage ## Line and branch coverage of the library
 	gcovr --config gcovr.cfg --txt
 	gcovr --config gcovr.cfg --branches --txt
 
-fuzz: packages packages-fuzz ## Fuzz each target for SECONDS=n seconds, 20 if not told
+fuzz: packages packages-fuzz ## Fuzz each target for SECONDS=n seconds, 20 by default
 	cmake --preset fuzz
 	cmake --build --preset fuzz
 	scripts/fuzz.sh $(SECONDS)
 
-fuzz-coverage: packages packages-coverage ## What the kept corpus of each fuzz target covers of the sources it aims at
+fuzz-coverage: packages packages-coverage ## How much of its sources the kept corpus of each fuzz target covers
 	cmake --preset coverage
 	cmake --build --preset coverage --target fuzz_programs
 	scripts/fuzz-coverage.sh
@@ -137,17 +137,17 @@ fuzz-coverage: packages packages-coverage ## What the kept corpus of each fuzz t
 format: packages-lint ## Format every source file
 	scripts/format.sh
 
-format-check: packages-lint ## Fail where a source file is not formatted
+format-check: packages-lint ## Fail if a source file is not formatted
 	scripts/format.sh --check
 
 lint: packages packages-lint ## The layer table against the calls; clang-tidy and cppcheck over library and programs
 	cmake --preset clang
 	scripts/lint.sh build/clang
 
-abi: packages packages-abi ## Fail where the library's interface is not as abi/ describes it
+abi: packages packages-abi ## Fail if the library's interface is not as abi/ describes it
 	scripts/abi.sh
 
-abi-update: packages packages-abi ## Write the description in abi/ anew, after an intended change
+abi-update: packages packages-abi ## Rewrite the description in abi/, after an intended change
 	scripts/abi.sh --update
 
 docs: packages packages-docs ## The reference of the public header, in build/release/docs/html/index.html

@@ -1,4 +1,4 @@
-# `docs`: the reference that Doxygen makes of the public header. No part of the build: it is asked for by name.
+# The target `docs`: Doxygen's reference of the public header. It is not part of the default build.
 find_program(DOXYGEN doxygen)
 if(NOT DOXYGEN)
   message(STATUS "doxygen not found: the target 'docs' is left out")

@@ -1,7 +1,7 @@
-# What turns an attack on the library, or a mistake in it, into a stop: guarded stacks, checked calls of the C library
-# where it offers them (they need optimisation), return addresses and branches that the processor guards where it can, and
-# a file in which nothing is both written and run, or written once it is loaded. tests/exports/check_hardening.sh looks at
-# the finished file.
+# Hardening: an attack on the library, or a mistake in it, stops the process. Stacks are guarded; calls of the C library
+# are checked where it offers that (with optimisation only); return addresses and branches are guarded by the processor
+# where it can; no memory is both written and run, and relocated data is read-only. tests/exports/check_hardening.sh
+# checks the finished file.
 include(CheckCXXCompilerFlag)
 add_library(cloudtunnel_hardening INTERFACE)
 target_compile_options(cloudtunnel_hardening INTERFACE -fstack-protector-strong)

@@ -20,7 +20,7 @@ configure_file(cmake/cloudtunnel.pc.in cloudtunnel.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/cloudtunnel.pc DESTINATION ${pkgconfig_dir} COMPONENT development)
 
 # ---------------------------------------------------------------------------------------------------------- CMake package
-# The static library is a list of targets of its own: only who asks for it needs the libraries behind it.
+# The static library has its own list of targets: only a project that asks for it needs the libraries that it needs.
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/cloudtunnel)
 install(EXPORT cloudtunnel-targets NAMESPACE cloudtunnel:: DESTINATION ${package_dir} COMPONENT development)
 install(EXPORT cloudtunnel-static-targets NAMESPACE cloudtunnel:: DESTINATION ${package_dir} COMPONENT development)
@@ -33,7 +33,7 @@ install(FILES
 
 # ---------------------------------------------------------------------------------------------------------- programs
 if(CLOUDTUNNEL_BUILD_TOOLS)
-  # From a prefix of its own the module finds its library beside it; a system prefix needs no such path
+  # In a private prefix the program finds the library by a relative path; a system prefix needs none
   # (CMAKE_SKIP_INSTALL_RPATH).
   file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(cloudtunnel-module PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")

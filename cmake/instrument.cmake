@@ -1,4 +1,4 @@
-# Sanitizers and coverage apply to everything or to nothing: a half-instrumented process reports what is not so.
+# Sanitizers and coverage apply to everything or to nothing: a half-instrumented process reports false findings.
 if(CLOUDTUNNEL_FUZZ)
   if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     message(FATAL_ERROR "libFuzzer comes with clang: use the preset 'fuzz', or set CMAKE_CXX_COMPILER to clang++")

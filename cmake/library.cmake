@@ -21,7 +21,7 @@ list(TRANSFORM sources PREPEND src/)
 
 function(cloudtunnel_add_objects name)
   add_library(${name} OBJECT ${sources})
-  # OpenSSL 3 calls the SHA-1 functions deprecated; asking for the interface of 1.1 keeps both releases quiet.
+  # OpenSSL 3 calls the SHA-1 functions deprecated; asking for the interface of 1.1 avoids the warning in both releases.
   target_compile_definitions(${name} PRIVATE OPENSSL_API_COMPAT=0x10100000L _GNU_SOURCE)
   target_include_directories(${name}
     PUBLIC ${PROJECT_SOURCE_DIR}/include
@@ -40,11 +40,11 @@ function(cloudtunnel_add_objects name)
     OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
 endfunction()
 
-# `strings` on the library, or on a program it is linked into, tells which release it is.
+# `strings` on the library, or on a program that it is linked into, shows its version.
 set_source_files_properties(src/lifecycle/lifecycle.cpp PROPERTIES
   COMPILE_DEFINITIONS CLOUDTUNNEL_VERSION="${PROJECT_VERSION}")
 
-# One set of objects serves both, where the shared one is not made for an address model of its own.
+# Both are linked from one set of objects, unless the shared one is compiled for another address model.
 cloudtunnel_add_objects(cloudtunnel_objects)
 set(shared_objects cloudtunnel_objects)
 if(CLOUDTUNNEL_TINY_MODEL)
@@ -58,13 +58,13 @@ set_target_properties(cloudtunnel_static PROPERTIES OUTPUT_NAME cloudtunnel LINK
 target_include_directories(cloudtunnel_static INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
 target_link_libraries(cloudtunnel_static INTERFACE OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC Threads::Threads)
 
-# Linked by the C compiler: a stray need for the C++ run-time library fails here (-z defs), not on the device. The
-# library's own calls stay inside it, whatever names the process that loads it defines.
+# The C compiler links it with -z defs: a stray dependency on the C++ run-time library fails here, not on the device. The
+# library's calls to itself stay inside it, even if the process that loads it defines the same names.
 add_library(cloudtunnel SHARED $<TARGET_OBJECTS:${shared_objects}>)
 set_target_properties(cloudtunnel PROPERTIES SOVERSION 1 VERSION ${PROJECT_VERSION} LINKER_LANGUAGE C)
 target_include_directories(cloudtunnel INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
 target_link_libraries(cloudtunnel PRIVATE cloudtunnel_hardening cloudtunnel_small OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
-# What the outside sees is the list in abi/, name by name. The version node has no name, so the names stay unversioned.
+# The exported names are those of the list in abi/. The version node has no name, so the names stay unversioned.
 file(STRINGS ${PROJECT_SOURCE_DIR}/abi/exports.txt exported_names)
 list(JOIN exported_names ";\n        " exported_names)
 set(version_script ${CMAKE_CURRENT_BINARY_DIR}/exports.map)

@@ -1,4 +1,4 @@
-# The man pages, made by scdoc from man/ with this release's number. Pages of programs that are not built are left out.
+# The man pages, made by scdoc from man/ with the version. Pages of programs that are not built are left out.
 find_program(SCDOC scdoc)
 if(NOT SCDOC)
   message(STATUS "scdoc not found: the man pages are left out")

@@ -1,4 +1,4 @@
-# The Debian packages, made by cpack: one a component of cmake/install.cmake. They depend on what dpkg-shlibdeps finds
+# The Debian packages, made by cpack: one for each component of cmake/install.cmake. They depend on what dpkg-shlibdeps finds
 # in the programs and the library; the development files on exactly the library they came with.
 set(CLOUDTUNNEL_MAINTAINER "libcloudtunnel maintainers <maintainers@libcloudtunnel.invalid>" CACHE STRING
   "who answers for the packages: Name <address>")
@@ -37,7 +37,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "libcloudtunnel1 (= ${package_version}), libssl-dev, libjson-c-dev")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
-  "${about}\n\nThis is what it takes to build a program: the header, the static library,\nwhat pkg-config and CMake read, a man page, an example.")
+  "${about}\n\nFor building programs: the header, the static library, the files for pkg-config\nand CMake, a man page and an example.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME cloudtunnel-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
@@ -45,10 +45,10 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR}) # the library of the build, for the programs' sake
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libcloudtunnel1 (>= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
-  "${about}\n\ncloudtunnel-module is a module process, cloudtunnel-sim the platform and the\ndaemon on a desk.")
+  "${about}\n\ncloudtunnel-module is a module process, cloudtunnel-sim a simulator of the\nplatform and the daemon.")
 
 # ---------------------------------------------------------------------------------------------------------- documents
-# What every Debian package carries beside its files. The day of the release comes from the change log.
+# The documents that every Debian package contains. The day of the release comes from the change log.
 file(STRINGS CHANGELOG.md released REGEX "^## \\[${PROJECT_VERSION}\\] - ")
 string(REGEX REPLACE ".* - " "" released "${released}")
 execute_process(COMMAND date -u -R -d "${released}" OUTPUT_VARIABLE release_date OUTPUT_STRIP_TRAILING_WHITESPACE

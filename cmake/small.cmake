@@ -1,12 +1,11 @@
 # What a small build (MinSizeRel, by a generator of one configuration) leaves out of the library's file, and how it is
-# laid out. The twin that is not stripped keeps what a debugger needs to walk the stack: with neither unwind tables nor
-# frame pointers in the code, it is all that does.
+# laid out. The code has neither unwind tables nor frame pointers: a debugger needs the unstripped file to walk the stack.
 include(CheckCXXSourceCompiles)
 include(CheckLinkerFlag)
 add_library(cloudtunnel_small INTERFACE)
 string(TOUPPER "${CMAKE_BUILD_TYPE}" build_type)
 if(NOT build_type STREQUAL "MINSIZEREL")
-  set(CLOUDTUNNEL_TINY_MODEL OFF) # whatever a small build left in the cache
+  set(CLOUDTUNNEL_TINY_MODEL OFF) # a small build may have left it in the cache
   return()
 endif()
 
@@ -17,18 +16,18 @@ if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   target_compile_options(cloudtunnel_small INTERFACE "SHELL:-mllvm -inline-threshold=20")
 endif()
 
-# Functions that are equal, byte by byte, are kept once, unless somebody can tell them apart by their address; the end of
-# one text serves as another.
+# Functions that are equal byte by byte are kept once, unless their addresses are compared; the end of one text serves as
+# another.
 check_linker_flag(CXX -Wl,--icf=safe CLOUDTUNNEL_ICF)
 target_link_options(cloudtunnel_small INTERFACE -Wl,-O2 $<$<BOOL:${CLOUDTUNNEL_ICF}>:-Wl,--icf=safe>)
 
-# The library has nothing to run when it is loaded and unloaded, so the start files have nothing to do in it. What they
-# would bring is not marked for guarded branches, either, and one such object unmarks the whole library.
+# The library runs nothing when it is loaded or unloaded, so it needs no start files. They are not marked for guarded
+# branches, and one such object would unmark the whole library.
 target_link_options(cloudtunnel_small INTERFACE -nostartfiles)
 
-# In 64-bit ARM's tiny model code and data of one image lie within 1 MiB, and one instruction makes an address. That holds
-# for the shared library, whatever it is loaded into, but not for a program that takes in the static one. Older linkers do
-# not know the relocations.
+# In 64-bit ARM's tiny model, code and data of one image lie within 1 MiB, and one instruction makes an address. That holds
+# for the shared library, whatever loads it, but not for every program that links the static one. Older linkers do not
+# support the relocations.
 set(CMAKE_REQUIRED_FLAGS "-fPIC -mcmodel=tiny")
 set(CMAKE_REQUIRED_LINK_OPTIONS -shared)
 check_cxx_source_compiles("extern int elsewhere; int *at() { return &elsewhere; } int main() {}" CLOUDTUNNEL_TINY_MODEL)

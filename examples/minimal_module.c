@@ -59,7 +59,7 @@ static int send_frame(uint8_t opcode, const void *body, int64_t length) {
     return result;
 }
 
-/* The library passes on each frame by itself and does not show which is a message's last. So a message in fragments
+/* The library passes on each frame separately and does not show which is a message's last. So a message in fragments
  * begins with "length:<decimal>\n". A body has a zero byte behind it. */
 static int on_data(const cloudmgr_ws_msg *frame) {
     char answer[4096] = "answer: ";

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Compares the library with the description of its interface that is kept in abi/, or with --update writes it anew. The
+# Compares the library with the description of its interface that is kept in abi/, or with --update rewrites it. The
 # description is of one configuration, the preset 'abi' on x86-64 with Debian 12's compiler and C library: others lay out
 # mutexes and epoll events their own way, or name the types behind them differently.
 set -eu
@@ -39,4 +39,4 @@ fi
 abidiff --no-added-syms $kept "$now" ||
     stop 1 "a program that stands would break: take the change back, or read docs/versioning.md and 'make abi-update'"
 abidiff $kept "$now" || stop 1 "the interface grew; take it in with 'make abi-update'"
-echo "the interface is as $kept tells"
+echo "the interface is as $kept describes it"

@@ -81,7 +81,7 @@ done
 "$module" --links 2 --seconds "$life" </dev/null >"$work/lines" 2>"$work/module.err" 9>&- &
 module_pid=$!
 
-# The module ends by itself once its link to the daemon came up a second time. The other one ends early if a step fails.
+# The module ends once its link to the daemon has come up a second time. The simulator ends early if a step fails.
 wait -n "$sim_pid" "$module_pid"
 if ! kill -0 "$sim_pid" 2>/dev/null; then
     fail "the platform's script failed: $(reason sim.err)"

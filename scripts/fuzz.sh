@@ -1,8 +1,8 @@
 #!/bin/sh
-# Fuzzes every target of build/fuzz, or those named, for so many seconds each: one line a target. What is found is made
-# as small as a minute allows, kept under tests/fuzz/<target>/crashes, where every test run replays it, and told with
-# the command that repeats it; then the script fails. What the targets learn stays in build/fuzz/corpus; called with
-# 'keep' in place of the seconds, the script makes the smallest corpus that reaches all of it the kept one.
+# Fuzzes every target of build/fuzz, or those named, for so many seconds each, with one line of output each. A finding is
+# made as small as possible within a minute, kept under tests/fuzz/<target>/crashes, where every test run replays it, and
+# printed with the command that repeats it; then the script fails. What the targets learn stays in build/fuzz/corpus.
+# Called with 'keep' in place of the seconds, the script keeps the smallest corpus that reaches all of it.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -85,7 +85,7 @@ for name; do
     if [ -n "$artifact" ]; then
         keep_finding "$name" "$program" "$artifact"
     else
-        echo "fuzz.sh: $name: ended without a word about its input; see $log" >&2
+        echo "fuzz.sh: $name: ended without naming its input; see $log" >&2
     fi
 done
 exit $status

@@ -324,7 +324,7 @@ class Tree:
         self.runner, self.copy, self.folder = runner, copy, folder
         self.limited = "-DCLOUDTUNNEL_SANITIZE=ON" not in options  # the address sanitizer takes terabytes of addresses
         self.marker = os.path.join(folder, "planted")
-        if os.path.exists(self.marker):  # a run was cut off: what it left is made anew
+        if os.path.exists(self.marker):  # a run was interrupted: what it left is made again
             with open(self.marker, encoding="utf-8") as marker:
                 os.remove(marker.read())
             os.remove(self.marker)

@@ -1,7 +1,7 @@
 #!/bin/sh
 # package-test.sh DIR: installs the packages in DIR with apt in a bare Debian of the machine's own release, where nothing
-# of this tree is, builds the example there with pkg-config and with CMake, runs it against the installed stand-ins,
-# and takes the packages out again. The bare system is made once, in build/package-root; mirrors, releases and options
+# of this tree is, builds the example there with pkg-config and with CMake, runs it against the installed simulator,
+# and removes the packages again. The bare system is made once, in build/package-root; mirrors, releases and options
 # are those of the machine's own apt.
 set -eu
 stop() {
@@ -12,7 +12,7 @@ stop() {
 [ $# -eq 1 ] || stop 'no folder of packages; call it as scripts/package-test.sh build/package'
 [ "$(find "$1" -maxdepth 1 -name '*.deb' 2>/dev/null | wc -l)" -eq 3 ] ||
     stop "not three packages in '$1'; 'make package' makes them"
-[ "$(id -u)" -eq 0 ] || stop "a system of its own takes root; run it with sudo"
+[ "$(id -u)" -eq 0 ] || stop "making a bare system needs root; run it with sudo"
 for tool in debootstrap chroot mount mountpoint apt-get apt-config; do
     command -v "$tool" >/dev/null || stop "no $tool; 'make package-test' installs debootstrap, the rest is Debian's own"
 done
@@ -20,7 +20,7 @@ debs=$(cd "$1" && pwd)
 cd "$(dirname "$0")/.."
 cache=$PWD/build/package-root
 root=$cache/root
-ready=$cache/ready # tells that the root was completed; without it the root is made anew
+ready=$cache/ready # shows that the root is complete; without it the root is made again
 tools='gcc libc6-dev make cmake pkg-config'
 
 clean_up() {
@@ -33,7 +33,7 @@ trap clean_up EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM HUP
 
-# within COMMAND...: in the bare system, with an environment of its own.
+# within COMMAND...: in the bare system, with a clean environment.
 within() {
     env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C DEBIAN_FRONTEND=noninteractive chroot "$root" "$@"
 }

@@ -1,5 +1,5 @@
-# Run by cpack over the files of the three packages, before they are packed: the documents that every package carries,
-# and the compression that Debian asks for.
+# cpack runs this on the files of the three packages before it packs them. It adds the documents that every package
+# contains, and compresses what Debian wants compressed.
 foreach(pair runtime:libcloudtunnel1 development:libcloudtunnel-dev tools:cloudtunnel-tools)
   string(REPLACE ":" ";" pair ${pair})
   list(GET pair 0 component)

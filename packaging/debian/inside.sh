@@ -1,5 +1,6 @@
 #!/bin/sh
-# Run inside a bare system with the three packages in it, by scripts/package-test.sh: what a user does with them.
+# scripts/package-test.sh runs this inside a bare system where the three packages are installed: what a user does with
+# them.
 set -eu
 cd /test
 example=/usr/share/doc/libcloudtunnel-dev/examples

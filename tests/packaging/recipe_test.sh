@@ -22,15 +22,15 @@ configures() {
     name=$1
     shift
     cmake -S "$sources" -B "$work/$name" -D CMAKE_BUILD_TYPE=Release "$@" >"$work/log" 2>&1 || fail "$(cat "$work/log")"
-    ! grep -A 9 'not used by the project' "$work/log" || fail 'an option of the recipe is none of the library'
-    [ ! -e "$work/$name/sim" ] || fail 'the simulator is built'
+    ! grep -A 9 'not used by the project' "$work/log" || fail 'the library has no such option'
+    [ ! -e "$work/$name/apps/sim" ] || fail 'the simulator is built'
     [ ! -e "$work/$name/man" ] || fail 'the man pages are built'
 }
 
 # no_warnings COMMAND...: make misses no variable.
 no_warnings() {
     "$@" >"$work/log" 2>&1
-    ! grep warning "$work/log" || fail 'make does not know a variable of the recipe'
+    ! grep warning "$work/log" || fail 'the recipe uses a variable that make does not know'
 }
 
 buildroot() {
@@ -42,7 +42,7 @@ buildroot() {
     same 'installing for other packages' YES "$("$@" staging BR2_PACKAGE_CLOUDTUNNEL_MODULE=)"
     # shellcheck disable=SC2046 # options, one word each
     configures without $("$@" options BR2_PACKAGE_CLOUDTUNNEL_MODULE=)
-    [ ! -e "$work/without/apps/module" ] || fail 'the module program is built where nobody asked for it'
+    [ ! -e "$work/without/apps/module" ] || fail 'the module program is built although it was not selected'
     # shellcheck disable=SC2046 # options, one word each
     configures with $("$@" options BR2_PACKAGE_CLOUDTUNNEL_MODULE=y)
     [ -e "$work/with/apps/module" ] || fail 'the module program is not built'
