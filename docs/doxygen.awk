@@ -1,5 +1,5 @@
-# Doxygen's input filter for the public header. The header is written to be read as it stands, with plain comments; here
-# they become Doxygen's, line for line, so that a warning names the header's own line:
+# Doxygen's input filter for the public header. The header has plain comments, to be read directly; here they become
+# Doxygen's, line for line, so that a warning names the header's own line:
 # - a comment before a declaration, or behind one on its line, documents it;
 # - one comment before several declarations, with no blank line between them, documents them all;
 # - the first comment is the front page;

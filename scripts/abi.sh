@@ -1,7 +1,7 @@
 #!/bin/sh
 # Compares the library with the description of its interface that is kept in abi/, or with --update rewrites it. The
 # description is of one configuration, the preset 'abi' on x86-64 with Debian 12's compiler and C library: others lay out
-# mutexes and epoll events their own way, or name the types behind them differently.
+# mutexes and epoll events differently, or name their types differently.
 set -eu
 cd "$(dirname "$0")/.."
 kept=abi/libcloudtunnel.so.1.abi
@@ -22,7 +22,7 @@ case "$*" in
 esac
 [ "$(uname -m)" = x86_64 ] || stop 2 "the description is of x86-64, this is $(uname -m); run it on an x86-64 machine"
 for tool in cmake ninja g++ abidw abidiff; do
-    command -v "$tool" >/dev/null || stop 2 "no $tool; 'make abi' installs what it takes"
+    command -v "$tool" >/dev/null || stop 2 "no $tool; 'make abi' installs what is needed"
 done
 
 cmake --preset abi >/dev/null
@@ -37,6 +37,6 @@ if [ $update = yes ]; then
 fi
 [ -f $kept ] || stop 1 "no $kept; 'make abi-update' writes it"
 abidiff --no-added-syms $kept "$now" ||
-    stop 1 "a program that stands would break: take the change back, or read docs/versioning.md and 'make abi-update'"
-abidiff $kept "$now" || stop 1 "the interface grew; take it in with 'make abi-update'"
+    stop 1 "existing programs would break: revert the change, or read docs/versioning.md and call 'make abi-update'"
+abidiff $kept "$now" || stop 1 "the interface grew; add it to the description with 'make abi-update'"
 echo "the interface is as $kept describes it"

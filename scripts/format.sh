@@ -1,5 +1,6 @@
 #!/bin/sh
-# Formats every C and C++ file that git knows; with --check only says which differ, and fails.
+# Formats every C and C++ file that git knows. With --check, it only names the files that differ, and fails if there are
+# any.
 set -eu
 cd "$(dirname "$0")/.."
 

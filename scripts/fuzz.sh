@@ -26,7 +26,7 @@ for name; do
     [ -x "build/fuzz/tests/fuzz/fuzz_$name" ] || complain "fuzz_$name is not built" "call 'make fuzz'"
 done
 
-# A small quarantine and short stacks make the runs twice as fast; whoever repeats a finding gets the long ones.
+# A small quarantine and short stacks make the runs twice as fast; the command that repeats a finding uses the long ones.
 fast="quarantine_size_mb=4:malloc_context_size=2"
 
 keep_finding() { # name, program, artifact

@@ -1,6 +1,6 @@
 #!/bin/sh
-# install-packages.sh PACKAGE...: installs the Debian packages of which scripts/packages.txt names something that is
-# missing on this machine. Asks the package manager for nothing when nothing is missing.
+# install-packages.sh PACKAGE...: installs the Debian packages of which something is missing on this machine, by the list
+# in scripts/packages.txt. If nothing is missing, the package manager is not called.
 set -eu
 table=$(dirname "$0")/packages.txt
 

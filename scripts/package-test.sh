@@ -1,6 +1,6 @@
 #!/bin/sh
-# package-test.sh DIR: installs the packages in DIR with apt in a bare Debian of the machine's own release, where nothing
-# of this tree is, builds the example there with pkg-config and with CMake, runs it against the installed simulator,
+# package-test.sh DIR: installs the packages in DIR with apt in a bare Debian of the machine's release without this
+# source tree, builds the example there with pkg-config and with CMake, runs it against the installed simulator,
 # and removes the packages again. The bare system is made once, in build/package-root; mirrors, releases and options
 # are those of the machine's own apt.
 set -eu
@@ -50,7 +50,7 @@ targets() {
     apt-get indextargets --format "$format" 'Created-By: Packages' 'Origin: Debian' "$@" | sort -u
 }
 
-# What both of the next need of the machine: where the packages come from, and with which options.
+# apt_as_here: gives the root the machine's package sources and the options to reach them.
 apt_as_here() {
     # shellcheck disable=SC2016 # apt's own variables
     targets 'deb $(REPO_URI) $(RELEASE) $(COMPONENT)' >"$root/etc/apt/sources.list"
@@ -81,10 +81,10 @@ make_root() {
     touch "$ready"
 }
 
-# out: the packages go, with all that came for their sake.
+# out: removes the packages and what was installed for them.
 out() {
     within apt-get purge -y -qq --autoremove libcloudtunnel1 libcloudtunnel-dev cloudtunnel-tools >"$cache/out.log" 2>&1 ||
-        stop "the packages cannot be taken out: $(tail -n 1 "$cache/out.log")"
+        stop "the packages cannot be removed: $(tail -n 1 "$cache/out.log")"
 }
 
 [ -e "$ready" ] || make_root

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Makes the Debian packages in build/package and lets lintian look at them.
+# Makes the Debian packages in build/package and checks them with lintian.
 set -eu
 cd "$(dirname "$0")/.."
 

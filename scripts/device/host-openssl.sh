@@ -1,6 +1,6 @@
 #!/bin/sh
-# Makes the device's release of OpenSSL for this machine, from the same source package. Usage: host-openssl.sh DIR.
-# DIR/openssl is there when it is whole, never before; it is made again when its version in scripts/device/versions changes.
+# Builds the device's release of OpenSSL for this machine, from the same source package. Usage: host-openssl.sh DIR.
+# DIR/openssl exists only when it is complete; it is made again when its version in scripts/device/versions changes.
 set -eu
 fail() {
     echo "host-openssl.sh: $1" >&2
