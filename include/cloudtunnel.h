@@ -518,7 +518,7 @@ CLOUDTUNNEL_EXPORT void CLOUDMGR_socket_init(void);
 CLOUDTUNNEL_EXPORT void CLOUDMGR_socket_deinit(void);
 
 /* CLOUDMGR_socket_connect opens a connection to the first address of the model, which must be IPv4, and does not wait
- * for it. `timeout` is in milliseconds, rounded down to whole seconds. Returns the socket: one of the callbacks
+ * for it. `timeout` is in milliseconds, rounded down to whole seconds. Returns the socket; the callbacks report what
  * follows. -1 when the connection is refused at once: a null argument, no address, table full (1024), model already
  * connected, memory short or a failing system call; then the failure callback, if not null, has been called with
  * `modelName`. */
@@ -558,8 +558,8 @@ CLOUDTUNNEL_EXPORT const char *CLOUDMGR_socket_getModelNameBySock(int sock);
 CLOUDTUNNEL_EXPORT cloudtunnel_connect_node *CLOUDMGR_socket_getCnctByModelName(const char *modelName);
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_getSockByModelName(const char *modelName);
 
-/* The timer that closes the connection after a received close frame: its id, 0 when there is none; the setter deletes
- * the old timer and stores the new id, 0, or -1 for an unknown socket. */
+/* The timer that closes the connection after a received close frame. The getter returns its id, 0 when there is none.
+ * The setter deletes the old timer and stores the new id; it returns 0, or -1 for an unknown socket. */
 CLOUDTUNNEL_EXPORT uint32_t CLOUDMGR_socket_getDelTimerBySock(int sock);
 CLOUDTUNNEL_EXPORT int CLOUDMGR_socket_setDelTimerBySock(int sock, uint32_t timerId);
 
@@ -881,7 +881,7 @@ typedef struct cloudmgr_v3wscnct_node {
     cloudtunnel_link link;                       /* its place in the list */
     cloudtunnel_connected_fn *connectedCallback; /* the module's, as given to CLOUDMGR_v3wscnct_start */
     cloudtunnel_failure_fn *failureCallback;     /* likewise */
-    cloudtunnel_data_fn *receiveCallback;        /* likewise; the connection's data callback after the hand-off */
+    cloudtunnel_data_fn *receiveCallback;        /* likewise; after the hand-off, the connection's data callback */
     char cloudModelName[33];                     /* cut to 32 characters; the key */
     char deviceModelName[33];                    /* cut to 32 characters too; sent to the platform */
     uint32_t state;                              /* 0 WS_INIT, 1 WS_HANDSHAKE, 2 WS_CONNECT */
@@ -907,17 +907,16 @@ CLOUDTUNNEL_EXPORT void CLOUDMGR_v3wscnct_deinit(void);
 /* CLOUDMGR_v3wscnct_node_del removes a pending tunnel and calls no callback; its connection stays. */
 CLOUDTUNNEL_EXPORT void CLOUDMGR_v3wscnct_node_del(const char *cloudModelName);
 
-/* CLOUDMGR_v3wscnct_start sets a tunnel up. Returns the socket, or -1: a null argument, 32 tunnels are pending, the
- * model's tunnel is, memory is short, or the connection was refused at once. Names have at most 31 characters.
+/* CLOUDMGR_v3wscnct_start sets a tunnel up. Returns the socket, or -1: a null argument, 32 tunnels are pending, this
+ * model's tunnel is pending, memory is short, or the connection was refused at once. Names have at most 31 characters.
  * `connected` is called once the platform has accepted the registration; a non-zero result closes the connection and
  * calls `failure`. From then on `receive` is called with every cloudmgr_ws_msg, and `failure` when the connection
  * fails. `failure` is called exactly once for each set-up that fails, also when this call returns -1, except for a null
  * argument. Its name is a copy, or the name given here, and valid during the call. A set-up ends after at most 120 s
  * for the connection and 30 s for each of the two answers, except where the registration cannot be sent or the timer
  * pool is full: then it stays pending until the connection ends.
- * The call sets the model's data type to HTTP, for the upgrade answer. If the call is refused because the table is
- * full, the model's tunnel is pending or memory is short, the type stays HTTP, unless a pending tunnel or a connection
- * of this model stands: then the type is restored, so that it goes on as before. */
+ * The call sets the model's data type to HTTP, for the upgrade answer. A refused call leaves it at HTTP. Only if a
+ * pending tunnel or a connection of this model stands and goes on, the earlier type is restored. */
 CLOUDTUNNEL_EXPORT int CLOUDMGR_v3wscnct_start(const char *cloudModelName, const char *deviceModelName,
                                                cloudtunnel_connected_fn *connected, cloudtunnel_failure_fn *failure,
                                                cloudtunnel_data_fn *receive);
