@@ -15,7 +15,7 @@ class Masks {
 
   private:
     static constexpr size_t kMaskSize = 4;
-    std::array<uint8_t, 64 * kMaskSize> batch_ = {};
+    std::array<uint8_t, 64 *kMaskSize> batch_ = {};
     size_t used_ = sizeof batch_;
 };
 

@@ -15,7 +15,7 @@ import subprocess
 import sys
 
 ALLOWED_GROWTH = 1.05
-LARGEST_FILE = 64 * 1024  # at -Os
+LARGEST_FILE = 68 * 1024  # at -Os
 LARGEST_FRAME = 8 * 1024
 DEEPEST_PATH = 96 * 1024
 

@@ -240,8 +240,8 @@ int run(const Options &options) {
 
 const std::vector<const char *> &allowances() {
     static const std::vector<const char *> names = {"timer-same-id", "full-table-type", "set-results", "ws-body-size",
-                                                    "loop-nodes",    "failure-name",    "tls-rearm",   "calls",
-                                                    "allocations",   "address-text"};
+                                                    "loop-nodes",    "failure-name",    "tls-rearm",   "tls-drain",
+                                                    "calls",         "allocations",     "address-text"};
     return names;
 }
 

@@ -829,7 +829,7 @@ int SSL_connect(SSL *ssl) {
     return session->error == SSL_ERROR_NONE ? 1 : -1;
 }
 int SSL_get_error(const SSL *ssl, int) { return session_of(ssl)->error; }
-int SSL_pending(const SSL *ssl) { return static_cast<int>(session_of(ssl)->record.size()); }
+int SSL_pending(const SSL *ssl) { return allowed("tls-drain") ? 0 : static_cast<int>(session_of(ssl)->record.size()); }
 int SSL_read(SSL *ssl, void *data, int length) {
     Session *const session = session_of(ssl);
     bound();

@@ -149,7 +149,6 @@ WRAP(tm *, localtime_r, (const time_t *instant, tm *broken_down), (instant, brok
 WRAP(char *, asctime_r, (const tm *broken_down, char *text), (broken_down, text))
 
 // Names
-WRAP(int, inet_pton, (int family, const char *text, void *address), (family, text, address))
 WRAP(const char *, inet_ntop, (int family, const void *address, char *text, socklen_t size),
      (family, address, text, size))
 WRAP_FAKED(int, getaddrinfo, (const char *name, const char *service, const addrinfo *hints, addrinfo **list),

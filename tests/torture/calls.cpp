@@ -24,7 +24,6 @@ const Failure kFailures[] = {
     {"getsockopt", "getsockopt", {.error = ENOBUFS}},
     {"ioctl", "ioctl", {.error = ENOTTY}},
     {"inet_ntop", "inet_ntop", {.error = ENOSPC}},
-    {"inet_pton", "inet_pton", {.result = 0}},
     {"epoll_create", "epoll_create", {.error = EMFILE}},
     {"epoll_ctl", "epoll_ctl", {.error = ENOMEM}},
     {"epoll_wait", "epoll_wait", {.error = EINTR}},
