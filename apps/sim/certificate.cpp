@@ -61,4 +61,12 @@ void use_fresh_certificate(SSL_CTX *context, const std::string &host) {
     need(SSL_CTX_use_PrivateKey(context, key.get()) == 1);
 }
 
+void use_certificate_file(SSL_CTX *context, const std::string &name) {
+    // A key that does not belong to the certificate is refused here too.
+    if (SSL_CTX_use_certificate_chain_file(context, name.c_str()) != 1 ||
+        SSL_CTX_use_PrivateKey_file(context, name.c_str(), SSL_FILETYPE_PEM) != 1) {
+        throw std::runtime_error("'" + name + "' is no PEM file with a certificate and its key");
+    }
+}
+
 }  // namespace sim

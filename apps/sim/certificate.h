@@ -1,4 +1,4 @@
-// The platform's certificate: made at start, self-signed, kept in memory only.
+// The platform's certificate: one from a file, or one that is made at start, self-signed and kept in memory only.
 #pragma once
 
 #include <string>
@@ -10,5 +10,9 @@ namespace sim {
 // use_fresh_certificate makes an EC P-256 key with a self-signed certificate for `host` and gives both to `context`.
 // Throws std::runtime_error when OpenSSL fails.
 void use_fresh_certificate(SSL_CTX *context, const std::string &host);
+
+// use_certificate_file gives `context` the certificate in the PEM file `name`, the issuers behind it, and its key.
+// Throws std::runtime_error when the file has none or the two do not belong together.
+void use_certificate_file(SSL_CTX *context, const std::string &name);
 
 }  // namespace sim

@@ -11,6 +11,7 @@ namespace sim {
 namespace {
 
 constexpr std::size_t kTextMax = 127;  // a text in a notification, without its zero byte
+constexpr std::size_t kFileNameMax = 4095;
 constexpr std::size_t kPathMax = sizeof(sockaddr_un::sun_path) - 1;
 
 std::vector<std::string> split(std::string_view list) {
@@ -87,6 +88,9 @@ common::OptionSection platform_section(Options &options) {
              set_flag(platform.plain)},
             {"--tls", "VERSIONS", "1.2-1.3", "TLS versions to offer: 1.2, 1.3 or 1.2-1.3",
              [&platform](std::string_view text) { set_tls_versions(platform, text); }},
+            {"--certificate", "FILE", "",
+             "PEM file with the platform's certificate and its key; without it, a self-signed one is made",
+             set_filled_text(platform.certificate, kFileNameMax)},
         }};
     for (common::Option &behaviour : behaviour_options(options.behaviour)) {
         section.options.push_back(as_option(std::move(behaviour)));

@@ -24,7 +24,11 @@ std::uint16_t Platform::start() {
         SSL_CTX *const context = tls_.native_handle();
         SSL_CTX_set_min_proto_version(context, options_.tls_min);
         SSL_CTX_set_max_proto_version(context, options_.tls_max);
-        use_fresh_certificate(context, context_.tunnel_data.host);
+        if (options_.certificate.empty()) {
+            use_fresh_certificate(context, context_.tunnel_data.host);
+        } else {
+            use_certificate_file(context, options_.certificate);
+        }
     }
     error_code error;
     const auto address = asio::ip::make_address(options_.address, error);

@@ -14,6 +14,7 @@ struct PlatformOptions {
     bool plain = false;
     int tls_min = 0;  // as OpenSSL numbers them
     int tls_max = 0;
+    std::string certificate;  // a PEM file; empty: made at start
 };
 
 class Platform {

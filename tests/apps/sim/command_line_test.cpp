@@ -45,6 +45,7 @@ TEST(sim_command_line, help_names_every_option_and_every_step) {
                              "--port",
                              "--plain",
                              "--tls",
+                             "--certificate",
                              "--upgrade",
                              "--answer-status",
                              "--opt1",
@@ -306,6 +307,15 @@ TEST(sim_command_line, a_port_in_use_is_reported_in_one_line) {
     EXPECT_EQ(second.finish(), 1);
     EXPECT_EQ(lines(second.errors()), 1u);
     EXPECT_NE(second.errors().find("127.0.0.1:" + port), std::string::npos) << second.errors();
+}
+
+TEST(sim_command_line, a_file_without_a_certificate_is_reported_in_one_line) {
+    const ScriptFile file("no certificate\n");
+    for (const std::string &name : {file.path, file.path + ".missing"}) {
+        SimProcess sim({"--certificate", name});
+        EXPECT_EQ(sim.finish(), 1) << name;
+        EXPECT_EQ(sim.errors(), "cloudtunnel-sim: '" + name + "' is no PEM file with a certificate and its key\n");
+    }
 }
 
 TEST(sim_command_line, an_invalid_address_is_reported_in_one_line) {
