@@ -43,6 +43,9 @@ if(CLOUDTUNNEL_BUILD_TOOLS)
   endif()
 endif()
 
+# ---------------------------------------------------------------------------------------------------------- trust
+add_subdirectory(trust)
+
 # ---------------------------------------------------------------------------------------------------------- descriptions
 install(FILES examples/CMakeLists.txt examples/minimal_module.c
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)

@@ -60,7 +60,7 @@ openwrt() {
     no_warnings "$@" options
     same version "$version" "$("$@" version)"
     same 'the place of the sources' "$sources" "$("$@" sources)"
-    "$@" title-libcloudtunnel title-cloudtunnel-module || fail 'a package has no title'
+    "$@" title-libcloudtunnel title-cloudtunnel-module title-cloudtunnel-trust || fail 'a package has no title'
     # shellcheck disable=SC2046 # options, one word each
     configures with $("$@" options)
     [ -e "$work/with/apps/module" ] || fail 'the module program is not built'
@@ -76,6 +76,9 @@ openwrt() {
     same 'all on the device' \
         "usr/bin/cloudtunnel-module usr/lib/libcloudtunnel.so.1 usr/lib/libcloudtunnel.so.$version" "$(on_device)"
     [ -L "$work/device/usr/lib/libcloudtunnel.so.1" ] || fail 'the short name of the library is a copy'
+    rm -r "$work/device"
+    "$@" install-cloudtunnel-trust
+    same 'the check of certificates' 'usr/lib/cloudtunnel/trust.so usr/share/cloudtunnel/openssl.cnf' "$(on_device)"
 }
 
 on_device() { (cd "$work/device" && find . ! -type d) | sed 's,^\./,,' | sort | paste -sd ' '; }
