@@ -75,6 +75,7 @@ int Module::run() {
         return 1;
     }
     bool good = begin();
+    if (good) service_.ready();
     while (good && !tunnel_.ended()) good = run_once();
     CLOUDTUNNEL_LIB_Fini();
     CLOUDMGR_socket_deinit();
@@ -110,6 +111,8 @@ bool Module::begin() {
 bool Module::run_once() {
     check_end();
     tunnel_.step();
+    service_.status(common::cat("tunnel: ", timeline_.state()));
+    service_.alive(Clock::now());
     if (tunnel_.ended()) return true;
     if (!wait() || !handle_events()) return fail("the library's event loop is gone");
     const MayWait may_wait;  // a timer may connect to the daemon again
@@ -137,6 +140,7 @@ void Module::check_end() {
         return;
     }
     ending_ = true;
+    service_.stopping();
     tunnel_.finish();
 }
 

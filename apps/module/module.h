@@ -1,6 +1,7 @@
 // A module process: one model, its link to the daemon, its tunnel, and the loop that serves them.
 #pragma once
 
+#include "common/service_manager.h"
 #include "daemon_link.h"
 #include "options.h"
 #include "timeline.h"
@@ -32,6 +33,7 @@ class Module {
     Timeline timeline_;
     Tunnel tunnel_;
     DaemonLink link_;
+    common::ServiceManager service_;
     Clock::time_point end_;
     int epfd_ = -1;
     bool ending_ = false;

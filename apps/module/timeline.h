@@ -14,6 +14,7 @@ class Timeline {
   public:
     // enter names the state that the lines from now on belong to.
     void enter(const char *state) { state_ = state; }
+    [[nodiscard]] const std::string &state() const { return state_; }
 
     // log prints one line.
     void log(const char *format, ...) const __attribute__((format(printf, 2, 3)));

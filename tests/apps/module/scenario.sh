@@ -250,6 +250,22 @@ silent_daemon() {
     stop_program
 }
 
+# What a service manager learns of the module, and that its watchdog is fed.
+service() {
+    python3 "$(dirname "$0")/service_manager.py" "$work/.manager" >"$work/manager" 8>&- 9>&- &
+    local manager_pid=$!
+    wait_for manager listening
+    start_sim wait-tunnel wait-close
+    start_program env NOTIFY_SOCKET="$work/.manager" WATCHDOG_USEC=1000 "$module" --seconds 60
+    wait_for manager '^READY=1$'
+    wait_for manager '^STATUS=tunnel: open$'
+    wait_for manager '^WATCHDOG=1$'
+    stop_program
+    wait "$manager_pid" || fail 'the service manager was not notified of the end'
+    sim_ends
+    [ "$(sed -n 2p "$work/manager")" = READY=1 ] || fail 'the end of the start is not what comes first'
+}
+
 no_daemon() {
     start_program "$module" --seconds 1 --links 1
     program_ends 1
