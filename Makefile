@@ -5,7 +5,7 @@
 .PHONY: $(shell awk -F: '/^[a-z][a-z-]*:/ { print $$1 }' Makefile)
 
 PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev \
-	openssl python3 python3-kconfiglib strace gnuplot-nox
+	openssl shellcheck systemd python3 python3-kconfiglib strace gnuplot-nox
 PACKAGES_lint := clang clang-format clang-tidy cppcheck
 PACKAGES_coverage := gcovr
 PACKAGES_device := clang lld lld-19 llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make python3

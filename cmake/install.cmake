@@ -38,6 +38,13 @@ if(CLOUDTUNNEL_BUILD_TOOLS)
   file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(cloudtunnel-module PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
   install(TARGETS cloudtunnel-module RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  configure_file(packaging/systemd/cloudtunnel-module.service.in cloudtunnel-module.service @ONLY)
+  set(CLOUDTUNNEL_SYSTEMD_UNIT_DIR lib/systemd/system CACHE STRING
+    "where systemd's unit of cloudtunnel-module goes; empty: nowhere")
+  if(CLOUDTUNNEL_SYSTEMD_UNIT_DIR)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/cloudtunnel-module.service
+      DESTINATION ${CLOUDTUNNEL_SYSTEMD_UNIT_DIR} COMPONENT tools)
+  endif()
   if(TARGET cloudtunnel-sim)
     install(TARGETS cloudtunnel-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   endif()

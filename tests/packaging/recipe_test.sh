@@ -35,7 +35,7 @@ no_warnings() {
 
 buildroot() {
     set -- make -s --warn-undefined-variables -f "$stubs/buildroot.mk" \
-        BR2_EXTERNAL_CLOUDTUNNEL_PATH="$sources/packaging/buildroot"
+        BR2_EXTERNAL_CLOUDTUNNEL_PATH="$sources/packaging/buildroot" BR2_INIT_SYSTEMD=y
     no_warnings "$@" options BR2_PACKAGE_CLOUDTUNNEL_MODULE=y
     same version "$version" "$("$@" version BR2_PACKAGE_CLOUDTUNNEL_MODULE=)"
     same 'the place of the sources' "$sources" "$("$@" site BR2_PACKAGE_CLOUDTUNNEL_MODULE=)"
@@ -74,7 +74,7 @@ openwrt() {
     same 'the library on the device' "usr/lib/libcloudtunnel.so.1 usr/lib/libcloudtunnel.so.$version" "$(on_device)"
     "$@" install-cloudtunnel-module
     same 'all on the device' \
-        "usr/bin/cloudtunnel-module usr/lib/libcloudtunnel.so.1 usr/lib/libcloudtunnel.so.$version" "$(on_device)"
+        "etc/config/cloudtunnel etc/init.d/cloudtunnel-module usr/bin/cloudtunnel-module usr/lib/libcloudtunnel.so.1 usr/lib/libcloudtunnel.so.$version" "$(on_device)"
     [ -L "$work/device/usr/lib/libcloudtunnel.so.1" ] || fail 'the short name of the library is a copy'
     rm -r "$work/device"
     "$@" install-cloudtunnel-trust

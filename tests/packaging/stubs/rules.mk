@@ -4,4 +4,5 @@ BUILD_DIR := $(WORK)/build
 INSTALL_DIR := install -d -m0755
 INSTALL_BIN := install -m0755
 INSTALL_DATA := install -m0644
+INSTALL_CONF := install -m0600
 CP := cp -fpR
