@@ -4,8 +4,8 @@
 # No target is a file.
 .PHONY: $(shell awk -F: '/^[a-z][a-z-]*:/ { print $$1 }' Makefile)
 
-PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev libgtest-dev \
-	openssl shellcheck systemd python3 python3-kconfiglib strace gnuplot-nox
+PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev
+PACKAGES_tests := libgtest-dev python3 python3-kconfiglib strace gnuplot-nox openssl shellcheck systemd
 PACKAGES_lint := clang clang-format clang-tidy cppcheck
 PACKAGES_coverage := gcovr
 PACKAGES_device := clang lld lld-19 llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make python3
@@ -32,34 +32,34 @@ demo: packages ## Build, and watch a tunnel come up, work and close
 
 test: test-release test-sanitize ## Build and run all tests, then again under the sanitizers
 
-test-release: packages ## The tests of what is shipped
+test-release: packages packages-tests ## The tests of what is shipped
 	cmake --preset release
 	cmake --build --preset release
 	ctest --preset release
 
-test-sanitize: packages ## The tests under the address and undefined-behaviour sanitizers
+test-sanitize: packages packages-tests ## The tests under the address and undefined-behaviour sanitizers
 	cmake --preset sanitize
 	cmake --build --preset sanitize
 	ctest --preset sanitize
 
-test-clang: packages packages-lint ## The tests, built with clang
+test-clang: packages packages-tests packages-lint ## The tests, built with clang
 	cmake --preset clang
 	cmake --build --preset clang
 	ctest --preset clang
 
-test-tsan: packages ## What several threads may do, under the thread sanitizer
+test-tsan: packages packages-tests ## What several threads may do, under the thread sanitizer
 	cmake --preset tsan
 	cmake --build --preset tsan
 	ctest --preset tsan
 
-valgrind: packages packages-valgrind ## The whole-tunnel tests under valgrind's memcheck
+valgrind: packages packages-tests packages-valgrind ## The whole-tunnel tests under valgrind's memcheck
 	cmake --preset valgrind
 	cmake --build --preset valgrind
 	ctest --preset valgrind
 
 # One run after the other, so that each has the machine to itself. SEED=n draws other random numbers.
 SEED := 1
-soak: packages ## Load and simulated months over real sockets, under 10 minutes (SEED=n)
+soak: packages packages-tests ## Load and simulated months over real sockets, under 10 minutes (SEED=n)
 	cmake --preset release
 	cmake --build --preset release --target soak_test
 	build/release/tests/soak/soak_test --form=full --seed=$(SEED)
@@ -70,12 +70,12 @@ device: device-tested ## For the device (64-bit ARM, musl, OpenSSL 1.1): build, 
 footprint: device-tested ## Measure what the library costs on the device, and write docs/footprint.md
 	scripts/device/footprint.py write build/device build/device-fast docs/footprint.md
 
-matrix: packages packages-lint packages-device ## Build and test with both compilers, both releases of OpenSSL, Debug and Release
+matrix: packages packages-tests packages-lint packages-device ## Build and test with both compilers, both releases of OpenSSL, Debug and Release
 	scripts/device/host-openssl.sh build/platform
 	scripts/matrix.sh build/platform/openssl
 
 # The simulator runs on this machine.
-device-tested: packages packages-device
+device-tested: packages packages-tests packages-device
 	scripts/device/sysroot.sh build/platform
 	cmake --preset release
 	cmake --build --preset release --target cloudtunnel-sim
@@ -85,38 +85,38 @@ device-tested: packages packages-device
 	cmake --build --preset device-fast
 	ctest --preset device
 
-torture: packages ## Every call that can fail, fails once: under the sanitizers, in a few minutes
+torture: packages packages-tests ## Every call that can fail, fails once: under the sanitizers, in a few minutes
 	cmake --preset sanitize
 	cmake --build --preset sanitize --target torture
 	build/sanitize/tests/torture/torture
 
 # A refactoring names the revision before it.
 CASES := 20000
-compare: packages ## Show that this tree's library behaves as revision BASE's, byte for byte (CASES=n SEED=n)
+compare: packages packages-tests ## Show that this tree's library behaves as revision BASE's, byte for byte (CASES=n SEED=n)
 	scripts/compare.sh "$(BASE)" $(CASES) $(SEED)
 
 COUNT ?= 60
-mutants: packages ## Plant COUNT=n small faults in the library, one at a time, and show those no test notices (SEED=n)
+mutants: packages packages-tests ## Plant COUNT=n small faults in the library, one at a time, and show those no test notices (SEED=n)
 	nice scripts/mutants.py --count $(COUNT) --seed $(SEED) . build/mutants
 
-cost: packages packages-cost ## Count the library's instructions, and compare with bench/cost.txt
+cost: packages packages-tests packages-cost ## Count the library's instructions, and compare with bench/cost.txt
 	cmake --preset release
 	cmake --build --preset release --target bench_programs
 	bench/cost.py check build/release/bench bench/cost.txt
 
-cost-update: packages packages-cost ## Write the counts into bench/cost.txt, after an intended change
+cost-update: packages packages-tests packages-cost ## Write the counts into bench/cost.txt, after an intended change
 	cmake --preset release
 	cmake --build --preset release --target bench_programs
 	bench/cost.py write build/release/bench bench/cost.txt
 
 # Single rows: ROWS='echo plain 16 B'. QUICK=1 and ROWS write into build/release/performance, not into docs/.
-bench: packages ## The library beside bare sockets and its peers, under 15 minutes (QUICK=1: two)
+bench: packages packages-tests ## The library beside bare sockets and its peers, under 15 minutes (QUICK=1: two)
 	-@$(MAKE) --no-print-directory packages-peers
 	cmake --preset release
 	cmake --build --preset release --target bench_programs demo_programs
 	bench/bench.py build/release $(if $(QUICK),--quick) --rows '$(ROWS)'
 
-coverage: packages packages-coverage ## Line and branch coverage of the library
+coverage: packages packages-tests packages-coverage ## Line and branch coverage of the library
 	cmake --preset coverage
 	cmake --build --preset coverage
 	find build/coverage -name '*.gcda' -delete
@@ -124,12 +124,12 @@ coverage: packages packages-coverage ## Line and branch coverage of the library
 	gcovr --config gcovr.cfg --txt
 	gcovr --config gcovr.cfg --branches --txt
 
-fuzz: packages packages-fuzz ## Fuzz each target for SECONDS=n seconds, 20 by default
+fuzz: packages packages-tests packages-fuzz ## Fuzz each target for SECONDS=n seconds, 20 by default
 	cmake --preset fuzz
 	cmake --build --preset fuzz
 	scripts/fuzz.sh $(SECONDS)
 
-fuzz-coverage: packages packages-coverage ## How much of its sources the kept corpus of each fuzz target covers
+fuzz-coverage: packages packages-tests packages-coverage ## How much of its sources the kept corpus of each fuzz target covers
 	cmake --preset coverage
 	cmake --build --preset coverage --target fuzz_programs
 	scripts/fuzz-coverage.sh
@@ -140,7 +140,7 @@ format: packages-lint ## Format every source file
 format-check: packages-lint ## Fail if a source file is not formatted
 	scripts/format.sh --check
 
-lint: packages packages-lint ## The layer table against the calls; clang-tidy and cppcheck over library and programs
+lint: packages packages-tests packages-lint ## The layer table against the calls; clang-tidy and cppcheck over library and programs
 	cmake --preset clang
 	scripts/lint.sh build/clang
 
