@@ -1,5 +1,5 @@
 # What is installed where, in three components: runtime (what a program needs to run), development (what it takes to
-# build one) and tools (the two programs). Every path is written relative to the prefix, so the tree may be moved.
+# build one) and tools (the programs). Every path is written relative to the prefix, so the tree may be moved.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -45,9 +45,11 @@ if(CLOUDTUNNEL_BUILD_TOOLS)
     install(FILES ${CMAKE_CURRENT_BINARY_DIR}/cloudtunnel-module.service
       DESTINATION ${CLOUDTUNNEL_SYSTEMD_UNIT_DIR} COMPONENT tools)
   endif()
-  if(TARGET cloudtunnel-sim)
-    install(TARGETS cloudtunnel-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-  endif()
+  foreach(program cloudtunnel-explain cloudtunnel-sim)
+    if(TARGET ${program})
+      install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+    endif()
+  endforeach()
 endif()
 
 # ---------------------------------------------------------------------------------------------------------- trust

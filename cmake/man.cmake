@@ -6,7 +6,7 @@ if(NOT SCDOC)
 endif()
 
 set(man_names libcloudtunnel.3)
-foreach(program cloudtunnel-module cloudtunnel-sim)
+foreach(program cloudtunnel-explain cloudtunnel-module cloudtunnel-sim)
   if(TARGET ${program})
     list(APPEND man_names ${program}.1)
   endif()

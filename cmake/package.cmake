@@ -45,7 +45,7 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR}) # the library of the build, for the programs' sake
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libcloudtunnel1 (>= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
-  "${about}\n\ncloudtunnel-module is a module process, cloudtunnel-sim a simulator of the\nplatform and the daemon. A module for OpenSSL's configuration has the\ncertificate of the platform checked.")
+  "${about}\n\ncloudtunnel-module is a module process, cloudtunnel-sim a simulator of the\nplatform and the daemon; cloudtunnel-explain tells from a log what became of\neach tunnel. A module for OpenSSL's configuration has the\ncertificate of the platform checked.")
 
 # ---------------------------------------------------------------------------------------------------------- documents
 # The documents that every Debian package contains. The day of the release comes from the change log.

@@ -8,13 +8,13 @@ example=/usr/share/doc/libcloudtunnel-dev/examples
 step() { echo "in the bare system: $1"; }
 
 step 'man pages'
-for page in man1/cloudtunnel-module.1 man1/cloudtunnel-sim.1 man3/libcloudtunnel.3; do
+for page in man1/cloudtunnel-explain.1 man1/cloudtunnel-module.1 man1/cloudtunnel-sim.1 man3/libcloudtunnel.3; do
     gzip -dc "/usr/share/man/$page.gz" | grep -q '^\.SH NAME$'
 done
 
 step 'programs'
 version=$(pkg-config --modversion cloudtunnel)
-for program in cloudtunnel-module cloudtunnel-sim; do
+for program in cloudtunnel-explain cloudtunnel-module cloudtunnel-sim; do
     [ "$($program --version)" = "$program $version" ]
 done
 
