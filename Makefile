@@ -4,8 +4,8 @@
 # No target is a file.
 .PHONY: $(shell awk -F: '/^[a-z][a-z-]*:/ { print $$1 }' Makefile)
 
-PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev
-PACKAGES_tests := libgtest-dev python3 python3-kconfiglib strace gnuplot-nox openssl shellcheck systemd
+PACKAGES := g++ cmake ninja-build pkg-config git libssl-dev libjson-c-dev libboost-dev python3
+PACKAGES_tests := libgtest-dev python3-kconfiglib strace gnuplot-nox openssl shellcheck systemd
 PACKAGES_lint := clang clang-format clang-tidy cppcheck
 PACKAGES_coverage := gcovr
 PACKAGES_device := clang lld lld-19 llvm qemu-user dpkg-dev debian-archive-keyring xz-utils perl make python3
