@@ -16,6 +16,7 @@ bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 }  // namespace
 
 void *os_alloc(size_t size) {
+    if (size == 0) size = 1;
     // The C library serves small blocks from a cache of the thread in malloc, but not in calloc.
     if (size >= kSmallBlock) return calloc(1, size);
     void *block = os_alloc_bytes(size);

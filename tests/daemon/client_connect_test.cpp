@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 
 #include <fcntl.h>
@@ -429,10 +430,12 @@ TEST_F(LinkedTest, a_second_init_with_a_new_loop_takes_the_place_of_a_link_that_
     Modules::add<1>("model");
     for (const bool back : {false, true}) {
         const int old_epfd = epfd;
+        CLOUDMGR_ELOOP_SOCK *const forgotten = cloudmgr_eloop_get_sock(g_iCloudClientConnFd);
         CLOUDMGR_timer_deinit();
         CLOUDMGR_timer_init();
         epfd = CLOUDMGR_eloop_init();
         ::close(old_epfd);
+        std::free(forgotten);
         if (back) daemon.start();
         if (!back) daemon.stop();
         EXPECT_EQ(CLOUDTUNNEL_client_Init(), 0);

@@ -1,4 +1,5 @@
 #include <csignal>
+#include <cstdlib>
 
 #include <unistd.h>
 
@@ -16,10 +17,12 @@ class DaemonLinkTest : public ModuleProcess {
     // descriptor is the host's to close.
     void init_again() {
         const int old_epfd = epfd;
+        CLOUDMGR_ELOOP_SOCK *const forgotten = cloudmgr_eloop_get_sock(g_iCloudClientConnFd);
         CLOUDMGR_timer_deinit();
         init();
         EXPECT_GE(epfd, 0);
         ::close(old_epfd);
+        std::free(forgotten);
     }
 };
 

@@ -426,7 +426,8 @@ TEST(sim_platform, raw_bytes_go_out_as_they_are) {
 }
 
 TEST(sim_platform, drop_resets_the_connection) {
-    Tunnel tunnel({"--stay", "--do", "wait-tunnel", "--do", "drop"});
+    Tunnel tunnel({"--stay"});  // a reset takes along what was not read: it comes when the tunnel is up on both sides
+    tunnel.sim.type("drop");
     EXPECT_EQ(tunnel.wire.read_once(100), "");
     EXPECT_TRUE(tunnel.wire.was_reset());
     EXPECT_TRUE(tunnel.sim.wait_for("ended: connection reset by the platform"));
