@@ -401,8 +401,13 @@ TEST_F(TlsTest, held_bytes_are_those_that_were_received_and_not_read) {
 TEST_F(TlsTest, at_level_0_a_handshake_says_nothing_and_goes_the_same_ways) {
     cloudmgr_debug_level = 0;
     const Connection conn = connected_tcp();
-    for (const char *function : {"SSL_CTX_new", "SSL_new", "SSL_set_fd", "malloc"}) {
+    for (const char *function : {"SSL_CTX_new", "SSL_new", "SSL_set_fd"}) {
         const Fault fault(function, {.result = 0});
+        EXPECT_EQ(CLOUDMGR_ssl_connect(conn.sock), -1);
+        EXPECT_EQ(conn.node()->ssl, nullptr);
+    }
+    {
+        const support::FailAlloc fail(0);
         EXPECT_EQ(CLOUDMGR_ssl_connect(conn.sock), -1);
         EXPECT_EQ(conn.node()->ssl, nullptr);
     }
