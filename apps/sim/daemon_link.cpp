@@ -1,5 +1,8 @@
 #include "daemon_link.h"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -9,7 +12,16 @@
 namespace sim {
 namespace {
 
+// A module takes all that one read gives for one message. So a message waits for a moment of quiet, and until the one
+// before has been read, but not for ever.
 constexpr auto kQuiet = std::chrono::milliseconds(100);
+constexpr auto kReadTime = std::chrono::seconds(2);
+
+// unread returns whether the other end of a unix socket has bytes left to read.
+bool unread(int fd) {
+    int bytes = 0;
+    return ::ioctl(fd, SIOCOUTQ, &bytes) == 0 && bytes > 0;
+}
 
 // A faulty client may leave out the zero byte at the end.
 template <std::size_t N>
@@ -154,11 +166,11 @@ void DaemonLink::notify(const std::string &model, Notice notice) {
 awaitable<void> DaemonLink::send_notifications() {
     const auto self = shared_from_this();
     while (!ended_) {
-        const auto due = last_traffic_ + kQuiet;
+        const auto due = last_traffic_ + (unread(socket_.native_handle()) ? Clock::duration(kReadTime) : kQuiet);
         if (pending_.empty()) {
             co_await pending_changed_.wait();
         } else if (Clock::now() < due) {
-            co_await pending_changed_.wait_until(due);
+            co_await pending_changed_.wait_until(std::min(due, Clock::now() + kQuiet));
         } else {
             const Pending next = pending_.front();
             pending_.pop_front();

@@ -1,5 +1,7 @@
 // cloudtunnel-sim: a simulator of the platform and the daemon. See --help.
 
+#include <sys/resource.h>
+
 #include <csignal>
 #include <exception>
 
@@ -12,9 +14,19 @@ namespace {
 
 constexpr auto kShutdownTime = std::chrono::milliseconds(300);  // for the coroutines of closed connections to end
 
+// allow_descriptors lets the process have as many descriptors as the system allows it: each tunnel takes two, one of
+// them for the link of its module.
+void allow_descriptors() {
+    rlimit limit = {};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 // serve runs the simulator until the steps, a signal or the end of its time stop it; it returns the status to exit
 // with.
 int serve(const Options &options) {
+    allow_descriptors();
     Simulator simulator(options);
     asio::signal_set signals(simulator.io, SIGINT, SIGTERM);  // first: a signal must never leave the socket file behind
     simulator.start();

@@ -44,6 +44,7 @@ class WslayClient : public SocketClient {
     }
 
     void readable(size_t tunnel) override {
+        reads_left_ = kReadsATurn;
         if (wslay_event_recv(tunnels_[tunnel]->context.get()) != 0) throw Failure("a message was not read");
         fault_.raise();
     }
@@ -63,6 +64,8 @@ class WslayClient : public SocketClient {
     }
     static ssize_t on_recv(wslay_event_context *context, uint8_t *to, size_t len, int, void *data) {
         const Tunnel &tunnel = tunnel_of(data);
+        // It reads until nothing is left: in a flood that is never.
+        if (tunnel.owner->reads_left_-- == 0) return answer(context, kWouldBlock);
         return answer(context, tunnel.owner->stream(tunnel.number).read(to, len));
     }
     static ssize_t on_send(wslay_event_context *context, const uint8_t *from, size_t len, int, void *data) {
@@ -78,7 +81,10 @@ class WslayClient : public SocketClient {
         tunnel.owner->fault_.guard([&] { tunnel.owner->received(tunnel.number, {msg->msg, msg->msg_length}); });
     }
 
+    static constexpr int kReadsATurn = 16;
+
     std::vector<std::unique_ptr<Tunnel>> tunnels_;
+    int reads_left_ = 0;
     Masks masks_;
     Fault fault_;
 };

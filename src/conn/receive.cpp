@@ -46,14 +46,15 @@ int receive_tls(const cloudtunnel_connect_node *conn, uint8_t *dst, uint32_t len
     if (got > 0) return got;
     const int error = errno;
     const int code = SSL_get_error(ssl, got);
-    const char *reason = ERR_error_string(ERR_get_error(), nullptr);
+    const unsigned long queued = ERR_get_error();
     if (code == SSL_ERROR_NONE || code == SSL_ERROR_WANT_READ || code == SSL_ERROR_WANT_WRITE) {
-        LOG(connect, "[Model %s][Socket %d]Ssl read incomplete err %d [%s].", conn->modelName, conn->sock, code,
-            reason);
+        if (log_wanted(LogLevel::connect))
+            LOG(connect, "[Model %s][Socket %d]Ssl read incomplete err %d [%s].", conn->modelName, conn->sock, code,
+                ERR_error_string(queued, nullptr));
         return kReadIncomplete;
     }
     LOG(error, "[Model %s][Socket %d]Ssl read ret %d, errcode %d [%s], errno [%d][%s].", conn->modelName, conn->sock,
-        got, code, reason, error, strerror(error));
+        got, code, ERR_error_string(queued, nullptr), error, strerror(error));
     CLOUDMGR_v3_socketError(conn->sock);
     return kReadBad;
 }
