@@ -43,7 +43,7 @@ class Stream {
     bool handshake();
     [[nodiscard]] bool secured() const { return ssl_ != nullptr; }
 
-    // pending tells whether the session holds bytes that the kernel does not know of any more.
+    // pending returns whether the session holds bytes that the kernel does not know of any more.
     [[nodiscard]] bool pending() const { return ssl_ && SSL_pending(ssl_.get()) > 0; }
 
     // The count, kWouldBlock, or 0 for the end of the stream, which a broken connection is, too.

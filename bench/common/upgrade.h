@@ -25,7 +25,7 @@ std::string accept_value(std::string_view key);
 // upgrade_answer returns the server's answer to a whole request, an empty text where it asks for no upgrade.
 std::string upgrade_answer(std::string_view request);
 
-// accepted tells whether a whole answer is the one to upgrade_request.
+// accepted returns whether a whole answer is the one to upgrade_request.
 bool accepted(std::string_view answer);
 
 }  // namespace bench

@@ -18,7 +18,7 @@ bool session_start(cloudtunnel_connect_node *conn) {
         LOG(error, "[model %s]malloc ssl node failed.", conn->modelName);
         return false;
     }
-    ERR_clear_error();  // what is told of a failure below is its own reason, not one that was left there before
+    ERR_clear_error();  // so that a failure below is logged with its own reason, not with an older one
     OPENSSL_init_ssl(0, nullptr);
     OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
 

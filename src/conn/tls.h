@@ -1,4 +1,4 @@
-// One connection's TLS session. This room knows OpenSSL, not the event loop.
+// The TLS session of one connection. It uses OpenSSL, but not the event loop.
 #pragma once
 
 #include <cloudtunnel.h>
@@ -10,10 +10,9 @@ constexpr uint32_t kTlsEstablished = 2;
 
 enum class TlsStep { failed, done, want_read, want_write };
 
-// tls_handshake makes one step of the connection's handshake, beginning it where there is no session yet, and logs what
-// came of it.
+// tls_handshake makes one step of the connection's handshake and logs its result. Without a session it makes one first.
 [[nodiscard]] TlsStep tls_handshake(cloudtunnel_connect_node *conn);
 
-// tls_pending tells whether the connection's session holds bytes that were received and not read yet: no readiness of
-// the socket will ever tell of them.
+// tls_pending returns whether the connection's session holds bytes that were received and not read yet. The socket does
+// not become readable for them.
 bool tls_pending(const cloudtunnel_connect_node *conn);

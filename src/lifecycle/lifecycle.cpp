@@ -1,4 +1,4 @@
-// The order in which the library comes up and goes down, and nothing else.
+// The order in which the parts of the library are initialised and ended, and nothing else.
 #include "base/log.h"
 
 void cloudtunnel_initLibData(const CLOUDTUNNEL_LIB_INIT_DATA *data) { CLOUDMGR_debug_Init(data); }

@@ -5,8 +5,8 @@
 
 enum class SetupState : uint32_t { init = 0, handshake = 1, connect = 2 };
 
-// setup_add puts a node into the table; null, with the reason logged, when it has no place there. The callbacks are for
-// the caller to set.
+// setup_add puts a node into the table; null, with the reason logged, if the table is full, the model is pending
+// already, or memory is short. The caller sets the callbacks.
 [[nodiscard]] cloudmgr_v3wscnct_node *setup_add(const char *cloud_model, const char *device_model);
 
 // The node of a model or of the model that owns a socket, null when there is none. setup_find_stored looks for a name
