@@ -189,5 +189,5 @@ KiB |
 | memory of the simulator | {found['simulator_mib']:.0f} MiB |
 | platform and daemon {AWAY_S} s away: until all are up again, from their return on | {found['back_s']:.1f} s |
 
-After a failure a module waits before it starts anew, twice as long each time and up to a quarter more or less, so that a
+After a failure a module waits before it starts again, twice as long each time and up to a quarter more or less, so that a
 fleet does not come back at once."""
