@@ -6,7 +6,7 @@ set -eu
 cd "$(dirname "$0")/.."
 build=${1:?"lint.sh: needs the build tree of the preset 'clang'"}
 
-cmake --build "$build" --target cloudtunnel_objects
+cmake --build "$build" --target cloudtunnel_objects explain_formats
 ctest --test-dir "$build" -R '^layers_test$' --no-tests=error --output-on-failure
 
 sources() {

@@ -1114,8 +1114,11 @@ cloudmgr_ws_msg *message() {
              size);
     }
     if (msg)
-        show_message(
-            {msg->mask[0], msg->mask[1], msg->mask[2], msg->mask[3], msg->mask_set, msg->opcode, nullptr, msg->length});
+        show_message({{msg->mask[0], msg->mask[1], msg->mask[2], msg->mask[3]},
+                      msg->mask_set,
+                      msg->opcode,
+                      nullptr,
+                      msg->length});
     return msg;
 }
 void ws_send() {
