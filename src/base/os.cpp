@@ -16,11 +16,13 @@ bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 }  // namespace
 
 void *os_alloc(size_t size) {
-    if (size == 0) size = 1;
     // The C library serves small blocks from a cache of the thread in malloc, but not in calloc.
     if (size >= kSmallBlock) return calloc(1, size);
     void *block = os_alloc_bytes(size);
-    return block ? memset(block, 0, size) : nullptr;
+    if (!block) return nullptr;
+    // One byte at least. With the same size for both, the compiler would make a calloc of malloc and memset.
+    *static_cast<char *>(block) = '\0';
+    return memset(block, 0, size);
 }
 
 void *os_alloc_bytes(size_t size) { return malloc(size ? size : 1); }
