@@ -135,7 +135,7 @@ CTM_EXPORT ctm_result ctm_log_level(uint32_t level);
  * reading alone. It stays the same until ctm_end. -1 without init. */
 CTM_EXPORT int ctm_fd(void);
 
-/* ctm_timeout_ms returns how long a loop may wait for that descriptor, 0 to 1000: ask before each wait. */
+/* ctm_timeout_ms returns how long a loop may wait for that descriptor, 0 to 60000: ask before each wait. */
 CTM_EXPORT int ctm_timeout_ms(void);
 
 /* ctm_dispatch does all that is due, within bounds, and never waits. CTM_NO_INIT, CTM_IN_CALLBACK. */
@@ -280,7 +280,7 @@ typedef struct ctm_tunnel_options {
     uint32_t close_ms;         /* how long a close waits for its answer, or for the line to move; 0: 5000 */
     uint32_t longest_message;  /* bytes, in and out; 0: 1 MiB */
     uint32_t fragment;         /* bytes of payload that go out in one frame; 0: 16000 */
-    uint32_t queue;            /* bytes of payload that may wait to be sent; 0: 4 MiB, or the longest message */
+    uint32_t queue;            /* bytes that may wait to be sent; 0: 4 MiB, or the longest message */
     uint32_t without_data;     /* a ctm_without_data */
 } ctm_tunnel_options;
 

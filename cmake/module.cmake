@@ -1,0 +1,35 @@
+# libcloudtunnel-module, the second library: what every good module does, above the first one's public header alone.
+set(module_sources
+  api.cpp assembly.cpp chance.cpp clock.cpp evidence.cpp frame.cpp library_log.cpp line.cpp metrics.cpp names.cpp
+  outbox.cpp pause.cpp pin.cpp process.cpp registry.cpp secrets.cpp totals.cpp tunnel.cpp)
+list(TRANSFORM module_sources PREPEND module/)
+
+add_library(cloudtunnel_module_objects OBJECT ${module_sources})
+target_compile_definitions(cloudtunnel_module_objects PRIVATE _GNU_SOURCE)
+target_include_directories(cloudtunnel_module_objects PUBLIC ${PROJECT_SOURCE_DIR}/include)
+cloudtunnel_without_runtime(cloudtunnel_module_objects)
+
+set(module_shared_objects cloudtunnel_module_objects)
+if(CLOUDTUNNEL_TINY_MODEL)
+  set(module_shared_objects cloudtunnel_module_tiny_objects)
+  add_library(cloudtunnel_module_tiny_objects OBJECT ${module_sources})
+  target_compile_definitions(cloudtunnel_module_tiny_objects PRIVATE _GNU_SOURCE)
+  target_include_directories(cloudtunnel_module_tiny_objects PUBLIC ${PROJECT_SOURCE_DIR}/include)
+  cloudtunnel_without_runtime(cloudtunnel_module_tiny_objects)
+  target_compile_options(cloudtunnel_module_tiny_objects PRIVATE -mcmodel=tiny)
+endif()
+
+add_library(cloudtunnel_module_static STATIC $<TARGET_OBJECTS:cloudtunnel_module_objects>)
+set_target_properties(cloudtunnel_module_static PROPERTIES OUTPUT_NAME cloudtunnel-module LINKER_LANGUAGE C)
+target_include_directories(cloudtunnel_module_static INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
+target_link_libraries(cloudtunnel_module_static INTERFACE cloudtunnel_static)
+
+add_library(cloudtunnel_module SHARED $<TARGET_OBJECTS:${module_shared_objects}>)
+set_target_properties(cloudtunnel_module PROPERTIES OUTPUT_NAME cloudtunnel-module)
+target_include_directories(cloudtunnel_module INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
+target_link_libraries(cloudtunnel_module PRIVATE cloudtunnel_hardening cloudtunnel_small cloudtunnel)
+cloudtunnel_link_shared(cloudtunnel_module abi/module-exports.txt)
+add_dependencies(cloudtunnel_module cloudtunnel_module_static)
+
+add_library(cloudtunnel::cloudtunnel_module ALIAS cloudtunnel_module)
+add_library(cloudtunnel::cloudtunnel_module_static ALIAS cloudtunnel_module_static)

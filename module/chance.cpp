@@ -1,0 +1,42 @@
+#include "chance.h"
+
+#include <cloudtunnel.h>
+#include <sys/random.h>
+
+#include <cstring>
+
+namespace ctm {
+namespace {
+
+constexpr size_t kBatch = 256;
+
+uint8_t g_bytes[kBatch];
+size_t g_left = 0;
+
+// refill falls back to libcloudtunnel's keys where the kernel has no random bytes yet: a device that has just started
+// must not wait for them.
+void refill() {
+    if (getrandom(g_bytes, sizeof g_bytes, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof g_bytes)) {
+        for (size_t i = 0; i < kBatch; i += 4) memcpy(g_bytes + i, CLOUDMGR_ws_getMask(), 4);
+    }
+    g_left = kBatch;
+}
+
+}  // namespace
+
+void chance_fill(uint8_t *to, size_t count) {
+    for (; count > 0; count--) {
+        if (g_left == 0) refill();
+        *to++ = g_bytes[--g_left];
+    }
+}
+
+uint32_t chance_below(uint32_t bound) {
+    uint8_t bytes[4];
+    chance_fill(bytes, sizeof bytes);
+    uint32_t number = 0;
+    memcpy(&number, bytes, sizeof number);
+    return bound == 0 ? 0 : number % bound;
+}
+
+}  // namespace ctm

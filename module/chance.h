@@ -1,0 +1,15 @@
+// Random bytes, for mask keys (RFC 6455, section 5.3, wants them unpredictable) and for the jitter of pauses. The
+// kernel is asked for many at once.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace ctm {
+
+void chance_fill(uint8_t *to, size_t count);
+
+// chance_below returns a number from 0 to `bound` - 1; 0 for a `bound` of 0.
+uint32_t chance_below(uint32_t bound);
+
+}  // namespace ctm

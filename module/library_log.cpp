@@ -1,0 +1,178 @@
+#include "library_log.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "evidence.h"
+#include "memory.h"
+#include "secrets.h"
+#include "tunnel.h"
+
+namespace ctm {
+namespace {
+
+constexpr int32_t kStepLevel = 5;     // the highest level of a message that evidence or a step is read from
+constexpr uint32_t kDetailLevel = 7;  // packet dumps
+constexpr size_t kShort = 512;        // a message up to here needs no memory of its own
+constexpr char kDumpText[] = "***************** String *****************";
+constexpr char kResponse[] = "[Model %s]msg rcv merge:";
+
+struct {
+    ctm_log_fn *log;
+    void *user;
+    bool secrets;
+    uint32_t level;
+    bool step_noted;
+    bool response_follows;  // the next text of a packet dump is a platform's answer
+    bool dump_text;         // the next line of a packet dump is its text
+} g_log = {};
+
+// A message that is hidden whole, since what it shows is or holds a secret.
+struct Hidden {
+    const char *format;
+    const char *shown;
+};
+constexpr Hidden kHidden[] = {
+    {"token %s cookie %s", "token *** cookie ***"},
+    {"buffer len [%d] detail [%s]", "buffer detail [***]"},
+    {"Rcv set-cookie %s.", "Rcv set-cookie ***."},
+};
+
+void apply_level() { cloudmgr_debug_level = std::max(kStepLevel, static_cast<int32_t>(g_log.level)); }
+
+void note(ctm_tunnel *tunnel, ctm_step step) {
+    if (tunnel && tunnel_note_step(tunnel, step)) g_log.step_noted = true;
+}
+
+// A message that tells a step, by the model that is its first argument.
+struct StepRow {
+    const char *format;
+    ctm_step step;
+};
+constexpr StepRow kSteps[] = {
+    {"[model %s]Ssl connect ret %d, errcode %d [%s]", CTM_STEP_TCP},
+    {"[Model %s]Succeeded in connecting ssl server.", CTM_STEP_TLS},
+    {"[Model %s]Send Websocket handshake successfully.", CTM_STEP_UPGRADE_SENT},
+    {"[V3 Model %s] Rcv acception check ok.", CTM_STEP_UPGRADED},
+    {"[Model %s]Send Websocket OPT1 successfully.", CTM_STEP_REGISTERING},
+};
+
+void take_step(const char *format, va_list args) {
+    for (const StepRow &row : kSteps) {
+        if (strcmp(format, row.format) != 0) continue;
+        va_list copy;
+        va_copy(copy, args);
+        note(tunnel_of_model(va_arg(copy, const char *)), row.step);
+        va_end(copy);
+    }
+}
+
+// take_dump reads the platform's answer from the packet dump that follows its announcement.
+void take_dump(const char *format, va_list args) {
+    if (strcmp(format, kResponse) == 0) {
+        g_log.response_follows = true;
+    } else if (strcmp(format, kDumpText) == 0) {
+        g_log.dump_text = true;
+    } else if (g_log.dump_text && g_log.response_follows) {
+        va_list copy;
+        va_copy(copy, args);
+        evidence_response(va_arg(copy, const char *));
+        va_end(copy);
+        g_log.response_follows = false;
+    }
+}
+
+// hidden returns what is shown in place of a message; null where it is shown itself, an empty text where nothing is.
+const char *hidden(uint32_t level, const char *format) {
+    if (g_log.secrets) return nullptr;
+    if (level == kDetailLevel && strcmp(format, "%s") == 0 && !g_log.dump_text) return "";  // bytes in hexadecimal
+    for (const Hidden &row : kHidden) {
+        if (strcmp(format, row.format) == 0) return row.shown;
+    }
+    return nullptr;
+}
+
+void show(uint32_t level, char *text) {
+    for (size_t length = strlen(text); length > 0 && text[length - 1] == '\n';) text[--length] = '\0';
+    if (!g_log.secrets) secrets_blank(text);
+    g_log.log(level, text, g_log.user);
+}
+
+CLOUDTUNNEL_PRINTF(2, 0) void format_and_show(uint32_t level, const char *format, va_list args) {
+    if (const char *instead = hidden(level, format)) {
+        if (*instead) g_log.log(level, instead, g_log.user);
+        return;
+    }
+    char text[kShort];
+    va_list copy;
+    va_copy(copy, args);
+    const int length = vsnprintf(text, sizeof text, format, copy);
+    va_end(copy);
+    if (length < 0) return;
+    const size_t size = static_cast<size_t>(length) + 1;
+    const Owned<char> whole(size > sizeof text ? static_cast<char *>(malloc(size)) : nullptr);
+    if (whole) vsnprintf(whole.get(), size, format, args);
+    show(level, whole ? whole.get() : text);
+}
+
+}  // namespace
+
+void log_open(ctm_log_fn *log, void *user, bool secrets) {
+    g_log = {};
+    g_log.log = log;
+    g_log.user = user;
+    g_log.secrets = secrets;
+}
+
+void log_level(uint32_t level) {
+    g_log.level = g_log.log ? level : 0;
+    apply_level();
+}
+
+void log_close() {
+    g_log = {};
+    g_stLibInitData.pfnPrint = nullptr;
+}
+
+bool log_step_noted() {
+    const bool noted = g_log.step_noted;
+    g_log.step_noted = false;
+    return noted;
+}
+
+int log_print(uint32_t level, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    if (level <= static_cast<uint32_t>(kStepLevel)) {
+        evidence_take(format, args);
+        take_step(format, args);
+    } else if (level <= kDetailLevel) {
+        take_dump(format, args);
+    }
+    if (g_log.log && level <= g_log.level) format_and_show(level, format, args);
+    if (level == kDetailLevel && strcmp(format, kDumpText) != 0) g_log.dump_text = false;
+    va_end(args);
+    return 0;
+}
+
+ResponseWatch::ResponseWatch(bool wanted) {
+    if (!wanted || !(null_ = fopen("/dev/null", "we"))) return;
+    before_ = g_CloudTunnelLogFile;
+    g_CloudTunnelLogFile = null_;
+    cloudmgr_debug_level = std::max(cloudmgr_debug_level, static_cast<int32_t>(kDetailLevel));
+}
+
+ResponseWatch::~ResponseWatch() {
+    if (!null_) return;
+    // A callback may have opened another log file, which closed this one.
+    if (g_CloudTunnelLogFile == null_) {
+        g_CloudTunnelLogFile = before_;
+        fclose(null_);
+    }
+    apply_level();
+}
+
+}  // namespace ctm

@@ -1,0 +1,601 @@
+#include "tunnel.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "evidence.h"
+#include "line.h"
+#include "process.h"
+#include "totals.h"
+
+namespace ctm {
+
+namespace {
+
+constexpr uint32_t kSetupMax = 32;                   // set-ups at once in libcloudtunnel
+constexpr int64_t kSetupRetry = 200 * kMillisecond;  // until one of them may be over
+constexpr int64_t kWatchdog = 190 * kSecond;         // 120 s to connect, 30 s for each of two answers, and some
+constexpr int64_t kLinger = kSecond;                 // for the peer to end the connection, its close being answered
+constexpr uint16_t kPlainPort = 80;
+constexpr size_t kStatusSize = 2;
+enum : uint16_t {
+    kNormal = 1000,
+    kProtocolError = 1002,
+    kNoStatus = 1005,
+    kAbnormal = 1006,
+    kTooBig = 1009,
+    kOurError = 1011
+};
+
+int g_awaiting = 0;
+
+bool step_done(const ctm_tunnel *tunnel, ctm_step step) { return tunnel->steps_done & 1U << step; }
+
+void set_awaiting(ctm_tunnel *tunnel, bool awaits) {
+    if (tunnel->awaits_answer == awaits) return;
+    tunnel->awaits_answer = awaits;
+    g_awaiting += awaits ? 1 : -1;
+}
+
+CLOUDTUNNEL_PRINTF(2, 3) ctm_cause_info cause_of(ctm_cause cause, const char *format, ...) {
+    ctm_cause_info info = {};
+    info.cause = cause;
+    va_list args;
+    va_start(args, format);
+    vsnprintf(info.detail, sizeof info.detail, format, args);
+    va_end(args);
+    return info;
+}
+
+// ---------------------------------------------------------------------------------------------------------- states
+
+void enter(ctm_tunnel *tunnel, ctm_state state, const ctm_cause_info &cause) {
+    const int64_t now = now_us();
+    tunnel->counters.state_us[tunnel->state] += now - tunnel->state_since_us;
+    tunnel->state = state;
+    tunnel->state_since_us = now;
+    tunnel->cause = cause;
+    tunnel->cause.size = sizeof tunnel->cause;
+    const ctm_cause_info shown = tunnel->cause;
+    notify(tunnel, tunnel->options.state, state, &shown);
+}
+
+ctm_cause_info waiting_cause() {
+    return g_iCloudClientConnFd >= 0 ? cause_of(CTM_CAUSE_NO_DATA, "the daemon is connected")
+                                     : cause_of(CTM_CAUSE_NO_DAEMON, "it is tried again every 10 s");
+}
+
+void wait_for_data(ctm_tunnel *tunnel) {
+    tunnel->due_us = kNever;
+    enter(tunnel, CTM_WAITING, waiting_cause());
+}
+
+void pause_until(ctm_tunnel *tunnel, int64_t due, const ctm_cause_info &cause) {
+    tunnel->due_us = due;
+    process_wake();
+    enter(tunnel, CTM_PAUSING, cause);
+}
+
+// settle chooses what comes after an attempt, or a tunnel, that has ended.
+void settle(ctm_tunnel *tunnel, const ctm_cause_info &cause) {
+    switch (tunnel->after) {
+        case After::retry:
+            pause_until(tunnel, now_us() + tunnel->pause.next_ms() * kMillisecond, cause);
+            break;
+        case After::restart:
+            pause_until(tunnel, now_us(), cause);
+            break;
+        case After::wait:
+            wait_for_data(tunnel);
+            break;
+        case After::close:
+            tunnel->due_us = kNever;
+            enter(tunnel, CTM_CLOSED, cause);
+            break;
+    }
+}
+
+// finish has an attempt or a tunnel end whose connection is gone.
+void finish(ctm_tunnel *tunnel, const ctm_cause_info &given) {
+    const Pin pin(tunnel);
+    const ctm_cause_info cause = given;  // it may be the tunnel's own, which changes below
+    const bool was_open = tunnel->state == CTM_OPEN || tunnel->state == CTM_CLOSING;
+    line_end(tunnel);
+    set_awaiting(tunnel, false);
+    tunnel->assembly.clear();
+    tunnel->sock = -1;
+    tunnel->broken = false;
+    tunnel->due_us = kNever;
+    tunnel->counters.ended[cause.cause]++;
+    if (was_open) {
+        tunnel->ending = true;
+        notify(tunnel, tunnel->options.closed, tunnel->peer_status, static_cast<const char *>(tunnel->peer_reason),
+               tunnel->peer_reason_length);
+        tunnel->ending = false;
+    }
+    if (!tunnel->freed) settle(tunnel, cause);
+}
+
+// hang_up ends the connection, or the set-up. No callback of libcloudtunnel follows.
+void hang_up(ctm_tunnel *tunnel) {
+    line_end(tunnel);
+    CLOUDMGR_v3wscnct_node_del(tunnel->model);
+    CLOUDMGR_socket_closeByModelName(tunnel->model);
+    tunnel->sock = -1;
+}
+
+void drop(ctm_tunnel *tunnel, const ctm_cause_info &cause) {
+    hang_up(tunnel);
+    finish(tunnel, cause);
+}
+
+// ---------------------------------------------------------------------------------------------------------- closing
+
+// begin_close sends a close frame behind what waits, or in place of it, and waits for its answer.
+void begin_close(ctm_tunnel *tunnel, uint16_t status, const char *reason, size_t length, After next,
+                 const ctm_cause_info &given) {
+    ctm_cause_info cause = given;
+    cause.close_status = status;
+    uint8_t body[kControlMax] = {static_cast<uint8_t>(status >> 8), static_cast<uint8_t>(status & 0xff)};
+    if (length > 0) memcpy(body + kStatusSize, reason, length);
+    tunnel->outbox.close(body, kStatusSize + length);
+    tunnel->after = next;
+    tunnel->due_us = after(now_us(), tunnel->options.close_ms);
+    tunnel->refused = false;
+    const Pin pin(tunnel);
+    enter(tunnel, CTM_CLOSING, cause);
+    line_pump(tunnel);
+}
+
+void refuse(ctm_tunnel *tunnel, uint16_t status, ctm_cause cause, const char *reason) {
+    tunnel->outbox.drop_messages();
+    begin_close(tunnel, status, reason, strlen(reason), After::retry, cause_of(cause, "%s", reason));
+}
+
+// take_close keeps what the peer's close frame says, answers it where it is the first, and ends the tunnel where it is
+// the answer.
+void take_close(ctm_tunnel *tunnel, const uint8_t *body, size_t length) {
+    if (tunnel->peer_closed) return;
+    if (length == 1 || length > kControlMax) {
+        if (tunnel->state == CTM_OPEN)
+            refuse(tunnel, kProtocolError, CTM_CAUSE_PROTOCOL, "close frame of a wrong length");
+        return;
+    }
+    tunnel->peer_closed = true;
+    tunnel->peer_status = length > 0 ? static_cast<uint16_t>(body[0] << 8 | body[1]) : uint16_t{kNoStatus};
+    tunnel->peer_reason_length = length > 0 ? length - kStatusSize : 0;
+    if (length > 0) memcpy(tunnel->peer_reason, body + kStatusSize, tunnel->peer_reason_length);
+    tunnel->peer_reason[tunnel->peer_reason_length] = '\0';
+    if (tunnel->outbox.close_sent()) return drop(tunnel, tunnel->cause);
+
+    tunnel->outbox.drop_messages();
+    tunnel->outbox.close(body, length);
+    tunnel->due_us = now_us() + kLinger;
+    ctm_cause_info cause = cause_of(CTM_CAUSE_CLOSED_BY_PEER, "%s", tunnel->peer_reason);
+    cause.close_status = tunnel->peer_status;
+    if (tunnel->state == CTM_CLOSING) cause = tunnel->cause;  // both have closed at once
+    const Pin pin(tunnel);
+    if (tunnel->state == CTM_OPEN) {
+        tunnel->after = After::retry;
+        enter(tunnel, CTM_CLOSING, cause);
+    }
+    line_pump(tunnel);
+}
+
+// ---------------------------------------------------------------------------------------------------------- messages
+
+void deliver(ctm_tunnel *tunnel) {
+    const Owned<uint8_t> block = tunnel->assembly.detach();
+    ctm_message message = {};
+    message.size = sizeof message;
+    message.type = tunnel->assembly.type() == kBinary ? CTM_BINARY : CTM_TEXT;
+    message.data = reinterpret_cast<const char *>(tunnel->assembly.data());
+    message.length = tunnel->assembly.length();
+    message.announced = tunnel->assembly.announced();
+    tunnel->counters.messages_in++;
+    tunnel->counters.bytes_in += message.length;
+    notify(tunnel, tunnel->options.message, static_cast<const ctm_message *>(&message));
+}
+
+void take_data(ctm_tunnel *tunnel, uint8_t opcode, const uint8_t *body, size_t length) {
+    switch (tunnel->assembly.take(opcode, body, length, tunnel->options.longest_message)) {
+        case Taken::message:
+            return deliver(tunnel);
+        case Taken::more:
+            return;
+        case Taken::too_long:
+            return refuse(tunnel, kTooBig, CTM_CAUSE_TOO_LONG, "message too long");
+        case Taken::out_of_turn:
+            return refuse(tunnel, kProtocolError, CTM_CAUSE_PROTOCOL, "fragment out of turn");
+        case Taken::too_many:
+            return refuse(tunnel, kProtocolError, CTM_CAUSE_PROTOCOL, "more bytes than announced");
+        case Taken::no_memory:
+            return refuse(tunnel, kOurError, CTM_CAUSE_NO_MEMORY, "no memory");
+    }
+}
+
+void take_pong(ctm_tunnel *tunnel, const uint8_t *body, size_t length) {
+    const bool waited_for = tunnel->ping_sent_us != 0 && tunnel->ping_sent_us != kNever;
+    if (!waited_for || length != sizeof tunnel->ping_number || memcmp(body, &tunnel->ping_number, length) != 0) return;
+    const auto trip = static_cast<uint64_t>(now_us() - tunnel->ping_sent_us);
+    tunnel->ping_sent_us = kNever;
+    Counters &counters = tunnel->counters;
+    counters.pongs++;
+    counters.round_trip_last_us = trip;
+    counters.round_trip_sum_us += trip;
+    if (counters.pongs == 1 || trip < counters.round_trip_smallest_us) counters.round_trip_smallest_us = trip;
+    notify(tunnel, tunnel->options.pong, static_cast<uint32_t>(std::min<uint64_t>(trip, UINT32_MAX)));
+}
+
+void take_frame(ctm_tunnel *tunnel, const cloudmgr_ws_msg &frame) {
+    static const uint8_t kEmpty[1] = {0};
+    const uint8_t *body = frame.body ? frame.body : kEmpty;
+    const auto length = static_cast<size_t>(frame.length);
+    tunnel->heard_us = now_us();
+    if (frame.opcode == kClose) return take_close(tunnel, body, length);
+    if (frame.opcode == kPing && length <= kControlMax) {
+        tunnel->outbox.pong(body, length);
+        return line_pump(tunnel);
+    }
+    if (frame.opcode == kPong) return take_pong(tunnel, body, length);
+    if (tunnel->state != CTM_OPEN) return;  // it crossed the close on its way
+    if (frame.opcode <= kBinary) return take_data(tunnel, frame.opcode, body, length);
+    refuse(tunnel, kProtocolError, CTM_CAUSE_PROTOCOL, "unexpected frame");
+}
+
+// ---------------------------------------------------------------------------------------------------------- attempts
+
+ctm_tunnel *tunnel_of_sock(int sock) {
+    for (const ModelRow &row : registry_rows()) {
+        if (row.tunnel && row.tunnel->sock == sock) return row.tunnel;
+    }
+    return nullptr;
+}
+
+// The callbacks that libcloudtunnel is given. They have no argument of the caller's: a socket or a name leads to the
+// tunnel.
+
+int on_connected(int sock) {
+    const char *model = CLOUDMGR_socket_getModelNameBySock(sock);
+    ctm_tunnel *tunnel = model ? tunnel_of_model(model) : nullptr;
+    if (!tunnel || tunnel->state != CTM_CONNECTING) return -1;
+    const Pin pin(tunnel);
+    tunnel_show_steps(tunnel);
+    if (tunnel->freed || tunnel->state != CTM_CONNECTING) return 0;  // its connection is gone already
+    const int64_t now = now_us();
+    tunnel->sock = sock;
+    tunnel->due_us = kNever;
+    tunnel->after = After::retry;
+    tunnel->peer_closed = false;
+    tunnel->peer_status = kAbnormal;
+    tunnel->peer_reason_length = 0;
+    tunnel->peer_reason[0] = '\0';
+    tunnel->stable_due_us = after(now, tunnel->options.stable_ms);
+    tunnel->ping_due_us = after(now, tunnel->options.ping_ms);
+    tunnel->ping_sent_us = kNever;
+    tunnel->heard_us = now;
+    tunnel->partial_seen = 0;
+    tunnel->counters.opened++;
+    enter(tunnel, CTM_OPEN, cause_of(CTM_CAUSE_NONE, "%s", ""));
+    return 0;
+}
+
+int on_failed(const char *model) {
+    ctm_tunnel *tunnel = tunnel_of_model(model);
+    if (!tunnel) return 0;
+    ctm_cause_info cause = evidence_found();
+    evidence_clear();
+    tunnel->sock = -1;  // closed by now
+    tunnel->watched = false;
+    if (cause.cause == CTM_CAUSE_NONE) cause = cause_of(CTM_CAUSE_SYSTEM, "libcloudtunnel has logged no reason");
+    if (cause.cause == CTM_CAUSE_NOT_RESOLVED && cause.resolver_error == 0)
+        cause.resolver_error = tunnel->resolver_error;
+    const Pin pin(tunnel);
+    if (tunnel->state == CTM_CONNECTING) {
+        tunnel_show_steps(tunnel);
+        if (!tunnel->freed && tunnel->state == CTM_CONNECTING) finish(tunnel, cause);
+    } else if (tunnel->state == CTM_OPEN) {
+        finish(tunnel, cause);
+    } else if (tunnel->state == CTM_CLOSING) {
+        finish(tunnel, tunnel->cause);
+    }
+    return 0;
+}
+
+int on_frame(int sock, void *message) {
+    ctm_tunnel *tunnel = tunnel_of_sock(sock);
+    if (!tunnel || (tunnel->state != CTM_OPEN && tunnel->state != CTM_CLOSING)) return 0;
+    const Pin pin(tunnel);
+    take_frame(tunnel, *static_cast<const cloudmgr_ws_msg *>(message));
+    return 0;
+}
+
+uint64_t fingerprint(uint64_t start, const char *text) {
+    uint64_t hash = start;
+    for (; text && *text; text++) hash = (hash ^ static_cast<uint8_t>(*text)) * 0x100000001b3U;
+    return (hash ^ 0xff) * 0x100000001b3U;  // the end of a text counts
+}
+
+uint64_t target_of(const CLOUDTUNNEL_MODULE_NODE *node) {
+    if (!node) return 0;
+    return fingerprint(fingerprint(node->port, node->url_host), node->url_path);
+}
+
+uint64_t credentials_now() { return fingerprint(fingerprint(0, CLOUDMGR_TUNNEL_GetToken()), cloudmgr_v3_getCookie()); }
+
+// resolve_again resolves a host that had no address when its data came: the network may have been down then.
+void resolve_again(ctm_tunnel *tunnel) {
+    const CLOUDTUNNEL_MODULE_NODE *node = registry_node(tunnel->model);
+    if (!node || !node->url_host || cloudtunnel_socket_getAddrinfoByModelname(tunnel->model)) return;
+    CLOUDMGR_socket_urllist_set(tunnel->model, node->url_host, node->url_path, CLOUDTUNNEL_DATATYPE_HTTP, node->port);
+    tunnel->resolver_error = evidence_found().resolver_error;
+}
+
+void start(ctm_tunnel *tunnel) {
+    if (wscnctlist.count >= kSetupMax) {
+        tunnel->due_us = now_us() + kSetupRetry;
+        return;
+    }
+    const CLOUDTUNNEL_MODULE_NODE *node = registry_node(tunnel->model);
+    const Pin pin(tunnel);
+    tunnel->target = target_of(node);
+    tunnel->credentials = credentials_now();
+    tunnel->plain = node && node->port == kPlainPort;
+    tunnel->steps_done = tunnel->steps_shown = 0;
+    tunnel->after = After::retry;
+    tunnel->due_us = now_us() + kWatchdog;
+    tunnel->counters.attempts++;
+    enter(tunnel, CTM_CONNECTING, cause_of(CTM_CAUSE_NONE, "%s", ""));
+    if (tunnel->freed || tunnel->state != CTM_CONNECTING) return;
+    evidence_clear();
+    resolve_again(tunnel);
+    // A failure, of this very call too, comes to on_failed.
+    const int sock = CLOUDMGR_v3wscnct_start(tunnel->model, tunnel->device_model, on_connected, on_failed, on_frame);
+    if (!tunnel->freed && tunnel->state == CTM_CONNECTING) tunnel->sock = sock;
+}
+
+// keep_websocket sets the model back to WebSocket: new tunnel data have set it to HTTP, and a tunnel that is up, or
+// waits for the answer to its registration, would take its next frame for an HTTP answer.
+void keep_websocket(const ctm_tunnel *tunnel) {
+    const bool registering = tunnel->state == CTM_CONNECTING && step_done(tunnel, CTM_STEP_UPGRADED);
+    if (registering || tunnel->state == CTM_OPEN || tunnel->state == CTM_CLOSING)
+        CLOUDMGR_socket_urllist_set(tunnel->model, nullptr, nullptr, CLOUDTUNNEL_DATATYPE_WS, 0);
+}
+
+// data_changed has the tunnel go where the new data lead. One whose port has become the plain one, or is no longer, can
+// not even say good-bye: libcloudtunnel reads and writes by the new port from now on.
+void data_changed(ctm_tunnel *tunnel, bool plain) {
+    static const char kReason[] = "tunnel data changed";
+    const ctm_cause_info cause = cause_of(CTM_CAUSE_CLOSED_BY_US, "%s", kReason);
+    tunnel->after = After::restart;
+    if (tunnel->state == CTM_OPEN && plain == tunnel->plain) {
+        keep_websocket(tunnel);
+        begin_close(tunnel, kNormal, kReason, sizeof kReason - 1, After::restart, cause);
+    } else {
+        drop(tunnel, cause);
+    }
+}
+
+void stay_alive(ctm_tunnel *tunnel, int64_t now) {
+    if (now >= tunnel->stable_due_us) {
+        tunnel->stable_due_us = kNever;
+        tunnel->pause.reset();
+    }
+    if (now >= after(tunnel->heard_us, tunnel->options.dead_ms)) {
+        tunnel->outbox.clear();
+        return drop(tunnel, cause_of(CTM_CAUSE_DEAD, "no frame for %u ms", tunnel->options.dead_ms));
+    }
+    if (now >= tunnel->ping_due_us) {
+        tunnel->ping_due_us = after(now, tunnel->options.ping_ms);
+        tunnel_ping(tunnel);
+    }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------------------- the list
+
+ctm_tunnel *tunnel_of_model(const char *model) {
+    for (const ModelRow &row : registry_rows()) {
+        if (row.tunnel && strcmp(row.model, model) == 0) return row.tunnel;
+    }
+    return nullptr;
+}
+
+bool tunnel_is_one(const ctm_tunnel *tunnel) {
+    for (const ModelRow &row : registry_rows()) {
+        if (row.tunnel == tunnel) return true;
+    }
+    return false;
+}
+
+ctm_tunnel *tunnel_make(const ctm_tunnel_options &options, ModelRow *row) {
+    void *memory = malloc(sizeof(ctm_tunnel));
+    if (!memory) return nullptr;
+    auto *tunnel = ::new (memory) ctm_tunnel(options);
+    snprintf(tunnel->model, sizeof tunnel->model, "%s", options.model);
+    snprintf(tunnel->device_model, sizeof tunnel->device_model, "%s", options.device_model);
+    tunnel->options.model = tunnel->model;
+    tunnel->options.device_model = tunnel->device_model;
+    tunnel->options.sub_name = nullptr;
+    tunnel->state_since_us = now_us();
+    tunnel->row = row;
+    row->tunnel = tunnel;
+    return tunnel;
+}
+
+void tunnel_free(ctm_tunnel *tunnel) {
+    const Pin pin(tunnel);
+    tunnel->freed = true;
+    tunnel->counters.state_us[tunnel->state] += now_us() - tunnel->state_since_us;
+    const bool stands = tunnel->state == CTM_CONNECTING || tunnel->state == CTM_OPEN || tunnel->state == CTM_CLOSING;
+    if (stands && !tunnel->ending) {
+        tunnel->counters.ended[CTM_CAUSE_CLOSED_BY_US]++;
+        hang_up(tunnel);
+    }
+    set_awaiting(tunnel, false);
+    totals_keep(tunnel);
+    tunnel->row->tunnel = nullptr;
+}
+
+// ---------------------------------------------------------------------------------------------------------- calls
+
+void tunnel_open(ctm_tunnel *tunnel) {
+    if (tunnel->ending || tunnel->state == CTM_CLOSING) {
+        tunnel->after = After::restart;
+        return;
+    }
+    tunnel->pause.reset();
+    const bool waits = tunnel->options.without_data == CTM_WAIT && !tunnel->row->data;
+    if (waits) return wait_for_data(tunnel);
+    pause_until(tunnel, now_us(), cause_of(CTM_CAUSE_NONE, "%s", ""));
+}
+
+void tunnel_close(ctm_tunnel *tunnel, uint16_t status, const char *reason, size_t length) {
+    ctm_cause_info cause = cause_of(CTM_CAUSE_CLOSED_BY_US, "%.*s", static_cast<int>(length), reason ? reason : "");
+    cause.close_status = status;
+    tunnel->after = After::close;
+    if (tunnel->ending) return;
+    if (tunnel->state == CTM_OPEN) return begin_close(tunnel, status, reason, length, After::close, cause);
+    if (tunnel->state == CTM_CLOSING || tunnel->state == CTM_CONNECTING) return drop(tunnel, cause);
+    tunnel->due_us = kNever;
+    enter(tunnel, CTM_CLOSED, cause);
+}
+
+void tunnel_ping(ctm_tunnel *tunnel) {
+    tunnel->ping_number++;
+    tunnel->ping_sent_us = 0;
+    tunnel->outbox.ping(&tunnel->ping_number, sizeof tunnel->ping_number);
+    line_pump(tunnel);
+}
+
+// ---------------------------------------------------------------------------------------------------------- the daemon
+
+void tunnel_data_came(ctm_tunnel *tunnel) {
+    const Pin pin(tunnel);
+    tunnel->resolver_error = evidence_found().resolver_error;
+    notify(tunnel, tunnel->options.step, CTM_STEP_DATA);
+    if (tunnel->freed) return;
+    const CLOUDTUNNEL_MODULE_NODE *node = registry_node(tunnel->model);
+    const bool target_changed = target_of(node) != tunnel->target;
+    switch (tunnel->state) {
+        case CTM_CLOSED:
+            break;
+        case CTM_WAITING:
+            pause_until(tunnel, now_us(), cause_of(CTM_CAUSE_NONE, "%s", ""));
+            break;
+        case CTM_PAUSING:
+            // A daemon that repeats itself does not shorten the pause.
+            if (target_changed || credentials_now() != tunnel->credentials) tunnel->due_us = now_us();
+            break;
+        case CTM_CONNECTING:
+        case CTM_OPEN:
+            if (target_changed)
+                data_changed(tunnel, node && node->port == kPlainPort);
+            else
+                keep_websocket(tunnel);
+            break;
+        case CTM_CLOSING:
+            keep_websocket(tunnel);
+            if (tunnel->after == After::wait) tunnel->after = After::restart;
+            break;
+        case CTM_STATES:
+            break;
+    }
+}
+
+void tunnel_model_closed(ctm_tunnel *tunnel) {
+    static const char kReason[] = "closed by the daemon";
+    const ctm_cause_info cause = cause_of(CTM_CAUSE_CLOSED_BY_US, "%s", kReason);
+    const Pin pin(tunnel);
+    if (tunnel->state == CTM_OPEN) {
+        begin_close(tunnel, kNormal, kReason, sizeof kReason - 1, After::wait, cause);
+    } else if (tunnel->state == CTM_CLOSING) {
+        if (tunnel->after != After::close) tunnel->after = After::wait;
+    } else if (tunnel->state == CTM_CONNECTING) {
+        tunnel->after = After::wait;
+        drop(tunnel, cause);
+    } else if (tunnel->state == CTM_PAUSING) {
+        wait_for_data(tunnel);
+    }
+}
+
+void tunnel_notice_came(ctm_tunnel *tunnel) { notify(tunnel, tunnel->options.notice); }
+
+void tunnel_daemon_changed(ctm_tunnel *tunnel) {
+    if (tunnel->state == CTM_WAITING) enter(tunnel, CTM_WAITING, waiting_cause());
+}
+
+// ---------------------------------------------------------------------------------------------------------- time
+
+int64_t tunnel_due(const ctm_tunnel *tunnel) {
+    if (tunnel->state != CTM_OPEN) return tunnel->due_us;
+    const int64_t dead = after(tunnel->heard_us, tunnel->options.dead_ms);
+    return std::min({tunnel->stable_due_us, tunnel->ping_due_us, dead});
+}
+
+void tunnel_step(ctm_tunnel *tunnel, int64_t now) {
+    const Pin pin(tunnel);
+    if (tunnel->broken) {
+        ctm_cause_info cause = cause_of(CTM_CAUSE_CLOSED_BY_PEER, "send: %s", strerror(tunnel->broken_error));
+        cause.system_error = tunnel->broken_error;
+        return drop(tunnel, tunnel->state == CTM_CLOSING ? tunnel->cause : cause);
+    }
+    line_writable(tunnel);
+    if (tunnel->freed) return;
+    if (tunnel->state == CTM_OPEN) return stay_alive(tunnel, now);
+    if (now < tunnel->due_us) return;
+    if (tunnel->state == CTM_PAUSING) return start(tunnel);
+    if (tunnel->state == CTM_CONNECTING) return drop(tunnel, cause_of(CTM_CAUSE_NO_ANSWER, "the set-up stands still"));
+    if (tunnel->state == CTM_CLOSING) drop(tunnel, tunnel->cause);
+}
+
+void tunnel_look(ctm_tunnel *tunnel, int64_t now) {
+    if (tunnel->state != CTM_OPEN) return;
+    const cloudtunnel_connect_node *connection = CLOUDMGR_socket_getCnctBySock(tunnel->sock);
+    if (!connection) return;
+    const int32_t partial = connection->buf ? connection->bufLen : 0;
+    if (partial > tunnel->partial_seen) tunnel->heard_us = now;
+    tunnel->partial_seen = partial;
+    uint64_t announced = 0;
+    if (partial > 0 && frame_announced(connection->buf, static_cast<size_t>(partial), &announced) &&
+        announced > tunnel->options.longest_message)
+        refuse(tunnel, kTooBig, CTM_CAUSE_TOO_LONG, "message too long");
+}
+
+// ---------------------------------------------------------------------------------------------------------- steps
+
+bool tunnel_note_step(ctm_tunnel *tunnel, ctm_step step) {
+    if (tunnel->state != CTM_CONNECTING || step_done(tunnel, step)) return false;
+    tunnel->steps_done |= 1U << step;
+    if (step == CTM_STEP_UPGRADE_SENT) tunnel->steps_done |= 1U << CTM_STEP_TCP;  // of a plain one too
+    set_awaiting(tunnel, step_done(tunnel, CTM_STEP_UPGRADE_SENT) && !step_done(tunnel, CTM_STEP_UPGRADED));
+    return true;
+}
+
+void tunnel_show_steps(ctm_tunnel *tunnel) {
+    const Pin pin(tunnel);
+    for (int step = CTM_STEP_TCP; step < CTM_STEPS; step++) {
+        const uint32_t bit = 1U << step;
+        if (!(tunnel->steps_done & bit) || tunnel->steps_shown & bit) continue;
+        tunnel->steps_shown |= bit;
+        notify(tunnel, tunnel->options.step, static_cast<ctm_step>(step));
+        if (tunnel->freed || tunnel->state != CTM_CONNECTING) return;
+    }
+}
+
+void tunnel_check_registration(ctm_tunnel *tunnel) {
+    if (tunnel->state != CTM_CONNECTING || !step_done(tunnel, CTM_STEP_UPGRADED) ||
+        step_done(tunnel, CTM_STEP_REGISTERING))
+        return;
+    const ctm_cause_info found = evidence_found();
+    drop(tunnel,
+         found.cause != CTM_CAUSE_NONE ? found : cause_of(CTM_CAUSE_NO_MEMORY, "the registration could not be made"));
+}
+
+int tunnels_awaiting() { return g_awaiting; }
+
+}  // namespace ctm
