@@ -1,0 +1,227 @@
+// A line that is slower than the module: what does not fit waits, and the loop stays free.
+#include <sys/socket.h>
+
+#include "tests/module/module_test.h"
+
+namespace {
+
+class LineTest : public ModuleTest {
+  protected:
+    // Reads the platform's end `bytes` at a time, dispatching in between, until `length` bytes of payload have come.
+    std::string read_slowly(Platform &platform, size_t length) {
+        std::string arrived;
+        bool whole = false;
+        EXPECT_TRUE(run_until(
+            [&] {
+                while (const auto piece = frame_now(platform)) {
+                    if (piece->opcode > support::kBinary) {
+                        controls.push_back(std::to_string(piece->opcode) + " " + piece->body);
+                        controls_after.push_back(arrived.size());
+                        continue;
+                    }
+                    arrived += piece->body;
+                    whole = piece->fin;
+                }
+                return whole && arrived.size() >= length;
+            },
+            platform.server.get()));
+        return arrived;
+    }
+    static std::string pattern(size_t length) {
+        std::string text(length, '\0');
+        for (size_t i = 0; i < length; i++) text[i] = static_cast<char>(i * 31 + i / 251);
+        return text;
+    }
+
+    Texts controls;
+    std::vector<size_t> controls_after;  // payload that had come before each
+};
+
+TEST_F(LineTest, a_megabyte_to_a_peer_that_does_not_read_waits_and_arrives_whole) {
+    for (const Wire wire : {Wire::plain, Wire::tls12, Wire::tls13}) {
+        SCOPED_TRACE(static_cast<int>(wire));
+        Guest &guest = make();
+        Platform platform = offer_open(guest, wire);
+        const std::string message = pattern(1 << 20);
+        EXPECT_EQ(ctm_tunnel_send(guest.tunnel, CTM_BINARY, message.data(), message.size()), CTM_OK);
+        for (int i = 0; i < 5; i++) ctm_dispatch();  // the platform does not read: nothing is lost, nothing waits
+        EXPECT_EQ(guest.state(), "open");
+        EXPECT_GT(guest.counters().queue_bytes, 0U);
+        EXPECT_EQ(guest.counters().queue_messages, 1U);
+        EXPECT_EQ(read_slowly(platform, message.size()), message);
+        EXPECT_EQ(guest.counters().queue_bytes, 0U);
+        EXPECT_EQ(guest.counters().messages_out, 1U);
+        EXPECT_EQ(guest.counters().bytes_out, message.size());
+        ctm_tunnel_free(guest.tunnel);
+    }
+}
+
+TEST_F(LineTest, a_pong_goes_between_the_fragments_of_a_message) {
+    Guest &guest = make();
+    Platform platform = offer_open(guest);
+    const std::string message = pattern(1 << 20);
+    ctm_tunnel_send(guest.tunnel, CTM_BINARY, message.data(), message.size());
+    platform.server->send(frame(support::kPing, "are you there"));
+    EXPECT_EQ(read_slowly(platform, message.size()), message);
+    EXPECT_EQ(controls, (Texts{"10 are you there"}));
+    EXPECT_LT(controls_after.front(), message.size());
+}
+
+TEST_F(LineTest, a_line_that_does_not_move_keeps_the_loop_asleep) {
+    Guest &guest = make();
+    Platform platform = offer_open(guest);
+    const std::string message = pattern(1 << 20);
+    ctm_tunnel_send(guest.tunnel, CTM_BINARY, message.data(), message.size());
+    for (int i = 0; i < 20; i++) turn();
+    EXPECT_FALSE(turn()) << "the descriptor is readable though nothing can be done";
+    EXPECT_GT(ctm_timeout_ms(), 0);
+}
+
+TEST_F(LineTest, a_full_queue_refuses_and_says_when_there_is_room) {
+    Guest &guest = make("model", [](auto &options) { options.longest_message = options.queue = 500000; });
+    Platform platform = offer_open(guest);
+    const std::string message = pattern(200000);
+    size_t taken = 0;
+    ctm_result result = CTM_OK;
+    while ((result = ctm_tunnel_send(guest.tunnel, CTM_BINARY, message.data(), message.size())) == CTM_OK) taken++;
+    EXPECT_EQ(result, CTM_FULL);
+    EXPECT_GE(taken, 2U);
+    EXPECT_EQ(guest.writable, 0);
+    EXPECT_LE(guest.counters().queue_most, 500000U);
+    EXPECT_EQ(guest.counters().refused, 1U);
+    guest.during = [&](const char *what) {
+        if (std::string(what) != "writable") return;
+        EXPECT_EQ(ctm_tunnel_send(guest.tunnel, CTM_BINARY, message.data(), message.size()), CTM_OK);
+    };
+    const size_t all = message.size() * (taken + 1);
+    EXPECT_EQ(read_slowly(platform, all).size(), all);
+    EXPECT_EQ(guest.writable, 1);
+}
+
+TEST_F(LineTest, empty_messages_do_not_fill_memory) {
+    Guest &guest = make("model", [](auto &options) { options.longest_message = options.queue = 100000; });
+    Platform platform = offer_open(guest);
+    const std::string message = pattern(100000);
+    while (ctm_tunnel_send(guest.tunnel, CTM_BINARY, message.data(), message.size()) == CTM_OK) {
+    }
+    int taken = 0;
+    while (ctm_tunnel_send(guest.tunnel, CTM_TEXT, nullptr, 0) == CTM_OK) taken++;
+    EXPECT_LT(taken, 100000);
+}
+
+TEST_F(LineTest, a_close_waits_for_the_queue_as_long_as_the_line_moves) {
+    Guest &guest = make();
+    Platform platform = offer_open(guest);
+    const std::string message = pattern(1 << 20);
+    ctm_tunnel_send(guest.tunnel, CTM_BINARY, message.data(), message.size());
+    EXPECT_EQ(ctm_tunnel_close(guest.tunnel, 1000, "done", 4), CTM_OK);
+    pass_time(4);
+    EXPECT_EQ(read_slowly(platform, message.size()), message);
+    if (controls.empty()) controls.push_back("8 " + next_frame(platform).body);
+    EXPECT_EQ(controls, (Texts{"8 \x03\xe8"
+                               "done"}));
+    platform.server->send(frame(support::kClose,
+                                "\x03\xe8"
+                                "done"));
+    EXPECT_TRUE(run_until([&] { return guest.state() == "closed"; }, platform.server.get()));
+    EXPECT_EQ(guest.closed, (Texts{"1000 done"}));
+}
+
+TEST_F(LineTest, a_close_behind_a_line_that_stands_still_ends_in_time) {
+    Guest &guest = make();
+    Platform platform = offer_open(guest);
+    const std::string message = pattern(1 << 20);
+    ctm_tunnel_send(guest.tunnel, CTM_BINARY, message.data(), message.size());
+    ctm_tunnel_close(guest.tunnel, 1000, nullptr, 0);
+    settle();
+    pass_time(5);
+    EXPECT_EQ(guest.state(), "closed");
+}
+
+TEST_F(LineTest, a_close_of_the_peer_drops_the_queue_and_completes_the_frame) {
+    Guest &guest = make();
+    Platform platform = offer_open(guest);
+    const std::string message = pattern(1 << 20);
+    ctm_tunnel_send(guest.tunnel, CTM_BINARY, message.data(), message.size());
+    ctm_tunnel_send_text(guest.tunnel, "never");
+    platform.server->send(frame(support::kClose, "\x03\xe8"));
+    std::string last;
+    EXPECT_TRUE(run_until(
+        [&] {
+            while (const auto piece = frame_now(platform)) last = std::to_string(piece->opcode) + piece->body;
+            return last == "8\x03\xe8";
+        },
+        platform.server.get()));
+    EXPECT_EQ(guest.counters().queue_bytes, 0U);
+    EXPECT_EQ(guest.counters().messages_out, 0U);
+}
+
+TEST_F(LineTest, a_peer_that_is_gone_while_much_is_sent_ends_the_tunnel_and_not_the_process) {
+    for (const Wire wire : {Wire::plain, Wire::tls}) {
+        Guest &guest = make();
+        Platform platform = offer_open(guest, wire);
+        const std::string message = pattern(1 << 20);
+        ctm_tunnel_send(guest.tunnel, CTM_BINARY, message.data(), message.size());
+        platform.server->reset();
+        for (int i = 0; i < 3; i++) ctm_tunnel_send(guest.tunnel, CTM_BINARY, message.data(), message.size());
+        EXPECT_TRUE(run_until([&] { return guest.state() == "pausing"; }));
+        EXPECT_EQ(guest.states.back(), "pausing closed_by_peer");
+        EXPECT_EQ(guest.counters().queue_bytes, 0U);
+        ctm_tunnel_free(guest.tunnel);
+    }
+}
+
+TEST_F(LineTest, frames_that_come_byte_by_byte_or_packed_are_the_same_messages) {
+    for (const Wire wire : {Wire::plain, Wire::tls}) {
+        Guest &guest = make();
+        Platform platform = offer_open(guest, wire);
+        std::string bytes;
+        for (int i = 0; i < 5; i++) bytes += frame(support::kText, "message " + std::to_string(i));
+        platform.server->send(bytes);
+        EXPECT_TRUE(run_until([&] { return guest.messages.size() == 5; }, platform.server.get()));
+        for (const char byte : bytes) {
+            platform.server->send(std::string(1, byte));
+            platform.server->step();
+            turn(1);
+        }
+        EXPECT_TRUE(run_until([&] { return guest.messages.size() == 10; }, platform.server.get()));
+        EXPECT_EQ(Texts(guest.messages.begin(), guest.messages.begin() + 5),
+                  Texts(guest.messages.begin() + 5, guest.messages.end()));
+        ctm_tunnel_free(guest.tunnel);
+    }
+}
+
+TEST_F(LineTest, a_hundred_thousand_messages_pass_a_bounded_queue_in_order) {
+    Guest &guest = make("model", [](auto &options) { options.longest_message = options.queue = 65536; });
+    Platform platform = offer_open(guest);
+    constexpr int kCount = 100000;
+    int sent = 0;
+    int come = 0;
+    const auto fill = [&] {
+        while (sent < kCount && ctm_tunnel_send_text(guest.tunnel, std::to_string(sent).c_str()) == CTM_OK) sent++;
+    };
+    guest.during = [&](const char *what) {
+        if (std::string(what) == "writable") fill();
+    };
+    fill();
+    std::string bytes;
+    EXPECT_TRUE(run_until(
+        [&] {
+            bytes += platform.server->take_all();
+            size_t at = 0;
+            while (bytes.size() - at >= 6 && bytes.size() - at >= 6U + (static_cast<uint8_t>(bytes[at + 1]) & 0x7fU)) {
+                std::string one = bytes.substr(at, 6U + (static_cast<uint8_t>(bytes[at + 1]) & 0x7fU));
+                at += one.size();
+                const auto piece = support::take_frame(one);
+                if (piece->body == std::to_string(come)) come++;
+            }
+            bytes.erase(0, at);
+            if (sent < kCount) fill();
+            return come == kCount;
+        },
+        platform.server.get()));
+    EXPECT_LE(guest.counters().queue_most, 65536U);
+    EXPECT_EQ(guest.counters().messages_out, static_cast<uint64_t>(kCount));
+}
+
+}  // namespace
