@@ -1,6 +1,6 @@
 # libcloudtunnel-module, the second library: what every good module does, above the first one's public header alone.
 set(module_sources
-  api.cpp assembly.cpp chance.cpp clock.cpp evidence.cpp frame.cpp library_log.cpp line.cpp metrics.cpp names.cpp
+  api.cpp assembly.cpp callbacks.cpp chance.cpp clock.cpp evidence.cpp frame.cpp library_log.cpp line.cpp metrics.cpp names.cpp
   outbox.cpp pause.cpp pin.cpp process.cpp registry.cpp secrets.cpp totals.cpp tunnel.cpp)
 list(TRANSFORM module_sources PREPEND module/)
 

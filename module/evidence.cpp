@@ -3,11 +3,13 @@
 #include <sys/epoll.h>
 
 #include <strings.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include "words.h"
 
 namespace ctm {
 namespace {
@@ -29,227 +31,264 @@ struct {
     bool accept_any;    // in whatever letters
 } g_response = {};
 
-__attribute__((format(printf, 2, 3))) void find(ctm_cause cause, const char *format, ...) {
-    g_found.cause = cause;
-    va_list args;
-    va_start(args, format);
-    vsnprintf(g_found.detail, sizeof g_found.detail, format, args);
-    va_end(args);
-}
-
-void find_tls(ctm_cause cause, const char *reason) {
-    find(cause, "%s", "OpenSSL reports the error");
-    snprintf(g_found.tls_error, sizeof g_found.tls_error, "%s", reason);
-}
-
-// find_connect judges the errno of a connection that did not come up.
-void find_connect(int error) {
-    const bool timed_out = error == ETIMEDOUT;
-    find(timed_out    ? CTM_CAUSE_TIMED_OUT
-         : error == 0 ? CTM_CAUSE_SYSTEM
-                      : CTM_CAUSE_REFUSED,
-         "connect: %s", strerror(error));
-    g_found.system_error = error;
-}
-
-// find_lost judges the errno of a connection that was up.
-void find_lost(int error) {
-    const bool silent = error == ETIMEDOUT || error == EHOSTUNREACH || error == ENETUNREACH;
-    if (error == 0)
-        find(CTM_CAUSE_CLOSED_BY_PEER, "the peer ended the connection");
-    else
-        find(silent ? CTM_CAUSE_DEAD : CTM_CAUSE_CLOSED_BY_PEER, "receive: %s", strerror(error));
-    g_found.system_error = error;
-}
-
-void find_memory(va_list &) { find(CTM_CAUSE_NO_MEMORY, "libcloudtunnel got no memory"); }
-void find_full(va_list &) { find(CTM_CAUSE_SYSTEM, "a table of libcloudtunnel is full"); }
-
-void unresolved(va_list &args) {
-    const int code = va_arg(args, int);
-    find(CTM_CAUSE_NOT_RESOLVED, "the host's name does not resolve");
-    g_found.resolver_error = code;
-}
-
-void no_address(va_list &) { find(CTM_CAUSE_NOT_RESOLVED, "no address is known for the host"); }
-
-void connect_failed(va_list &args) {
-    va_arg(args, const char *);  // the model
-    va_arg(args, int);           // the socket
-    find_connect(va_arg(args, int));
-}
-
-void connect_proc_failed(va_list &args) {
-    va_arg(args, int);  // the event
-    va_arg(args, int);  // the result
-    find_connect(va_arg(args, int));
-}
-
-void connect_timed_out(va_list &) { find(CTM_CAUSE_TIMED_OUT, "no connection within 120 s"); }
-
-void system_failed(va_list &) {
-    const int error = errno;
-    find(CTM_CAUSE_SYSTEM, "socket: %s", strerror(error));
-    g_found.system_error = error;
-}
-
-void handshake_failed(va_list &args) {
-    va_arg(args, const char *);  // the model
-    va_arg(args, int);           // the result
-    va_arg(args, int);           // OpenSSL's code
-    find_tls(CTM_CAUSE_TLS, va_arg(args, const char *));
-}
-
-void session_failed(va_list &args) {
-    va_arg(args, const char *);  // the model
-    find_tls(CTM_CAUSE_TLS, va_arg(args, const char *));
-}
-
-void status_refused(va_list &) {
-    if (g_response.status == 101)
-        find(CTM_CAUSE_UPGRADE_REFUSED, "the status line is 101, but not \"101 Switching Protocols\"");
-    else
-        find(CTM_CAUSE_UPGRADE_REFUSED, "the answer to the upgrade has the status %d", g_response.status);
-    g_found.http_status = g_response.status;
-}
-
-void accept_refused(va_list &) {
-    const char *what = "Sec-WebSocket-Accept does not fit the key";
-    if (!g_response.accept_any) what = "Sec-WebSocket-Accept is missing";
-    if (g_response.accept_any && !g_response.accept_exact)
-        what = "a proxy has respelled \"Sec-WebSocket-Accept: \", which is read in these letters alone";
-    find(CTM_CAUSE_ACCEPT_WRONG, "%s", what);
-    g_found.http_status = g_response.status;
-}
-
-void upgrade_not_sent(va_list &) { find(CTM_CAUSE_NO_MEMORY, "the upgrade request could not be made"); }
-void registration_not_sent(va_list &) { find(CTM_CAUSE_SYSTEM, "the registration could not be sent"); }
-
-void no_answer(va_list &args) {
-    va_arg(args, int);           // the socket
-    va_arg(args, const char *);  // the model
-    const char *state = va_arg(args, const char *);
-    find(CTM_CAUSE_NO_ANSWER, "no answer to the %s within 30 s",
-         strcmp(state, "WS_CONNECT") == 0 ? "registration" : "upgrade");
-}
-
-void answer_opcode(va_list &args) {
-    va_arg(args, const char *);  // the model
-    const int opcode = va_arg(args, int);
-    if (opcode == kOpcodeClose)
-        find(CTM_CAUSE_CLOSED_BY_PEER, "a close frame in place of the answer to the registration");
-    else
-        find(CTM_CAUSE_REGISTRATION_REFUSED, "the answer is no text frame but has opcode %d", opcode);
-}
-
-void answer_no_json(va_list &) { find(CTM_CAUSE_REGISTRATION_REFUSED, "the answer is no JSON object"); }
-void answer_no_type(va_list &) { find(CTM_CAUSE_REGISTRATION_REFUSED, "the answer has no optType"); }
-void answer_no_code(va_list &) { find(CTM_CAUSE_REGISTRATION_REFUSED, "the answer has no retCode"); }
-
-void answer_type(va_list &args) {
-    va_arg(args, const char *);  // the model
-    find(CTM_CAUSE_REGISTRATION_REFUSED, "the answer has optType %d", va_arg(args, int));
-}
-
-void answer_code(va_list &args) {
-    va_arg(args, const char *);  // the model
-    const int code = va_arg(args, int);
-    find(CTM_CAUSE_REGISTRATION_REFUSED, "the answer has retCode %d", code);
-    g_found.ret_code = code;
-}
-
-void read_failed(va_list &args) {
-    va_arg(args, const char *);  // the model
-    va_arg(args, int);           // the socket
-    va_arg(args, int);           // the result
-    find_lost(va_arg(args, int));
-}
-
-void read_ended(va_list &) { find_lost(0); }
-
-void tls_read_failed(va_list &args) {
-    va_arg(args, const char *);  // the model
-    va_arg(args, int);           // the socket
-    va_arg(args, int);           // the result
-    const int code = va_arg(args, int);
-    const char *reason = va_arg(args, const char *);
-    const int error = va_arg(args, int);
-    const bool cut = strstr(reason, "unexpected eof") != nullptr;  // the end of the stream, to OpenSSL 3
-    if (code != kSslError || cut) return find_lost(code == kSslError ? 0 : error);
-    find_tls(CTM_CAUSE_PROTOCOL, reason);
-}
-
-// The last message of a connection that ends: it counts where none before it said more.
-void data_failed(va_list &args) {
-    va_arg(args, const char *);  // the model
-    va_arg(args, int);           // the socket
-    const auto event = static_cast<unsigned>(va_arg(args, int));
-    if (!(event & EPOLLIN)) return find_lost(0);
-    find(CTM_CAUSE_PROTOCOL, "what was received is no frame, or there is no memory for it");
-}
-
-void write_failed(va_list &args) {
-    va_arg(args, int);           // the socket
-    va_arg(args, int);           // the result
-    va_arg(args, int);           // errno
-    va_arg(args, const char *);  // its text
-    g_tls_write = va_arg(args, int);
-}
-
-struct Row {
-    const char *format;
-    void (*take)(va_list &args);
+// A message's arguments, each at its place among all of them.
+struct Arguments {
+    union {
+        int number;
+        const char *text;
+    } at[7];
 };
-constexpr Row kRows[] = {
-    {"Set Addr error, ret =%d.", unresolved},
-    {"Failed to connect for model [%s] because no addrinfo.", no_address},
-    {"[Model %s][Socket %d]Failed to connect, errno %d [%s].", connect_failed},
-    {"Connect proc failed, event %d, ret %d iErr %d msg %s.", connect_proc_failed},
-    {"[Model %s][Socket %d]connect time out process.", connect_timed_out},
-    {"[Model %s]Create socket failed.", system_failed},
-    {"[Model %s]Failed to set socket %d opt.", system_failed},
-    {"[Model %s]Failed to add socket %d to epoll.", system_failed},
-    {"Add socket to epoll error %d.", system_failed},
-    {"Create socket failed, reach the max count.", find_full},
-    {"Daemon socket connect reach max.", find_full},
-    {"Daemon ws connect reach max.", find_full},
-    {"Daemon model reach max.", find_full},
-    {"[Model %s]Ssl connect ret %d, errcode %d [%s]", handshake_failed},
-    {"[model %s]Create ssl ctx error [%s]", session_failed},
-    {"[model %s] create ssl error [%s]", session_failed},
-    {"[model %s] ssl set fd error [%s]", session_failed},
-    {"[V3 Model %s] handshake rcv not expect http resp status.", status_refused},
-    {"[V3 Model %s] Rcv acception error.", accept_refused},
-    {"[Model %s]Send Websocket handshake failed.", upgrade_not_sent},
-    {"[Model %s]Send Websocket OPT1 failed.", registration_not_sent},
-    {"V3 ws cnct msg send time out [sock %d][name %s][fsm %s].", no_answer},
-    {"[V3 Model %s] Request rcv error opt code %d. Regist again.", answer_opcode},
-    {"[V3 Model %s] Parsing json error.", answer_no_json},
-    {"[V3 Model %s] request rcv otptype null", answer_no_type},
-    {"[V3 Model %s] request rcv wrong opt type %d", answer_type},
-    {"[V3 Model %s] request rcv retcode null", answer_no_code},
-    {"[V3 Model %s] request rcv error ret code %d. Regist again.", answer_code},
-    {"[Model %s][Socket %d]Rcv msg rcv error %d, errno %d [%s].", read_failed},
-    {"[Model %s][Socket %d]Rcv msg error %d, errno %d [%s].", read_ended},
-    {"[Model %s][Socket %d]Ssl read ret %d, errcode %d [%s], errno [%d][%s].", tls_read_failed},
-    {"Socket data proc error,[model %s][sock %d][event %d][ret %d]", data_failed},
-    {"Malloc fo ws connect node failed.", find_memory},
-    {"Malloc fo connect node failed.", find_memory},
-    {"Malloc fo sock node failed.", find_memory},
-    {"Malloc failed.", find_memory},
-    {"Can not create msg struct.", find_memory},
-    {"[model %s]malloc ssl node failed.", find_memory},
-};
-constexpr Row kWriteRow = {
-    "[Socket %d]Send https message write error, result %d, errno = %d, message [%s],ssl error code = %d [%s],loop "
-    "count = %d.",
-    write_failed};
 
-void take(const Row &row, va_list args) {
+Arguments arguments_of(const char *format, va_list args) {
+    Arguments all = {};
     va_list copy;
     va_copy(copy, args);
-    row.take(copy);
+    auto *to = all.at;
+    while ((format = strchr(format, '%')) && to < std::end(all.at)) {
+        if (*++format == 's')
+            to++->text = va_arg(copy, const char *);
+        else
+            to++->number = va_arg(copy, int);
+    }
     va_end(copy);
+    return all;
+}
+
+// What a message says beside its cause, and where among its arguments.
+enum class Says : uint8_t {
+    nothing,
+    connect_errno,  // of a connection that did not come up
+    lost_errno,     // of a connection that was up
+    last_errno,     // of the call that failed, errno itself
+    resolver,       // getaddrinfo's code
+    ret_code,       // the platform's
+    tls_text,       // OpenSSL's
+    tls_read,       // OpenSSL's code, its text and errno
+    http_status,    // of the answer to the upgrade
+    accept,         // how its accept header was wrong
+    awaited,        // the state of a set-up that got no answer
+    opcode,         // of the answer to the registration
+    event,          // epoll's
+    tls_write,      // OpenSSL's code: no cause yet
+};
+
+// The formats, and behind each what it means for a person.
+constexpr char kWords[] =
+    "Set Addr error, ret =%d.\0"
+    "the name does not resolve\0"
+    "Failed to connect for model [%s] because no addrinfo.\0"
+    "no address is known\0"
+    "[Model %s][Socket %d]Failed to connect, errno %d [%s].\0"
+    "\0"
+    "Connect proc failed, event %d, ret %d iErr %d msg %s.\0"
+    "\0"
+    "[Model %s][Socket %d]connect time out process.\0"
+    "no connection within 120 s\0"
+    "[Model %s]Create socket failed.\0"
+    "\0"
+    "[Model %s]Failed to set socket %d opt.\0"
+    "\0"
+    "[Model %s]Failed to add socket %d to epoll.\0"
+    "\0"
+    "Add socket to epoll error %d.\0"
+    "\0"
+    "Create socket failed, reach the max count.\0"
+    "too many sockets\0"
+    "Daemon socket connect reach max.\0"
+    "too many connections\0"
+    "Daemon ws connect reach max.\0"
+    "too many set-ups\0"
+    "Daemon model reach max.\0"
+    "too many models\0"
+    "[Model %s]Ssl connect ret %d, errcode %d [%s]\0"
+    "the handshake failed\0"
+    "[model %s]Create ssl ctx error [%s]\0"
+    "no TLS session\0"
+    "[model %s] create ssl error [%s]\0"
+    "no TLS session\0"
+    "[model %s] ssl set fd error [%s]\0"
+    "no TLS session\0"
+    "[V3 Model %s] handshake rcv not expect http resp status.\0"
+    "the answer has status %d\0"
+    "[V3 Model %s] Rcv acception error.\0"
+    "\0"
+    "[Model %s]Send Websocket handshake failed.\0"
+    "the upgrade request could not be made\0"
+    "[Model %s]Send Websocket OPT1 failed.\0"
+    "the registration could not be sent\0"
+    "V3 ws cnct msg send time out [sock %d][name %s][fsm %s].\0"
+    "\0"
+    "[V3 Model %s] Request rcv error opt code %d. Regist again.\0"
+    "the answer has opcode %d\0"
+    "[V3 Model %s] Parsing json error.\0"
+    "the answer is no JSON object\0"
+    "[V3 Model %s] request rcv otptype null\0"
+    "the answer has no optType\0"
+    "[V3 Model %s] request rcv wrong opt type %d\0"
+    "the answer has optType %d\0"
+    "[V3 Model %s] request rcv retcode null\0"
+    "the answer has no retCode\0"
+    "[V3 Model %s] request rcv error ret code %d. Regist again.\0"
+    "the answer has retCode %d\0"
+    "[Model %s][Socket %d]Rcv msg rcv error %d, errno %d [%s].\0"
+    "\0"
+    "[Model %s][Socket %d]Rcv msg error %d, errno %d [%s].\0"
+    "the peer ended the connection\0"
+    "[Model %s][Socket %d]Ssl read ret %d, errcode %d [%s], errno [%d][%s].\0"
+    "\0"
+    "Socket data proc error,[model %s][sock %d][event %d][ret %d]\0"
+    "no frame, or no memory for it\0"
+    "Malloc fo ws connect node failed.\0"
+    "\0"
+    "Malloc fo connect node failed.\0"
+    "\0"
+    "Malloc fo sock node failed.\0"
+    "\0"
+    "Malloc failed.\0"
+    "\0"
+    "Can not create msg struct.\0"
+    "\0"
+    "[model %s]malloc ssl node failed.\0"
+    "\0"
+    "[Socket %d]Send https message write error, result %d, errno = %d, message [%s],ssl error code = %d [%s],loop "
+    "count = %d.\0";
+
+struct Row {
+    uint8_t cause;
+    Says says;
+    uint8_t at;  // the argument that `says` names
+};
+constexpr Row kRows[] = {
+    {CTM_CAUSE_NOT_RESOLVED, Says::resolver, 0},
+    {CTM_CAUSE_NOT_RESOLVED, Says::nothing, 0},
+    {CTM_CAUSE_REFUSED, Says::connect_errno, 2},
+    {CTM_CAUSE_REFUSED, Says::connect_errno, 2},
+    {CTM_CAUSE_TIMED_OUT, Says::nothing, 0},
+    {CTM_CAUSE_SYSTEM, Says::last_errno, 0},
+    {CTM_CAUSE_SYSTEM, Says::last_errno, 0},
+    {CTM_CAUSE_SYSTEM, Says::last_errno, 0},
+    {CTM_CAUSE_SYSTEM, Says::last_errno, 0},
+    {CTM_CAUSE_SYSTEM, Says::nothing, 0},
+    {CTM_CAUSE_SYSTEM, Says::nothing, 0},
+    {CTM_CAUSE_SYSTEM, Says::nothing, 0},
+    {CTM_CAUSE_SYSTEM, Says::nothing, 0},
+    {CTM_CAUSE_TLS, Says::tls_text, 3},
+    {CTM_CAUSE_TLS, Says::tls_text, 1},
+    {CTM_CAUSE_TLS, Says::tls_text, 1},
+    {CTM_CAUSE_TLS, Says::tls_text, 1},
+    {CTM_CAUSE_UPGRADE_REFUSED, Says::http_status, 0},
+    {CTM_CAUSE_ACCEPT_WRONG, Says::accept, 0},
+    {CTM_CAUSE_NO_MEMORY, Says::nothing, 0},
+    {CTM_CAUSE_SYSTEM, Says::nothing, 0},
+    {CTM_CAUSE_NO_ANSWER, Says::awaited, 2},
+    {CTM_CAUSE_REGISTRATION_REFUSED, Says::opcode, 1},
+    {CTM_CAUSE_REGISTRATION_REFUSED, Says::nothing, 0},
+    {CTM_CAUSE_REGISTRATION_REFUSED, Says::nothing, 0},
+    {CTM_CAUSE_REGISTRATION_REFUSED, Says::nothing, 1},
+    {CTM_CAUSE_REGISTRATION_REFUSED, Says::nothing, 0},
+    {CTM_CAUSE_REGISTRATION_REFUSED, Says::ret_code, 1},
+    {CTM_CAUSE_CLOSED_BY_PEER, Says::lost_errno, 3},
+    {CTM_CAUSE_CLOSED_BY_PEER, Says::nothing, 0},
+    {CTM_CAUSE_CLOSED_BY_PEER, Says::tls_read, 3},
+    {CTM_CAUSE_PROTOCOL, Says::event, 2},
+    {CTM_CAUSE_NO_MEMORY, Says::nothing, 0},
+    {CTM_CAUSE_NO_MEMORY, Says::nothing, 0},
+    {CTM_CAUSE_NO_MEMORY, Says::nothing, 0},
+    {CTM_CAUSE_NO_MEMORY, Says::nothing, 0},
+    {CTM_CAUSE_NO_MEMORY, Says::nothing, 0},
+    {CTM_CAUSE_NO_MEMORY, Says::nothing, 0},
+    {CTM_CAUSE_NONE, Says::tls_write, 4},
+};
+static_assert(word_count(kWords) == 2 * std::size(kRows));
+
+void detail(const char *text) { snprintf(g_found.detail, sizeof g_found.detail, "%s", text); }
+
+void found_errno(int error) {
+    g_found.system_error = error;
+    detail(strerror(error));
+}
+
+void found_tls(const char *reason) { snprintf(g_found.tls_error, sizeof g_found.tls_error, "%s", reason); }
+
+void found_connect(int error) {
+    found_errno(error);
+    if (error == ETIMEDOUT) g_found.cause = CTM_CAUSE_TIMED_OUT;
+    if (error == 0) g_found.cause = CTM_CAUSE_SYSTEM;
+}
+
+void found_lost(int error) {
+    found_errno(error);
+    if (error == 0) detail("the peer ended the connection");
+    if (error == ETIMEDOUT || error == EHOSTUNREACH || error == ENETUNREACH) g_found.cause = CTM_CAUSE_DEAD;
+}
+
+void found_tls_read(int code, const char *reason, int error) {
+    const bool cut = strstr(reason, "unexpected eof") != nullptr;  // the end of the stream, to OpenSSL 3
+    if (code != kSslError || cut) return found_lost(code == kSslError ? 0 : error);
+    g_found.cause = CTM_CAUSE_PROTOCOL;
+    found_tls(reason);
+}
+
+void found_accept() {
+    g_found.http_status = g_response.status;
+    if (!g_response.accept_any)
+        detail("Sec-WebSocket-Accept is missing");
+    else if (g_response.accept_exact)
+        detail("Sec-WebSocket-Accept does not fit the key");
+    else
+        detail("a proxy has respelled \"Sec-WebSocket-Accept: \", which is read in these letters alone");
+}
+
+// find fills g_found from a message; `text` is what its row means for a person.
+void find(const Row &row, const char *text, const Arguments &all, int last_errno) {
+    const auto *argument = all.at + row.at;
+    if (row.says == Says::tls_write) {
+        g_tls_write = argument->number;
+        return;
+    }
+    if (g_found.cause != CTM_CAUSE_NONE) return;
+    g_found.cause = static_cast<ctm_cause>(row.cause);
+    int number = argument->number;
+    if (row.says == Says::http_status) number = g_found.http_status = g_response.status;
+    snprintf(g_found.detail, sizeof g_found.detail, text, number);
+    switch (row.says) {
+        case Says::connect_errno:
+            return found_connect(number);
+        case Says::lost_errno:
+            return found_lost(number);
+        case Says::last_errno:
+            return found_errno(last_errno);
+        case Says::resolver:
+            g_found.resolver_error = number;
+            return;
+        case Says::ret_code:
+            g_found.ret_code = number;
+            return;
+        case Says::tls_text:
+            return found_tls(argument->text);
+        case Says::tls_read:
+            return found_tls_read(number, argument[1].text, argument[2].number);
+        case Says::http_status:
+            if (number == 101) detail("the status line is 101, but not \"101 Switching Protocols\"");
+            return;
+        case Says::accept:
+            return found_accept();
+        case Says::awaited:
+            return detail(strcmp(argument->text, "WS_CONNECT") == 0 ? "no answer to the registration within 30 s"
+                                                                    : "no answer to the upgrade within 30 s");
+        case Says::opcode:
+            if (number == kOpcodeClose) g_found.cause = CTM_CAUSE_CLOSED_BY_PEER;
+            return;
+        case Says::event:
+            if (!(static_cast<unsigned>(number) & EPOLLIN)) {
+                g_found.cause = CTM_CAUSE_CLOSED_BY_PEER;
+                found_lost(0);
+            }
+            return;
+        case Says::nothing:
+        case Says::tls_write:
+            return;
+    }
 }
 
 bool contains_any_case(const char *text, const char *what) {
@@ -274,17 +313,16 @@ bool evidence_tls_write_again() { return g_tls_write == kSslWantRead || g_tls_wr
 
 void evidence_take(const char *format, va_list args) {
     const int error = errno;
-    if (strcmp(format, kWriteRow.format) == 0) take(kWriteRow, args);
+    const char *words = kWords;
     for (const Row &row : kRows) {
-        if (g_found.cause == CTM_CAUSE_NONE && strcmp(format, row.format) == 0) take(row, args);
+        const char *text = word_at(words, 1);
+        if (strcmp(format, words) == 0) find(row, text, arguments_of(format, args), error);
+        words = word_at(text, 1);
     }
     errno = error;
 }
 
-const char *evidence_format(size_t index) {
-    if (index < std::size(kRows)) return kRows[index].format;
-    return index == std::size(kRows) ? kWriteRow.format : nullptr;
-}
+const char *evidence_format(size_t index) { return index < std::size(kRows) ? word_at(kWords, 2 * index) : nullptr; }
 
 void evidence_response(const char *text) {
     g_response = {};

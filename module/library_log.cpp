@@ -10,6 +10,7 @@
 #include "memory.h"
 #include "secrets.h"
 #include "tunnel.h"
+#include "words.h"
 
 namespace ctm {
 namespace {
@@ -30,16 +31,14 @@ struct {
     bool dump_text;         // the next line of a packet dump is its text
 } g_log = {};
 
-// A message that is hidden whole, since what it shows is or holds a secret.
-struct Hidden {
-    const char *format;
-    const char *shown;
-};
-constexpr Hidden kHidden[] = {
-    {"token %s cookie %s", "token *** cookie ***"},
-    {"buffer len [%d] detail [%s]", "buffer detail [***]"},
-    {"Rcv set-cookie %s.", "Rcv set-cookie ***."},
-};
+// Messages that are hidden whole, since what they show is or holds a secret, and what is shown in their place.
+constexpr char kHidden[] =
+    "token %s cookie %s\0"
+    "token *** cookie ***\0"
+    "buffer len [%d] detail [%s]\0"
+    "buffer detail [***]\0"
+    "Rcv set-cookie %s.\0"
+    "Rcv set-cookie ***.\0";
 
 void apply_level() { cloudmgr_debug_level = std::max(kStepLevel, static_cast<int32_t>(g_log.level)); }
 
@@ -47,25 +46,23 @@ void note(ctm_tunnel *tunnel, ctm_step step) {
     if (tunnel && tunnel_note_step(tunnel, step)) g_log.step_noted = true;
 }
 
-// A message that tells a step, by the model that is its first argument.
-struct StepRow {
-    const char *format;
-    ctm_step step;
-};
-constexpr StepRow kSteps[] = {
-    {"[model %s]Ssl connect ret %d, errcode %d [%s]", CTM_STEP_TCP},
-    {"[Model %s]Succeeded in connecting ssl server.", CTM_STEP_TLS},
-    {"[Model %s]Send Websocket handshake successfully.", CTM_STEP_UPGRADE_SENT},
-    {"[V3 Model %s] Rcv acception check ok.", CTM_STEP_UPGRADED},
-    {"[Model %s]Send Websocket OPT1 successfully.", CTM_STEP_REGISTERING},
-};
+// The messages that tell a step, by the model that is their first argument, in the order of the steps from
+// CTM_STEP_TCP on.
+constexpr char kSteps[] =
+    "[model %s]Ssl connect ret %d, errcode %d [%s]\0"
+    "[Model %s]Succeeded in connecting ssl server.\0"
+    "[Model %s]Send Websocket handshake successfully.\0"
+    "[V3 Model %s] Rcv acception check ok.\0"
+    "[Model %s]Send Websocket OPT1 successfully.";
+static_assert(word_count(kSteps) == CTM_STEPS - CTM_STEP_TCP);
 
 void take_step(const char *format, va_list args) {
-    for (const StepRow &row : kSteps) {
-        if (strcmp(format, row.format) != 0) continue;
+    const char *row = kSteps;
+    for (int step = CTM_STEP_TCP; step < CTM_STEPS; step++, row = word_at(row, 1)) {
+        if (strcmp(format, row) != 0) continue;
         va_list copy;
         va_copy(copy, args);
-        note(tunnel_of_model(va_arg(copy, const char *)), row.step);
+        note(tunnel_of_model(va_arg(copy, const char *)), static_cast<ctm_step>(step));
         va_end(copy);
     }
 }
@@ -89,8 +86,8 @@ void take_dump(const char *format, va_list args) {
 const char *hidden(uint32_t level, const char *format) {
     if (g_log.secrets) return nullptr;
     if (level == kDetailLevel && strcmp(format, "%s") == 0 && !g_log.dump_text) return "";  // bytes in hexadecimal
-    for (const Hidden &row : kHidden) {
-        if (strcmp(format, row.format) == 0) return row.shown;
+    for (const char *row = kHidden; *row; row = word_at(row, 2)) {
+        if (strcmp(format, row) == 0) return word_at(row, 1);
     }
     return nullptr;
 }

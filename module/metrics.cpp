@@ -5,10 +5,12 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include "process.h"
 #include "totals.h"
 #include "tunnel.h"
+#include "words.h"
 
 namespace ctm {
 namespace {
@@ -48,36 +50,66 @@ struct Escaped {
     char text[2 * CTM_NAME_MAX + 1];
 };
 
-enum class Unit { count, bytes, microseconds };
+enum class Unit : uint8_t { count, bytes, microseconds };
+
+enum class Type : uint8_t { counter, gauge };
+
+// The families by name, behind each what it is.
+constexpr char kFamilyWords[] =
+    "cloudtunnel_attempts\0"
+    "Set-ups begun.\0"
+    "cloudtunnel_opened\0"
+    "Set-ups that came up.\0"
+    "cloudtunnel_messages_in\0"
+    "Messages received.\0"
+    "cloudtunnel_messages_out\0"
+    "Messages sent.\0"
+    "cloudtunnel_in_bytes\0"
+    "Payload received.\0"
+    "cloudtunnel_out_bytes\0"
+    "Payload sent.\0"
+    "cloudtunnel_pings\0"
+    "Pings sent.\0"
+    "cloudtunnel_pongs\0"
+    "Pings answered.\0"
+    "cloudtunnel_refused\0"
+    "Messages that the full queue refused.\0"
+    "cloudtunnel_queue_messages\0"
+    "Messages in the queue.\0"
+    "cloudtunnel_queue_bytes\0"
+    "Payload in the queue.\0"
+    "cloudtunnel_queue_most_bytes\0"
+    "The most that was in the queue.\0"
+    "cloudtunnel_round_trip_last_seconds\0"
+    "Round trip of the last ping.\0"
+    "cloudtunnel_round_trip_smallest_seconds\0"
+    "The smallest round trip.\0"
+    "cloudtunnel_round_trip_mean_seconds\0"
+    "The mean round trip.\0";
 
 struct Family {
-    const char *name;
-    const char *type;  // "counter" or "gauge"
-    const char *help;
+    Type type;
     Unit unit;
-    uint64_t ctm_counters::*value;
+    uint16_t at;  // of the value in ctm_counters
 };
 constexpr Family kFamilies[] = {
-    {"cloudtunnel_attempts", "counter", "Set-ups begun.", Unit::count, &ctm_counters::attempts},
-    {"cloudtunnel_opened", "counter", "Set-ups that came up.", Unit::count, &ctm_counters::opened},
-    {"cloudtunnel_messages_in", "counter", "Messages received.", Unit::count, &ctm_counters::messages_in},
-    {"cloudtunnel_messages_out", "counter", "Messages sent.", Unit::count, &ctm_counters::messages_out},
-    {"cloudtunnel_in_bytes", "counter", "Payload received.", Unit::bytes, &ctm_counters::bytes_in},
-    {"cloudtunnel_out_bytes", "counter", "Payload sent.", Unit::bytes, &ctm_counters::bytes_out},
-    {"cloudtunnel_pings", "counter", "Pings sent.", Unit::count, &ctm_counters::pings},
-    {"cloudtunnel_pongs", "counter", "Pings answered.", Unit::count, &ctm_counters::pongs},
-    {"cloudtunnel_refused", "counter", "Messages that the full queue refused.", Unit::count, &ctm_counters::refused},
-    {"cloudtunnel_queue_messages", "gauge", "Messages in the queue.", Unit::count, &ctm_counters::queue_messages},
-    {"cloudtunnel_queue_bytes", "gauge", "Payload in the queue.", Unit::bytes, &ctm_counters::queue_bytes},
-    {"cloudtunnel_queue_most_bytes", "gauge", "The most that was in the queue.", Unit::bytes,
-     &ctm_counters::queue_most},
-    {"cloudtunnel_round_trip_last_seconds", "gauge", "Round trip of the last ping.", Unit::microseconds,
-     &ctm_counters::round_trip_last_us},
-    {"cloudtunnel_round_trip_smallest_seconds", "gauge", "The smallest round trip.", Unit::microseconds,
-     &ctm_counters::round_trip_smallest_us},
-    {"cloudtunnel_round_trip_mean_seconds", "gauge", "The mean round trip.", Unit::microseconds,
-     &ctm_counters::round_trip_mean_us},
+    {Type::counter, Unit::count, offsetof(ctm_counters, attempts)},
+    {Type::counter, Unit::count, offsetof(ctm_counters, opened)},
+    {Type::counter, Unit::count, offsetof(ctm_counters, messages_in)},
+    {Type::counter, Unit::count, offsetof(ctm_counters, messages_out)},
+    {Type::counter, Unit::bytes, offsetof(ctm_counters, bytes_in)},
+    {Type::counter, Unit::bytes, offsetof(ctm_counters, bytes_out)},
+    {Type::counter, Unit::count, offsetof(ctm_counters, pings)},
+    {Type::counter, Unit::count, offsetof(ctm_counters, pongs)},
+    {Type::counter, Unit::count, offsetof(ctm_counters, refused)},
+    {Type::gauge, Unit::count, offsetof(ctm_counters, queue_messages)},
+    {Type::gauge, Unit::bytes, offsetof(ctm_counters, queue_bytes)},
+    {Type::gauge, Unit::bytes, offsetof(ctm_counters, queue_most)},
+    {Type::gauge, Unit::microseconds, offsetof(ctm_counters, round_trip_last_us)},
+    {Type::gauge, Unit::microseconds, offsetof(ctm_counters, round_trip_smallest_us)},
+    {Type::gauge, Unit::microseconds, offsetof(ctm_counters, round_trip_mean_us)},
 };
+static_assert(word_count(kFamilyWords) == 2 * std::size(kFamilies) + 1);
 
 void add_head(Text &text, const char *name, const char *type, const char *unit, const char *help) {
     text.add("# TYPE %s %s\n", name, type);
@@ -93,13 +125,14 @@ void for_each(Sample sample) {
     }
 }
 
-void add_family(Text &text, const Family &family) {
+void add_family(Text &text, const Family &family, const char *name, const char *help) {
     const char *unit = family.unit == Unit::bytes ? "bytes" : family.unit == Unit::microseconds ? "seconds" : "";
-    const char *suffix = strcmp(family.type, "counter") == 0 ? "_total" : "";
-    add_head(text, family.name, family.type, unit, family.help);
+    const bool counter = family.type == Type::counter;
+    add_head(text, name, counter ? "counter" : "gauge", unit, help);
     for_each([&](const ctm_tunnel *, const ctm_counters &counters, const char *model) {
-        const auto value = static_cast<unsigned long long>(counters.*family.value);
-        text.add("%s%s{model=\"%s\"} ", family.name, suffix, model);
+        unsigned long long value = 0;
+        memcpy(&value, reinterpret_cast<const char *>(&counters) + family.at, sizeof value);
+        text.add("%s%s{model=\"%s\"} ", name, counter ? "_total" : "", model);
         if (family.unit == Unit::microseconds)
             text.add("%llu.%06llu\n", value / 1000000, value % 1000000);
         else
@@ -148,7 +181,11 @@ size_t ctm_metrics(char *text, size_t size) {
     ctm::add_state(out);
     ctm::add_state_time(out);
     ctm::add_ended(out);
-    for (const ctm::Family &family : ctm::kFamilies) ctm::add_family(out, family);
+    const char *words = ctm::kFamilyWords;
+    for (const ctm::Family &family : ctm::kFamilies) {
+        ctm::add_family(out, family, words, ctm::word_at(words, 1));
+        words = ctm::word_at(words, 2);
+    }
     out.add("# EOF\n");
     return out.length();
 }

@@ -1,101 +1,120 @@
 // Results, states, steps and causes in words: tables in the order of their enums.
 #include <cloudtunnel_module.h>
 
-#include <cstddef>
-#include <iterator>
+#include "words.h"
 
 namespace {
 
-constexpr const char *kResults[] = {
-    "ok",
-    "an argument that must be there is null",
-    "not the handle of a tunnel, or no longer",
-    "ctm_init has not been called",
-    "ctm_init has been called already",
-    "not allowed inside a callback",
-    "memory is short",
-    "a call of the system failed",
-    "a record's size is wrong",
-    "the log level is not 0 to 9",
-    "the model's name has not 1 to 31 characters",
-    "the second name has more than 31 characters",
-    "the device model has more than 31 characters",
-    "the first pause is longer than the longest",
-    "the jitter is more than 100 percent",
-    "the ping interval is not shorter than the time without a sign of life",
-    "the longest message is more than 1 GiB",
-    "the fragment size is not 125 to 65535",
-    "the queue does not hold the longest message",
-    "no such choice for a start without tunnel data",
-    "a message is text or binary",
-    "this close status may not be sent",
-    "the reason is longer than 123 bytes",
-    "this process has a tunnel of that model",
-    "this process has had too many models",
-    "the daemon has sent no tunnel data",
-    "the tunnel is not open",
-    "the tunnel is opened already",
-    "the message is longer than the tunnel's longest",
-    "the queue is full",
-    "the last ping has no answer yet",
-};
-static_assert(std::size(kResults) == CTM_PING_ON_ITS_WAY + 1);
+using ctm::word_count;
 
-constexpr const char *kStates[] = {"closed", "waiting", "pausing", "connecting", "open", "closing"};
-static_assert(std::size(kStates) == CTM_STATES);
+constexpr char kResults[] =
+    "ok\0"
+    "an argument that must be there is null\0"
+    "not the handle of a tunnel, or no longer\0"
+    "ctm_init has not been called\0"
+    "ctm_init has been called already\0"
+    "not allowed inside a callback\0"
+    "memory is short\0"
+    "a call of the system failed\0"
+    "a record's size is wrong\0"
+    "the log level is not 0 to 9\0"
+    "the model's name has not 1 to 31 characters\0"
+    "the second name has more than 31 characters\0"
+    "the device model has more than 31 characters\0"
+    "the first pause is longer than the longest\0"
+    "the jitter is more than 100 percent\0"
+    "the ping interval is not shorter than the time without a sign of life\0"
+    "the longest message is more than 1 GiB\0"
+    "the fragment size is not 125 to 65535\0"
+    "the queue does not hold the longest message\0"
+    "no such choice for a start without tunnel data\0"
+    "a message is text or binary\0"
+    "this close status may not be sent\0"
+    "the reason is longer than 123 bytes\0"
+    "this process has a tunnel of that model\0"
+    "this process has had too many models\0"
+    "the daemon has sent no tunnel data\0"
+    "the tunnel is not open\0"
+    "the tunnel is opened already\0"
+    "the message is longer than the tunnel's longest\0"
+    "the queue is full\0"
+    "the last ping has no answer yet";
+static_assert(word_count(kResults) == CTM_PING_ON_ITS_WAY + 1);
 
-constexpr const char *kSteps[] = {"data", "tcp", "tls", "upgrade_sent", "upgraded", "registering"};
-static_assert(std::size(kSteps) == CTM_STEPS);
+constexpr char kStates[] =
+    "closed\0"
+    "waiting\0"
+    "pausing\0"
+    "connecting\0"
+    "open\0"
+    "closing";
+static_assert(word_count(kStates) == CTM_STATES);
 
-struct CauseRow {
-    const char *name;
-    const char *text;
-};
-constexpr CauseRow kCauses[] = {
-    {"none", "nothing has ended"},
-    {"no_daemon", "the daemon is not there"},
-    {"no_data", "the daemon has sent no tunnel data"},
-    {"not_resolved", "the host's name was not resolved"},
-    {"refused", "the connection was refused"},
-    {"timed_out", "no connection in time"},
-    {"tls", "TLS was refused"},
-    {"upgrade_refused", "the upgrade was refused"},
-    {"accept_wrong", "the answer to the upgrade does not fit its key"},
-    {"registration_refused", "the platform refused the registration"},
-    {"no_answer", "no answer in time"},
-    {"closed_by_peer", "closed by the peer"},
-    {"dead", "no sign of life from the peer"},
-    {"protocol", "the peer broke the protocol"},
-    {"too_long", "a message was too long"},
-    {"no_memory", "memory is short"},
-    {"system", "a call of the system failed"},
-    {"closed_by_us", "closed by this side"},
-};
-static_assert(std::size(kCauses) == CTM_CAUSES);
+constexpr char kSteps[] =
+    "data\0"
+    "tcp\0"
+    "tls\0"
+    "upgrade_sent\0"
+    "upgraded\0"
+    "registering";
+static_assert(word_count(kSteps) == CTM_STEPS);
 
-constexpr char kUnknown[] = "unknown";
+// Each cause by its name and in a sentence.
+constexpr char kCauses[] =
+    "none\0"
+    "nothing has ended\0"
+    "no_daemon\0"
+    "the daemon is not there\0"
+    "no_data\0"
+    "the daemon has sent no tunnel data\0"
+    "not_resolved\0"
+    "the host's name was not resolved\0"
+    "refused\0"
+    "the connection was refused\0"
+    "timed_out\0"
+    "no connection in time\0"
+    "tls\0"
+    "TLS was refused\0"
+    "upgrade_refused\0"
+    "the upgrade was refused\0"
+    "accept_wrong\0"
+    "the answer to the upgrade does not fit its key\0"
+    "registration_refused\0"
+    "the platform refused the registration\0"
+    "no_answer\0"
+    "no answer in time\0"
+    "closed_by_peer\0"
+    "closed by the peer\0"
+    "dead\0"
+    "no sign of life from the peer\0"
+    "protocol\0"
+    "the peer broke the protocol\0"
+    "too_long\0"
+    "a message was too long\0"
+    "no_memory\0"
+    "memory is short\0"
+    "system\0"
+    "a call of the system failed\0"
+    "closed_by_us\0"
+    "closed by this side";
+static_assert(word_count(kCauses) == 2 * CTM_CAUSES);
 
-template <size_t Size>
-const char *name_in(const char *const (&names)[Size], int number) {
-    return number >= 0 && static_cast<size_t>(number) < Size ? names[number] : kUnknown;
+const char *name_of(const char *words, int number, int count) {
+    return number >= 0 && number < count ? ctm::word_at(words, static_cast<size_t>(number)) : "unknown";
 }
 
 }  // namespace
 
 const char *ctm_result_text(ctm_result result) {
-    const int number = result;
-    return number >= 0 && static_cast<size_t>(number) < std::size(kResults) ? kResults[number] : "unknown result";
+    return result >= 0 && result <= CTM_PING_ON_ITS_WAY ? ctm::word_at(kResults, static_cast<size_t>(result))
+                                                        : "unknown result";
 }
 
-const char *ctm_state_name(ctm_state state) { return name_in(kStates, state); }
-const char *ctm_step_name(ctm_step step) { return name_in(kSteps, step); }
-
+const char *ctm_state_name(ctm_state state) { return name_of(kStates, state, CTM_STATES); }
+const char *ctm_step_name(ctm_step step) { return name_of(kSteps, step, CTM_STEPS); }
 const char *ctm_cause_name(ctm_cause cause) {
-    const int number = cause;
-    return number >= 0 && number < CTM_CAUSES ? kCauses[number].name : kUnknown;
+    return cause >= 0 && cause < CTM_CAUSES ? ctm::word_at(kCauses, static_cast<size_t>(cause) * 2) : "unknown";
 }
-
 const char *ctm_cause_text(ctm_cause cause) {
-    const int number = cause;
-    return number >= 0 && number < CTM_CAUSES ? kCauses[number].text : kUnknown;
+    return cause >= 0 && cause < CTM_CAUSES ? ctm::word_at(kCauses, static_cast<size_t>(cause) * 2 + 1) : "unknown";
 }

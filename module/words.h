@@ -1,0 +1,24 @@
+// Tables of texts without pointers, which would have to be relocated when the library is loaded: the texts stand one
+// behind the other, each ended by a zero byte.
+#pragma once
+
+#include <cstddef>
+#include <cstring>
+
+namespace ctm {
+
+// word_at returns the text at `index`; the caller knows that there is one.
+inline const char *word_at(const char *words, size_t index) {
+    for (; index > 0; index--) words += strlen(words) + 1;
+    return words;
+}
+
+// word_count counts the texts of a table, whose last zero byte is the compiler's own.
+template <size_t Size>
+consteval size_t word_count(const char (&words)[Size]) {
+    size_t count = 0;
+    for (const char c : words) count += c == '\0';
+    return count;
+}
+
+}  // namespace ctm
