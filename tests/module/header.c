@@ -1,0 +1,3 @@
+#include "cloudtunnel_module.h"
+
+int main(void) { return ctm_end() == CTM_NO_INIT ? 0 : 1; }
