@@ -3,13 +3,13 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-install(TARGETS cloudtunnel EXPORT cloudtunnel-targets
+install(TARGETS cloudtunnel cloudtunnel_module EXPORT cloudtunnel-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(TARGETS cloudtunnel_static EXPORT cloudtunnel-static-targets
+install(TARGETS cloudtunnel_static cloudtunnel_module_static EXPORT cloudtunnel-static-targets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES include/cloudtunnel.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+install(FILES include/cloudtunnel.h include/cloudtunnel_module.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 
 # ---------------------------------------------------------------------------------------------------------- pkg-config
 set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
@@ -17,7 +17,9 @@ file(RELATIVE_PATH pc_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INST
 file(RELATIVE_PATH pc_libdir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
 file(RELATIVE_PATH pc_includedir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
 configure_file(cmake/cloudtunnel.pc.in cloudtunnel.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/cloudtunnel.pc DESTINATION ${pkgconfig_dir} COMPONENT development)
+configure_file(cmake/cloudtunnel-module.pc.in cloudtunnel-module.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/cloudtunnel.pc ${CMAKE_CURRENT_BINARY_DIR}/cloudtunnel-module.pc
+  DESTINATION ${pkgconfig_dir} COMPONENT development)
 
 # ---------------------------------------------------------------------------------------------------------- CMake package
 # The static library has its own list of targets: only a project that asks for it needs the libraries that it needs.

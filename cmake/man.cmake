@@ -5,7 +5,7 @@ if(NOT SCDOC)
   return()
 endif()
 
-set(man_names libcloudtunnel.3)
+set(man_names libcloudtunnel.3 libcloudtunnel-module.3)
 foreach(program cloudtunnel-explain cloudtunnel-module cloudtunnel-sim)
   if(TARGET ${program})
     list(APPEND man_names ${program}.1)

@@ -19,7 +19,9 @@ namespace {
 
 using namespace ctm;
 
-Taken take(Assembly &assembly, uint8_t opcode, const std::string &body, size_t limit = 1000) {
+Taken take(Assembly &assembly, uint8_t opcode, const std::string &text, size_t limit = 1000) {
+    static std::string body;  // a message of one frame is its body
+    body = text;
     return assembly.take(opcode, reinterpret_cast<const uint8_t *>(body.data()), body.size(), limit);
 }
 
