@@ -69,7 +69,8 @@ bool has_room(const ctm_tunnel *tunnel) { return tunnel->outbox.has_room(tunnel-
 
 void watch(ctm_tunnel *tunnel, bool wanted) {
     if (tunnel->watched == wanted) return;
-    if (process_watch(tunnel->sock, registry_index(tunnel->row), wanted)) tunnel->watched = wanted;
+    tunnel->watched = process_watch(tunnel->sock, registry_index(tunnel->row), wanted) && wanted;
+    if (wanted && !tunnel->watched) lose(tunnel, errno);  // nobody would say when to send on
 }
 
 }  // namespace
