@@ -58,6 +58,7 @@ Taken Assembly::append(const uint8_t *piece, size_t length) {
     if (length > announced_ - length_) return Taken::too_many;
     if (!gathered_ || length_ + length > room_) {
         const size_t wanted = std::min(announced_, std::max({kFirstRoom, room_ * 2, length_ + length}));
+        if (wanted == SIZE_MAX) return Taken::no_memory;  // with the zero byte, no block is that large
         auto *larger = static_cast<uint8_t *>(realloc(gathered_.get(), wanted + 1));
         if (!larger) return Taken::no_memory;
         (void)gathered_.release();

@@ -326,7 +326,8 @@ const char *evidence_format(size_t index) { return index < std::size(kRows) ? wo
 
 void evidence_response(const char *text) {
     g_response = {};
-    if (strncmp(text, "HTTP/", 5) == 0 && strchr(text, ' ')) g_response.status = atoi(strchr(text, ' '));
+    const char *status = strncmp(text, "HTTP/", 5) == 0 ? strchr(text, ' ') : nullptr;
+    if (status) g_response.status = static_cast<int>(strtol(status, nullptr, 10));
     g_response.accept_exact = strstr(text, "Sec-WebSocket-Accept: ") != nullptr;
     g_response.accept_any = contains_any_case(text, "\nSec-WebSocket-Accept");
 }

@@ -97,7 +97,7 @@ constexpr char kCauses[] =
     "a call of the system failed\0"
     "closed_by_us\0"
     "closed by this side";
-static_assert(word_count(kCauses) == 2 * CTM_CAUSES);
+static_assert(word_count(kCauses) == size_t{2} * CTM_CAUSES);
 
 const char *name_of(const char *words, int number, int count) {
     return number >= 0 && number < count ? ctm::word_at(words, static_cast<size_t>(number)) : "unknown";
@@ -113,8 +113,9 @@ const char *ctm_result_text(ctm_result result) {
 const char *ctm_state_name(ctm_state state) { return name_of(kStates, state, CTM_STATES); }
 const char *ctm_step_name(ctm_step step) { return name_of(kSteps, step, CTM_STEPS); }
 const char *ctm_cause_name(ctm_cause cause) {
-    return cause >= 0 && cause < CTM_CAUSES ? ctm::word_at(kCauses, static_cast<size_t>(cause) * 2) : "unknown";
+    return cause >= 0 && cause < CTM_CAUSES ? ctm::word_at(kCauses, size_t{2} * static_cast<size_t>(cause)) : "unknown";
 }
 const char *ctm_cause_text(ctm_cause cause) {
-    return cause >= 0 && cause < CTM_CAUSES ? ctm::word_at(kCauses, static_cast<size_t>(cause) * 2 + 1) : "unknown";
+    return cause >= 0 && cause < CTM_CAUSES ? ctm::word_at(kCauses, size_t{2} * static_cast<size_t>(cause) + 1)
+                                            : "unknown";
 }

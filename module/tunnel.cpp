@@ -140,7 +140,7 @@ void begin_close(ctm_tunnel *tunnel, uint16_t status, const char *reason, size_t
     ctm_cause_info cause = given;
     cause.close_status = status;
     uint8_t body[kControlMax] = {static_cast<uint8_t>(status >> 8), static_cast<uint8_t>(status & 0xff)};
-    if (length > 0) memcpy(body + kStatusSize, reason, length);
+    if (reason) memcpy(body + kStatusSize, reason, length);
     tunnel->outbox.close(body, kStatusSize + length);
     tunnel->after = next;
     tunnel->due_us = after(now_us(), tunnel->options.close_ms);
@@ -233,7 +233,7 @@ void take_pong(ctm_tunnel *tunnel, const uint8_t *body, size_t length) {
 void take_frame(ctm_tunnel *tunnel, const cloudmgr_ws_msg &frame) {
     static const uint8_t kEmpty[1] = {0};
     const uint8_t *body = frame.body ? frame.body : kEmpty;
-    const auto length = static_cast<size_t>(frame.length);
+    const size_t length = frame.body ? static_cast<size_t>(frame.length) : 0;
     tunnel->heard_us = now_us();
     if (frame.opcode == kClose) return take_close(tunnel, body, length);
     if (frame.opcode == kPing && length <= kControlMax) {
@@ -414,17 +414,8 @@ bool tunnel_is_one(const ctm_tunnel *tunnel) {
 
 ctm_tunnel *tunnel_make(const ctm_tunnel_options &options, ModelRow *row) {
     void *memory = malloc(sizeof(ctm_tunnel));
-    if (!memory) return nullptr;
-    auto *tunnel = ::new (memory) ctm_tunnel(options);
-    snprintf(tunnel->model, sizeof tunnel->model, "%s", options.model);
-    snprintf(tunnel->device_model, sizeof tunnel->device_model, "%s", options.device_model);
-    tunnel->options.model = tunnel->model;
-    tunnel->options.device_model = tunnel->device_model;
-    tunnel->options.sub_name = nullptr;
-    tunnel->state_since_us = now_us();
-    tunnel->row = row;
-    row->tunnel = tunnel;
-    return tunnel;
+    if (memory) row->tunnel = ::new (memory) ctm_tunnel(options, row);
+    return row->tunnel;
 }
 
 void tunnel_free(ctm_tunnel *tunnel) {
@@ -599,3 +590,15 @@ void tunnel_check_registration(ctm_tunnel *tunnel) {
 int tunnels_awaiting() { return g_awaiting; }
 
 }  // namespace ctm
+
+ctm_tunnel::ctm_tunnel(const ctm_tunnel_options &given, ctm::ModelRow *its_row)
+    : options(given),
+      row(its_row),
+      state_since_us(ctm::now_us()),
+      pause(given.pause_first_ms, given.pause_longest_ms, given.jitter_percent) {
+    snprintf(model, sizeof model, "%s", given.model);
+    snprintf(device_model, sizeof device_model, "%s", given.device_model);
+    options.model = model;
+    options.device_model = device_model;
+    options.sub_name = nullptr;
+}

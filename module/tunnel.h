@@ -43,8 +43,7 @@ struct Counters {
 }  // namespace ctm
 
 struct ctm_tunnel {
-    explicit ctm_tunnel(const ctm_tunnel_options &given)
-        : options(given), pause(given.pause_first_ms, given.pause_longest_ms, given.jitter_percent) {}
+    ctm_tunnel(const ctm_tunnel_options &given, ctm::ModelRow *its_row);
 
     ctm_tunnel_options options;  // every default filled in; its texts are those below
     char model[CTM_NAME_MAX + 1] = "";

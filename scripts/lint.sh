@@ -10,7 +10,8 @@ cmake --build "$build" --target cloudtunnel_objects explain_formats
 ctest --test-dir "$build" -R '^layers_test$' --no-tests=error --output-on-failure
 
 sources() {
-    git ls-files 'src/*.cpp' 'apps/common/*.cpp' 'apps/explain/*.cpp' 'apps/module/*.cpp' 'examples/*.c' 'trust/*.c'
+    git ls-files 'src/*.cpp' 'module/*.cpp' 'apps/common/*.cpp' 'apps/explain/*.cpp' 'apps/module/*.cpp' 'examples/*.c' \
+        'trust/*.c'
 }
 sources | xargs -P "$(nproc)" -n 3 clang-tidy --quiet -p "$build"
 sources | xargs cppcheck -q -j "$(nproc)" --enable=warning,performance,portability --error-exitcode=1 \
