@@ -18,6 +18,7 @@ namespace {
 constexpr int kSslError = 1;
 constexpr int kSslWantRead = 2;
 constexpr int kSslWantWrite = 3;
+constexpr int kSslSyscall = 5;
 
 constexpr int kOpcodeClose = 8;
 
@@ -224,7 +225,7 @@ void found_lost(int error) {
 
 void found_tls_read(int code, const char *reason, int error) {
     const bool cut = strstr(reason, "unexpected eof") != nullptr;  // the end of the stream, to OpenSSL 3
-    if (code != kSslError || cut) return found_lost(code == kSslError ? 0 : error);
+    if (code != kSslError || cut) return found_lost(code == kSslSyscall ? error : 0);
     g_found.cause = CTM_CAUSE_PROTOCOL;
     found_tls(reason);
 }

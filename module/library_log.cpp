@@ -134,6 +134,8 @@ void log_close() {
     g_stLibInitData.pfnPrint = nullptr;
 }
 
+bool log_dumps_homeless() { return g_log.level >= kDetailLevel && !g_CloudTunnelLogFile; }
+
 bool log_step_noted() {
     const bool noted = g_log.step_noted;
     g_log.step_noted = false;

@@ -17,6 +17,9 @@ void log_close();
 
 int log_print(uint32_t level, const char *format, ...) CLOUDTUNNEL_PRINTF(2, 3);
 
+// log_dumps_homeless tells whether packet dumps are logged while libcloudtunnel has no log file for their first lines.
+bool log_dumps_homeless();
+
 // log_step_noted returns whether a step was noted in a tunnel since the last call.
 bool log_step_noted();
 

@@ -87,7 +87,7 @@ void handle_library_events() {
     for (int i = 0; i < kEventsAtOnce && readable(g_process.library_fd); i++) {
         evidence_clear();
         {
-            const ResponseWatch watch(tunnels_awaiting() > 0);
+            const ResponseWatch watch(tunnels_awaiting() > 0 || log_dumps_homeless());
             CLOUDTUNNEL_EPOLL_HandleMsg(g_process.library_fd);
         }
         show_progress();

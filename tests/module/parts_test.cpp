@@ -290,7 +290,8 @@ TEST(evidence, an_errno_decides_between_refused_timed_out_lost_and_dead) {
     EXPECT_EQ(found(tls, "m", 3, -1, 1, "unexpected eof while reading", 0, "").cause, CTM_CAUSE_CLOSED_BY_PEER);
     EXPECT_EQ(found(tls, "m", 3, -1, 1, "bad record mac", 0, "").cause, CTM_CAUSE_PROTOCOL);
     EXPECT_EQ(found(tls, "m", 3, -1, 5, "", EHOSTUNREACH, "").cause, CTM_CAUSE_DEAD);
-    EXPECT_EQ(found(tls, "m", 3, 0, 6, "", 0, "").cause, CTM_CAUSE_CLOSED_BY_PEER);
+    EXPECT_EQ(found(tls, "m", 3, 0, 6, "", EAGAIN, "").cause, CTM_CAUSE_CLOSED_BY_PEER);
+    EXPECT_EQ(evidence_found().system_error, 0);
     const char *const event = "Socket data proc error,[model %s][sock %d][event %d][ret %d]";
     EXPECT_EQ(found(event, "m", 3, 0x18, -1).cause, CTM_CAUSE_CLOSED_BY_PEER);
     EXPECT_EQ(found(event, "m", 3, 1, -1).cause, CTM_CAUSE_PROTOCOL);

@@ -254,10 +254,10 @@ TEST_F(ProcessTest, the_log_is_formatted_and_holds_no_secret_unless_asked_for) {
         options.log_level = 7;
         options.log_secrets = secrets;
         ASSERT_EQ(ctm_init(&options), CTM_OK);
-        testing::internal::CaptureStdout();  // libcloudtunnel's packet dumps begin with a line there
+        testing::internal::CaptureStdout();  // the packet dumps would begin with a line there
         Guest &guest = make();
         Platform platform = offer_open(guest);
-        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
         EXPECT_TRUE(logged("3 [Model model]Send Websocket handshake successfully."));
         EXPECT_TRUE(logged("Host: cloud.example"));
         EXPECT_EQ(logged("token-of-model"), secrets);
