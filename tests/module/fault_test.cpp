@@ -143,11 +143,12 @@ TEST_F(FaultTest, a_write_that_fails_for_good_ends_the_tunnel_by_the_next_dispat
 }
 
 TEST_F(FaultTest, an_init_that_fails_leaves_nothing_open) {
+    daemon.stop();  // its end of the link is a descriptor, too
     for (const char *call : {"epoll_create", "epoll_create1", "epoll_ctl"}) {
         ctm_end();
         const int before = support::open_descriptors();
         {
-            const support::Fault fault(call, {.after = std::string(call) == "epoll_ctl" ? 1 : 0, .error = EMFILE});
+            const support::Fault fault(call, {.error = EMFILE});
             EXPECT_EQ(ctm_init(nullptr), CTM_SYSTEM) << call;
         }
         EXPECT_EQ(support::open_descriptors(), before) << call;
