@@ -99,7 +99,7 @@ CTM_EXPORT const char *ctm_result_text(ctm_result result);
 enum {
     CTM_NAME_MAX = 31,           /* characters of a name: the daemon's records hold no more */
     CTM_REASON_MAX = 123,        /* bytes of a close reason (RFC 6455, section 5.5) */
-    CTM_TUNNEL_MAX = 64,         /* models in the life of a process: a registration is never taken back */
+    CTM_TUNNEL_MAX = 32,         /* models in the life of a process: a registration is never taken back */
     CTM_FRAGMENT_MIN = 125,      /* bytes of a fragment's payload */
     CTM_FRAGMENT_MAX = 65535,    /* what the two-byte length form holds; the longer form is not every server's */
     CTM_MESSAGE_MAX = 0x40000000 /* bytes of a message, 1 GiB */

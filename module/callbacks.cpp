@@ -1,4 +1,4 @@
-// Apart from registry.cpp, so that each of the two hundred functions is three instructions: where the compiler sees
+// Apart from registry.cpp, so that each of the hundred functions is three instructions: where the compiler sees
 // that registry_report returns 0, each returns a 0 of its own.
 #include "callbacks.h"
 
@@ -9,9 +9,10 @@
 namespace ctm {
 namespace {
 
+// A row and what is reported of it, in one number: an instruction less in each function.
 template <unsigned Index, Report What>
 int report() {
-    return registry_report(Index, What);
+    return registry_report(report_code(Index, What));
 }
 
 struct Callbacks {

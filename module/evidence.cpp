@@ -1,14 +1,18 @@
 #include "evidence.h"
 
+#include <strings.h>
 #include <sys/epoll.h>
 
-#include <strings.h>
-
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <string_view>
+
+#include "format.h"
+#include "known_messages.h"
 #include "words.h"
 
 namespace ctm {
@@ -55,152 +59,38 @@ Arguments arguments_of(const char *format, va_list args) {
     return all;
 }
 
-// What a message says beside its cause, and where among its arguments.
-enum class Says : uint8_t {
-    nothing,
-    connect_errno,  // of a connection that did not come up
-    lost_errno,     // of a connection that was up
-    last_errno,     // of the call that failed, errno itself
-    resolver,       // getaddrinfo's code
-    ret_code,       // the platform's
-    tls_text,       // OpenSSL's
-    tls_read,       // OpenSSL's code, its text and errno
-    http_status,    // of the answer to the upgrade
-    accept,         // how its accept header was wrong
-    awaited,        // the state of a set-up that got no answer
-    opcode,         // of the answer to the registration
-    event,          // epoll's
-    tls_write,      // OpenSSL's code: no cause yet
-};
-
-// The formats, and behind each what it means for a person.
-constexpr char kWords[] =
-    "Set Addr error, ret =%d.\0"
-    "the name does not resolve\0"
-    "Failed to connect for model [%s] because no addrinfo.\0"
-    "no address is known\0"
-    "[Model %s][Socket %d]Failed to connect, errno %d [%s].\0"
-    "\0"
-    "Connect proc failed, event %d, ret %d iErr %d msg %s.\0"
-    "\0"
-    "[Model %s][Socket %d]connect time out process.\0"
-    "no connection within 120 s\0"
-    "[Model %s]Create socket failed.\0"
-    "\0"
-    "[Model %s]Failed to set socket %d opt.\0"
-    "\0"
-    "[Model %s]Failed to add socket %d to epoll.\0"
-    "\0"
-    "Add socket to epoll error %d.\0"
-    "\0"
-    "Create socket failed, reach the max count.\0"
-    "too many sockets\0"
-    "Daemon socket connect reach max.\0"
-    "too many connections\0"
-    "Daemon ws connect reach max.\0"
-    "too many set-ups\0"
-    "Daemon model reach max.\0"
-    "too many models\0"
-    "[Model %s]Ssl connect ret %d, errcode %d [%s]\0"
-    "the handshake failed\0"
-    "[model %s]Create ssl ctx error [%s]\0"
-    "no TLS session\0"
-    "[model %s] create ssl error [%s]\0"
-    "no TLS session\0"
-    "[model %s] ssl set fd error [%s]\0"
-    "no TLS session\0"
-    "[V3 Model %s] handshake rcv not expect http resp status.\0"
-    "the answer has status %d\0"
-    "[V3 Model %s] Rcv acception error.\0"
-    "\0"
-    "[Model %s]Send Websocket handshake failed.\0"
-    "the upgrade request could not be made\0"
-    "[Model %s]Send Websocket OPT1 failed.\0"
-    "the registration could not be sent\0"
-    "V3 ws cnct msg send time out [sock %d][name %s][fsm %s].\0"
-    "\0"
-    "[V3 Model %s] Request rcv error opt code %d. Regist again.\0"
-    "the answer has opcode %d\0"
-    "[V3 Model %s] Parsing json error.\0"
-    "the answer is no JSON object\0"
-    "[V3 Model %s] request rcv otptype null\0"
-    "the answer has no optType\0"
-    "[V3 Model %s] request rcv wrong opt type %d\0"
-    "the answer has optType %d\0"
-    "[V3 Model %s] request rcv retcode null\0"
-    "the answer has no retCode\0"
-    "[V3 Model %s] request rcv error ret code %d. Regist again.\0"
-    "the answer has retCode %d\0"
-    "[Model %s][Socket %d]Rcv msg rcv error %d, errno %d [%s].\0"
-    "\0"
-    "[Model %s][Socket %d]Rcv msg error %d, errno %d [%s].\0"
-    "the peer ended the connection\0"
-    "[Model %s][Socket %d]Ssl read ret %d, errcode %d [%s], errno [%d][%s].\0"
-    "\0"
-    "Socket data proc error,[model %s][sock %d][event %d][ret %d]\0"
-    "no frame, or no memory for it\0"
-    "Malloc fo ws connect node failed.\0"
-    "\0"
-    "Malloc fo connect node failed.\0"
-    "\0"
-    "Malloc fo sock node failed.\0"
-    "\0"
-    "Malloc failed.\0"
-    "\0"
-    "Can not create msg struct.\0"
-    "\0"
-    "[model %s]malloc ssl node failed.\0"
-    "\0"
-    "[Socket %d]Send https message write error, result %d, errno = %d, message [%s],ssl error code = %d [%s],loop "
-    "count = %d.\0";
-
+// What is kept of a known message: its text is read by the compiler alone.
 struct Row {
+    uint32_t format;
     uint8_t cause;
     Says says;
-    uint8_t at;  // the argument that `says` names
+    uint8_t at;
 };
-constexpr Row kRows[] = {
-    {CTM_CAUSE_NOT_RESOLVED, Says::resolver, 0},
-    {CTM_CAUSE_NOT_RESOLVED, Says::nothing, 0},
-    {CTM_CAUSE_REFUSED, Says::connect_errno, 2},
-    {CTM_CAUSE_REFUSED, Says::connect_errno, 2},
-    {CTM_CAUSE_TIMED_OUT, Says::nothing, 0},
-    {CTM_CAUSE_SYSTEM, Says::last_errno, 0},
-    {CTM_CAUSE_SYSTEM, Says::last_errno, 0},
-    {CTM_CAUSE_SYSTEM, Says::last_errno, 0},
-    {CTM_CAUSE_SYSTEM, Says::last_errno, 0},
-    {CTM_CAUSE_SYSTEM, Says::nothing, 0},
-    {CTM_CAUSE_SYSTEM, Says::nothing, 0},
-    {CTM_CAUSE_SYSTEM, Says::nothing, 0},
-    {CTM_CAUSE_SYSTEM, Says::nothing, 0},
-    {CTM_CAUSE_TLS, Says::tls_text, 3},
-    {CTM_CAUSE_TLS, Says::tls_text, 1},
-    {CTM_CAUSE_TLS, Says::tls_text, 1},
-    {CTM_CAUSE_TLS, Says::tls_text, 1},
-    {CTM_CAUSE_UPGRADE_REFUSED, Says::http_status, 0},
-    {CTM_CAUSE_ACCEPT_WRONG, Says::accept, 0},
-    {CTM_CAUSE_NO_MEMORY, Says::nothing, 0},
-    {CTM_CAUSE_SYSTEM, Says::nothing, 0},
-    {CTM_CAUSE_NO_ANSWER, Says::awaited, 2},
-    {CTM_CAUSE_REGISTRATION_REFUSED, Says::opcode, 1},
-    {CTM_CAUSE_REGISTRATION_REFUSED, Says::nothing, 0},
-    {CTM_CAUSE_REGISTRATION_REFUSED, Says::nothing, 0},
-    {CTM_CAUSE_REGISTRATION_REFUSED, Says::nothing, 1},
-    {CTM_CAUSE_REGISTRATION_REFUSED, Says::nothing, 0},
-    {CTM_CAUSE_REGISTRATION_REFUSED, Says::ret_code, 1},
-    {CTM_CAUSE_CLOSED_BY_PEER, Says::lost_errno, 3},
-    {CTM_CAUSE_CLOSED_BY_PEER, Says::nothing, 0},
-    {CTM_CAUSE_CLOSED_BY_PEER, Says::tls_read, 3},
-    {CTM_CAUSE_PROTOCOL, Says::event, 2},
-    {CTM_CAUSE_NO_MEMORY, Says::nothing, 0},
-    {CTM_CAUSE_NO_MEMORY, Says::nothing, 0},
-    {CTM_CAUSE_NO_MEMORY, Says::nothing, 0},
-    {CTM_CAUSE_NO_MEMORY, Says::nothing, 0},
-    {CTM_CAUSE_NO_MEMORY, Says::nothing, 0},
-    {CTM_CAUSE_NO_MEMORY, Says::nothing, 0},
-    {CTM_CAUSE_NONE, Says::tls_write, 4},
-};
-static_assert(word_count(kWords) == 2 * std::size(kRows));
+constexpr size_t kKnown = std::size(kKnownMessages);
+constexpr auto kRows = [] {
+    std::array<Row, kKnown> rows = {};
+    for (size_t i = 0; i < kKnown; i++) {
+        const KnownMessage &known = kKnownMessages[i];
+        rows[i] = {format_id(known.format), static_cast<uint8_t>(known.cause), known.says, known.at};
+    }
+    return rows;
+}();
+
+// The meanings, one behind the other as word_at reads them.
+constexpr size_t kMeaningsSize = [] {
+    size_t size = 0;
+    for (const KnownMessage &known : kKnownMessages) size += std::string_view(known.meaning).size() + 1;
+    return size;
+}();
+constexpr auto kMeanings = [] {
+    std::array<char, kMeaningsSize> all = {};
+    char *to = all.data();
+    for (const KnownMessage &known : kKnownMessages) {
+        for (const char c : std::string_view(known.meaning)) *to++ = c;
+        to++;
+    }
+    return all;
+}();
 
 void detail(const char *text) { snprintf(g_found.detail, sizeof g_found.detail, "%s", text); }
 
@@ -314,16 +204,12 @@ bool evidence_tls_write_again() { return g_tls_write == kSslWantRead || g_tls_wr
 
 void evidence_take(const char *format, va_list args) {
     const int error = errno;
-    const char *words = kWords;
-    for (const Row &row : kRows) {
-        const char *text = word_at(words, 1);
-        if (strcmp(format, words) == 0) find(row, text, arguments_of(format, args), error);
-        words = word_at(text, 1);
+    const uint32_t id = format_id(format);
+    for (size_t i = 0; i < kKnown; i++) {
+        if (kRows[i].format == id) find(kRows[i], word_at(kMeanings.data(), i), arguments_of(format, args), error);
     }
     errno = error;
 }
-
-const char *evidence_format(size_t index) { return index < std::size(kRows) ? word_at(kWords, 2 * index) : nullptr; }
 
 void evidence_response(const char *text) {
     g_response = {};

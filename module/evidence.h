@@ -1,12 +1,11 @@
 // Why a set-up or a connection failed. libcloudtunnel tells its failure callback no reason; its log does, in messages
 // that are interface and stay letter for letter. They are recognised by their format, so that no text of a peer can
-// pass for one, and this is the one place that knows them.
+// pass for one; known_messages.h lists them.
 #pragma once
 
 #include <cloudtunnel_module.h>
 
 #include <cstdarg>
-#include <cstddef>
 
 namespace ctm {
 
@@ -25,9 +24,5 @@ bool evidence_tls_write_again();
 
 // evidence_response reads the platform's answer to the upgrade, as the log shows it.
 void evidence_response(const char *text);
-
-// evidence_format returns one of the formats that are known, null behind the last: the tests look for each in
-// libcloudtunnel.
-const char *evidence_format(size_t index);
 
 }  // namespace ctm

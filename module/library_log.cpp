@@ -5,12 +5,13 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include "evidence.h"
+#include "format.h"
 #include "memory.h"
 #include "secrets.h"
 #include "tunnel.h"
-#include "words.h"
 
 namespace ctm {
 namespace {
@@ -18,8 +19,8 @@ namespace {
 constexpr int32_t kStepLevel = 5;     // the highest level of a message that evidence or a step is read from
 constexpr uint32_t kDetailLevel = 7;  // packet dumps
 constexpr size_t kShort = 512;        // a message up to here needs no memory of its own
-constexpr char kDumpText[] = "***************** String *****************";
-constexpr char kResponse[] = "[Model %s]msg rcv merge:";
+constexpr uint32_t kDumpText = format_id("***************** String *****************");
+constexpr uint32_t kResponse = format_id("[Model %s]msg rcv merge:");
 
 struct {
     ctm_log_fn *log;
@@ -31,15 +32,6 @@ struct {
     bool dump_text;         // the next line of a packet dump is its text
 } g_log = {};
 
-// Messages that are hidden whole, since what they show is or holds a secret, and what is shown in their place.
-constexpr char kHidden[] =
-    "token %s cookie %s\0"
-    "token *** cookie ***\0"
-    "buffer len [%d] detail [%s]\0"
-    "buffer detail [***]\0"
-    "Rcv set-cookie %s.\0"
-    "Rcv set-cookie ***.\0";
-
 void apply_level() { cloudmgr_debug_level = std::max(kStepLevel, static_cast<int32_t>(g_log.level)); }
 
 void note(ctm_tunnel *tunnel, ctm_step step) {
@@ -48,18 +40,19 @@ void note(ctm_tunnel *tunnel, ctm_step step) {
 
 // The messages that tell a step, by the model that is their first argument, in the order of the steps from
 // CTM_STEP_TCP on.
-constexpr char kSteps[] =
-    "[model %s]Ssl connect ret %d, errcode %d [%s]\0"
-    "[Model %s]Succeeded in connecting ssl server.\0"
-    "[Model %s]Send Websocket handshake successfully.\0"
-    "[V3 Model %s] Rcv acception check ok.\0"
-    "[Model %s]Send Websocket OPT1 successfully.";
-static_assert(word_count(kSteps) == CTM_STEPS - CTM_STEP_TCP);
+constexpr uint32_t kSteps[] = {
+    format_id("[model %s]Ssl connect ret %d, errcode %d [%s]"),
+    format_id("[Model %s]Succeeded in connecting ssl server."),
+    format_id("[Model %s]Send Websocket handshake successfully."),
+    format_id("[V3 Model %s] Rcv acception check ok."),
+    format_id("[Model %s]Send Websocket OPT1 successfully."),
+};
+static_assert(std::size(kSteps) == CTM_STEPS - CTM_STEP_TCP);
 
 void take_step(const char *format, va_list args) {
-    const char *row = kSteps;
-    for (int step = CTM_STEP_TCP; step < CTM_STEPS; step++, row = word_at(row, 1)) {
-        if (strcmp(format, row) != 0) continue;
+    const uint32_t id = format_id(format);
+    for (int step = CTM_STEP_TCP; step < CTM_STEPS; step++) {
+        if (kSteps[step - CTM_STEP_TCP] != id) continue;
         va_list copy;
         va_copy(copy, args);
         note(tunnel_of_model(va_arg(copy, const char *)), static_cast<ctm_step>(step));
@@ -69,9 +62,10 @@ void take_step(const char *format, va_list args) {
 
 // take_dump reads the platform's answer from the packet dump that follows its announcement.
 void take_dump(const char *format, va_list args) {
-    if (strcmp(format, kResponse) == 0) {
+    const uint32_t id = format_id(format);
+    if (id == kResponse) {
         g_log.response_follows = true;
-    } else if (strcmp(format, kDumpText) == 0) {
+    } else if (id == kDumpText) {
         g_log.dump_text = true;
     } else if (g_log.dump_text && g_log.response_follows) {
         va_list copy;
@@ -86,10 +80,16 @@ void take_dump(const char *format, va_list args) {
 const char *hidden(uint32_t level, const char *format) {
     if (g_log.secrets) return nullptr;
     if (level == kDetailLevel && strcmp(format, "%s") == 0 && !g_log.dump_text) return "";  // bytes in hexadecimal
-    for (const char *row = kHidden; *row; row = word_at(row, 2)) {
-        if (strcmp(format, row) == 0) return word_at(row, 1);
+    switch (format_id(format)) {
+        case format_id("token %s cookie %s"):
+            return "token *** cookie ***";
+        case format_id("buffer len [%d] detail [%s]"):
+            return "buffer detail [***]";
+        case format_id("Rcv set-cookie %s."):
+            return "Rcv set-cookie ***.";
+        default:
+            return nullptr;
     }
-    return nullptr;
 }
 
 void show(uint32_t level, char *text) {
@@ -152,7 +152,7 @@ int log_print(uint32_t level, const char *format, ...) {
         take_dump(format, args);
     }
     if (g_log.log && level <= g_log.level) format_and_show(level, format, args);
-    if (level == kDetailLevel && strcmp(format, kDumpText) != 0) g_log.dump_text = false;
+    if (level == kDetailLevel && format_id(format) != kDumpText) g_log.dump_text = false;
     va_end(args);
     return 0;
 }

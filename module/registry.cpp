@@ -43,8 +43,9 @@ std::span<ModelRow, CTM_TUNNEL_MAX> registry_rows() { return g_rows; }
 
 unsigned registry_index(const ModelRow *row) { return static_cast<unsigned>(row - g_rows); }
 
-int registry_report(unsigned index, Report report) {
-    ModelRow &row = g_rows[index];
+int registry_report(unsigned code) {
+    ModelRow &row = g_rows[code / kReports];
+    const auto report = static_cast<Report>(code % kReports);
     // A broken link to the daemon is reported as closed, too, for every model; what is known of the model stands.
     if (report == Report::closed && g_iCloudClientConnFd < 0) return 0;
     if (report != Report::notice) row.data = report == Report::data;

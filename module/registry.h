@@ -24,9 +24,13 @@ ModelRow *registry_take(const char *model, const char *sub_name, ctm_result *res
 std::span<ModelRow, CTM_TUNNEL_MAX> registry_rows();
 unsigned registry_index(const ModelRow *row);
 
-// registry_report takes what the daemon says of the model of row `index`. Always 0.
-enum class Report { data, closed, notice };
-int registry_report(unsigned index, Report report);
+// registry_report takes what the daemon says of the model of a row: both in one number. Always 0.
+enum class Report : unsigned { data, closed, notice };
+constexpr unsigned kReports = 3;
+constexpr unsigned report_code(unsigned index, Report report) {
+    return index * kReports + static_cast<unsigned>(report);
+}
+int registry_report(unsigned code);
 
 // registry_clear forgets all: libcloudtunnel's next init does too.
 void registry_clear();

@@ -4,12 +4,16 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <map>
+#include <sstream>
 #include <string>
 
 #include "module/assembly.h"
 #include "module/chance.h"
 #include "module/evidence.h"
+#include "module/format.h"
 #include "module/frame.h"
+#include "module/known_messages.h"
 #include "module/outbox.h"
 #include "module/pause.h"
 #include "module/secrets.h"
@@ -234,16 +238,27 @@ TEST(secrets, values_behind_the_markers_are_blanked_and_the_rest_stays) {
     EXPECT_EQ(blanked(""), "");
 }
 
-TEST(evidence, every_format_it_knows_stands_in_libcloudtunnel) {
+std::string libcloudtunnel_file() {
     std::ifstream file(CLOUDTUNNEL_LIBRARY, std::ios::binary);
-    const std::string library((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+TEST(evidence, every_format_it_knows_stands_in_libcloudtunnel) {
+    const std::string library = libcloudtunnel_file();
     ASSERT_GT(library.size(), 10000U);
-    size_t count = 0;
-    for (; evidence_format(count); count++) {
-        const std::string format = evidence_format(count);
-        EXPECT_NE(library.find(format + '\0'), std::string::npos) << format;
+    for (const KnownMessage &known : kKnownMessages)
+        EXPECT_NE(library.find(known.format + std::string(1, '\0')), std::string::npos) << known.format;
+}
+
+TEST(evidence, no_other_text_of_libcloudtunnel_has_the_number_of_a_known_format) {
+    std::istringstream library(libcloudtunnel_file());
+    std::map<uint32_t, std::string> known;
+    for (const KnownMessage &message : kKnownMessages)
+        EXPECT_TRUE(known.emplace(format_id(message.format), message.format).second) << message.format;
+    for (std::string text; std::getline(library, text, '\0');) {
+        const auto same = known.find(format_id(text.c_str()));
+        EXPECT_TRUE(same == known.end() || same->second == text) << text;
     }
-    EXPECT_EQ(count, 39U);
 }
 
 ctm_cause_info found(const char *format, ...) {
