@@ -29,7 +29,12 @@ ctm_result judge_handle(const ctm_tunnel *tunnel) {
     return ctm::tunnel_is_one(tunnel) ? CTM_OK : CTM_FREED;
 }
 
-bool name_is_bad(const char *name) { return strnlen(name, CTM_NAME_MAX + 1) > CTM_NAME_MAX; }
+// node_of returns what the daemon has said of a tunnel's model; null for a handle that is none.
+const CLOUDTUNNEL_MODULE_NODE *node_of(const ctm_tunnel *tunnel) {
+    return judge_handle(tunnel) == CTM_OK ? ctm::registry_node(tunnel->model) : nullptr;
+}
+
+bool name_is_bad(const char *name) { return strlen(name) > CTM_NAME_MAX; }
 
 void fill_in(uint32_t &option, uint32_t otherwise) {
     if (option == 0) option = otherwise;
@@ -109,7 +114,7 @@ ctm_result ctm_tunnel_close(ctm_tunnel *tunnel, uint16_t status, const char *rea
     if (!status_is_good(status)) return CTM_BAD_STATUS;
     if (length > CTM_REASON_MAX) return CTM_BAD_REASON;
     if (tunnel->state == CTM_CLOSED) return CTM_NOT_OPEN;
-    ctm::tunnel_close(tunnel, status, reason, length);
+    ctm::tunnel_close(tunnel, status, {reason, length});
     return CTM_OK;
 }
 
@@ -167,17 +172,17 @@ ctm_result ctm_tunnel_cause(const ctm_tunnel *tunnel, ctm_cause_info *info) {
 const char *ctm_tunnel_model(const ctm_tunnel *tunnel) { return judge_handle(tunnel) == CTM_OK ? tunnel->model : ""; }
 
 const char *ctm_tunnel_host(const ctm_tunnel *tunnel) {
-    const char *host = judge_handle(tunnel) == CTM_OK ? CLOUDMGR_socket_getHostByModelname(tunnel->model) : nullptr;
-    return host ? host : "";
+    const CLOUDTUNNEL_MODULE_NODE *node = node_of(tunnel);
+    return node && node->url_host ? node->url_host : "";
 }
 
 const char *ctm_tunnel_path(const ctm_tunnel *tunnel) {
-    const char *path = judge_handle(tunnel) == CTM_OK ? CLOUDMGR_socket_getPathByModelname(tunnel->model) : nullptr;
-    return path ? path : "";
+    const CLOUDTUNNEL_MODULE_NODE *node = node_of(tunnel);
+    return node && node->url_path ? node->url_path : "";
 }
 
 uint16_t ctm_tunnel_port(const ctm_tunnel *tunnel) {
-    const CLOUDTUNNEL_MODULE_NODE *node = judge_handle(tunnel) == CTM_OK ? ctm::registry_node(tunnel->model) : nullptr;
+    const CLOUDTUNNEL_MODULE_NODE *node = node_of(tunnel);
     return node ? node->port : uint16_t{0};
 }
 

@@ -1,6 +1,5 @@
 #include "evidence.h"
 
-#include <strings.h>
 #include <sys/epoll.h>
 
 #include <array>
@@ -182,14 +181,6 @@ void find(const Row &row, const char *text, const Arguments &all, int last_errno
     }
 }
 
-bool contains_any_case(const char *text, const char *what) {
-    const size_t size = strlen(what);
-    for (; *text; text++) {
-        if (strncasecmp(text, what, size) == 0) return true;
-    }
-    return false;
-}
-
 }  // namespace
 
 void evidence_clear() {
@@ -216,7 +207,7 @@ void evidence_response(const char *text) {
     const char *status = strncmp(text, "HTTP/", 5) == 0 ? strchr(text, ' ') : nullptr;
     if (status) g_response.status = static_cast<int>(strtol(status, nullptr, 10));
     g_response.accept_exact = strstr(text, "Sec-WebSocket-Accept: ") != nullptr;
-    g_response.accept_any = contains_any_case(text, "\nSec-WebSocket-Accept");
+    g_response.accept_any = strcasestr(text, "\nSec-WebSocket-Accept") != nullptr;
 }
 
 }  // namespace ctm

@@ -54,38 +54,23 @@ enum class Unit : uint8_t { count, bytes, microseconds };
 
 enum class Type : uint8_t { counter, gauge };
 
-// The families by name, behind each what it is.
-constexpr char kFamilyWords[] =
-    "cloudtunnel_attempts\0"
-    "Set-ups begun.\0"
-    "cloudtunnel_opened\0"
-    "Set-ups that came up.\0"
-    "cloudtunnel_messages_in\0"
-    "Messages received.\0"
-    "cloudtunnel_messages_out\0"
-    "Messages sent.\0"
-    "cloudtunnel_in_bytes\0"
-    "Payload received.\0"
-    "cloudtunnel_out_bytes\0"
-    "Payload sent.\0"
-    "cloudtunnel_pings\0"
-    "Pings sent.\0"
-    "cloudtunnel_pongs\0"
-    "Pings answered.\0"
-    "cloudtunnel_refused\0"
-    "Messages that the full queue refused.\0"
-    "cloudtunnel_queue_messages\0"
-    "Messages in the queue.\0"
-    "cloudtunnel_queue_bytes\0"
-    "Payload in the queue.\0"
-    "cloudtunnel_queue_most_bytes\0"
-    "The most that was in the queue.\0"
-    "cloudtunnel_round_trip_last_seconds\0"
-    "Round trip of the last ping.\0"
-    "cloudtunnel_round_trip_smallest_seconds\0"
-    "The smallest round trip.\0"
-    "cloudtunnel_round_trip_mean_seconds\0"
-    "The mean round trip.\0";
+// The names of the families, behind "cloudtunnel_".
+constexpr char kFamilyNames[] =
+    "attempts\0"
+    "opened\0"
+    "messages_in\0"
+    "messages_out\0"
+    "in_bytes\0"
+    "out_bytes\0"
+    "pings\0"
+    "pongs\0"
+    "refused\0"
+    "queue_messages\0"
+    "queue_bytes\0"
+    "queue_most_bytes\0"
+    "round_trip_last_seconds\0"
+    "round_trip_smallest_seconds\0"
+    "round_trip_mean_seconds";
 
 struct Family {
     Type type;
@@ -109,12 +94,11 @@ constexpr Family kFamilies[] = {
     {Type::gauge, Unit::microseconds, offsetof(ctm_counters, round_trip_smallest_us)},
     {Type::gauge, Unit::microseconds, offsetof(ctm_counters, round_trip_mean_us)},
 };
-static_assert(word_count(kFamilyWords) == 2 * std::size(kFamilies) + 1);
+static_assert(word_count(kFamilyNames) == std::size(kFamilies));
 
-void add_head(Text &text, const char *name, const char *type, const char *unit, const char *help) {
-    text.add("# TYPE %s %s\n", name, type);
-    if (*unit) text.add("# UNIT %s %s\n", name, unit);
-    text.add("# HELP %s %s\n", name, help);
+void add_head(Text &text, const char *name, const char *type, const char *unit) {
+    text.add("# TYPE cloudtunnel_%s %s\n", name, type);
+    if (*unit) text.add("# UNIT cloudtunnel_%s %s\n", name, unit);
 }
 
 // for_each calls `sample` with the counters of each tunnel and its model as a label's value.
@@ -125,14 +109,14 @@ void for_each(Sample sample) {
     }
 }
 
-void add_family(Text &text, const Family &family, const char *name, const char *help) {
+void add_family(Text &text, const Family &family, const char *name) {
     const char *unit = family.unit == Unit::bytes ? "bytes" : family.unit == Unit::microseconds ? "seconds" : "";
     const bool counter = family.type == Type::counter;
-    add_head(text, name, counter ? "counter" : "gauge", unit, help);
+    add_head(text, name, counter ? "counter" : "gauge", unit);
     for_each([&](const ctm_tunnel *, const ctm_counters &counters, const char *model) {
         unsigned long long value = 0;
         memcpy(&value, reinterpret_cast<const char *>(&counters) + family.at, sizeof value);
-        text.add("%s%s{model=\"%s\"} ", name, counter ? "_total" : "", model);
+        text.add("cloudtunnel_%s%s{model=\"%s\"} ", name, counter ? "_total" : "", model);
         if (family.unit == Unit::microseconds)
             text.add("%llu.%06llu\n", value / 1000000, value % 1000000);
         else
@@ -141,7 +125,7 @@ void add_family(Text &text, const Family &family, const char *name, const char *
 }
 
 void add_state(Text &text) {
-    add_head(text, "cloudtunnel_state", "stateset", "", "The state of the tunnel.");
+    add_head(text, "state", "stateset", "");
     for_each([&](const ctm_tunnel *tunnel, const ctm_counters &, const char *model) {
         for (int state = 0; state < CTM_STATES; state++)
             text.add("cloudtunnel_state{model=\"%s\",cloudtunnel_state=\"%s\"} %d\n", model,
@@ -150,7 +134,7 @@ void add_state(Text &text) {
 }
 
 void add_state_time(Text &text) {
-    add_head(text, "cloudtunnel_state_seconds", "counter", "seconds", "Time in each state.");
+    add_head(text, "state_seconds", "counter", "seconds");
     for_each([&](const ctm_tunnel *, const ctm_counters &counters, const char *model) {
         for (int state = 0; state < CTM_STATES; state++) {
             const auto ms = static_cast<unsigned long long>(counters.state_ms[state]);
@@ -161,7 +145,7 @@ void add_state_time(Text &text) {
 }
 
 void add_ended(Text &text) {
-    add_head(text, "cloudtunnel_ended", "counter", "", "Attempts and tunnels that ended, by cause.");
+    add_head(text, "ended", "counter", "");
     for_each([&](const ctm_tunnel *, const ctm_counters &counters, const char *model) {
         for (int cause = CTM_CAUSE_NONE + 1; cause < CTM_CAUSES; cause++)
             text.add("cloudtunnel_ended_total{model=\"%s\",cause=\"%s\"} %llu\n", model,
@@ -176,15 +160,15 @@ void add_ended(Text &text) {
 size_t ctm_metrics(char *text, size_t size) {
     if (!ctm::process_up()) return 0;
     ctm::Text out(text, text ? size : 0);
-    ctm::add_head(out, "cloudtunnel_daemon", "gauge", "", "Whether the daemon is connected.");
+    ctm::add_head(out, "daemon", "gauge", "");
     out.add("cloudtunnel_daemon %d\n", ctm_daemon());
     ctm::add_state(out);
     ctm::add_state_time(out);
     ctm::add_ended(out);
-    const char *words = ctm::kFamilyWords;
+    const char *name = ctm::kFamilyNames;
     for (const ctm::Family &family : ctm::kFamilies) {
-        ctm::add_family(out, family, words, ctm::word_at(words, 1));
-        words = ctm::word_at(words, 2);
+        ctm::add_family(out, family, name);
+        name = ctm::word_at(name, 1);
     }
     out.add("# EOF\n");
     return out.length();

@@ -5,10 +5,20 @@ namespace ctm {
 
 int g_callback_depth = 0;
 
-Pin::~Pin() {
-    if (--tunnel_->pins > 0 || !tunnel_->freed) return;
-    tunnel_->~ctm_tunnel();
-    free(tunnel_);
+void tunnel_unpin(ctm_tunnel *tunnel) {
+    if (--tunnel->pins > 0 || !tunnel->freed) return;
+    tunnel->~ctm_tunnel();
+    free(tunnel);
+}
+
+void callback_begins(ctm_tunnel *tunnel) {
+    tunnel->pins++;
+    g_callback_depth++;
+}
+
+void callback_ends(ctm_tunnel *tunnel) {
+    g_callback_depth--;
+    tunnel_unpin(tunnel);
 }
 
 }  // namespace ctm

@@ -1,9 +1,8 @@
 #include "secrets.h"
 
-#include <strings.h>
-
 #include <cstddef>
 #include <cstring>
+
 #include "words.h"
 
 namespace ctm {
@@ -24,16 +23,8 @@ constexpr char kMarkers[] =
 constexpr char kBlank[] = "***";
 constexpr size_t kBlankSize = sizeof kBlank - 1;
 
-char *find(char *text, const char *what) {
-    const size_t size = strlen(what);
-    for (; *text; text++) {
-        if (strncasecmp(text, what, size) == 0) return text;
-    }
-    return nullptr;
-}
-
 void blank_all(char *text, const char *begin, const char *end) {
-    while ((text = find(text, begin))) {
+    while ((text = strcasestr(text, begin))) {
         text += strlen(begin);
         const size_t length = strcspn(text, end);
         const size_t kept = length < kBlankSize ? length : kBlankSize;

@@ -1,10 +1,10 @@
 #include "tunnel.h"
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <string_view>
 
 #include "evidence.h"
 #include "line.h"
@@ -34,74 +34,82 @@ int g_awaiting = 0;
 
 bool step_done(const ctm_tunnel *tunnel, ctm_step step) { return tunnel->steps_done & 1U << step; }
 
+// stands tells whether there is a connection, or a set-up.
+bool stands(const ctm_tunnel *tunnel) {
+    return tunnel->state == CTM_CONNECTING || tunnel->state == CTM_OPEN || tunnel->state == CTM_CLOSING;
+}
+
 void set_awaiting(ctm_tunnel *tunnel, bool awaits) {
     if (tunnel->awaits_answer == awaits) return;
     tunnel->awaits_answer = awaits;
     g_awaiting += awaits ? 1 : -1;
 }
 
-CLOUDTUNNEL_PRINTF(2, 3) ctm_cause_info cause_of(ctm_cause cause, const char *format, ...) {
-    ctm_cause_info info = {};
+// blame sets why the state that follows is entered.
+void blame(ctm_tunnel *tunnel, ctm_cause cause, std::string_view detail, int32_t close_status = 0) {
+    ctm_cause_info &info = tunnel->cause;
+    info = {};
+    info.size = sizeof info;
     info.cause = cause;
-    va_list args;
-    va_start(args, format);
-    vsnprintf(info.detail, sizeof info.detail, format, args);
-    va_end(args);
-    return info;
+    info.close_status = close_status;
+    detail.copy(info.detail, sizeof info.detail - 1);
 }
+
+void blame_nothing(ctm_tunnel *tunnel) { blame(tunnel, CTM_CAUSE_NONE, ""); }
 
 // ---------------------------------------------------------------------------------------------------------- states
 
-void enter(ctm_tunnel *tunnel, ctm_state state, const ctm_cause_info &cause) {
+// enter has the tunnel enter a state; blame has set why.
+void enter(ctm_tunnel *tunnel, ctm_state state) {
     const int64_t now = now_us();
     tunnel->counters.state_us[tunnel->state] += now - tunnel->state_since_us;
     tunnel->state = state;
     tunnel->state_since_us = now;
-    tunnel->cause = cause;
-    tunnel->cause.size = sizeof tunnel->cause;
     const ctm_cause_info shown = tunnel->cause;
     notify(tunnel, tunnel->options.state, state, &shown);
 }
 
-ctm_cause_info waiting_cause() {
-    return g_iCloudClientConnFd >= 0 ? cause_of(CTM_CAUSE_NO_DATA, "the daemon is connected")
-                                     : cause_of(CTM_CAUSE_NO_DAEMON, "it is tried again every 10 s");
+void enter_waiting(ctm_tunnel *tunnel) {
+    if (g_iCloudClientConnFd >= 0)
+        blame(tunnel, CTM_CAUSE_NO_DATA, "the daemon is connected");
+    else
+        blame(tunnel, CTM_CAUSE_NO_DAEMON, "it is tried again every 10 s");
+    enter(tunnel, CTM_WAITING);
 }
 
 void wait_for_data(ctm_tunnel *tunnel) {
     tunnel->due_us = kNever;
-    enter(tunnel, CTM_WAITING, waiting_cause());
+    enter_waiting(tunnel);
 }
 
-void pause_until(ctm_tunnel *tunnel, int64_t due, const ctm_cause_info &cause) {
+void pause_until(ctm_tunnel *tunnel, int64_t due) {
     tunnel->due_us = due;
     process_wake();
-    enter(tunnel, CTM_PAUSING, cause);
+    enter(tunnel, CTM_PAUSING);
 }
 
 // settle chooses what comes after an attempt, or a tunnel, that has ended.
-void settle(ctm_tunnel *tunnel, const ctm_cause_info &cause) {
+void settle(ctm_tunnel *tunnel) {
     switch (tunnel->after) {
         case After::retry:
-            pause_until(tunnel, now_us() + tunnel->pause.next_ms() * kMillisecond, cause);
+            pause_until(tunnel, now_us() + tunnel->pause.next_ms() * kMillisecond);
             break;
         case After::restart:
-            pause_until(tunnel, now_us(), cause);
+            pause_until(tunnel, now_us());
             break;
         case After::wait:
             wait_for_data(tunnel);
             break;
         case After::close:
             tunnel->due_us = kNever;
-            enter(tunnel, CTM_CLOSED, cause);
+            enter(tunnel, CTM_CLOSED);
             break;
     }
 }
 
-// finish has an attempt or a tunnel end whose connection is gone.
-void finish(ctm_tunnel *tunnel, const ctm_cause_info &given) {
+// finish has an attempt or a tunnel end whose connection is gone; blame has set why.
+void finish(ctm_tunnel *tunnel) {
     const Pin pin(tunnel);
-    const ctm_cause_info cause = given;  // it may be the tunnel's own, which changes below
     const bool was_open = tunnel->state == CTM_OPEN || tunnel->state == CTM_CLOSING;
     line_end(tunnel);
     set_awaiting(tunnel, false);
@@ -109,14 +117,14 @@ void finish(ctm_tunnel *tunnel, const ctm_cause_info &given) {
     tunnel->sock = -1;
     tunnel->broken = false;
     tunnel->due_us = kNever;
-    tunnel->counters.ended[cause.cause]++;
+    tunnel->counters.ended[tunnel->cause.cause]++;
     if (was_open) {
         tunnel->ending = true;
         notify(tunnel, tunnel->options.closed, tunnel->peer_status, static_cast<const char *>(tunnel->peer_reason),
                tunnel->peer_reason_length);
         tunnel->ending = false;
     }
-    if (!tunnel->freed) settle(tunnel, cause);
+    if (!tunnel->freed) settle(tunnel);
 }
 
 // hang_up ends the connection, or the set-up. No callback of libcloudtunnel follows.
@@ -127,32 +135,30 @@ void hang_up(ctm_tunnel *tunnel) {
     tunnel->sock = -1;
 }
 
-void drop(ctm_tunnel *tunnel, const ctm_cause_info &cause) {
+void drop(ctm_tunnel *tunnel) {
     hang_up(tunnel);
-    finish(tunnel, cause);
+    finish(tunnel);
 }
 
 // ---------------------------------------------------------------------------------------------------------- closing
 
 // begin_close sends a close frame behind what waits, or in place of it, and waits for its answer.
-void begin_close(ctm_tunnel *tunnel, uint16_t status, const char *reason, size_t length, After next,
-                 const ctm_cause_info &given) {
-    ctm_cause_info cause = given;
-    cause.close_status = status;
+void begin_close(ctm_tunnel *tunnel, ctm_cause cause, uint16_t status, std::string_view reason, After next) {
+    blame(tunnel, cause, reason, status);
     uint8_t body[kControlMax] = {static_cast<uint8_t>(status >> 8), static_cast<uint8_t>(status & 0xff)};
-    if (reason) memcpy(body + kStatusSize, reason, length);
-    tunnel->outbox.close(body, kStatusSize + length);
+    reason.copy(reinterpret_cast<char *>(body) + kStatusSize, CTM_REASON_MAX);
+    tunnel->outbox.close(body, kStatusSize + reason.size());
     tunnel->after = next;
     tunnel->due_us = after(now_us(), tunnel->options.close_ms);
     tunnel->refused = false;
     const Pin pin(tunnel);
-    enter(tunnel, CTM_CLOSING, cause);
+    enter(tunnel, CTM_CLOSING);
     line_pump(tunnel);
 }
 
 void refuse(ctm_tunnel *tunnel, uint16_t status, ctm_cause cause, const char *reason) {
     tunnel->outbox.drop_messages();
-    begin_close(tunnel, status, reason, strlen(reason), After::retry, cause_of(cause, "%s", reason));
+    begin_close(tunnel, cause, status, reason, After::retry);
 }
 
 // take_close keeps what the peer's close frame says, answers it where it is the first, and ends the tunnel where it is
@@ -169,18 +175,16 @@ void take_close(ctm_tunnel *tunnel, const uint8_t *body, size_t length) {
     tunnel->peer_reason_length = length > 0 ? length - kStatusSize : 0;
     if (length > 0) memcpy(tunnel->peer_reason, body + kStatusSize, tunnel->peer_reason_length);
     tunnel->peer_reason[tunnel->peer_reason_length] = '\0';
-    if (tunnel->outbox.close_sent()) return drop(tunnel, tunnel->cause);
+    if (tunnel->outbox.close_sent()) return drop(tunnel);
 
     tunnel->outbox.drop_messages();
     tunnel->outbox.close(body, length);
     tunnel->due_us = now_us() + kLinger;
-    ctm_cause_info cause = cause_of(CTM_CAUSE_CLOSED_BY_PEER, "%s", tunnel->peer_reason);
-    cause.close_status = tunnel->peer_status;
-    if (tunnel->state == CTM_CLOSING) cause = tunnel->cause;  // both have closed at once
     const Pin pin(tunnel);
-    if (tunnel->state == CTM_OPEN) {
+    if (tunnel->state == CTM_OPEN) {  // else both have closed at once
         tunnel->after = After::retry;
-        enter(tunnel, CTM_CLOSING, cause);
+        blame(tunnel, CTM_CAUSE_CLOSED_BY_PEER, tunnel->peer_reason, tunnel->peer_status);
+        enter(tunnel, CTM_CLOSING);
     }
     line_pump(tunnel);
 }
@@ -259,14 +263,12 @@ ctm_tunnel *tunnel_of_sock(int sock) {
 // tunnel.
 
 int on_connected(int sock) {
-    const char *model = CLOUDMGR_socket_getModelNameBySock(sock);
-    ctm_tunnel *tunnel = model ? tunnel_of_model(model) : nullptr;
+    ctm_tunnel *tunnel = tunnel_of_sock(sock);
     if (!tunnel || tunnel->state != CTM_CONNECTING) return -1;
     const Pin pin(tunnel);
     tunnel_show_steps(tunnel);
     if (tunnel->freed || tunnel->state != CTM_CONNECTING) return 0;  // its connection is gone already
     const int64_t now = now_us();
-    tunnel->sock = sock;
     tunnel->due_us = kNever;
     tunnel->after = After::retry;
     tunnel->peer_closed = false;
@@ -279,29 +281,32 @@ int on_connected(int sock) {
     tunnel->heard_us = now;
     tunnel->partial_seen = 0;
     tunnel->counters.opened++;
-    enter(tunnel, CTM_OPEN, cause_of(CTM_CAUSE_NONE, "%s", ""));
+    blame_nothing(tunnel);
+    enter(tunnel, CTM_OPEN);
     return 0;
+}
+
+// blame_libcloudtunnel sets the reason that its log has given.
+void blame_libcloudtunnel(ctm_tunnel *tunnel) {
+    blame(tunnel, CTM_CAUSE_SYSTEM, "libcloudtunnel has logged no reason");
+    const ctm_cause_info &found = evidence_found();
+    if (found.cause != CTM_CAUSE_NONE) tunnel->cause = found;
+    tunnel->cause.size = sizeof tunnel->cause;
+    if (found.cause == CTM_CAUSE_NOT_RESOLVED && found.resolver_error == 0)
+        tunnel->cause.resolver_error = tunnel->resolver_error;
+    evidence_clear();
 }
 
 int on_failed(const char *model) {
     ctm_tunnel *tunnel = tunnel_of_model(model);
     if (!tunnel) return 0;
-    ctm_cause_info cause = evidence_found();
-    evidence_clear();
     tunnel->sock = -1;  // closed by now
     tunnel->watched = false;
-    if (cause.cause == CTM_CAUSE_NONE) cause = cause_of(CTM_CAUSE_SYSTEM, "libcloudtunnel has logged no reason");
-    if (cause.cause == CTM_CAUSE_NOT_RESOLVED && cause.resolver_error == 0)
-        cause.resolver_error = tunnel->resolver_error;
     const Pin pin(tunnel);
-    if (tunnel->state == CTM_CONNECTING) {
-        tunnel_show_steps(tunnel);
-        if (!tunnel->freed && tunnel->state == CTM_CONNECTING) finish(tunnel, cause);
-    } else if (tunnel->state == CTM_OPEN) {
-        finish(tunnel, cause);
-    } else if (tunnel->state == CTM_CLOSING) {
-        finish(tunnel, tunnel->cause);
-    }
+    if (tunnel->state == CTM_CONNECTING) tunnel_show_steps(tunnel);
+    if (tunnel->freed) return 0;
+    if (tunnel->state == CTM_CONNECTING || tunnel->state == CTM_OPEN) blame_libcloudtunnel(tunnel);
+    if (stands(tunnel)) finish(tunnel);
     return 0;
 }
 
@@ -348,7 +353,8 @@ void start(ctm_tunnel *tunnel) {
     tunnel->after = After::retry;
     tunnel->due_us = now_us() + kWatchdog;
     tunnel->counters.attempts++;
-    enter(tunnel, CTM_CONNECTING, cause_of(CTM_CAUSE_NONE, "%s", ""));
+    blame_nothing(tunnel);
+    enter(tunnel, CTM_CONNECTING);
     if (tunnel->freed || tunnel->state != CTM_CONNECTING) return;
     evidence_clear();
     resolve_again(tunnel);
@@ -369,13 +375,13 @@ void keep_websocket(const ctm_tunnel *tunnel) {
 // not even say good-bye: libcloudtunnel reads and writes by the new port from now on.
 void data_changed(ctm_tunnel *tunnel, bool plain) {
     static const char kReason[] = "tunnel data changed";
-    const ctm_cause_info cause = cause_of(CTM_CAUSE_CLOSED_BY_US, "%s", kReason);
     tunnel->after = After::restart;
     if (tunnel->state == CTM_OPEN && plain == tunnel->plain) {
         keep_websocket(tunnel);
-        begin_close(tunnel, kNormal, kReason, sizeof kReason - 1, After::restart, cause);
+        begin_close(tunnel, CTM_CAUSE_CLOSED_BY_US, kNormal, kReason, After::restart);
     } else {
-        drop(tunnel, cause);
+        blame(tunnel, CTM_CAUSE_CLOSED_BY_US, kReason);
+        drop(tunnel);
     }
 }
 
@@ -385,8 +391,8 @@ void stay_alive(ctm_tunnel *tunnel, int64_t now) {
         tunnel->pause.reset();
     }
     if (now >= after(tunnel->heard_us, tunnel->options.dead_ms)) {
-        tunnel->outbox.clear();
-        return drop(tunnel, cause_of(CTM_CAUSE_DEAD, "no frame for %u ms", tunnel->options.dead_ms));
+        blame(tunnel, CTM_CAUSE_DEAD, "no frame came in time");
+        return drop(tunnel);
     }
     if (now >= tunnel->ping_due_us) {
         tunnel->ping_due_us = after(now, tunnel->options.ping_ms);
@@ -422,8 +428,7 @@ void tunnel_free(ctm_tunnel *tunnel) {
     const Pin pin(tunnel);
     tunnel->freed = true;
     tunnel->counters.state_us[tunnel->state] += now_us() - tunnel->state_since_us;
-    const bool stands = tunnel->state == CTM_CONNECTING || tunnel->state == CTM_OPEN || tunnel->state == CTM_CLOSING;
-    if (stands && !tunnel->ending) {
+    if (stands(tunnel) && !tunnel->ending) {
         tunnel->counters.ended[CTM_CAUSE_CLOSED_BY_US]++;
         hang_up(tunnel);
     }
@@ -442,18 +447,18 @@ void tunnel_open(ctm_tunnel *tunnel) {
     tunnel->pause.reset();
     const bool waits = tunnel->options.without_data == CTM_WAIT && !tunnel->row->data;
     if (waits) return wait_for_data(tunnel);
-    pause_until(tunnel, now_us(), cause_of(CTM_CAUSE_NONE, "%s", ""));
+    blame_nothing(tunnel);
+    pause_until(tunnel, now_us());
 }
 
-void tunnel_close(ctm_tunnel *tunnel, uint16_t status, const char *reason, size_t length) {
-    ctm_cause_info cause = cause_of(CTM_CAUSE_CLOSED_BY_US, "%.*s", static_cast<int>(length), reason ? reason : "");
-    cause.close_status = status;
+void tunnel_close(ctm_tunnel *tunnel, uint16_t status, std::string_view reason) {
     tunnel->after = After::close;
     if (tunnel->ending) return;
-    if (tunnel->state == CTM_OPEN) return begin_close(tunnel, status, reason, length, After::close, cause);
-    if (tunnel->state == CTM_CLOSING || tunnel->state == CTM_CONNECTING) return drop(tunnel, cause);
+    if (tunnel->state == CTM_OPEN) return begin_close(tunnel, CTM_CAUSE_CLOSED_BY_US, status, reason, After::close);
+    blame(tunnel, CTM_CAUSE_CLOSED_BY_US, reason, status);
+    if (stands(tunnel)) return drop(tunnel);
     tunnel->due_us = kNever;
-    enter(tunnel, CTM_CLOSED, cause);
+    enter(tunnel, CTM_CLOSED);
 }
 
 void tunnel_ping(ctm_tunnel *tunnel) {
@@ -476,7 +481,8 @@ void tunnel_data_came(ctm_tunnel *tunnel) {
         case CTM_CLOSED:
             break;
         case CTM_WAITING:
-            pause_until(tunnel, now_us(), cause_of(CTM_CAUSE_NONE, "%s", ""));
+            blame_nothing(tunnel);
+            pause_until(tunnel, now_us());
             break;
         case CTM_PAUSING:
             // A daemon that repeats itself does not shorten the pause.
@@ -500,15 +506,15 @@ void tunnel_data_came(ctm_tunnel *tunnel) {
 
 void tunnel_model_closed(ctm_tunnel *tunnel) {
     static const char kReason[] = "closed by the daemon";
-    const ctm_cause_info cause = cause_of(CTM_CAUSE_CLOSED_BY_US, "%s", kReason);
     const Pin pin(tunnel);
     if (tunnel->state == CTM_OPEN) {
-        begin_close(tunnel, kNormal, kReason, sizeof kReason - 1, After::wait, cause);
+        begin_close(tunnel, CTM_CAUSE_CLOSED_BY_US, kNormal, kReason, After::wait);
     } else if (tunnel->state == CTM_CLOSING) {
         if (tunnel->after != After::close) tunnel->after = After::wait;
     } else if (tunnel->state == CTM_CONNECTING) {
         tunnel->after = After::wait;
-        drop(tunnel, cause);
+        blame(tunnel, CTM_CAUSE_CLOSED_BY_US, kReason);
+        drop(tunnel);
     } else if (tunnel->state == CTM_PAUSING) {
         wait_for_data(tunnel);
     }
@@ -517,7 +523,7 @@ void tunnel_model_closed(ctm_tunnel *tunnel) {
 void tunnel_notice_came(ctm_tunnel *tunnel) { notify(tunnel, tunnel->options.notice); }
 
 void tunnel_daemon_changed(ctm_tunnel *tunnel) {
-    if (tunnel->state == CTM_WAITING) enter(tunnel, CTM_WAITING, waiting_cause());
+    if (tunnel->state == CTM_WAITING) enter_waiting(tunnel);
 }
 
 // ---------------------------------------------------------------------------------------------------------- time
@@ -531,17 +537,19 @@ int64_t tunnel_due(const ctm_tunnel *tunnel) {
 void tunnel_step(ctm_tunnel *tunnel, int64_t now) {
     const Pin pin(tunnel);
     if (tunnel->broken) {
-        ctm_cause_info cause = cause_of(CTM_CAUSE_CLOSED_BY_PEER, "send: %s", strerror(tunnel->broken_error));
-        cause.system_error = tunnel->broken_error;
-        return drop(tunnel, tunnel->state == CTM_CLOSING ? tunnel->cause : cause);
+        if (tunnel->state == CTM_OPEN) {
+            blame(tunnel, CTM_CAUSE_CLOSED_BY_PEER, strerror(tunnel->broken_error));
+            tunnel->cause.system_error = tunnel->broken_error;
+        }
+        return drop(tunnel);
     }
     line_writable(tunnel);
     if (tunnel->freed) return;
     if (tunnel->state == CTM_OPEN) return stay_alive(tunnel, now);
     if (now < tunnel->due_us) return;
     if (tunnel->state == CTM_PAUSING) return start(tunnel);
-    if (tunnel->state == CTM_CONNECTING) return drop(tunnel, cause_of(CTM_CAUSE_NO_ANSWER, "the set-up stands still"));
-    if (tunnel->state == CTM_CLOSING) drop(tunnel, tunnel->cause);
+    if (tunnel->state == CTM_CONNECTING) blame(tunnel, CTM_CAUSE_NO_ANSWER, "the set-up stands still");
+    if (stands(tunnel)) drop(tunnel);
 }
 
 void tunnel_look(ctm_tunnel *tunnel, int64_t now) {
@@ -582,9 +590,9 @@ void tunnel_check_registration(ctm_tunnel *tunnel) {
     if (tunnel->state != CTM_CONNECTING || !step_done(tunnel, CTM_STEP_UPGRADED) ||
         step_done(tunnel, CTM_STEP_REGISTERING))
         return;
-    const ctm_cause_info found = evidence_found();
-    drop(tunnel,
-         found.cause != CTM_CAUSE_NONE ? found : cause_of(CTM_CAUSE_NO_MEMORY, "the registration could not be made"));
+    blame(tunnel, CTM_CAUSE_NO_MEMORY, "the registration could not be made");
+    if (evidence_found().cause != CTM_CAUSE_NONE) blame_libcloudtunnel(tunnel);
+    drop(tunnel);
 }
 
 int tunnels_awaiting() { return g_awaiting; }

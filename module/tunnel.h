@@ -5,6 +5,8 @@
 #include <cloudtunnel.h>
 #include <cloudtunnel_module.h>
 
+#include <string_view>
+
 #include "assembly.h"
 #include "clock.h"
 #include "outbox.h"
@@ -54,7 +56,7 @@ struct ctm_tunnel {
 
     ctm_state state = CTM_CLOSED;
     int64_t state_since_us = 0;
-    ctm_cause_info cause = {};  // of the state
+    ctm_cause_info cause = {};  // of the state, or of the one that is about to be entered
     ctm::Pause pause;
 
     int64_t due_us = ctm::kNever;  // when the state has something to do, beside what an open tunnel has below
@@ -93,11 +95,14 @@ struct ctm_tunnel {
 
 namespace ctm {
 
+// tunnel_unpin frees a tunnel that the caller has freed once nothing holds it any more.
+void tunnel_unpin(ctm_tunnel *tunnel);
+
 // Holds a tunnel: its memory stays while one lives, also when a callback frees it.
 class Pin {
   public:
     explicit Pin(ctm_tunnel *tunnel) : tunnel_(tunnel) { tunnel_->pins++; }
-    ~Pin();
+    ~Pin() { tunnel_unpin(tunnel_); }
     Pin(const Pin &) = delete;
     Pin &operator=(const Pin &) = delete;
 
@@ -107,13 +112,14 @@ class Pin {
 
 // notify calls one of the caller's functions.
 extern int g_callback_depth;
+void callback_begins(ctm_tunnel *tunnel);
+void callback_ends(ctm_tunnel *tunnel);
 template <typename Function, typename... Arguments>
 void notify(ctm_tunnel *tunnel, Function *function, Arguments... arguments) {
     if (!function || tunnel->freed) return;
-    const Pin pin(tunnel);
-    g_callback_depth++;
+    callback_begins(tunnel);
     function(tunnel, arguments..., tunnel->options.user);
-    g_callback_depth--;
+    callback_ends(tunnel);
 }
 
 // The tunnel of a model, null when there is none; whether a handle is that of a tunnel.
@@ -126,7 +132,7 @@ void tunnel_free(ctm_tunnel *tunnel);
 
 // The caller's calls.
 void tunnel_open(ctm_tunnel *tunnel);
-void tunnel_close(ctm_tunnel *tunnel, uint16_t status, const char *reason, size_t length);
+void tunnel_close(ctm_tunnel *tunnel, uint16_t status, std::string_view reason);
 
 // What the daemon says.
 void tunnel_data_came(ctm_tunnel *tunnel);
