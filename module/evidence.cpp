@@ -199,7 +199,6 @@ void evidence_take(const char *format, va_list args) {
     for (size_t i = 0; i < kKnown; i++) {
         if (kRows[i].format == id) find(kRows[i], word_at(kMeanings.data(), i), arguments_of(format, args), error);
     }
-    errno = error;
 }
 
 void evidence_response(const char *text) {

@@ -143,6 +143,7 @@ bool log_step_noted() {
 }
 
 int log_print(uint32_t level, const char *format, ...) {
+    const int error = errno;  // libcloudtunnel looks at it behind a message
     va_list args;
     va_start(args, format);
     if (level <= static_cast<uint32_t>(kStepLevel)) {
@@ -154,6 +155,7 @@ int log_print(uint32_t level, const char *format, ...) {
     if (g_log.log && level <= g_log.level) format_and_show(level, format, args);
     if (level == kDetailLevel && format_id(format) != kDumpText) g_log.dump_text = false;
     va_end(args);
+    errno = error;
     return 0;
 }
 

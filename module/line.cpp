@@ -45,7 +45,7 @@ void count_sent(ctm_tunnel *tunnel, const Outbox::Sent &sent) {
             break;
         case Outbox::Done::ping:
             tunnel->counters.pings++;
-            tunnel->ping_sent_us = now_us();
+            if (tunnel->ping_sent_us == 0) tunnel->ping_sent_us = now_us();
             break;
         case Outbox::Done::close:
             tunnel->due_us = tunnel->peer_closed ? tunnel->due_us : after(now_us(), tunnel->options.close_ms);

@@ -119,6 +119,7 @@ void finish(ctm_tunnel *tunnel) {
     tunnel->due_us = kNever;
     tunnel->counters.ended[tunnel->cause.cause]++;
     if (was_open) {
+        if (now_us() >= tunnel->stable_due_us) tunnel->pause.reset();
         tunnel->ending = true;
         notify(tunnel, tunnel->options.closed, tunnel->peer_status, static_cast<const char *>(tunnel->peer_reason),
                tunnel->peer_reason_length);
@@ -294,7 +295,6 @@ void blame_libcloudtunnel(ctm_tunnel *tunnel) {
     tunnel->cause.size = sizeof tunnel->cause;
     if (found.cause == CTM_CAUSE_NOT_RESOLVED && found.resolver_error == 0)
         tunnel->cause.resolver_error = tunnel->resolver_error;
-    evidence_clear();
 }
 
 int on_failed(const char *model) {
@@ -303,10 +303,11 @@ int on_failed(const char *model) {
     tunnel->sock = -1;  // closed by now
     tunnel->watched = false;
     const Pin pin(tunnel);
-    if (tunnel->state == CTM_CONNECTING) tunnel_show_steps(tunnel);
-    if (tunnel->freed) return 0;
+    // Before anything of the caller's runs: a send on another tunnel clears the evidence.
     if (tunnel->state == CTM_CONNECTING || tunnel->state == CTM_OPEN) blame_libcloudtunnel(tunnel);
-    if (stands(tunnel)) finish(tunnel);
+    evidence_clear();
+    if (tunnel->state == CTM_CONNECTING) tunnel_show_steps(tunnel);
+    if (!tunnel->freed && stands(tunnel)) finish(tunnel);
     return 0;
 }
 
@@ -386,10 +387,6 @@ void data_changed(ctm_tunnel *tunnel, bool plain) {
 }
 
 void stay_alive(ctm_tunnel *tunnel, int64_t now) {
-    if (now >= tunnel->stable_due_us) {
-        tunnel->stable_due_us = kNever;
-        tunnel->pause.reset();
-    }
     if (now >= after(tunnel->heard_us, tunnel->options.dead_ms)) {
         blame(tunnel, CTM_CAUSE_DEAD, "no frame came in time");
         return drop(tunnel);
@@ -462,8 +459,10 @@ void tunnel_close(ctm_tunnel *tunnel, uint16_t status, std::string_view reason) 
 }
 
 void tunnel_ping(ctm_tunnel *tunnel) {
-    tunnel->ping_number++;
-    tunnel->ping_sent_us = 0;
+    if (tunnel->ping_sent_us == kNever) {
+        tunnel->ping_number++;
+        tunnel->ping_sent_us = 0;
+    }
     tunnel->outbox.ping(&tunnel->ping_number, sizeof tunnel->ping_number);
     line_pump(tunnel);
 }
@@ -531,7 +530,7 @@ void tunnel_daemon_changed(ctm_tunnel *tunnel) {
 int64_t tunnel_due(const ctm_tunnel *tunnel) {
     if (tunnel->state != CTM_OPEN) return tunnel->due_us;
     const int64_t dead = after(tunnel->heard_us, tunnel->options.dead_ms);
-    return std::min({tunnel->stable_due_us, tunnel->ping_due_us, dead});
+    return std::min(tunnel->ping_due_us, dead);
 }
 
 void tunnel_step(ctm_tunnel *tunnel, int64_t now) {

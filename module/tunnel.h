@@ -80,7 +80,7 @@ struct ctm_tunnel {
     uint16_t peer_status = 0;
     size_t peer_reason_length = 0;
     char peer_reason[CTM_REASON_MAX + 1] = "";
-    int64_t stable_due_us = ctm::kNever;
+    int64_t stable_due_us = ctm::kNever;  // when it ends later than this, the pauses start over
     int64_t ping_due_us = ctm::kNever;
     int64_t heard_us = 0;      // when the last frame, or a part of one, came
     int32_t partial_seen = 0;  // bytes of an incomplete frame when it was last looked at
@@ -160,7 +160,8 @@ void tunnel_check_registration(ctm_tunnel *tunnel);
 // tunnels_awaiting returns how many tunnels wait for the answer to their upgrade request.
 int tunnels_awaiting();
 
-// tunnel_ping sends a ping.
+// tunnel_ping sends a ping. One that has no answer yet is sent again as it was, and its round trip counts from the
+// first time: where an answer takes longer than the interval, each new ping would make the answers useless.
 void tunnel_ping(ctm_tunnel *tunnel);
 
 }  // namespace ctm

@@ -1,6 +1,7 @@
 // The parts of the library by themselves.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -14,6 +15,7 @@
 #include "module/format.h"
 #include "module/frame.h"
 #include "module/known_messages.h"
+#include "module/library_log.h"
 #include "module/outbox.h"
 #include "module/pause.h"
 #include "module/secrets.h"
@@ -241,6 +243,15 @@ TEST(secrets, values_behind_the_markers_are_blanked_and_the_rest_stays) {
 std::string libcloudtunnel_file() {
     std::ifstream file(CLOUDTUNNEL_LIBRARY, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+TEST(library_log, a_message_leaves_errno_as_it_was) {
+    log_open([](uint32_t, const char *, void *) { errno = EBADF; }, nullptr, false);
+    log_level(kLogLevelMax);
+    errno = ECONNRESET;
+    log_print(3, "%s", "a message");
+    EXPECT_EQ(errno, ECONNRESET);
+    log_close();
 }
 
 TEST(evidence, every_format_it_knows_stands_in_libcloudtunnel) {

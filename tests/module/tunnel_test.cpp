@@ -124,6 +124,19 @@ TEST_F(TunnelTest, its_own_pings_measure_the_round_trip) {
     EXPECT_EQ(counters.pongs, 2U);
 }
 
+TEST_F(TunnelTest, a_round_trip_longer_than_the_ping_interval_is_measured) {
+    Guest &guest = make("model", [](auto &options) { options.ping_ms = 1000; });
+    Platform platform = offer_open(guest);
+    pass_time(1);
+    const std::string first = next_frame(platform).body;
+    pass_time(1);
+    EXPECT_EQ(next_frame(platform).opcode, support::kPing);
+    pass_time(1);
+    platform.server->send(frame(support::kPong, first));
+    EXPECT_TRUE(run_until([&] { return !guest.pongs.empty(); }, platform.server.get()));
+    EXPECT_EQ(guest.pongs, std::vector<uint32_t>{2000000});
+}
+
 TEST_F(TunnelTest, a_close_of_ours_waits_for_its_answer_and_is_final) {
     Guest &guest = make();
     Platform platform = offer_open(guest);
@@ -231,6 +244,19 @@ TEST_F(TunnelTest, pauses_grow_until_a_tunnel_has_been_stable) {
         pass_time(29);
     }
     pass_time(1);
+    platform.server->close();
+    EXPECT_TRUE(run_until([&] { return guest.state() == "pausing"; }));
+    EXPECT_EQ(ctm_tunnel_wait_ms(guest.tunnel), 1000U);
+}
+
+TEST_F(TunnelTest, a_stable_tunnel_that_ends_while_the_process_sleeps_was_stable) {
+    Guest &guest = make("model", [](auto &options) { options.ping_ms = options.dead_ms = CTM_NEVER; });
+    Platform platform = offer_open(guest);
+    platform.server->close();
+    EXPECT_TRUE(run_until([&] { return guest.state() == "pausing"; }));
+    pass_time(1);
+    open(platform, guest);
+    clock.advance(30);
     platform.server->close();
     EXPECT_TRUE(run_until([&] { return guest.state() == "pausing"; }));
     EXPECT_EQ(ctm_tunnel_wait_ms(guest.tunnel), 1000U);
