@@ -31,11 +31,11 @@ for library in libcloudtunnel.so.1 libcloudtunnel-module.so.1; do
 done
 
 if [ $update = yes ]; then
-    cp $build/*.so.1.abi abi/
+    cp "$build"/*.so.1.abi abi/
     echo "abi/ is written; git diff shows what changed"
     exit 0
 fi
-for now in $build/*.so.1.abi; do
+for now in "$build"/*.so.1.abi; do
     kept=abi/${now##*/}
     [ -f "$kept" ] || stop 1 "no $kept; 'make abi-update' writes it"
     abidiff --no-added-syms "$kept" "$now" ||

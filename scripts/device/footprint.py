@@ -77,6 +77,13 @@ def sizes(tree):
     return {"text": text, "data": data, "bss": bss - int(padding[1] if padding else 0), "file": os.path.getsize(stripped)}
 
 
+def module_file(tree):
+    """The size of the second library's stripped file."""
+    stripped = os.path.join(tree, "libcloudtunnel-module.stripped.so")
+    run("llvm-strip", "-o", stripped, os.path.join(tree, "libcloudtunnel-module.so"))
+    return os.path.getsize(stripped)
+
+
 def needed(tree):
     return re.findall(r"NEEDED.*\[(.*)\]", run("llvm-readelf", "-d", library(tree)))
 
@@ -180,6 +187,7 @@ def measure(small, fast):
     for tree, flag in ((small, "-Os"), (fast, "-O2")):
         for what, size in sizes(tree).items():
             figures.append((f"{what} of the stripped library at {flag}", size, "bytes"))
+    figures.append(("file of the stripped library for modules at -Os", module_file(small), "bytes"))
     printed = re.findall(r"^footprint: (.*): (\d+) (\w+)$", test_log(small), re.M)
     if not printed:
         raise Failure(f"the heap test of {small} printed no figures; 'make device' runs it")
