@@ -5,7 +5,7 @@ find_package(PkgConfig REQUIRED)
 pkg_check_modules(JSONC REQUIRED IMPORTED_TARGET json-c)
 
 set(sources
-  base/os.cpp base/list.cpp base/log.cpp base/json.cpp
+  base/os.cpp base/list.cpp base/index.cpp base/log.cpp base/json.cpp
   loop/clock.cpp loop/eloop.cpp loop/timer.cpp
   trace/dump.cpp
   identity/identity.cpp
@@ -33,9 +33,9 @@ function(cloudtunnel_without_runtime name)
   target_link_libraries(${name} PRIVATE cloudtunnel_warnings cloudtunnel_hardening cloudtunnel_small)
 endfunction()
 
-# Linked by the C compiler: a stray need for the C++ run-time library fails here (-z defs), not on the device. The
-# library's own calls stay inside it, whatever names the process that loads it defines. What the outside sees is the
-# list in abi/, name by name. The version node has no name, so the names stay unversioned.
+# The C compiler links it with -z defs: a stray dependency on the C++ run-time library fails here, not on the device. The
+# library's calls to itself stay inside it, even if the process that loads it defines the same names. The exported names
+# are those of the list in abi/. The version node has no name, so the names stay unversioned.
 function(cloudtunnel_link_shared name exports)
   set_target_properties(${name} PROPERTIES SOVERSION 1 VERSION ${PROJECT_VERSION} LINKER_LANGUAGE C)
   file(STRINGS ${PROJECT_SOURCE_DIR}/${exports} exported_names)
@@ -67,7 +67,7 @@ endfunction()
 set_source_files_properties(src/lifecycle/lifecycle.cpp PROPERTIES
   COMPILE_DEFINITIONS CLOUDTUNNEL_VERSION="${PROJECT_VERSION}")
 
-# One set of objects serves both, where the shared one is not made for an address model of its own.
+# Both are linked from one set of objects, unless the shared one is compiled for another address model.
 cloudtunnel_add_objects(cloudtunnel_objects)
 set(shared_objects cloudtunnel_objects)
 if(CLOUDTUNNEL_TINY_MODEL)
