@@ -14,10 +14,6 @@ char g_szDebugModuleName[128] = "CLOUD_TUNNEL";
 uintptr_t g_cloudmgrprintLock = 0;
 uint16_t g_bCallerOpenFile = 0;
 
-bool log_wanted(LogLevel level) {
-    return cloudmgr_debug_level >= static_cast<int32_t>(level) && g_stLibInitData.pfnPrint;
-}
-
 void CLOUDMGR_debug_Init(const CLOUDTUNNEL_LIB_INIT_DATA *data) {
     if (!data) return;
     g_stLibInitData.usReserved = data->usReserved;

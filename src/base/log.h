@@ -7,7 +7,9 @@
 enum class LogLevel : int32_t { init = 1, error, event, fsm, connect, package, package_detail, timer, timer_detail };
 
 // log_wanted is true when a message of this level would be printed. It spares work that only the log needs.
-bool log_wanted(LogLevel level);
+inline bool log_wanted(LogLevel level) {
+    return cloudmgr_debug_level >= static_cast<int32_t>(level) && g_stLibInitData.pfnPrint;
+}
 
 // log_print prints a message if the level and the callback allow it. It is never inlined: the two tests, repeated at
 // two hundred places, would be a tenth of the library.

@@ -72,7 +72,9 @@ void replace_timer(uint32_t *timer, uint32_t id) {
 
 ConnGuard::ConnGuard(cloudtunnel_connect_node *node)
     : node_(node), failure_(node->failureCallback), outer_(innermost_) {
-    os_strlcpy(model_, node->modelName, sizeof model_);
+    static_assert(sizeof model_ == sizeof node->modelName);
+    memcpy(model_, node->modelName, sizeof model_);  // whole: every message comes through here
+    model_[sizeof model_ - 1] = '\0';
     innermost_ = this;
 }
 

@@ -16,6 +16,7 @@
 #include "base/log.h"
 #include "base/os.h"
 #include "conn/connection.h"
+#include "conn/tls.h"
 
 namespace {
 
@@ -41,7 +42,7 @@ int receive_plain(const cloudtunnel_connect_node *conn, uint8_t *dst, uint32_t l
 int receive_tls(const cloudtunnel_connect_node *conn, uint8_t *dst, uint32_t len) {
     SSL *ssl = conn->ssl ? conn->ssl->ssl : nullptr;
     if (!ssl) return kReadBad;
-    ERR_clear_error();
+    tls_clear_errors();
     const int got = SSL_read(ssl, dst, static_cast<int>(std::min<uint32_t>(len, INT_MAX)));
     if (got > 0) return got;
     const int error = errno;
@@ -81,7 +82,7 @@ int CLOUDMGR_socket_rcvData(int sock, uint8_t *dst, uint32_t len) {
         LOG(error, "Get model name by socket %d error.", sock);
         return kReadBad;
     }
-    LOG(package, "Need rcv frome socket %d len %d.", sock, static_cast<int>(len));
+    if (log_wanted(LogLevel::package)) LOG(package, "Need rcv frome socket %d len %d.", sock, static_cast<int>(len));
     if (!dst) return kReadBad;
     if (len == 0) return kReadIncomplete;  // a read of nothing is not the end of the stream
     return conn_is_plain(conn) ? receive_plain(conn, dst, len) : receive_tls(conn, dst, len);

@@ -11,6 +11,7 @@
 #include "base/log.h"
 #include "base/os.h"
 #include "conn/connection.h"
+#include "conn/tls.h"
 
 namespace {
 
@@ -60,7 +61,7 @@ int send_plain(int sock, const uint8_t *data, size_t len, int attempts, uint32_t
 
 // write_some makes one SSL_write of what is left behind `total` bytes. It returns what was written, -1 on any failure.
 int write_some(int sock, SSL *ssl, const uint8_t *data, int len, int total, int attempt) {
-    ERR_clear_error();
+    tls_clear_errors();
     errno = 0;
     const int written = SSL_write(ssl, data + total, len - total);
     const int error = errno;

@@ -18,7 +18,7 @@ bool session_start(cloudtunnel_connect_node *conn) {
         LOG(error, "[model %s]malloc ssl node failed.", conn->modelName);
         return false;
     }
-    ERR_clear_error();  // so that a failure below is logged with its own reason, not with an older one
+    tls_clear_errors();  // so that a failure below is logged with its own reason, not with an older one
     OPENSSL_init_ssl(0, nullptr);
     OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
 
@@ -41,11 +41,14 @@ bool session_start(cloudtunnel_connect_node *conn) {
 
 }  // namespace
 
+void tls_clear_errors() {
+    if (ERR_peek_error() != 0) ERR_clear_error();
+}
+
 TlsStep tls_handshake(cloudtunnel_connect_node *conn) {
     if (!conn->ssl && !session_start(conn)) return TlsStep::failed;
 
-    // The queue of errors is the thread's, not the session's: what another session left there would spoil this answer.
-    ERR_clear_error();
+    tls_clear_errors();
     const int result = SSL_connect(conn->ssl->ssl);
     const int code = SSL_get_error(conn->ssl->ssl, result);
     const char *reason = error_text();

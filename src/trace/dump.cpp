@@ -62,6 +62,20 @@ void print_packet_text(char *line, const uint8_t *data, size_t len) {
     LOG(package_detail, "%s", line);
 }
 
+// print_packet stays a function of its own: the test in front of it is on the way of every message.
+[[gnu::noinline]] void print_packet(const uint8_t *data, size_t len) {
+    size_t size = 0;
+    if (__builtin_add_overflow(len, 128U, &size) || __builtin_mul_overflow(size, 2U, &size)) return;
+    const Owned<char> line(static_cast<char *>(os_alloc(size)));
+    if (!line) return;
+
+    print_packet_header();
+    print_packet_hex(line.get(), data, len);
+    LOG(package_detail, "***************** String *****************");
+    print_packet_text(line.get(), data, len);
+    LOG(package_detail, "***************** End *****************");
+}
+
 }  // namespace
 
 void printHex(const uint8_t *data, uint32_t len) {
@@ -76,16 +90,7 @@ void printHex(const uint8_t *data, uint32_t len) {
 
 void CLOUDMGR_debug_PrintPkt(const uint8_t *data, size_t len) {
     if (cloudmgr_debug_level < static_cast<int32_t>(LogLevel::package_detail) || !data || len == 0) return;
-    size_t size = 0;
-    if (__builtin_add_overflow(len, 128U, &size) || __builtin_mul_overflow(size, 2U, &size)) return;
-    const Owned<char> line(static_cast<char *>(os_alloc(size)));
-    if (!line) return;
-
-    print_packet_header();
-    print_packet_hex(line.get(), data, len);
-    LOG(package_detail, "***************** String *****************");
-    print_packet_text(line.get(), data, len);
-    LOG(package_detail, "***************** End *****************");
+    print_packet(data, len);
 }
 
 int CLOUDMGR_debug_open_file(const char *path) {

@@ -11,7 +11,9 @@ static_assert(offsetof(cloudmgr_ws_msg, mask_set) == 4 && offsetof(cloudmgr_ws_m
               sizeof(cloudmgr_ws_msg) == 24);
 
 cloudmgr_ws_msg *CLOUDMGR_ws_msg_create(void) {
-    return static_cast<cloudmgr_ws_msg *>(os_alloc(sizeof(cloudmgr_ws_msg)));
+    auto *msg = static_cast<cloudmgr_ws_msg *>(os_alloc_bytes(sizeof(cloudmgr_ws_msg)));
+    if (msg) *msg = {};
+    return msg;
 }
 
 void CLOUDMGR_ws_msg_destory(cloudmgr_ws_msg *msg) {

@@ -31,6 +31,7 @@ int read_next(Incoming &in, uint8_t *to, int need) {
 // read_header reads the next `need` bytes of the header. If some are missing, what there is goes into the receive
 // buffer.
 int read_header(Incoming &in, int need) {
+    if (need == 0) return kReadDone;
     const int result = read_next(in, in.header + in.header_len, need);
     if (result == kReadDone) in.header_len += need;  // not the counters: they say more when both sources took part
     if (result != kReadIncomplete) return result;
@@ -50,6 +51,7 @@ int read_length(Incoming &in) {
     uint64_t length = size > 0 ? 0 : static_cast<uint64_t>(code);
     for (int i = 0; i < size; i++) length = length << 8 | field[i];
     in.length = static_cast<int64_t>(length);
+    if (!log_wanted(LogLevel::package)) return kReadDone;
     long long long_field = 0;  // as they were read, for the log
     uint16_t short_field = 0;
     memcpy(&long_field, field, sizeof long_field);

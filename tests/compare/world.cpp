@@ -888,6 +888,7 @@ void SSL_free(SSL *ssl) {
     delete session_of(ssl);
 }
 void ERR_clear_error() {}
+unsigned long ERR_peek_error() { return 0; }
 unsigned long ERR_get_error() { return 0; }
 char *ERR_error_string(unsigned long, char *) {
     static char text[] = "error:00000000:lib(0)::reason(0)";
