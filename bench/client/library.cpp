@@ -3,8 +3,6 @@
 #include <cloudtunnel.h>
 #include <poll.h>
 
-#include <unordered_map>
-
 #include "client/client.h"
 #include "common/upgrade.h"
 
@@ -48,7 +46,9 @@ class LibraryClient : public Client {
         const int sock = CLOUDMGR_v3wscnct_start(model.c_str(), "bench", on_connected, on_failure, on_message);
         if (sock < 0) throw Failure("no connection");
         socks_[tunnel] = sock;
-        tunnel_of_[sock] = tunnel;
+        const auto place = static_cast<size_t>(sock);
+        if (tunnel_of_.size() <= place) tunnel_of_.resize(place + 1);
+        tunnel_of_[place] = tunnel;
     }
 
     void send(size_t tunnel, Opcode opcode, Bytes message) override {
@@ -76,8 +76,10 @@ class LibraryClient : public Client {
     void tick() override { CLOUDTUNNEL_TIMER_Proc(); }
 
   private:
+    [[nodiscard]] size_t tunnel_of(int sock) const { return tunnel_of_[static_cast<size_t>(sock)]; }
+
     static int on_connected(int sock) {
-        return g_client->fault_.guard([&] { g_client->listener_.registered(g_client->tunnel_of_[sock]); });
+        return g_client->fault_.guard([&] { g_client->listener_.registered(g_client->tunnel_of(sock)); });
     }
     static int on_failure(const char *model) {
         g_client->fault_.set(std::string(model) + " failed");
@@ -86,7 +88,7 @@ class LibraryClient : public Client {
     static int on_message(int sock, void *message) {
         const auto *msg = static_cast<const cloudmgr_ws_msg *>(message);
         const Bytes body(msg->body, static_cast<size_t>(msg->length));
-        return g_client->fault_.guard([&] { g_client->listener_.received(g_client->tunnel_of_[sock], body); });
+        return g_client->fault_.guard([&] { g_client->listener_.received(g_client->tunnel_of(sock), body); });
     }
 
     Listener &listener_;
@@ -95,8 +97,8 @@ class LibraryClient : public Client {
     Masks masks_;
     int epfd_ = -1;
     std::vector<bool> known_;
-    std::vector<int> socks_;  // by tunnel
-    std::unordered_map<int, size_t> tunnel_of_;
+    std::vector<int> socks_;         // by tunnel
+    std::vector<size_t> tunnel_of_;  // by socket
     Fault fault_;
 };
 

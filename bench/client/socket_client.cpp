@@ -80,10 +80,32 @@ void SocketClient::close(size_t tunnel) {
 void SocketClient::turn() {
     for (const struct epoll_event &event : poller_.wait(0)) {
         const size_t number = tunnel_of_[static_cast<size_t>(event.data.fd)];
+        if (habit_ == Habit::described && tunnels_[number].phase == Phase::open) {
+            drain(number, event.events);
+            continue;
+        }
         proceed(number);
-        if (stream(number).pending() && std::find(pending_.begin(), pending_.end(), number) == pending_.end())
+        if (habit_ == Habit::lean && stream(number).pending() &&
+            std::find(pending_.begin(), pending_.end(), number) == pending_.end())
             pending_.push_back(number);
     }
+    read_pending();
+}
+
+void SocketClient::drain(size_t number, uint32_t events) {
+    Tunnel &tunnel = tunnels_[number];
+    if (!(events & EPOLLIN) && !tunnel.stream.pending()) {
+        poller_.modify(tunnel.stream.fd(), EPOLLIN);
+        tunnel.draining = false;
+        return;
+    }
+    readable(number);
+    if (tunnel.draining || !tunnel.stream.pending()) return;
+    poller_.modify(tunnel.stream.fd(), EPOLLIN | EPOLLOUT);
+    tunnel.draining = true;
+}
+
+void SocketClient::read_pending() {
     for (size_t i = 0; i < pending_.size();) {
         const size_t number = pending_[i];
         if (stream(number).pending()) readable(number);
@@ -135,11 +157,13 @@ void SocketClient::proceed(size_t number) {
             tunnel.answer.resize(had + static_cast<size_t>(std::max<ssize_t>(got, 0)));
             if (got == 0) throw Failure("the server closed");
             if (!tunnel.answer.ends_with(kHeadEnd)) return;
-            if (!accepted(tunnel.answer)) throw Failure("the upgrade was not accepted");
+            if (!accepted(tunnel.answer, tunnel.key)) throw Failure("the upgrade was not accepted");
             std::string().swap(tunnel.answer);  // gives its room back
             tunnel.phase = Phase::open;
             opened(number);
+            registering_ = true;
             listener_.upgraded(number);
+            registering_ = false;
             if (habit_ == Habit::described) read_uptime();
             return;
         }
@@ -156,16 +180,23 @@ void SocketClient::shake_hands(Tunnel &tunnel) {
 
 void SocketClient::ask_for_upgrade(Tunnel &tunnel) {
     if (!target_.tls || habit_ == Habit::described) poller_.modify(tunnel.stream.fd(), EPOLLIN);
-    const std::string request = upgrade_request();
+    tunnel.key = habit_ == Habit::described ? clock_key() : fixed_key();
+    const std::string request = upgrade_request(tunnel.key);
     const ssize_t sent = tunnel.stream.write(bytes_of(request).data(), request.size());
     if (sent != static_cast<ssize_t>(request.size())) throw Failure("the request was not sent");
     tunnel.phase = Phase::upgrade;
     if (habit_ == Habit::described) read_uptime();
 }
 
+const uint8_t *SocketClient::next_mask() {
+    if (habit_ == Habit::lean || !registering_) return masks_.next();
+    clock_bytes(registration_mask_, sizeof registration_mask_);
+    return registration_mask_;
+}
+
 void SocketClient::send_frame(size_t tunnel, Opcode opcode, Bytes message) {
     if (frame_.size() < message.size() + kHeadMax) frame_.resize(message.size() + kHeadMax);
-    const uint8_t *mask = masks_.next();
+    const uint8_t *mask = next_mask();
     const size_t head = put_head(frame_.data(), opcode, message.size(), mask);
     apply_mask(frame_.data() + head, message.data(), message.size(), mask);
     size_t at = 0;

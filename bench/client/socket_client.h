@@ -11,8 +11,9 @@ namespace bench {
 class SocketClient : public Client {
   public:
     // How a tunnel is set up. `lean` takes what a tunnel needs; `described` makes the system calls that the library is
-    // described by: options of the socket, timers' reads of the clock, a TLS context for each connection, readiness
-    // asked for anew at each step, one event a turn.
+    // described by, and its keys: options of the socket, timers' reads of the clock, a TLS context for each connection,
+    // readiness asked for anew at each step, one event a turn. One message an event: it asks for writability as long as
+    // a TLS session holds more.
     enum class Habit { lean, described };
 
     void open(size_t tunnel) override;
@@ -41,11 +42,16 @@ class SocketClient : public Client {
         Stream stream;
         OwnedContext context;  // where each connection has its own
         Phase phase = Phase::connecting;
+        std::string key;
         std::string answer;
+        bool draining = false;  // asked for writability, since the session holds bytes
     };
 
     static void check(const Tunnel &tunnel);
     void proceed(size_t tunnel);
+    void drain(size_t tunnel, uint32_t events);
+    void read_pending();
+    const uint8_t *next_mask();
     void shake_hands(Tunnel &tunnel);
     void ask_for_upgrade(Tunnel &tunnel);
 
@@ -59,6 +65,8 @@ class SocketClient : public Client {
     std::vector<size_t> pending_;    // tunnels whose session holds bytes that the kernel does not know of
     std::vector<uint8_t> frame_;
     Masks masks_;
+    bool registering_ = false;  // the next frame is a registration
+    Mask registration_mask_ = {};
 };
 
 }  // namespace bench

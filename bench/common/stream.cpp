@@ -21,6 +21,11 @@ struct KeyFree {
 
 int int_of(size_t len) { return static_cast<int>(std::min<size_t>(len, INT_MAX)); }
 
+// Clearing an empty queue costs more than looking at it.
+void clear_errors() {
+    if (ERR_peek_error() != 0) ERR_clear_error();
+}
+
 OwnedContext checked(SSL_CTX *context) {
     if (!context) throw Failure("no TLS context");
     return OwnedContext(context);
@@ -67,7 +72,7 @@ void Stream::secure(SSL_CTX *context, bool server) {
 }
 
 bool Stream::handshake() {
-    ERR_clear_error();
+    clear_errors();
     const int result = SSL_do_handshake(ssl_.get());
     if (result == 1) return true;
     if (result_of(result) != kWouldBlock) throw Failure("the TLS handshake failed");
@@ -76,7 +81,7 @@ bool Stream::handshake() {
 
 ssize_t Stream::read(uint8_t *to, size_t len) {
     if (ssl_) {
-        ERR_clear_error();
+        clear_errors();
         return result_of(SSL_read(ssl_.get(), to, int_of(len)));
     }
     const ssize_t got = recv(fd_, to, len, 0);
@@ -85,7 +90,7 @@ ssize_t Stream::read(uint8_t *to, size_t len) {
 
 ssize_t Stream::write(const uint8_t *from, size_t len) {
     if (ssl_) {
-        ERR_clear_error();
+        clear_errors();
         return result_of(SSL_write(ssl_.get(), from, int_of(len)));
     }
     const ssize_t sent = send(fd_, from, len, MSG_NOSIGNAL);

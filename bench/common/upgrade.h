@@ -16,8 +16,16 @@ constexpr std::string_view kHeadEnd = "\r\n\r\n";
 // 0. Binary messages come back as they are.
 constexpr std::string_view kFlood = "flood ";
 
-// upgrade_request returns a request; its key is the same in all, since nothing in between keeps answers.
-std::string upgrade_request();
+constexpr size_t kKeySize = 16;
+
+// fixed_key returns a key that is the same for all: nothing in between keeps answers. clock_key makes one as the
+// library is described to; clock_bytes makes mask keys the same way: the C library's generator is seeded twice for each
+// byte.
+std::string fixed_key();
+std::string clock_key();
+void clock_bytes(uint8_t *to, size_t count);
+
+std::string upgrade_request(const std::string &key);
 
 // accept_value returns what answers a key.
 std::string accept_value(std::string_view key);
@@ -25,7 +33,7 @@ std::string accept_value(std::string_view key);
 // upgrade_answer returns the server's answer to a whole request, an empty text where it asks for no upgrade.
 std::string upgrade_answer(std::string_view request);
 
-// accepted returns whether a whole answer is the one to upgrade_request.
-bool accepted(std::string_view answer);
+// accepted returns whether a whole answer is the one to a request with `key`.
+bool accepted(std::string_view answer, std::string_view key);
 
 }  // namespace bench
