@@ -9,7 +9,11 @@ void Timeline::log(std::string_view source, std::string_view what) const {
 }
 
 void Timeline::show(std::string_view source, std::string_view what) const {
-    const std::chrono::duration<double> since = std::chrono::steady_clock::now() - start_;
+    print(std::chrono::steady_clock::now() - start_, source, what);
+}
+
+void Timeline::print(std::chrono::steady_clock::duration time, std::string_view source, std::string_view what) {
+    const std::chrono::duration<double> since = time;
     std::printf("%7.3f %-9.*s %.*s\n", since.count(), static_cast<int>(source.size()), source.data(),
                 static_cast<int>(what.size()), what.data());
     std::fflush(stdout);

@@ -17,6 +17,9 @@ class Timeline {
     // show prints the line even when quiet: the user has asked for it.
     void show(std::string_view source, std::string_view what) const;
 
+    // print is the line itself, with a time since start.
+    static void print(std::chrono::steady_clock::duration time, std::string_view source, std::string_view what);
+
   private:
     std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
     bool quiet_;

@@ -13,14 +13,13 @@ using Protocol = asio::local::stream_protocol;
 
 static constexpr auto kAcceptPause = std::chrono::seconds(1);  // for descriptors to become free again
 
-Daemon::Daemon(asio::io_context &io, const Timeline &timeline, Condition &changed, DaemonPolicy policy,
+Daemon::Daemon(asio::io_context &io, const EventStream &events, Condition &changed, DaemonPolicy policy,
                std::string path)
-    : io_(io),
-      timeline_(timeline),
-      changed_(changed),
-      policy_(std::move(policy)),
-      path_(std::move(path)),
-      acceptor_(io) {}
+    : io_(io), events_(events), changed_(changed), policy_(std::move(policy)), path_(std::move(path)), acceptor_(io) {}
+
+void Daemon::emit(Kind kind, std::initializer_list<Field> fields, std::string_view cause) const {
+    events_.emit({.kind = kind, .source = Source::daemon, .fields = fields, .cause = cause});
+}
 
 void Daemon::start() {
     remove_stale_file();
@@ -34,7 +33,7 @@ void Daemon::start() {
         throw std::runtime_error(cat("daemon cannot listen on ", path_, ": ", error.message()));
     }
     if (::stat(path_.c_str(), &own_file_) != 0) own_file_ = {};
-    timeline_.log("daemon", cat("listening on ", path_));
+    emit(Kind::daemon_listening, {{"path", path_}});
     co_spawn(io_, accept(++starts_), asio::detached);
 }
 
@@ -49,7 +48,7 @@ void Daemon::remove_stale_file() const {
     if (error != asio::error::connection_refused) {
         throw std::runtime_error(cat(path_, " cannot be probed: ", error.message()));
     }
-    timeline_.log("daemon", cat("removing the stale socket file ", path_));
+    emit(Kind::stale_socket_removed, {{"path", path_}});
     ::unlink(path_.c_str());
 }
 
@@ -62,7 +61,7 @@ void Daemon::stop() {
     const bool own =
         ::stat(path_.c_str(), &file) == 0 && file.st_ino == own_file_.st_ino && file.st_dev == own_file_.st_dev;
     if (own) ::unlink(path_.c_str());
-    timeline_.log("daemon", "stopped");
+    emit(Kind::daemon_stopped);
 }
 
 awaitable<void> Daemon::accept(int start_number) {
@@ -71,12 +70,12 @@ awaitable<void> Daemon::accept(int start_number) {
         Protocol::socket socket = co_await acceptor_.async_accept(asio::redirect_error(use_awaitable, error));
         if (!running() || start_number != starts_) co_return;  // stopped meanwhile; a new start accepts for itself
         if (error) {
-            timeline_.log("daemon", cat("accept failed: ", error.message()));
+            emit(Kind::accept_failed, {}, error.message());
             asio::steady_timer pause(io_, kAcceptPause);
             co_await pause.async_wait(use_awaitable);
             continue;
         }
-        auto link = std::make_shared<DaemonLink>(io_, timeline_, changed_, policy_, std::move(socket), ++last_id_);
+        auto link = std::make_shared<DaemonLink>(io_, events_, changed_, policy_, std::move(socket), ++last_id_);
         links_.push_back(link);
         co_spawn(
             io_,
@@ -106,9 +105,10 @@ bool Daemon::idle() const {
     return std::ranges::all_of(links_, [](const auto &link) { return link->ended() || link->idle(); });
 }
 
-void Daemon::show_status() const {
-    timeline_.show("status", running() ? cat("daemon: listening on ", path_) : "daemon: stopped");
-    for (const auto &link : links_) timeline_.show("status", link->describe());
+DaemonStatus Daemon::status() const {
+    DaemonStatus out = {.listening = running() ? path_ : "", .links = {}};
+    for (const auto &link : links_) out.links.push_back(link->status());
+    return out;
 }
 
 }  // namespace sim

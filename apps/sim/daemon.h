@@ -12,7 +12,7 @@ namespace sim {
 
 class Daemon {
   public:
-    Daemon(asio::io_context &io, const Timeline &timeline, Condition &changed, DaemonPolicy policy, std::string path);
+    Daemon(asio::io_context &io, const EventStream &events, Condition &changed, DaemonPolicy policy, std::string path);
 
     // start listens. A socket file on which no process listens is removed first. Throws std::runtime_error when the
     // daemon cannot listen.
@@ -35,14 +35,15 @@ class Daemon {
     // empty is true when no link is left.
     [[nodiscard]] bool empty() const { return links_.empty(); }
 
-    void show_status() const;
+    [[nodiscard]] DaemonStatus status() const;
 
   private:
     awaitable<void> accept(int start_number);
     void remove_stale_file() const;
+    void emit(Kind kind, std::initializer_list<Field> fields = {}, std::string_view cause = {}) const;
 
     asio::io_context &io_;
-    const Timeline &timeline_;
+    const EventStream &events_;
     Condition &changed_;
     DaemonPolicy policy_;
     std::string path_;

@@ -59,10 +59,10 @@ std::string reason_of(const error_code &error) {
 
 }  // namespace
 
-DaemonLink::DaemonLink(asio::io_context &io, const Timeline &timeline, Condition &changed, const DaemonPolicy &policy,
+DaemonLink::DaemonLink(asio::io_context &io, const EventStream &events, Condition &changed, const DaemonPolicy &policy,
                        Socket socket, int id)
     : io_(io),
-      timeline_(timeline),
+      events_(events),
       changed_(changed),
       policy_(policy),
       socket_(std::move(socket)),
@@ -70,26 +70,24 @@ DaemonLink::DaemonLink(asio::io_context &io, const Timeline &timeline, Condition
       pending_changed_(io),
       id_(id) {}
 
-void DaemonLink::log(std::string_view what) const { timeline_.log("daemon", what); }
+void DaemonLink::emit(Kind kind, const std::string &model, std::initializer_list<Field> fields,
+                      std::string_view cause) const {
+    events_.emit({.kind = kind, .source = Source::link, .id = id_, .model = model, .fields = fields, .cause = cause});
+}
 
 bool DaemonLink::has(const std::string &model) const {
     return model.empty() ? !models_.empty() : std::ranges::find(models_, model) != models_.end();
 }
 
-std::string DaemonLink::describe() const {
-    std::string names;
-    for (const std::string &model : models_) names += cat(names.empty() ? "" : ", ", "'", model, "'");
-    return cat("link ", id_, ": modules ", names.empty() ? "none" : names);
-}
-
 awaitable<void> DaemonLink::run() {
-    log(cat("link ", id_, " opened by a module process"));
+    emit(Kind::link_opened);
     const auto self = shared_from_this();
     co_spawn(
         io_,
         [self]() -> awaitable<void> {
             try {
                 co_await self->outbox_.run([&](const std::string &bytes) -> awaitable<void> {
+                    self->emit(Kind::link_bytes_sent, {}, {{"bytes", Bytes{bytes}}});
                     co_await asio::async_write(self->socket_, asio::buffer(bytes), use_awaitable);
                 });
             } catch (const system_error &) {
@@ -106,7 +104,7 @@ awaitable<void> DaemonLink::run() {
     } catch (const system_error &error) {
         why = reason_of(error.code());
     }
-    log(cat("link ", id_, " ", why));
+    emit(Kind::link_ended, {}, {}, why);
     close_now();
 }
 
@@ -125,6 +123,7 @@ awaitable<void> DaemonLink::read_registrations() {
     std::array<char, 4096> area;
     for (;;) {
         const std::size_t size = co_await socket_.async_read_some(asio::buffer(area), use_awaitable);
+        emit(Kind::link_bytes_received, {}, {{"bytes", Bytes{{area.data(), size}}}});
         in.append(area.data(), size);
         for (; in.size() >= sizeof(WireRegistration); in.erase(0, sizeof(WireRegistration))) {
             WireRegistration registration;
@@ -137,13 +136,12 @@ awaitable<void> DaemonLink::read_registrations() {
 
 void DaemonLink::on_registration(const WireRegistration &registration) {
     const std::string model = field_text(registration.name);
-    log(cat("module '", printable(model), "' registered (sub-name '", printable(field_text(registration.sub_name)),
-            "')"));
-    if (model != field_text(registration.name_again)) {
-        log(cat("registration failed its check: the second name is '", printable(field_text(registration.name_again)),
-                "'"));
+    emit(Kind::record_received, model, {{"type", "registration"}, {"payload", Bytes{bytes_of(registration)}}});
+    emit(Kind::module_registered, model, {{"sub_name", Bytes{field_text(registration.sub_name)}}});
+    if (const std::string again = field_text(registration.name_again); model != again) {
+        emit(Kind::module_check_failed, model, {{"second_name", Bytes{again}}});
     }
-    outbox_.post(bytes_of(WireReply{}));
+    post(bytes_of(WireReply{}), "reply", model);
     last_traffic_ = Clock::now();
 
     // The library registers all its modules again with each new one; only the first time counts.
@@ -153,7 +151,7 @@ void DaemonLink::on_registration(const WireRegistration &registration) {
     const auto &served = policy_.models;
     const bool known = served.empty() || std::ranges::find(served, model) != served.end();
     if (!known)
-        log(cat("module '", printable(model), "' is none of the models served here"));
+        emit(Kind::module_not_served, model);
     else if (policy_.announce)
         notify(model, Notice::tunnel_data);
 }
@@ -174,15 +172,23 @@ awaitable<void> DaemonLink::send_notifications() {
         } else {
             const Pending next = pending_.front();
             pending_.pop_front();
-            outbox_.post(encode(next));
+            const Field notice("notice", notice_name(next.notice));
+            post(encode(next), notice_name(next.notice), next.model);
             last_traffic_ = Clock::now();
-            const TunnelData &tunnel_data = policy_.tunnel_data;
-            const bool data = next.notice == Notice::tunnel_data;
-            log(cat(notice_name(next.notice), " sent to module '", printable(next.model), "'",
-                    data ? cat(": host ", tunnel_data.host, ", port ", tunnel_data.port, ", path ", tunnel_data.path)
-                         : ""));
+            const TunnelData &data = policy_.tunnel_data;
+            if (next.notice == Notice::tunnel_data) {
+                emit(Kind::notice_sent, next.model,
+                     {notice, {"host", data.host}, {"port", data.port}, {"path", data.path}});
+            } else {
+                emit(Kind::notice_sent, next.model, {notice});
+            }
         }
     }
+}
+
+void DaemonLink::post(std::string record, std::string_view type, const std::string &model) {
+    emit(Kind::record_sent, model, {{"type", type}, {"payload", Bytes{record}}});
+    outbox_.post(std::move(record));
 }
 
 std::string DaemonLink::encode(const Pending &pending) const {

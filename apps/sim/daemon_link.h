@@ -10,15 +10,14 @@
 #include <string>
 #include <vector>
 
-#include "common/timeline.h"
 #include "condition.h"
 #include "daemon_wire.h"
+#include "event_stream.h"
 #include "outbox.h"
+#include "status.h"
 #include "tunnel_data.h"
 
 namespace sim {
-
-using common::Timeline;
 
 // What every link knows of its daemon; it outlives every link.
 struct DaemonPolicy {
@@ -31,7 +30,7 @@ class DaemonLink : public std::enable_shared_from_this<DaemonLink> {
   public:
     using Socket = asio::local::stream_protocol::socket;
 
-    DaemonLink(asio::io_context &io, const Timeline &timeline, Condition &changed, const DaemonPolicy &policy,
+    DaemonLink(asio::io_context &io, const EventStream &events, Condition &changed, const DaemonPolicy &policy,
                Socket socket, int id);
 
     // run serves the link until it ends; it throws nothing.
@@ -44,7 +43,7 @@ class DaemonLink : public std::enable_shared_from_this<DaemonLink> {
 
     [[nodiscard]] bool has(const std::string &model) const;
     [[nodiscard]] bool idle() const { return pending_.empty() && outbox_.empty(); }
-    [[nodiscard]] std::string describe() const;
+    [[nodiscard]] LinkStatus status() const { return {.id = id_, .models = models_}; }
     [[nodiscard]] bool ended() const { return ended_; }
 
   private:
@@ -57,10 +56,12 @@ class DaemonLink : public std::enable_shared_from_this<DaemonLink> {
     awaitable<void> send_notifications();
     void on_registration(const WireRegistration &registration);
     [[nodiscard]] std::string encode(const Pending &pending) const;
-    void log(std::string_view what) const;
+    void post(std::string record, std::string_view type, const std::string &model);
+    void emit(Kind kind, const std::string &model = {}, std::initializer_list<Field> fields = {},
+              std::string_view cause = {}) const;
 
     asio::io_context &io_;
-    const Timeline &timeline_;
+    const EventStream &events_;
     Condition &changed_;
     const DaemonPolicy &policy_;
     Socket socket_;

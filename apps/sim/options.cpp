@@ -1,5 +1,6 @@
 #include "options.h"
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 
@@ -59,6 +60,14 @@ void add_script_file(std::vector<Step> &steps, const std::string &name) {
     const std::string script{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     if (file.bad()) throw BadInput(cat("cannot read ", name));
     for (Step &step : parse_script(script)) steps.push_back(std::move(step));
+}
+
+Detail detail_of(std::string_view name) {
+    constexpr std::string_view kNames[] = {"states", "messages", "frames", "bytes"};  // in the order of Detail
+    const auto found = std::ranges::find(kNames, name);
+    if (found == std::end(kNames))
+        throw BadInput(cat("'", printable(name), "' is none of states, messages, frames, bytes"));
+    return static_cast<Detail>(found - kNames);
 }
 
 common::Setter set_seconds(std::chrono::seconds &field, long max) {
@@ -149,6 +158,20 @@ common::OptionSection steps_section(Options &options) {
             }};
 }
 
+common::OptionSection events_section(Options &options) {
+    using common::set_filled_text;
+    return {
+        "Events for other programs",
+        {
+            {"--json", "FILE", "", "write events as JSON, one object a line; - is stdout, without the timeline then",
+             set_filled_text(options.json, kFileNameMax)},
+            {"--json-detail", "DETAIL", "messages", "how much of them: states, messages, frames or bytes",
+             [&options](std::string_view text) { options.json_detail = detail_of(text); }},
+            {"--junit", "FILE", "", "write the steps as test cases, in JUnit's XML, when the program ends",
+             set_filled_text(options.junit, kFileNameMax)},
+        }};
+}
+
 constexpr std::string_view kIntroduction =
     R"(Usage: cloudtunnel-sim [OPTION]...
 
@@ -194,7 +217,7 @@ Examples:
 
 common::OptionTable option_table(Options &options) {
     return {platform_section(options), daemon_section(options), tunnel_data_section(options.tunnel_data),
-            steps_section(options)};
+            steps_section(options), events_section(options)};
 }
 
 void check_options(const Options &options) {

@@ -7,6 +7,7 @@
 
 #include "behaviour.h"
 #include "common/options.h"
+#include "event.h"
 #include "platform.h"
 #include "step.h"
 #include "tunnel_data.h"
@@ -18,6 +19,9 @@ constexpr std::string_view kProgramName = "cloudtunnel-sim";
 // The initial values stand in the table of the options.
 struct Options {
     bool quiet = false;
+    std::string json;  // the file for events; empty: none
+    Detail json_detail = Detail::messages;
+    std::string junit;  // the file for the report of the steps; empty: none
 
     bool with_platform = true;
     PlatformOptions platform;

@@ -19,6 +19,10 @@ const char *tls_name(int version) { return version == TLS1_3_VERSION ? "1.3" : "
 Platform::Platform(const Context &context, const PlatformOptions &options)
     : context_(context), options_(options), acceptor_(context.io) {}
 
+void Platform::emit(Kind kind, std::initializer_list<Field> fields, std::string_view cause) const {
+    context_.events.emit({.kind = kind, .source = Source::platform, .fields = fields, .cause = cause});
+}
+
 std::uint16_t Platform::start() {
     if (!options_.plain) {
         SSL_CTX *const context = tls_.native_handle();
@@ -43,10 +47,8 @@ std::uint16_t Platform::start() {
     const tcp::endpoint bound = acceptor_.local_endpoint();
     const std::string how =
         options_.plain ? "plain" : cat("TLS ", tls_name(options_.tls_min), " to ", tls_name(options_.tls_max));
-    context_.timeline.log("platform", cat("listening on ", bound, ", ", how));
-    if (options_.plain != (bound.port() == kPlainPort)) {
-        context_.timeline.log("platform", "note: the library speaks plain on port 80 and TLS on every other port");
-    }
+    emit(Kind::platform_listening, {{"address", cat(bound)}, {"transport", how}});
+    if (options_.plain != (bound.port() == kPlainPort)) emit(Kind::port_unusual);
     co_spawn(context_.io, accept(), asio::detached);
     return bound.port();
 }
@@ -57,7 +59,7 @@ awaitable<void> Platform::accept() {
         tcp::socket socket = co_await acceptor_.async_accept(asio::redirect_error(use_awaitable, error));
         if (!acceptor_.is_open()) co_return;
         if (error) {
-            context_.timeline.log("platform", cat("accept failed: ", error.message()));
+            emit(Kind::accept_failed, {}, error.message());
             asio::steady_timer pause(context_.io, kAcceptPause);
             co_await pause.async_wait(use_awaitable);
             continue;
@@ -96,11 +98,12 @@ std::shared_ptr<Tunnel> Platform::find(int id) const {
     return found == tunnels_.end() ? nullptr : *found;
 }
 
-void Platform::show_status() const {
+PlatformStatus Platform::status() const {
     error_code error;
     const tcp::endpoint bound = acceptor_.local_endpoint(error);
-    context_.timeline.show("status", error ? "platform: not listening" : cat("platform: listening on ", bound));
-    for (const auto &tunnel : tunnels_) context_.timeline.show("status", tunnel->describe());
+    PlatformStatus out = {.listening = error ? "" : cat(bound), .tunnels = {}};
+    for (const auto &tunnel : tunnels_) out.tunnels.push_back(tunnel->status());
+    return out;
 }
 
 }  // namespace sim

@@ -39,10 +39,11 @@ class Platform {
     // empty is true when no tunnel is left.
     [[nodiscard]] bool empty() const { return tunnels_.empty(); }
 
-    void show_status() const;
+    [[nodiscard]] PlatformStatus status() const;
 
   private:
     awaitable<void> accept();
+    void emit(Kind kind, std::initializer_list<Field> fields = {}, std::string_view cause = {}) const;
 
     Context context_;
     PlatformOptions options_;

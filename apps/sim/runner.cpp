@@ -88,20 +88,39 @@ Runner::Runner(Simulator &simulator, const Options &options)
 
 awaitable<int> Runner::run() {
     for (; next_step_ < steps_.size() && !quit_; next_step_++) {
-        const Step &step = steps_[next_step_];
-        try {
-            co_await carry_out(step);
-        } catch (const StepFailed &failed) {
-            common::complain(kProgramName, cat("step '", printable(step.line), "' failed: ", failed.what()));
-            co_return 1;
-        }
+        const std::string wrong = co_await try_step(steps_[next_step_]);
+        if (wrong.empty()) continue;
+        common::complain(kProgramName, wrong);
+        skip_rest();
+        co_return 1;
     }
+    skip_from(next_step_);  // behind a 'quit'
     if (quit_ || !typed_) co_return 0;
     co_return co_await run_typed();
 }
 
+void Runner::emit(Kind kind, std::initializer_list<Field> fields, std::string_view cause) const {
+    simulator_.events.emit({.kind = kind, .source = Source::step, .fields = fields, .cause = cause});
+}
+
+void Runner::skip_from(std::size_t first) const {
+    for (std::size_t i = first; i < steps_.size(); i++) emit(Kind::step_skipped, {{"line", steps_[i].line}});
+}
+
+// try_step returns what went wrong, in one line; an empty text when the step has passed.
+awaitable<std::string> Runner::try_step(const Step &step) {
+    emit(Kind::step_started, {{"line", step.line}});
+    std::string cause;
+    try {
+        co_await carry_out(step);
+    } catch (const StepFailed &failed) {
+        cause = failed.what();
+    }
+    emit(cause.empty() ? Kind::step_passed : Kind::step_failed, {{"line", step.line}}, cause);
+    co_return cause.empty() ? "" : cat("step '", printable(step.line), "' failed: ", cause);
+}
+
 awaitable<void> Runner::carry_out(const Step &step) {
-    simulator_.timeline.log("step", step.line);
     for (const Row &row : kRows) {
         if (row.verb == step.verb) return (this->*row.action)(step);
     }
@@ -110,7 +129,7 @@ awaitable<void> Runner::carry_out(const Step &step) {
 
 awaitable<int> Runner::run_typed() {
     const bool terminal = ::isatty(STDIN_FILENO) == 1;
-    if (terminal) simulator_.timeline.show("step", "type steps; 'help' lists them, 'quit' ends");
+    if (terminal) emit(Kind::prompt);
     co_spawn(simulator_.io, read_stdin(), asio::detached);
     while (!quit_) {
         while (typed_lines_.empty()) co_await simulator_.changed.wait();
@@ -120,11 +139,9 @@ awaitable<int> Runner::run_typed() {
         std::string wrong;
         try {
             const Step step = parse_step(line);
-            co_await carry_out(step);
+            wrong = co_await try_step(step);
         } catch (const BadInput &bad) {
             wrong = bad.what();
-        } catch (const StepFailed &failed) {
-            wrong = cat("step '", printable(line), "' failed: ", failed.what());
         }
         if (wrong.empty()) continue;
         common::complain(kProgramName, wrong);
@@ -387,14 +404,14 @@ awaitable<void> Runner::daemon_restart(const Step &step) {
 
 // Steps of the simulator itself.
 
-awaitable<void> Runner::status(const Step &) {
-    if (simulator_.platform) simulator_.platform->show_status();
-    if (simulator_.daemon) simulator_.daemon->show_status();
+awaitable<void> Runner::status(const Step &step) {
+    const Status status = simulator_.status();
+    emit(Kind::status, {{"as_json", step.text == kStatusAsJson}, {"status", &status}});
     co_return;
 }
 
 awaitable<void> Runner::help(const Step &) {
-    simulator_.timeline.show("step", cat("the steps are:\n", step_help()));
+    emit(Kind::help, {{"text", step_help()}});
     co_return;
 }
 

@@ -16,6 +16,9 @@ class Runner {
     // exit with.
     awaitable<int> run();
 
+    // skip_rest emits the steps of the command line behind the one that is running as skipped.
+    void skip_rest() const { skip_from(next_step_ + 1); }
+
     // running_steps is true while a step of the command line is not done.
     [[nodiscard]] bool running_steps() const { return next_step_ < steps_.size(); }
 
@@ -26,6 +29,9 @@ class Runner {
     static const Row kRows[];
 
     awaitable<void> carry_out(const Step &step);
+    awaitable<std::string> try_step(const Step &step);
+    void skip_from(std::size_t first) const;
+    void emit(Kind kind, std::initializer_list<Field> fields = {}, std::string_view cause = {}) const;
     awaitable<int> run_typed();
     awaitable<void> read_stdin();
 

@@ -23,8 +23,12 @@ struct Simulator {
     void stop();
     [[nodiscard]] bool empty() const;
 
+    // status is the state of everything, now.
+    [[nodiscard]] Status status() const;
+
     asio::io_context io;
-    Timeline timeline;
+    EventStream events;
+    Counters counters{events};
     Condition changed{io};
     TunnelData tunnel_data;
     Behaviour behaviour;

@@ -22,6 +22,7 @@ enum class Form {
     maybe_status,
     setting,  // NAME VALUE
     hex,
+    maybe_json,
 };
 
 struct Range {
@@ -82,7 +83,8 @@ constexpr Row kRows[] = {
      kSecondsOr1},
     {Verb::set, "set", "NAME VALUE", Form::setting, "set one of "},
     {Verb::sleep, "sleep", "MS", Form::count, "do nothing for MS milliseconds", kMilliseconds},
-    {Verb::status, "status", "", Form::nothing, "show listeners, links and tunnels"},
+    {Verb::status, "status", "[json]", Form::maybe_json,
+     "show listeners, links and tunnels; json: as one line of JSON"},
     {Verb::help, "help", "", Form::nothing, "show this list"},
     {Verb::quit, "quit", "", Form::nothing, "end the program with status 0"},
 };
@@ -120,7 +122,8 @@ std::string from_hex(std::string_view text) {
 }
 
 bool takes_nothing(Form form) {
-    return form == Form::nothing || form == Form::maybe_text || form == Form::maybe_count || form == Form::maybe_status;
+    return form == Form::nothing || form == Form::maybe_text || form == Form::maybe_count ||
+           form == Form::maybe_status || form == Form::maybe_json;
 }
 
 void read_status(Step &step, const Row &row, std::string_view rest) {
@@ -160,6 +163,10 @@ void read_arguments(Step &step, const Row &row, std::string_view rest) {
             break;
         case Form::hex:
             step.text = from_hex(rest);
+            break;
+        case Form::maybe_json:
+            if (!rest.empty() && rest != kStatusAsJson) throw BadInput(cat(row.name, " takes json or nothing"));
+            step.text = rest;
             break;
     }
     if (row.verb == Verb::ping && step.text.size() > common::kControlMax) {

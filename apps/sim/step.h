@@ -17,6 +17,9 @@ enum class Verb {
 };
 // clang-format on
 
+// The argument of the step 'status' that wants JSON.
+constexpr std::string_view kStatusAsJson = "json";
+
 struct Step {
     Verb verb = Verb::help;
     std::string line;   // as it was given, trimmed

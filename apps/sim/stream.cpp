@@ -16,11 +16,19 @@ const tcp::socket &Stream::socket() const {
     return std::get<tcp::socket>(stream_);
 }
 
-awaitable<std::string> Stream::handshake() {
+awaitable<TlsSession> Stream::handshake() {
     auto *tls = std::get_if<Tls>(&stream_);
-    if (!tls) co_return "plain";
-    co_await tls->async_handshake(asio::ssl::stream_base::server, use_awaitable);
-    co_return cat(SSL_get_version(tls->native_handle()), ", ", SSL_get_cipher_name(tls->native_handle()));
+    TlsSession session = {.version = "plain", .cipher = {}, .server_name = {}};
+    if (tls) {
+        co_await tls->async_handshake(asio::ssl::stream_base::server, use_awaitable);
+        SSL *const ssl = tls->native_handle();
+        const char *const server_name = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name);
+        session = {.version = SSL_get_version(ssl),
+                   .cipher = SSL_get_cipher_name(ssl),
+                   .server_name = server_name ? server_name : "",
+                   .resumed = SSL_session_reused(ssl) == 1};
+    }
+    co_return session;
 }
 
 awaitable<std::string> Stream::read() {

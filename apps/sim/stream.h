@@ -9,6 +9,14 @@
 
 namespace sim {
 
+// What TLS has agreed on.
+struct TlsSession {
+    std::string version;  // "plain" without TLS; the rest is empty then
+    std::string cipher;
+    std::string server_name;  // that the module asked for
+    bool resumed = false;
+};
+
 class Stream {
   public:
     explicit Stream(tcp::socket socket) : stream_(std::move(socket)) {}
@@ -16,7 +24,7 @@ class Stream {
         : stream_(std::in_place_type<Tls>, std::move(socket), context) {}
 
     // handshake does the server's side of TLS and returns what was agreed; a plain stream has nothing to do.
-    awaitable<std::string> handshake();
+    awaitable<TlsSession> handshake();
 
     // read waits for the next bytes. The end of the stream and every error come as system_error.
     awaitable<std::string> read();

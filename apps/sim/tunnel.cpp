@@ -19,11 +19,6 @@ constexpr auto kModuleCloseTime = 3s;  // the library's close handler runs a sec
 constexpr auto kFinishTime = 1s;       // for the peer's TLS close alert
 constexpr std::size_t kRequestMax = 65535;
 
-std::string show(const CloseBody &body) {
-    if (!body.status) return "no status";
-    return cat("status ", *body.status, ", reason '", printable(body.reason), "'");
-}
-
 std::string reason_of(const system_error &error) {
     const error_code code = error.code();
     if (code == asio::error::eof) return "connection closed by the module";
@@ -57,21 +52,43 @@ Tunnel::Tunnel(const Context &context, Stream stream, int id)
       outbox_(context.io, context.changed),
       deadline_(context.io),
       key_timer_(context.io),
-      id_(id) {}
+      id_(id),
+      since_(context.events.now()) {}
 
-void Tunnel::log(std::string_view what) const {
-    context_.timeline.log(cat("tunnel ", id_),
-                          model_.empty() ? std::string(what) : cat("[", printable(model_), "] ", what));
+void Tunnel::emit(Kind kind, std::initializer_list<Field> fields, std::string_view cause) const {
+    context_.events.emit(
+        {.kind = kind, .source = Source::tunnel, .id = id_, .model = model_, .fields = fields, .cause = cause});
 }
 
-void Tunnel::become(State state) {
-    if (state_ != State::ended) state_ = state;
+void Tunnel::emit_frame(Kind kind, const Frame &frame) const {
+    emit(kind, {{"opcode", opcode_name(frame.opcode)},
+                {"code", static_cast<int>(frame.opcode)},
+                {"fin", frame.fin},
+                {"length", frame.payload.size()},
+                {"keyless", frame.keyless},
+                {"payload", Bytes{frame.payload}}});
+}
+
+void Tunnel::emit_close(Kind kind, const CloseBody &body) const {
+    if (body.status) {
+        emit(kind, {{"status", *body.status}, {"reason", Bytes{body.reason}}});
+    } else {
+        emit(kind);
+    }
+}
+
+void Tunnel::become(State state, std::string_view cause) {
+    if (state_ != State::ended && state_ != state) {
+        const State from = state_;
+        state_ = state;
+        since_ = context_.events.now();
+        emit(Kind::tunnel_state, {{"from", state_name(from)}, {"to", state_name(state)}}, cause);
+    }
     context_.changed.notify();
 }
 
-std::string Tunnel::describe() const {
-    return cat("tunnel ", id_, ": model ", model_.empty() ? "unknown" : cat("'", printable(model_), "'"), ", ",
-               state_name(state_));
+TunnelStatus Tunnel::status() const {
+    return {.id = id_, .model = model_, .state = state_name(state_), .since = since_};
 }
 
 // From the connection to its end.
@@ -79,18 +96,18 @@ std::string Tunnel::describe() const {
 awaitable<void> Tunnel::run() {
     const auto self = shared_from_this();
     try {
-        log(cat("connected from ", stream_.peer()));
+        emit(Kind::connected, {{"peer", stream_.peer()}});
         finish_within(kSetUpTime);
         co_await open();
         co_await read_frames();
     } catch (const system_error &error) {
         if (!in_.empty() && state_ != State::connecting && !drain(Key::left_out)) {
-            log(cat("left ", in_.size(), " bytes of an unfinished frame"));
+            emit(Kind::frame_unfinished, {{"length", in_.size()}});
         }
         if (ending_.empty()) ending_ = reason_of(error);
     }
-    become(State::ended);
-    log(cat("ended: ", ending_));
+    become(State::ended, ending_);
+    emit(Kind::tunnel_ended, {}, ending_);
     deadline_.cancel();
     key_timer_.cancel();
     outbox_.close();
@@ -98,14 +115,24 @@ awaitable<void> Tunnel::run() {
 }
 
 awaitable<void> Tunnel::open() {
-    const std::string agreed = co_await stream_.handshake();
-    log(cat("TLS: ", agreed));
+    const TlsSession session = co_await stream_.handshake();
+    if (session.cipher.empty()) {
+        emit(Kind::tls_established, {{"version", session.version}});
+    } else {
+        emit(Kind::tls_established, {{"version", session.version},
+                                     {"cipher", session.cipher},
+                                     {"server_name", Bytes{session.server_name}},
+                                     {"resumed", session.resumed}});
+    }
     const std::string request = co_await read_request();
     co_spawn(
         context_.io,
         [self = shared_from_this()]() -> awaitable<void> {
             try {
-                co_await self->outbox_.run([&](const std::string &bytes) { return self->stream_.write(bytes); });
+                co_await self->outbox_.run([&](const std::string &bytes) {
+                    self->emit(Kind::bytes_sent, {{"bytes", Bytes{bytes}}});
+                    return self->stream_.write(bytes);
+                });
                 co_await self->stream_.finish();
             } catch (const system_error &) {
                 // The reader fails on the same stream and reports why.
@@ -124,43 +151,50 @@ awaitable<std::string> Tunnel::read_request() {
             co_return request;
         }
         if (in_.size() > kRequestMax) {
-            log(cat("upgrade request failed its check: no end within ", kRequestMax, " bytes"));
+            report_check("upgrade request", {cat("no end within ", kRequestMax, " bytes")});
             throw system_error(asio::error::message_size);
         }
-        in_ += co_await stream_.read();
+        co_await read_more();
     }
 }
 
-// report_check logs the result of a check and returns true when it found no problem.
+awaitable<void> Tunnel::read_more() {
+    const std::string bytes = co_await stream_.read();
+    emit(Kind::bytes_received, {{"bytes", Bytes{bytes}}});
+    in_ += bytes;
+}
+
+// report_check emits the problems that a check found and returns true when there are none.
 bool Tunnel::report_check(std::string_view what, const std::vector<std::string> &problems) const {
-    for (const std::string &problem : problems) log(cat(what, " failed its check: ", problem));
+    for (const std::string &problem : problems) emit(Kind::check_failed, {{"what", what}}, problem);
     return problems.empty();
 }
 
 // answer_by_closing ends the connection where the module waits for an answer.
 void Tunnel::answer_by_closing(std::string_view what) {
-    log(cat(what, " answered by closing the connection"));
+    emit(Kind::answered_by_closing, {{"what", what}});
     ending_ = "connection closed by the platform";
     outbox_.close();
 }
 
 // await_close gives the module time to close the connection.
-void Tunnel::await_close() {
-    become(State::closing);
+void Tunnel::await_close(std::string_view cause) {
+    become(State::closing, cause);
     finish_within(kModuleCloseTime);
 }
 
 void Tunnel::answer_upgrade(const std::string &text) {
     const UpgradeRequest request = parse_upgrade(text);
     const Behaviour &behaviour = context_.behaviour;
-    log(cat("upgrade request: ", printable(request.line), ", Host ", printable(request.header("Host"))));
+    emit(Kind::upgrade_received,
+         {{"line", Bytes{request.line}}, {"host", Bytes{request.header("Host")}}, {"request", Bytes{text}}});
     const bool good = report_check("upgrade request", check_upgrade(request, context_.tunnel_data));
-    if (good) log("upgrade request checked: as expected");
+    if (good) emit(Kind::upgrade_checked);
     if (!good && !behaviour.lenient) return send_upgrade_answer(request, 400);
 
     switch (behaviour.upgrade) {
         case UpgradeAnswer::silence:
-            return log("upgrade left without an answer");
+            return emit(Kind::left_unanswered, {{"what", "upgrade"}});
         case UpgradeAnswer::close:
             return answer_by_closing("upgrade");
         case UpgradeAnswer::accept:
@@ -172,21 +206,29 @@ void Tunnel::answer_upgrade(const std::string &text) {
 void Tunnel::send_upgrade_answer(const UpgradeRequest &request, int status) {
     const bool wrong = context_.behaviour.upgrade == UpgradeAnswer::wrong_accept;
     const std::string accept = accept_for(cat(wrong ? "wrong" : "", request.header("Sec-WebSocket-Key")));
-    outbox_.post(upgrade_answer(status, accept));
-    log(cat("upgrade answered: ", status_text(status), wrong ? ", with a wrong accept" : ""));
-    if (status == 101) {
-        become(State::registering);
+    const std::string answer = upgrade_answer(status, accept);
+    outbox_.post(answer);
+    const std::string words = status_text(status);
+    if (wrong) {
+        emit(Kind::upgrade_answered,
+             {{"status", status}, {"answer", words}, {"response", Bytes{answer}}, {"fault", "wrong accept"}});
     } else {
-        await_close();
+        emit(Kind::upgrade_answered, {{"status", status}, {"answer", words}, {"response", Bytes{answer}}});
+    }
+    const std::string cause = cat("upgrade answered: ", words);
+    if (status == 101) {
+        become(State::registering, cause);
+    } else {
+        await_close(cause);
     }
 }
 
 awaitable<void> Tunnel::read_frames() {
     for (;;) {
-        in_ += co_await stream_.read();
+        co_await read_more();
         key_timer_.cancel();
         if (state_ == State::connecting) {
-            log(cat("received ", in_.size(), " bytes where nothing was expected"));
+            emit(Kind::bytes_unexpected, {{"length", in_.size()}});
             in_.clear();
         } else {
             drain(Key::follows);
@@ -227,17 +269,18 @@ void Tunnel::wait_for_key() {
 // What the module sends.
 
 void Tunnel::on_frame(Frame frame) {
-    if (frame.keyless) log(cat("read a ", opcode_name(frame.opcode), " frame that has the MASK bit and no key"));
+    emit_frame(Kind::frame_received, frame);
+    if (frame.keyless) emit(Kind::frame_keyless, {{"opcode", opcode_name(frame.opcode)}});
     if (frame.opcode == Opcode::close) {
         on_close(frame);
     } else if (state_ == State::registering) {
         on_registration(frame);
     } else if (frame.opcode == Opcode::ping) {
-        log(cat("received ping: '", printable(frame.payload), "'"));
+        emit(Kind::ping_received, {{"payload", Bytes{frame.payload}}});
         post({.opcode = Opcode::pong, .payload = frame.payload});
-        log(cat("sent pong: '", printable(frame.payload), "'"));
+        emit(Kind::pong_sent, {{"payload", Bytes{frame.payload}}});
     } else if (frame.opcode == Opcode::pong) {
-        log(cat("received pong: '", printable(frame.payload), "'"));
+        emit(Kind::pong_received, {{"payload", Bytes{frame.payload}}});
         pongs.push_back(std::move(frame.payload));
         context_.changed.notify();
     } else {
@@ -252,11 +295,11 @@ void Tunnel::on_registration(const Frame &frame) {
     }
     const Registration registration = check_registration(frame.payload, context_.tunnel_data);
     model_ = registration.model;
-    log(cat("OPT1 received: ", printable(frame.payload, 1000)));
+    emit(Kind::registration_received, {{"json", Bytes{frame.payload}}});
     const bool good = report_check("OPT1", registration.problems);
     if (good) {
-        log(cat("OPT1 checked: model '", printable(model_), "', device model '", printable(registration.device_model),
-                "', serial number '", printable(registration.serial), "', token as handed out"));
+        emit(Kind::registration_checked,
+             {{"device_model", Bytes{registration.device_model}}, {"serial", Bytes{registration.serial}}});
     }
     Behaviour behaviour = context_.behaviour;
     if (!good && !behaviour.lenient) behaviour.ret_code = 1;
@@ -264,23 +307,29 @@ void Tunnel::on_registration(const Frame &frame) {
 }
 
 void Tunnel::answer_registration(const Behaviour &behaviour) {
-    if (behaviour.registration == RegistrationAnswer::silence) return log("OPT1 left without an answer");
+    if (behaviour.registration == RegistrationAnswer::silence) {
+        return emit(Kind::left_unanswered, {{"what", "OPT1"}});
+    }
     if (behaviour.registration == RegistrationAnswer::close) return answer_by_closing("OPT1");
 
     const bool binary = behaviour.registration == RegistrationAnswer::binary;
     const std::string answer = registration_answer(behaviour);
     post({.opcode = binary ? Opcode::binary : Opcode::text, .payload = answer});
-    log(cat("OPT1 answered: ", answer, binary ? " as a binary frame" : ""));
+    if (binary) {
+        emit(Kind::registration_answered, {{"json", Bytes{answer}}, {"fault", "binary frame"}});
+    } else {
+        emit(Kind::registration_answered, {{"json", Bytes{answer}}});
+    }
 
     const bool accepted = behaviour.registration == RegistrationAnswer::text && behaviour.ret_code == 0 &&
                           (behaviour.opt_type & 0xff) == 1;  // the library compares 8 bits
     if (accepted) {
         deadline_.cancel();
-        become(State::open);
-        log("registration accepted: the tunnel is up");
+        become(State::open, "registration accepted");
+        emit(Kind::registration_accepted);
     } else {
-        log("registration refused");
-        await_close();
+        emit(Kind::registration_refused);
+        await_close("registration refused");
     }
 }
 
@@ -298,11 +347,13 @@ void Tunnel::on_data(Frame frame) {
     if (!frame.fin) return;
 
     const Message &whole = *assembly_;
-    const char *kind = opcode_name(whole.opcode);
+    const Field opcode("opcode", opcode_name(whole.opcode));
+    const Field length("length", whole.body.size());
+    const Field payload("payload", Bytes{whole.body});
     if (fragments_ > 1) {
-        log(cat("received fragmented ", kind, ": ", whole.body.size(), " bytes in ", fragments_, " fragments"));
+        emit(Kind::message_received, {opcode, length, {"fragments", fragments_}, payload});
     } else {
-        log(cat("received ", kind, ": ", printable(whole.body)));
+        emit(Kind::message_received, {opcode, length, payload});
     }
     inbox.push_back(std::move(*assembly_));
     assembly_.reset();
@@ -312,18 +363,18 @@ void Tunnel::on_data(Frame frame) {
 void Tunnel::on_close(const Frame &frame) {
     if (close_received_) return;  // a second close is ignored
     close_received_ = decode_close(frame.payload);
-    log(cat("received close: ", show(*close_received_)));
+    emit_close(Kind::close_received, *close_received_);
     if (!close_sent_) {
         close_sent_ = CloseBody{.status = close_received_->status, .reason = {}};
         post({.opcode = Opcode::close, .payload = encode_close(*close_sent_)});
-        log(cat("sent close: ", show(*close_sent_)));
+        emit_close(Kind::close_sent, *close_sent_);
     }
-    log("close handshake done");
-    await_close();
+    emit(Kind::close_done);
+    await_close("close received");
 }
 
 void Tunnel::protocol_error(const std::string &why) {
-    log(cat("protocol error: ", why));
+    emit(Kind::protocol_error, {}, why);
     if (ending_.empty()) ending_ = cat("protocol error: ", why);
     if (!close_sent_) send_close({.status = common::close_status::kProtocolError, .reason = why});
     outbox_.close();
@@ -332,7 +383,9 @@ void Tunnel::protocol_error(const std::string &why) {
 
 // What the platform sends.
 
+// encode is called once for each frame that is sent.
 std::string Tunnel::encode(const Frame &frame) const {
+    emit_frame(Kind::frame_sent, frame);
     if (!context_.behaviour.mask) return encode_frame(frame);
     std::array<unsigned char, 4> key;
     if (RAND_bytes(key.data(), static_cast<int>(key.size())) != 1) key = {0x12, 0x34, 0x56, 0x78};
@@ -343,7 +396,7 @@ void Tunnel::post(const Frame &frame) { outbox_.post(encode(frame)); }
 
 void Tunnel::send_message(Opcode opcode, const std::string &body) {
     post({.opcode = opcode, .payload = body});
-    log(cat("sent ", opcode_name(opcode), ": ", printable(body)));
+    emit(Kind::message_sent, {{"opcode", opcode_name(opcode)}, {"length", body.size()}, {"payload", Bytes{body}}});
 }
 
 void Tunnel::send_fragments(const std::string &body, std::size_t fragment_size) {
@@ -357,35 +410,36 @@ void Tunnel::send_fragments(const std::string &body, std::size_t fragment_size) 
         at += size;
         count++;
     } while (at < body.size());
-    log(cat("sent fragmented text: ", body.size(), " bytes in ", count, " fragments"));
+    emit(Kind::message_sent,
+         {{"opcode", "text"}, {"length", body.size()}, {"fragments", count}, {"payload", Bytes{body}}});
 }
 
 void Tunnel::send_burst(const std::vector<std::string> &bodies) {
     std::string bytes;
     for (const std::string &body : bodies) bytes += encode({.payload = body});
     outbox_.post(bytes);
-    log(cat("sent burst: ", bodies.size(), " text frames in one write of ", bytes.size(), " bytes"));
+    emit(Kind::burst_sent, {{"count", bodies.size()}, {"length", bytes.size()}});
 }
 
 void Tunnel::send_ping(const std::string &body) {
     post({.opcode = Opcode::ping, .payload = body});
-    log(cat("sent ping: '", printable(body), "'"));
+    emit(Kind::ping_sent, {{"payload", Bytes{body}}});
 }
 
 void Tunnel::send_close(const CloseBody &body) {
     close_sent_ = body;
     post({.opcode = Opcode::close, .payload = encode_close(body)});
-    log(cat("sent close: ", show(body)));
-    become(State::closing);
+    emit_close(Kind::close_sent, body);
+    become(State::closing, "close sent");
 }
 
 void Tunnel::send_raw(const std::string &bytes) {
     outbox_.post(bytes);
-    log(cat("sent raw: ", bytes.size(), " bytes"));
+    emit(Kind::raw_sent, {{"length", bytes.size()}, {"bytes", Bytes{bytes}}});
 }
 
 void Tunnel::drop() {
-    log("dropping: TCP reset");
+    emit(Kind::dropped);
     ending_ = "connection reset by the platform";
     stream_.reset();
 }
@@ -402,7 +456,7 @@ void Tunnel::finish_within(Clock::duration time) {
     deadline_.async_wait([self = shared_from_this()](error_code cancelled) {
         if (cancelled || self->state_ == State::ended) return;
         if (self->state_ == State::connecting || self->state_ == State::registering) {
-            self->log("still not registered: giving up");
+            self->emit(Kind::gave_up);
         }
         self->close_now();
     });

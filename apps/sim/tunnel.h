@@ -9,21 +9,20 @@
 #include <optional>
 
 #include "behaviour.h"
-#include "common/timeline.h"
+#include "event_stream.h"
 #include "frame.h"
 #include "outbox.h"
+#include "status.h"
 #include "stream.h"
 #include "tunnel_data.h"
 #include "upgrade.h"
 
 namespace sim {
 
-using common::Timeline;
-
 // The parts of the simulator that a tunnel uses; all of them outlive every tunnel.
 struct Context {
     asio::io_context &io;
-    const Timeline &timeline;
+    const EventStream &events;
     Condition &changed;
     const TunnelData &tunnel_data;
     const Behaviour &behaviour;
@@ -70,7 +69,7 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     [[nodiscard]] const std::string &ending() const { return ending_; }
     [[nodiscard]] const std::optional<CloseBody> &close_received() const { return close_received_; }
     [[nodiscard]] bool written() const { return outbox_.empty(); }
-    [[nodiscard]] std::string describe() const;
+    [[nodiscard]] TunnelStatus status() const;
 
     std::deque<Message> inbox;      // messages that the runner has not read yet
     std::deque<std::string> pongs;  // bodies of pongs that the runner has not read yet
@@ -78,10 +77,11 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
   private:
     awaitable<void> open();
     awaitable<std::string> read_request();
+    awaitable<void> read_more();
     awaitable<void> read_frames();
     bool report_check(std::string_view what, const std::vector<std::string> &problems) const;
     void answer_by_closing(std::string_view what);
-    void await_close();
+    void await_close(std::string_view cause);
     void answer_upgrade(const std::string &text);
     void send_upgrade_answer(const UpgradeRequest &request, int status);
     bool drain(Key key);
@@ -95,8 +95,10 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     void post(const Frame &frame);
     std::string encode(const Frame &frame) const;
     void finish_within(Clock::duration time);
-    void become(State state);
-    void log(std::string_view what) const;
+    void become(State state, std::string_view cause);
+    void emit(Kind kind, std::initializer_list<Field> fields = {}, std::string_view cause = {}) const;
+    void emit_frame(Kind kind, const Frame &frame) const;
+    void emit_close(Kind kind, const CloseBody &body) const;
 
     Context context_;
     Stream stream_;
@@ -105,6 +107,7 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     asio::steady_timer key_timer_;  // runs while a frame is exactly its key's four bytes short
     int id_;
     State state_ = State::connecting;
+    Clock::duration since_;  // when it came into that state
     std::string model_;
     std::string in_;  // bytes read and not yet decoded
     std::optional<Message> assembly_;

@@ -72,6 +72,9 @@ TEST(sim_command_line, help_names_every_option_and_every_step) {
                              "--timeout",
                              "--seconds",
                              "--quiet",
+                             "--json",
+                             "--json-detail",
+                             "--junit",
                              "--version",
                              "--help",
                              "wait-module",
@@ -162,6 +165,10 @@ TEST(sim_command_line, a_wrong_command_line_gets_one_line_and_status_2) {
         {"--do", "set ret-code"},
         {"--do", "set weather fine"},
         {"--do", "daemon"},
+        {"--do", "status xml"},
+        {"--json", ""},
+        {"--json-detail", "all"},
+        {"--junit", ""},
     };
     for (const Words &words : cases) {
         SimProcess sim(words);

@@ -1,0 +1,80 @@
+// The stream of events. Whatever happens is emitted once, and every reader that wants its kind is called with it, in
+// the order of their subscriptions, before emit returns:
+//
+//     Subscription mine = events.subscribe(kinds_up_to(Detail::frames), [](const Event &event) {
+//         if (event.kind == Kind::frame_received) keep(event.id, event.bytes_of("payload"));
+//     });
+//
+// A reader is called as long as its Subscription lives. It must not wait or throw, and copies what it keeps. It may
+// emit events of its own, and must not subscribe or end a subscription inside its call: it posts that to the io
+// context. The stream outlives its subscriptions.
+//
+// An event that nobody wants costs one test of a bit. Where its fields take work, the emitter asks wants() first.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "event.h"
+
+namespace sim {
+
+class EventStream {
+    struct Reader {
+        KindSet kinds;
+        std::function<void(const Event &)> call;
+    };
+
+  public:
+    // Subscription ends its reader's calls when it is destroyed. It can be moved, not copied.
+    class Subscription {
+      public:
+        Subscription() = default;
+
+      private:
+        friend class EventStream;
+        struct End {
+            EventStream *stream;
+            void operator()(Reader *reader) const { stream->remove(reader); }
+        };
+        Subscription(EventStream &stream, Reader *reader) : reader_(reader, End{&stream}) {}
+
+        std::unique_ptr<Reader, End> reader_;
+    };
+
+    EventStream() = default;
+    EventStream(const EventStream &) = delete;
+    EventStream &operator=(const EventStream &) = delete;
+
+    [[nodiscard]] Subscription subscribe(const KindSet &kinds, std::function<void(const Event &)> call);
+
+    [[nodiscard]] bool wants(Kind kind) const { return wanted_.has(kind); }
+
+    // emit sets the event's time and calls the readers.
+    void emit(const Event &event) const {
+        if (wants(event.kind)) deliver(event);
+    }
+
+    // now is the time since the stream began, as events have it; began is when that was.
+    [[nodiscard]] std::chrono::steady_clock::duration now() const { return std::chrono::steady_clock::now() - start_; }
+    [[nodiscard]] std::chrono::system_clock::time_point began() const { return began_; }
+
+  private:
+    void deliver(Event event) const;
+    void remove(Reader *reader);
+
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    std::chrono::system_clock::time_point began_ = std::chrono::system_clock::now();
+    std::vector<std::unique_ptr<Reader>> readers_;
+    KindSet wanted_;  // by any of them
+};
+
+using Subscription = EventStream::Subscription;
+
+// seconds_of is a time of the stream in seconds.
+inline double seconds_of(std::chrono::steady_clock::duration time) {
+    return std::chrono::duration<double>(time).count();
+}
+
+}  // namespace sim
