@@ -17,6 +17,9 @@ PACKAGES_package-test := debootstrap
 PACKAGES_cost := valgrind
 # Beside which the library is measured: what is not installed is left out.
 PACKAGES_peers := libboost-dev libwebsockets-dev libwslay-dev
+# The servers that the module is tried against.
+PACKAGES_interop := nginx haproxy caddy websocketd nodejs node-ws perl libmojolicious-perl libio-socket-ssl-perl \
+    python3-websockets python3-aiohttp python3-tornado python3-hypercorn python3-uvicorn python3-wsproto
 PACKAGES_fuzz := clang libclang-rt-dev llvm
 
 # How long each fuzz target runs.
@@ -115,6 +118,13 @@ bench: packages packages-tests ## The library beside bare sockets and its peers,
 	cmake --preset release
 	cmake --build --preset release --target bench_programs demo_programs
 	bench/bench.py build/release $(if $(QUICK),--quick) --rows '$(ROWS)'
+
+# A server that cannot be installed is left out by name; where CI is set its cases fail.
+interop: packages packages-tests ## The module against servers of other hands, on loopback, in half a minute (ONLY='nginx')
+	-@$(MAKE) --no-print-directory packages-interop
+	cmake --preset release
+	cmake --build --preset release --target interop_programs
+	tests/interop/interop.py build/release --only '$(ONLY)'
 
 coverage: packages packages-tests packages-coverage ## Line and branch coverage of the library
 	cmake --preset coverage
