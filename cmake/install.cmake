@@ -58,6 +58,8 @@ endif()
 add_subdirectory(trust)
 
 # ---------------------------------------------------------------------------------------------------------- descriptions
-install(FILES examples/CMakeLists.txt examples/minimal_module.c
-  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
+set(examples CMakeLists.txt minimal_module.c echo_poll.c echo_libuv.c echo_libevent.c echo_glib.c echo_sd_event.c echo_asio.cpp)
+list(TRANSFORM examples PREPEND examples/)
+install(FILES ${examples} DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
+install(PROGRAMS examples/echo.sh examples/echo.py DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
 include(cmake/man.cmake)

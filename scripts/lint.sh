@@ -11,7 +11,7 @@ ctest --test-dir "$build" -R '^layers_test$' --no-tests=error --output-on-failur
 
 sources() {
     git ls-files 'src/*.cpp' 'module/*.cpp' 'apps/common/*.cpp' 'apps/explain/*.cpp' 'apps/module/*.cpp' 'examples/*.c' \
-        'trust/*.c'
+        'examples/*.cpp' 'trust/*.c'
 }
 sources | xargs -P "$(nproc)" -n 3 clang-tidy --quiet -p "$build"
 sources | xargs cppcheck -q -j "$(nproc)" --enable=warning,performance,portability --error-exitcode=1 \

@@ -47,12 +47,13 @@ runs() {
     [ -z "$2" ] || grep -q "$2" "$work/needs" || fail "$1 does not use $2: $(cat "$work/needs")"
 }
 
-# pkg_config PREFIX LIBDIR CC SOURCE OUT: the source is built with what pkg-config says, into OUT.
+# pkg_config PREFIX LIBDIR CC SOURCE OUT [LIBRARY]: the source is built with what pkg-config says of the library, into OUT.
 pkg_config() {
     with_prefix "$1" "$2"
+    library=${6:-cloudtunnel}
     # shellcheck disable=SC2046 # options, one word each
-    "$3" -o "$5" "$4" $(pkg-config --cflags --libs cloudtunnel) || fail 'the shared library does not link'
-    runs "$5" "$1/$2/libcloudtunnel.so.1"
+    "$3" -o "$5" "$4" $(pkg-config --cflags --libs "$library") || fail 'the shared library does not link'
+    runs "$5" "$1/$2/lib$library.so.1"
 }
 
 # pkg_config_static PREFIX LIBDIR CC SOURCE VERSION: a program with the library inside, its unused sections dropped and
@@ -81,12 +82,31 @@ cmake_package() {
     ! grep -q libcloudtunnel "$work/needs" || fail 'the static form uses the shared library'
 }
 
-# cmake_example PREFIX LIBDIR CC SOURCE_DIR: the folder of the example is a project of its own.
-cmake_example() {
+# cmake_examples PREFIX LIBDIR CC SOURCE_DIR: the folder of the examples is a project of its own.
+cmake_examples() {
     with_prefix "$1" "$2"
     { cmake -S "$4" -B "$work/build" -D CMAKE_C_COMPILER="$3" -D CMAKE_PREFIX_PATH="$1" &&
         cmake --build "$work/build"; } >"$work/log" 2>&1 || fail "$(cat "$work/log")"
     runs "$work/build/minimal_module" "$1/$2/libcloudtunnel.so.1"
+    runs "$work/build/echo_poll" "$1/$2/libcloudtunnel-module.so.1"
+}
+
+# cmake_examples_without_packages PREFIX LIBDIR CC SOURCE_DIR: an example whose package is missing is named and left out,
+# unless all of them are asked for.
+cmake_examples_without_packages() {
+    with_prefix "$1" "$2"
+    export PKG_CONFIG_LIBDIR="$work/none" PKG_CONFIG_PATH=
+    set -- -S "$4" -D CMAKE_C_COMPILER="$3" -D CMAKE_PREFIX_PATH="$1" -D CMAKE_DISABLE_FIND_PACKAGE_Boost=ON
+    { cmake "$@" -B "$work/build" && cmake --build "$work/build"; } >"$work/log" 2>&1 || fail "$(cat "$work/log")"
+    for pair in libuv1-dev:echo_libuv libevent-dev:echo_libevent libglib2.0-dev:echo_glib libsystemd-dev:echo_sd_event \
+        libboost-dev:echo_asio; do
+        grep -q "not found (Debian's ${pair%:*}): the example ${pair#*:} is left out" "$work/log" ||
+            fail "${pair%:*} is not named: $(cat "$work/log")"
+        [ ! -e "$work/build/${pair#*:}" ] || fail "${pair#*:} is built"
+    done
+    [ -x "$work/build/echo_poll" ] || fail 'echo_poll, which needs no package, is not built'
+    ! cmake "$@" -B "$work/all" -D CLOUDTUNNEL_ALL_EXAMPLES=ON >"$work/log" 2>&1 || fail 'a missing package is no failure'
+    grep -q 'libuv1-dev' "$work/log" || fail "$(cat "$work/log")"
 }
 
 # cmake_subdirectory CC CXX SOURCE_DIR LIBRARY_SOURCES: inside another project the library is its two targets alone.

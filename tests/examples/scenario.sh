@@ -1,0 +1,76 @@
+#!/bin/bash
+# Whole scenarios of an example on libcloudtunnel-module, against cloudtunnel-sim.
+# Usage: scenario.sh SCENARIO SIM EXAMPLE. The functions are the scenarios.
+set -u
+stage=$(dirname "$0")/../apps/module/scenario.sh
+example=$3
+
+start_example() { start_program "$example" base; }
+
+# wait_for_state STATE: the example names each state that its tunnel enters.
+wait_for_state() { wait_for program.errors "^base: $1 "; }
+
+# ticks: the processor time that the example has used, in hundredths of a second.
+ticks() { awk '{ print $14 + $15 }' "/proc/$program_pid/stat"; }
+
+# Text is answered by text and binary by binary, whole, whatever came and goes out in fragments; a tunnel that was lost
+# comes back; the end is a close frame.
+echoes() {
+    start_sim --any-answer wait-tunnel 'request a text' 'binary some bytes' 'fragmented 20000' 'large 100000' \
+        'ping hello' drop wait-close wait-tunnel 'request once more' --stay
+    start_example
+    wait_for sim 'received text: once more'
+    for received in 'text: a text' 'binary: some bytes' 'fragmented text: 20000 bytes' 'fragmented text: 100000 bytes'; do
+        wait_for sim "received $received"
+    done
+    stop_program
+    wait_for sim 'received close: status 1000'
+    type_step quit
+    sim_ends
+}
+
+# The loop waits: while nothing happens, the example uses next to no processor time.
+idles() {
+    start_sim --any-answer wait-tunnel 'request hello' --stay
+    start_example
+    wait_for sim 'received text: hello'
+    local before
+    before=$(ticks)
+    type_step 'sleep 1000'
+    type_step quit
+    sim_ends
+    [ $(($(ticks) - before)) -lt 10 ] || fail "it used $(($(ticks) - before)) hundredths of an idle second"
+    stop_program
+}
+
+# Nothing but the loop's own time ends a close that the peer does not answer.
+gives_up_on_a_silent_peer() {
+    start_sim wait-tunnel --stay
+    start_example
+    wait_for_state open
+    kill -STOP "$sim_pid"
+    local start=$SECONDS
+    stop_program
+    [ $((SECONDS - start)) -lt 10 ] || fail "it waited $((SECONDS - start)) s for the answer to its close"
+}
+
+ends_at_once_by_a_second_signal() {
+    start_sim wait-tunnel --stay
+    start_example
+    wait_for_state open
+    kill -STOP "$sim_pid"
+    kill -INT "$program_pid"
+    wait_for_state closing
+    local start=$SECONDS
+    stop_program
+    [ $((SECONDS - start)) -lt 4 ] || fail "it took $((SECONDS - start)) s"
+}
+
+ends_without_a_daemon() {
+    start_example
+    wait_for_state waiting
+    stop_program
+}
+
+# shellcheck source=tests/apps/module/scenario.sh
+. "$stage" "$1" "$2" '' "$example"
