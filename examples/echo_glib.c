@@ -50,5 +50,5 @@ int main(int argc, char **argv) {
     g_unix_signal_add(SIGINT, on_signal, tunnel), g_unix_signal_add(SIGTERM, on_signal, tunnel);
     g_main_loop_run(loop);
     g_source_destroy(source), g_source_unref(source), g_main_loop_unref(loop);
-    return ctm_end();
+    return ctm_end() == CTM_OK ? 0 : 1;
 }

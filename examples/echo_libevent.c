@@ -43,12 +43,12 @@ int main(int argc, char **argv) {
     struct event *terminate = evsignal_new(base, SIGTERM, on_signal, tunnel);
     event_add(interrupt, NULL), event_add(terminate, NULL);
     while (running) { /* one round at a time: each may have changed how long the next wait may be */
-        const int wait = ctm_timeout_ms();
+        const long wait = ctm_timeout_ms();
         const struct timeval due = {wait / 1000, wait % 1000 * 1000};
         event_add(ready, &due); /* sets the time of one that is there already */
         event_base_loop(base, EVLOOP_ONCE);
     }
     event_free(ready), event_free(interrupt), event_free(terminate);
     event_base_free(base);
-    return ctm_end();
+    return ctm_end() == CTM_OK ? 0 : 1;
 }

@@ -53,5 +53,5 @@ int main(int argc, char **argv) {
     uv_signal_init(loop, &terminate), uv_signal_start(&terminate, on_signal, SIGTERM);
     uv_run(loop, UV_RUN_DEFAULT);
     uv_loop_close(loop);
-    return ctm_end();
+    return ctm_end() == CTM_OK ? 0 : 1;
 }

@@ -39,5 +39,5 @@ int main(int argc, char **argv) {
         if (ready[1].revents && read(ready[1].fd, &end, sizeof end) > 0) ctm_tunnel_close(tunnel, 1000, NULL, 0);
         ctm_dispatch();
     }
-    return ctm_end();
+    return ctm_end() == CTM_OK ? 0 : 1;
 }

@@ -18,10 +18,10 @@ static void on_message(ctm_tunnel *tunnel, const ctm_message *message, void *loo
 }
 
 static int on_ready(sd_event_source *source, int fd, uint32_t events, void *user) {
-    return (void)source, (void)fd, (void)events, (void)user, ctm_dispatch();
+    return (void)source, (void)fd, (void)events, (void)user, (int)ctm_dispatch();
 }
 static int on_due(sd_event_source *source, uint64_t now, void *user) {
-    return (void)source, (void)now, (void)user, ctm_dispatch();
+    return (void)source, (void)now, (void)user, (int)ctm_dispatch();
 }
 /* sd-event calls this before each wait: whatever ran since the last one may have changed how long the next may be. */
 static int before_wait(sd_event_source *source, void *due) {
@@ -55,5 +55,5 @@ int main(int argc, char **argv) {
     sd_event_source_set_userdata(ready, due), sd_event_source_set_prepare(ready, before_wait);
     sd_event_loop(loop);
     sd_event_source_unref(ready), sd_event_source_unref(due), sd_event_unref(loop);
-    return ctm_end();
+    return ctm_end() == CTM_OK ? 0 : 1;
 }

@@ -1,6 +1,6 @@
 #!/bin/sh
 # package-test.sh DIR: installs the packages in DIR with apt in a bare Debian of the machine's release without this
-# source tree, builds the example there with pkg-config and with CMake, runs it against the installed simulator,
+# source tree, builds the examples there with pkg-config and with CMake, runs them against the installed simulator,
 # and removes the packages again. The bare system is made once, in build/package-root; mirrors, releases and options
 # are those of the machine's own apt.
 set -eu
@@ -92,7 +92,10 @@ mount_proc
 if within dpkg-query -W libcloudtunnel1 >/dev/null 2>&1; then out; fi # of a run that was cut off
 rm -rf "$root/test"
 mkdir "$root/test"
-cp "$debs"/*.deb tests/apps/module/scenario.sh packaging/debian/inside.sh "$root/test/"
+mkdir -p "$root/test/tests/apps/module" "$root/test/tests/examples"
+cp "$debs"/*.deb packaging/debian/inside.sh "$root/test/"
+cp tests/apps/module/scenario.sh "$root/test/tests/apps/module/"
+cp tests/examples/scenario.sh "$root/test/tests/examples/"
 within sh -c 'apt-get install -y -qq --no-install-recommends /test/*.deb' >"$cache/install.log" 2>&1 ||
     stop "the packages do not install: $(tail -n 1 "$cache/install.log")"
 within /test/inside.sh
