@@ -37,7 +37,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "libcloudtunnel1 (= ${package_version}), libssl-dev, libjson-c-dev")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
-  "${about}\n\nFor building programs: the headers, the static libraries, the files for pkg-config\nand CMake, man pages and examples.")
+  "${about}\n\nFor building programs: the headers, the static libraries, the files for\npkg-config and CMake, man pages and examples.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME cloudtunnel-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
