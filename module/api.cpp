@@ -24,9 +24,12 @@ constexpr uint32_t kLongest = 1U << 20;
 constexpr uint32_t kFragment = 16000;
 constexpr uint32_t kQueue = 4U << 20;
 
-ctm_result judge_handle(const ctm_tunnel *tunnel) {
+[[gnu::noinline]] ctm_result judge_handle(const ctm_tunnel *tunnel) {
     if (!tunnel) return CTM_NULL;
-    return ctm::tunnel_is_one(tunnel) ? CTM_OK : CTM_FREED;
+    for (const ctm::ModelRow &row : ctm::registry_rows()) {
+        if (row.tunnel == tunnel) return CTM_OK;
+    }
+    return CTM_FREED;
 }
 
 // node_of returns what the daemon has said of a tunnel's model; null for a handle that is none.
@@ -84,10 +87,11 @@ ctm_result ctm_tunnel_new(const ctm_tunnel_options *given, ctm_tunnel **out) {
     if (!given || !out) return CTM_NULL;
     if (!ctm::process_up()) return CTM_NO_INIT;
     ctm_tunnel_options options = {};
-    if (!ctm::record_read(options, given, given->size, offsetof(ctm_tunnel_options, sub_name))) return CTM_BAD_SIZE;
+    ctm_result result = ctm::record_read(&options, sizeof options, given, offsetof(ctm_tunnel_options, sub_name));
+    if (result != CTM_OK) return result;
     if (!options.model) return CTM_NULL;
     fill_defaults(options);
-    ctm_result result = judge_options(options);
+    result = judge_options(options);
     if (result != CTM_OK) return result;
     if (ctm::tunnel_of_model(options.model)) return CTM_MODEL_TAKEN;
     ctm::ModelRow *row = ctm::registry_take(options.model, options.sub_name, &result);
@@ -114,13 +118,14 @@ ctm_result ctm_tunnel_close(ctm_tunnel *tunnel, uint16_t status, const char *rea
     if (!status_is_good(status)) return CTM_BAD_STATUS;
     if (length > CTM_REASON_MAX) return CTM_BAD_REASON;
     if (tunnel->state == CTM_CLOSED) return CTM_NOT_OPEN;
-    ctm::tunnel_close(tunnel, status, {reason, length});
+    ctm::tunnel_close(tunnel, status, {reason ? reason : "", length});
     return CTM_OK;
 }
 
 ctm_result ctm_tunnel_free(ctm_tunnel *tunnel) {
     if (const ctm_result result = judge_handle(tunnel); result != CTM_OK) return result;
     ctm::tunnel_free(tunnel);
+    if (ctm::g_callback_depth == 0) ctm::tunnels_reap();
     return CTM_OK;
 }
 
@@ -165,8 +170,7 @@ ctm_state ctm_tunnel_state(const ctm_tunnel *tunnel) {
 
 ctm_result ctm_tunnel_cause(const ctm_tunnel *tunnel, ctm_cause_info *info) {
     if (const ctm_result result = judge_handle(tunnel); result != CTM_OK) return result;
-    if (!info) return CTM_NULL;
-    return ctm::record_write(info, tunnel->cause, offsetof(ctm_cause_info, http_status)) ? CTM_OK : CTM_BAD_SIZE;
+    return ctm::record_write(info, &tunnel->cause, sizeof *info, offsetof(ctm_cause_info, http_status));
 }
 
 const char *ctm_tunnel_model(const ctm_tunnel *tunnel) { return judge_handle(tunnel) == CTM_OK ? tunnel->model : ""; }
@@ -198,12 +202,10 @@ uint32_t ctm_tunnel_wait_ms(const ctm_tunnel *tunnel) {
 
 ctm_result ctm_tunnel_counters(const ctm_tunnel *tunnel, ctm_counters *out) {
     if (const ctm_result result = judge_handle(tunnel); result != CTM_OK) return result;
-    if (!out) return CTM_NULL;
-    return ctm::record_write(out, ctm::counters_of(tunnel), offsetof(ctm_counters, opened)) ? CTM_OK : CTM_BAD_SIZE;
+    return ctm::record_write(out, &ctm::counters_of(tunnel), sizeof *out, offsetof(ctm_counters, opened));
 }
 
 ctm_result ctm_counters_all(ctm_counters *out) {
-    if (!out) return CTM_NULL;
     if (!ctm::process_up()) return CTM_NO_INIT;
-    return ctm::record_write(out, ctm::counters_of_all(), offsetof(ctm_counters, opened)) ? CTM_OK : CTM_BAD_SIZE;
+    return ctm::record_write(out, &ctm::counters_of_all(), sizeof *out, offsetof(ctm_counters, opened));
 }

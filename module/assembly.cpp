@@ -18,9 +18,8 @@ size_t announcement_size(const uint8_t *body, size_t length, size_t *announced) 
     size_t at = kAnnouncementSize;
     size_t number = 0;
     for (; at < length && body[at] >= '0' && body[at] <= '9'; at++) {
-        if (__builtin_mul_overflow(number, size_t{10}, &number) ||
-            __builtin_add_overflow(number, static_cast<size_t>(body[at] - '0'), &number))
-            number = SIZE_MAX;
+        const auto digit = static_cast<size_t>(body[at] - '0');
+        number = number > (SIZE_MAX - digit) / 10 ? SIZE_MAX : number * 10 + digit;
     }
     if (at == kAnnouncementSize || at == length || body[at] != '\n') return 0;
     *announced = number;
@@ -57,7 +56,7 @@ Taken Assembly::begin(uint8_t opcode, const uint8_t *body, size_t length, size_t
 Taken Assembly::append(const uint8_t *piece, size_t length) {
     if (length > announced_ - length_) return Taken::too_many;
     if (!gathered_ || length_ + length > room_) {
-        const size_t wanted = std::min(announced_, std::max({kFirstRoom, room_ * 2, length_ + length}));
+        const size_t wanted = std::min(announced_, std::max(std::max(kFirstRoom, room_ * 2), length_ + length));
         if (wanted == SIZE_MAX) return Taken::no_memory;  // with the zero byte, no block is that large
         auto *larger = static_cast<uint8_t *>(realloc(gathered_.get(), wanted + 1));
         if (!larger) return Taken::no_memory;

@@ -10,7 +10,7 @@
 
 #include "memory.h"
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 enum class Taken {
     message,      // `data`, `length`, `announced` and `type` are a message; they hold until the next call
@@ -53,4 +53,4 @@ class Assembly {
     Owned<uint8_t> gathered_;
 };
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

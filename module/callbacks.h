@@ -3,9 +3,9 @@
 
 #include <cloudtunnel.h>
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 // callbacks_set sets the three callbacks of row `index`.
 void callbacks_set(CLOUDTUNNEL_MODULE_REG &registration, unsigned index);
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

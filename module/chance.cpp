@@ -22,20 +22,20 @@ void refill() {
     g_left = kBatch;
 }
 
+uint8_t next_byte() {
+    if (g_left == 0) refill();
+    return g_bytes[--g_left];
+}
+
 }  // namespace
 
 void chance_fill(uint8_t *to, size_t count) {
-    for (; count > 0; count--) {
-        if (g_left == 0) refill();
-        *to++ = g_bytes[--g_left];
-    }
+    for (; count > 0; count--) *to++ = next_byte();
 }
 
 uint32_t chance_below(uint32_t bound) {
-    uint8_t bytes[4];
-    chance_fill(bytes, sizeof bytes);
     uint32_t number = 0;
-    memcpy(&number, bytes, sizeof number);
+    for (size_t i = 0; i < sizeof number; i++) number = number << 8 | next_byte();
     return bound == 0 ? 0 : number % bound;
 }
 

@@ -5,11 +5,11 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 void chance_fill(uint8_t *to, size_t count);
 
 // chance_below returns a number from 0 to `bound` - 1; 0 for a `bound` of 0.
 uint32_t chance_below(uint32_t bound);
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

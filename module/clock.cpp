@@ -5,17 +5,21 @@
 
 namespace ctm {
 
-int64_t now_us() {
+namespace {
+
+int64_t time_us(clockid_t clock) {
     struct timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(clock, &now);
     return static_cast<int64_t>(now.tv_sec) * kSecond + now.tv_nsec / 1000;
 }
 
-int64_t until_next_second_us() {
-    struct timespec now = {};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    return kMillisecond + (kSecond - now.tv_nsec / 1000);
-}
+}  // namespace
+
+int64_t now_us() { return time_us(CLOCK_MONOTONIC); }
+
+int64_t now_ms() { return now_us() / kMillisecond; }
+
+int64_t until_next_second_us() { return kMillisecond + kSecond - time_us(CLOCK_BOOTTIME) % kSecond; }
 
 int64_t after(int64_t from, uint32_t ms) { return ms == CTM_NEVER ? kNever : from + ms * kMillisecond; }
 

@@ -3,13 +3,14 @@
 
 #include <cstdint>
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 constexpr int64_t kNever = INT64_MAX;  // no moment
 constexpr int64_t kMillisecond = 1000;
 constexpr int64_t kSecond = 1000 * kMillisecond;
 
 int64_t now_us();
+int64_t now_ms();
 
 // until_next_second_us returns the time until the system's uptime comes to the next whole second, in which
 // libcloudtunnel counts its timers.
@@ -18,4 +19,4 @@ int64_t until_next_second_us();
 // after returns the moment `ms` after `from`; kNever for CTM_NEVER.
 int64_t after(int64_t from, uint32_t ms);
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

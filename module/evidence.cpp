@@ -25,38 +25,16 @@ constexpr int kSslSyscall = 5;
 
 constexpr int kOpcodeClose = 8;
 
-ctm_cause_info g_found = {};
-int g_tls_write = 0;  // the code of the last TLS write that failed
-
-// The platform's answer to the upgrade.
+// What the messages have told since it was cleared.
 struct {
-    int status;         // 0: none was read
-    bool accept_exact;  // the header is there, written as libcloudtunnel looks for it
-    bool accept_any;    // in whatever letters
-} g_response = {};
-
-// A message's arguments, each at its place among all of them.
-struct Arguments {
-    union {
-        int number;
-        const char *text;
-    } at[7];
-};
-
-Arguments arguments_of(const char *format, va_list args) {
-    Arguments all = {};
-    va_list copy;
-    va_copy(copy, args);
-    auto *to = all.at;
-    while ((format = strchr(format, '%')) && to < std::end(all.at)) {
-        if (*++format == 's')
-            to++->text = va_arg(copy, const char *);
-        else
-            to++->number = va_arg(copy, int);
-    }
-    va_end(copy);
-    return all;
-}
+    ctm_cause_info found;
+    int tls_write;          // the code of the last TLS write that failed
+    struct {                // the platform's answer to the upgrade
+        int status;         // 0: none was read
+        bool accept_exact;  // the header is there, written as libcloudtunnel looks for it
+        bool accept_any;    // in whatever letters
+    } response;
+} g_evidence = {};
 
 // What is kept of a known message: its text is read by the compiler alone.
 struct Row {
@@ -91,56 +69,60 @@ constexpr auto kMeanings = [] {
     return all;
 }();
 
-void detail(const char *text) { snprintf(g_found.detail, sizeof g_found.detail, "%s", text); }
+[[gnu::noinline]] void detail(const char *text) {
+    snprintf(g_evidence.found.detail, sizeof g_evidence.found.detail, "%s", text);
+}
 
 void found_errno(int error) {
-    g_found.system_error = error;
+    g_evidence.found.system_error = error;
     detail(strerror(error));
 }
 
-void found_tls(const char *reason) { snprintf(g_found.tls_error, sizeof g_found.tls_error, "%s", reason); }
+void found_tls(const char *reason) {
+    snprintf(g_evidence.found.tls_error, sizeof g_evidence.found.tls_error, "%s", reason);
+}
 
 void found_connect(int error) {
     found_errno(error);
-    if (error == ETIMEDOUT) g_found.cause = CTM_CAUSE_TIMED_OUT;
-    if (error == 0) g_found.cause = CTM_CAUSE_SYSTEM;
+    if (error == ETIMEDOUT) g_evidence.found.cause = CTM_CAUSE_TIMED_OUT;
+    if (error == 0) g_evidence.found.cause = CTM_CAUSE_SYSTEM;
 }
 
 void found_lost(int error) {
     found_errno(error);
     if (error == 0) detail("the peer ended the connection");
-    if (error == ETIMEDOUT || error == EHOSTUNREACH || error == ENETUNREACH) g_found.cause = CTM_CAUSE_DEAD;
+    if (error == ETIMEDOUT || error == EHOSTUNREACH || error == ENETUNREACH) g_evidence.found.cause = CTM_CAUSE_DEAD;
 }
 
 void found_tls_read(int code, const char *reason, int error) {
     const bool cut = strstr(reason, "unexpected eof") != nullptr;  // the end of the stream, to OpenSSL 3
     if (code != kSslError || cut) return found_lost(code == kSslSyscall ? error : 0);
-    g_found.cause = CTM_CAUSE_PROTOCOL;
+    g_evidence.found.cause = CTM_CAUSE_PROTOCOL;
     found_tls(reason);
 }
 
 void found_accept() {
-    g_found.http_status = g_response.status;
-    if (!g_response.accept_any)
+    g_evidence.found.http_status = g_evidence.response.status;
+    if (!g_evidence.response.accept_any)
         detail("Sec-WebSocket-Accept is missing");
-    else if (g_response.accept_exact)
+    else if (g_evidence.response.accept_exact)
         detail("Sec-WebSocket-Accept does not fit the key");
     else
         detail("a proxy has respelled \"Sec-WebSocket-Accept: \", which is read in these letters alone");
 }
 
-// find fills g_found from a message; `text` is what its row means for a person.
+// find fills g_evidence.found from a message; `text` is what its row means for a person.
 void find(const Row &row, const char *text, const Arguments &all, int last_errno) {
     const auto *argument = all.at + row.at;
     if (row.says == Says::tls_write) {
-        g_tls_write = argument->number;
+        g_evidence.tls_write = argument->number;
         return;
     }
-    if (g_found.cause != CTM_CAUSE_NONE) return;
-    g_found.cause = static_cast<ctm_cause>(row.cause);
+    if (g_evidence.found.cause != CTM_CAUSE_NONE) return;
+    g_evidence.found.cause = static_cast<ctm_cause>(row.cause);
     int number = argument->number;
-    if (row.says == Says::http_status) number = g_found.http_status = g_response.status;
-    snprintf(g_found.detail, sizeof g_found.detail, text, number);
+    if (row.says == Says::http_status) number = g_evidence.found.http_status = g_evidence.response.status;
+    snprintf(g_evidence.found.detail, sizeof g_evidence.found.detail, text, number);
     switch (row.says) {
         case Says::connect_errno:
             return found_connect(number);
@@ -149,10 +131,10 @@ void find(const Row &row, const char *text, const Arguments &all, int last_errno
         case Says::last_errno:
             return found_errno(last_errno);
         case Says::resolver:
-            g_found.resolver_error = number;
+            g_evidence.found.resolver_error = number;
             return;
         case Says::ret_code:
-            g_found.ret_code = number;
+            g_evidence.found.ret_code = number;
             return;
         case Says::tls_text:
             return found_tls(argument->text);
@@ -167,11 +149,11 @@ void find(const Row &row, const char *text, const Arguments &all, int last_errno
             return detail(strcmp(argument->text, "WS_CONNECT") == 0 ? "no answer to the registration within 30 s"
                                                                     : "no answer to the upgrade within 30 s");
         case Says::opcode:
-            if (number == kOpcodeClose) g_found.cause = CTM_CAUSE_CLOSED_BY_PEER;
+            if (number == kOpcodeClose) g_evidence.found.cause = CTM_CAUSE_CLOSED_BY_PEER;
             return;
         case Says::event:
             if (!(static_cast<unsigned>(number) & EPOLLIN)) {
-                g_found.cause = CTM_CAUSE_CLOSED_BY_PEER;
+                g_evidence.found.cause = CTM_CAUSE_CLOSED_BY_PEER;
                 found_lost(0);
             }
             return;
@@ -183,15 +165,30 @@ void find(const Row &row, const char *text, const Arguments &all, int last_errno
 
 }  // namespace
 
-void evidence_clear() {
-    g_found = {};
-    g_response = {};
-    g_tls_write = 0;
+Arguments arguments_of(const char *format, va_list args) {
+    Arguments all = {};
+    va_list copy;
+    va_copy(copy, args);
+    auto *to = all.at;
+    while ((format = strchr(format, '%')) && to < std::end(all.at)) {
+        if (*++format == 's')
+            to++->text = va_arg(copy, const char *);
+        else
+            to++->number = va_arg(copy, int);
+    }
+    va_end(copy);
+    return all;
 }
 
-const ctm_cause_info &evidence_found() { return g_found; }
+void evidence_clear() { g_evidence = {}; }
 
-bool evidence_tls_write_again() { return g_tls_write == kSslWantRead || g_tls_write == kSslWantWrite; }
+const ctm_cause_info &evidence_found() { return g_evidence.found; }
+
+bool evidence_tls_write_reads_first() { return g_evidence.tls_write == kSslWantRead; }
+
+bool evidence_tls_write_again() {
+    return g_evidence.tls_write == kSslWantRead || g_evidence.tls_write == kSslWantWrite;
+}
 
 void evidence_take(const char *format, va_list args) {
     const int error = errno;
@@ -202,11 +199,13 @@ void evidence_take(const char *format, va_list args) {
 }
 
 void evidence_response(const char *text) {
-    g_response = {};
-    const char *status = strncmp(text, "HTTP/", 5) == 0 ? strchr(text, ' ') : nullptr;
-    if (status) g_response.status = static_cast<int>(strtol(status, nullptr, 10));
-    g_response.accept_exact = strstr(text, "Sec-WebSocket-Accept: ") != nullptr;
-    g_response.accept_any = strcasestr(text, "\nSec-WebSocket-Accept") != nullptr;
+    g_evidence.response = {};
+    const char *version = strstr(text, "HTTP/");
+    const char *status = version ? strchr(version, ' ') : nullptr;
+    for (int i = 1; status && i <= 3 && status[i] >= '0' && status[i] <= '9'; i++)
+        g_evidence.response.status = g_evidence.response.status * 10 + (status[i] - '0');
+    g_evidence.response.accept_exact = strstr(text, "Sec-WebSocket-Accept: ") != nullptr;
+    g_evidence.response.accept_any = strcasestr(text, "\nSec-WebSocket-Accept") != nullptr;
 }
 
 }  // namespace ctm

@@ -7,7 +7,16 @@
 
 #include <cstdarg>
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
+
+// A message's arguments, each at its place among all of them.
+struct Arguments {
+    union {
+        int number;
+        const char *text;
+    } at[7];
+};
+Arguments arguments_of(const char *format, va_list args);
 
 // evidence_clear forgets what was found: before a call of libcloudtunnel, and once it is used.
 void evidence_clear();
@@ -21,8 +30,9 @@ void evidence_take(const char *format, va_list args);
 
 // What the last TLS write that failed was waiting for: it may be repeated as it was. False where it is lost.
 bool evidence_tls_write_again();
+bool evidence_tls_write_reads_first();
 
 // evidence_response reads the platform's answer to the upgrade, as the log shows it.
 void evidence_response(const char *text);
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

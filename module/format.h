@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 // format_id returns the number of a format (FNV-1a, 32 bits).
 constexpr uint32_t format_id(const char *format) {
@@ -13,4 +13,4 @@ constexpr uint32_t format_id(const char *format) {
     return id;
 }
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

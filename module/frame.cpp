@@ -38,13 +38,12 @@ uint8_t *frame_wrap(uint8_t *payload, size_t length, uint8_t opcode, bool fin) {
     return frame;
 }
 
-bool frame_announced(const uint8_t *data, size_t length, uint64_t *announced) {
-    if (length < 2) return false;
+uint64_t frame_announced(const uint8_t *data, size_t length) {
+    if (length < 2) return 0;
     const uint8_t code = data[1] & kLengthBits;
     const size_t size = code == kLength64 ? 8 : code == kLength16 ? 2 : 0;
-    if (length < 2 + size) return false;
-    *announced = size > 0 ? big_endian(data + 2, size) : code;
-    return true;
+    if (length < 2 + size) return 0;
+    return size > 0 ? big_endian(data + 2, size) : code;
 }
 
 }  // namespace ctm

@@ -4,11 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 enum : uint8_t { kContinuation = 0, kText = 1, kBinary = 2, kClose = 8, kPing = 9, kPong = 10 };
 
 constexpr size_t kControlMax = 125;    // payload of a control frame, and what 7 bits hold
+constexpr size_t kStatusSize = 2;      // of a close frame's payload, in front of the reason
 constexpr size_t kPayloadMax = 65535;  // what 16 bits hold
 constexpr size_t kSmallHeader = 6;     // with the mask key
 constexpr size_t kHeaderMax = 8;
@@ -17,7 +18,7 @@ constexpr size_t kHeaderMax = 8;
 // room of kHeaderMax bytes that must be there, and the mask over them. Returns the frame's first byte.
 uint8_t *frame_wrap(uint8_t *payload, size_t length, uint8_t opcode, bool fin);
 
-// frame_announced reads the length of payload that a received header announces. False where it is not whole.
-bool frame_announced(const uint8_t *data, size_t length, uint64_t *announced);
+// frame_announced returns the length of payload that a received header announces; 0 as long as it is not whole.
+uint64_t frame_announced(const uint8_t *data, size_t length);
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 // What a message says beside its cause, and where among its arguments.
 enum class Says : uint8_t {
@@ -84,4 +84,4 @@ constexpr KnownMessage kKnownMessages[] = {
      "", CTM_CAUSE_NONE, Says::tls_write, 4},
 };
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

@@ -18,8 +18,8 @@ namespace {
 
 constexpr int32_t kStepLevel = 5;     // the highest level of a message that evidence or a step is read from
 constexpr uint32_t kDetailLevel = 7;  // packet dumps
-constexpr size_t kShort = 512;        // a message up to here needs no memory of its own
 constexpr uint32_t kDumpText = format_id("***************** String *****************");
+constexpr uint32_t kDumpHex = format_id("%s");  // and any other text
 constexpr uint32_t kResponse = format_id("[Model %s]msg rcv merge:");
 
 struct {
@@ -49,70 +49,38 @@ constexpr uint32_t kSteps[] = {
 };
 static_assert(std::size(kSteps) == CTM_STEPS - CTM_STEP_TCP);
 
-void take_step(const char *format, va_list args) {
-    const uint32_t id = format_id(format);
+void take_step(uint32_t id, const char *format, va_list args) {
     for (int step = CTM_STEP_TCP; step < CTM_STEPS; step++) {
-        if (kSteps[step - CTM_STEP_TCP] != id) continue;
-        va_list copy;
-        va_copy(copy, args);
-        note(tunnel_of_model(va_arg(copy, const char *)), static_cast<ctm_step>(step));
-        va_end(copy);
+        if (kSteps[step - CTM_STEP_TCP] == id)
+            note(tunnel_of_model(arguments_of(format, args).at[0].text), static_cast<ctm_step>(step));
     }
 }
 
 // take_dump reads the platform's answer from the packet dump that follows its announcement.
-void take_dump(const char *format, va_list args) {
-    const uint32_t id = format_id(format);
+void take_dump(uint32_t id, const char *format, va_list args) {
     if (id == kResponse) {
         g_log.response_follows = true;
     } else if (id == kDumpText) {
         g_log.dump_text = true;
     } else if (g_log.dump_text && g_log.response_follows) {
-        va_list copy;
-        va_copy(copy, args);
-        evidence_response(va_arg(copy, const char *));
-        va_end(copy);
+        evidence_response(arguments_of(format, args).at[0].text);
         g_log.response_follows = false;
     }
 }
 
-// hidden returns what is shown in place of a message; null where it is shown itself, an empty text where nothing is.
-const char *hidden(uint32_t level, const char *format) {
-    if (g_log.secrets) return nullptr;
-    if (level == kDetailLevel && strcmp(format, "%s") == 0 && !g_log.dump_text) return "";  // bytes in hexadecimal
-    switch (format_id(format)) {
-        case format_id("token %s cookie %s"):
-            return "token *** cookie ***";
-        case format_id("buffer len [%d] detail [%s]"):
-            return "buffer detail [***]";
-        case format_id("Rcv set-cookie %s."):
-            return "Rcv set-cookie ***.";
-        default:
-            return nullptr;
-    }
-}
-
-void show(uint32_t level, char *text) {
-    for (size_t length = strlen(text); length > 0 && text[length - 1] == '\n';) text[--length] = '\0';
+CLOUDTUNNEL_PRINTF(2, 0) void show(uint32_t level, const char *format, va_list args) {
+    char *text = nullptr;
+    int length = vasprintf(&text, format, args);
+    if (length < 0) return;
+    const Owned<char> whole(text);
+    while (length > 0 && text[length - 1] == '\n') text[--length] = '\0';
     if (!g_log.secrets) secrets_blank(text);
     g_log.log(level, text, g_log.user);
 }
 
-CLOUDTUNNEL_PRINTF(2, 0) void format_and_show(uint32_t level, const char *format, va_list args) {
-    if (const char *instead = hidden(level, format)) {
-        if (*instead) g_log.log(level, instead, g_log.user);
-        return;
-    }
-    char text[kShort];
-    va_list copy;
-    va_copy(copy, args);
-    const int length = vsnprintf(text, sizeof text, format, copy);
-    va_end(copy);
-    if (length < 0) return;
-    const size_t size = static_cast<size_t>(length) + 1;
-    const Owned<char> whole(size > sizeof text ? static_cast<char *>(malloc(size)) : nullptr);
-    if (whole) vsnprintf(whole.get(), size, format, args);
-    show(level, whole ? whole.get() : text);
+// is_hidden tells whether a message is not shown at all: bytes in hexadecimal may be those of a secret.
+bool is_hidden(uint32_t level, uint32_t id) {
+    return !g_log.secrets && level == kDetailLevel && id == kDumpHex && !g_log.dump_text;
 }
 
 }  // namespace
@@ -144,16 +112,17 @@ bool log_step_noted() {
 
 int log_print(uint32_t level, const char *format, ...) {
     const int error = errno;  // libcloudtunnel looks at it behind a message
+    const uint32_t id = format_id(format);
     va_list args;
     va_start(args, format);
     if (level <= static_cast<uint32_t>(kStepLevel)) {
         evidence_take(format, args);
-        take_step(format, args);
+        take_step(id, format, args);
     } else if (level <= kDetailLevel) {
-        take_dump(format, args);
+        take_dump(id, format, args);
     }
-    if (g_log.log && level <= g_log.level) format_and_show(level, format, args);
-    if (level == kDetailLevel && format_id(format) != kDumpText) g_log.dump_text = false;
+    if (g_log.log && level <= g_log.level && !is_hidden(level, id)) show(level, format, args);
+    if (level == kDetailLevel && id != kDumpText) g_log.dump_text = false;
     va_end(args);
     errno = error;
     return 0;

@@ -6,7 +6,7 @@
 #include <cloudtunnel.h>
 #include <cloudtunnel_module.h>
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 constexpr uint32_t kLogLevelMax = 9;
 
@@ -38,4 +38,4 @@ class ResponseWatch {
     FILE *before_ = nullptr;
 };
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

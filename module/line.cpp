@@ -17,12 +17,12 @@ namespace {
 constexpr size_t kWriteMax = 16384;
 constexpr int kWritesAtOnce = 32;  // before other tunnels get their turn
 
-bool writable(int sock) {
-    struct pollfd look = {.fd = sock, .events = POLLOUT, .revents = 0};
-    return poll(&look, 1, 0) > 0;
-}
-
-enum class Written { some, later, lost };
+enum class Written {
+    some,
+    later,        // the line has no room
+    reads_first,  // TLS has to read before it can write on
+    lost,
+};
 
 // write_some writes from the frame that is under way. A write that the line did not take is repeated later as it was:
 // the same bytes at the same place, as OpenSSL wants it.
@@ -34,6 +34,7 @@ Written write_some(const ctm_tunnel *tunnel, size_t *count) {
         *count = static_cast<size_t>(written);
         return Written::some;
     }
+    if (evidence_tls_write_reads_first()) return Written::reads_first;
     return written == -2 || evidence_tls_write_again() ? Written::later : Written::lost;
 }
 
@@ -47,13 +48,11 @@ void count_sent(ctm_tunnel *tunnel, const Outbox::Sent &sent) {
             tunnel->counters.pings++;
             if (tunnel->ping_sent_us == 0) tunnel->ping_sent_us = now_us();
             break;
-        case Outbox::Done::close:
-            tunnel->due_us = tunnel->peer_closed ? tunnel->due_us : after(now_us(), tunnel->options.close_ms);
-            break;
         case Outbox::Done::nothing:
         case Outbox::Done::fragment:
         case Outbox::Done::dropped:
         case Outbox::Done::pong:
+        case Outbox::Done::close:
             break;
     }
 }
@@ -69,7 +68,7 @@ bool has_room(const ctm_tunnel *tunnel) { return tunnel->outbox.has_room(tunnel-
 
 void watch(ctm_tunnel *tunnel, bool wanted) {
     if (tunnel->watched == wanted) return;
-    tunnel->watched = process_watch(tunnel->sock, registry_index(tunnel->row), wanted) && wanted;
+    tunnel->watched = process_watch(tunnel->sock, tunnel->row, wanted) && wanted;
     if (wanted && !tunnel->watched) lose(tunnel, errno);  // nobody would say when to send on
 }
 
@@ -77,20 +76,19 @@ void watch(ctm_tunnel *tunnel, bool wanted) {
 
 void line_pump(ctm_tunnel *tunnel) {
     if (tunnel->sock < 0 || tunnel->broken) return;
-    bool waits = false;
-    for (int i = 0; i < kWritesAtOnce && !waits && tunnel->outbox.next(tunnel->options.fragment); i++) {
-        if (!writable(tunnel->sock)) break;
+    tunnel->reads_first = false;
+    for (int i = 0; i < kWritesAtOnce && tunnel->outbox.next(tunnel->options.fragment); i++) {
+        if (process_poll(tunnel->sock, POLLOUT, 0) <= 0) break;
         size_t count = 0;
         const Written written = write_some(tunnel, &count);
         if (written == Written::lost) return lose(tunnel, errno);
-        waits = written == Written::later;
-        if (waits) break;
-        // As long as the line moves, a close that waits behind the queue waits on.
-        if (tunnel->state == CTM_CLOSING && !tunnel->peer_closed)
-            tunnel->due_us = after(now_us(), tunnel->options.close_ms);
+        tunnel->reads_first = written == Written::reads_first;
+        if (written != Written::some) break;
+        if (tunnel->state == CTM_CLOSING) tunnel_wait_on(tunnel);
         count_sent(tunnel, tunnel->outbox.sent(count));
     }
-    watch(tunnel, tunnel->outbox.next(tunnel->options.fragment));
+    // What TLS has to read first, libcloudtunnel's descriptor reports: the socket has room all the time.
+    watch(tunnel, !tunnel->reads_first && tunnel->outbox.next(tunnel->options.fragment));
     if (tunnel->refused && has_room(tunnel)) process_wake();
 }
 
@@ -101,7 +99,7 @@ void line_writable(ctm_tunnel *tunnel) {
 }
 
 void line_end(ctm_tunnel *tunnel) {
-    if (tunnel->watched) process_watch(tunnel->sock, registry_index(tunnel->row), false);
+    if (tunnel->watched) process_watch(tunnel->sock, tunnel->row, false);
     tunnel->watched = false;
     tunnel->refused = false;
     tunnel->outbox.clear();

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <memory>
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 struct Free {
     void operator()(void *block) const { free(block); }
@@ -12,4 +12,4 @@ struct Free {
 template <typename T>
 using Owned = std::unique_ptr<T, Free>;
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

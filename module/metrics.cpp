@@ -7,6 +7,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "names.h"
 #include "process.h"
 #include "totals.h"
 #include "tunnel.h"
@@ -50,12 +51,20 @@ struct Escaped {
     char text[2 * CTM_NAME_MAX + 1];
 };
 
-enum class Unit : uint8_t { count, bytes, microseconds };
+enum class Type : uint8_t { counter, gauge, stateset };
+constexpr char kTypes[] = "counter\0gauge\0stateset";
 
-enum class Type : uint8_t { counter, gauge };
+enum class Unit : uint8_t { none, bytes, milliseconds, microseconds };
+constexpr char kUnits[] = "\0bytes\0seconds\0seconds";
+
+// What tells a family's samples of one tunnel from each other.
+enum class Label : uint8_t { none, state, cause };
 
 // The names of the families, behind "cloudtunnel_".
 constexpr char kFamilyNames[] =
+    "state\0"
+    "state_seconds\0"
+    "ended\0"
     "attempts\0"
     "opened\0"
     "messages_in\0"
@@ -75,83 +84,67 @@ constexpr char kFamilyNames[] =
 struct Family {
     Type type;
     Unit unit;
-    uint16_t at;  // of the value in ctm_counters
+    Label label;
+    uint16_t at;  // of the value, or of the first value, in ctm_counters
 };
 constexpr Family kFamilies[] = {
-    {Type::counter, Unit::count, offsetof(ctm_counters, attempts)},
-    {Type::counter, Unit::count, offsetof(ctm_counters, opened)},
-    {Type::counter, Unit::count, offsetof(ctm_counters, messages_in)},
-    {Type::counter, Unit::count, offsetof(ctm_counters, messages_out)},
-    {Type::counter, Unit::bytes, offsetof(ctm_counters, bytes_in)},
-    {Type::counter, Unit::bytes, offsetof(ctm_counters, bytes_out)},
-    {Type::counter, Unit::count, offsetof(ctm_counters, pings)},
-    {Type::counter, Unit::count, offsetof(ctm_counters, pongs)},
-    {Type::counter, Unit::count, offsetof(ctm_counters, refused)},
-    {Type::gauge, Unit::count, offsetof(ctm_counters, queue_messages)},
-    {Type::gauge, Unit::bytes, offsetof(ctm_counters, queue_bytes)},
-    {Type::gauge, Unit::bytes, offsetof(ctm_counters, queue_most)},
-    {Type::gauge, Unit::microseconds, offsetof(ctm_counters, round_trip_last_us)},
-    {Type::gauge, Unit::microseconds, offsetof(ctm_counters, round_trip_smallest_us)},
-    {Type::gauge, Unit::microseconds, offsetof(ctm_counters, round_trip_mean_us)},
+    {Type::stateset, Unit::none, Label::state, 0},
+    {Type::counter, Unit::milliseconds, Label::state, offsetof(ctm_counters, state_ms)},
+    {Type::counter, Unit::none, Label::cause, offsetof(ctm_counters, ended)},
+    {Type::counter, Unit::none, Label::none, offsetof(ctm_counters, attempts)},
+    {Type::counter, Unit::none, Label::none, offsetof(ctm_counters, opened)},
+    {Type::counter, Unit::none, Label::none, offsetof(ctm_counters, messages_in)},
+    {Type::counter, Unit::none, Label::none, offsetof(ctm_counters, messages_out)},
+    {Type::counter, Unit::bytes, Label::none, offsetof(ctm_counters, bytes_in)},
+    {Type::counter, Unit::bytes, Label::none, offsetof(ctm_counters, bytes_out)},
+    {Type::counter, Unit::none, Label::none, offsetof(ctm_counters, pings)},
+    {Type::counter, Unit::none, Label::none, offsetof(ctm_counters, pongs)},
+    {Type::counter, Unit::none, Label::none, offsetof(ctm_counters, refused)},
+    {Type::gauge, Unit::none, Label::none, offsetof(ctm_counters, queue_messages)},
+    {Type::gauge, Unit::bytes, Label::none, offsetof(ctm_counters, queue_bytes)},
+    {Type::gauge, Unit::bytes, Label::none, offsetof(ctm_counters, queue_most)},
+    {Type::gauge, Unit::microseconds, Label::none, offsetof(ctm_counters, round_trip_last_us)},
+    {Type::gauge, Unit::microseconds, Label::none, offsetof(ctm_counters, round_trip_smallest_us)},
+    {Type::gauge, Unit::microseconds, Label::none, offsetof(ctm_counters, round_trip_mean_us)},
 };
 static_assert(word_count(kFamilyNames) == std::size(kFamilies));
 
-void add_head(Text &text, const char *name, const char *type, const char *unit) {
-    text.add("# TYPE cloudtunnel_%s %s\n", name, type);
-    if (*unit) text.add("# UNIT cloudtunnel_%s %s\n", name, unit);
+// add_label writes the label that tells sample `index` from the tunnel's others. A state set's is named as its family.
+void add_label(Text &text, const Family &family, int index) {
+    if (family.label == Label::none) return;
+    const bool cause = family.label == Label::cause;
+    const char *name = family.type == Type::stateset ? "cloudtunnel_state" : cause ? "cause" : "state";
+    text.add(",%s=\"%s\"", name, cause ? cause_name(index) : state_name(index));
 }
 
-// for_each calls `sample` with the counters of each tunnel and its model as a label's value.
-template <typename Sample>
-void for_each(Sample sample) {
-    for (const ModelRow &row : registry_rows()) {
-        if (row.tunnel) sample(row.tunnel, counters_of(row.tunnel), Escaped(row.model).text);
+void add_value(Text &text, Unit unit, unsigned long long value) {
+    if (unit < Unit::milliseconds) return text.add("} %llu\n", value);
+    if (unit == Unit::milliseconds) value *= 1000;
+    text.add("} %llu.%06llu\n", value / 1000000, value % 1000000);
+}
+
+void add_samples(Text &text, const Family &family, const char *name, const ctm_tunnel *tunnel) {
+    const ctm_counters &counters = counters_of(tunnel);
+    const Escaped model(tunnel->model);
+    int index = family.label == Label::cause ? CTM_CAUSE_NONE + 1 : 0;
+    const int end = family.label == Label::cause ? CTM_CAUSES : family.label == Label::state ? CTM_STATES : 1;
+    for (; index < end; index++) {
+        text.add("cloudtunnel_%s%s{model=\"%s\"", name, family.type == Type::counter ? "_total" : "", model.text);
+        add_label(text, family, index);
+        add_value(text, family.unit,
+                  family.type == Type::stateset
+                      ? tunnel->state == index
+                      : counter_at(counters, family.at + sizeof(uint64_t) * static_cast<size_t>(index)));
     }
 }
 
 void add_family(Text &text, const Family &family, const char *name) {
-    const char *unit = family.unit == Unit::bytes ? "bytes" : family.unit == Unit::microseconds ? "seconds" : "";
-    const bool counter = family.type == Type::counter;
-    add_head(text, name, counter ? "counter" : "gauge", unit);
-    for_each([&](const ctm_tunnel *, const ctm_counters &counters, const char *model) {
-        unsigned long long value = 0;
-        memcpy(&value, reinterpret_cast<const char *>(&counters) + family.at, sizeof value);
-        text.add("cloudtunnel_%s%s{model=\"%s\"} ", name, counter ? "_total" : "", model);
-        if (family.unit == Unit::microseconds)
-            text.add("%llu.%06llu\n", value / 1000000, value % 1000000);
-        else
-            text.add("%llu\n", value);
-    });
-}
-
-void add_state(Text &text) {
-    add_head(text, "state", "stateset", "");
-    for_each([&](const ctm_tunnel *tunnel, const ctm_counters &, const char *model) {
-        for (int state = 0; state < CTM_STATES; state++)
-            text.add("cloudtunnel_state{model=\"%s\",cloudtunnel_state=\"%s\"} %d\n", model,
-                     ctm_state_name(static_cast<ctm_state>(state)), tunnel->state == state);
-    });
-}
-
-void add_state_time(Text &text) {
-    add_head(text, "state_seconds", "counter", "seconds");
-    for_each([&](const ctm_tunnel *, const ctm_counters &counters, const char *model) {
-        for (int state = 0; state < CTM_STATES; state++) {
-            const auto ms = static_cast<unsigned long long>(counters.state_ms[state]);
-            text.add("cloudtunnel_state_seconds_total{model=\"%s\",state=\"%s\"} %llu.%03llu\n", model,
-                     ctm_state_name(static_cast<ctm_state>(state)), ms / 1000, ms % 1000);
-        }
-    });
-}
-
-void add_ended(Text &text) {
-    add_head(text, "ended", "counter", "");
-    for_each([&](const ctm_tunnel *, const ctm_counters &counters, const char *model) {
-        for (int cause = CTM_CAUSE_NONE + 1; cause < CTM_CAUSES; cause++)
-            text.add("cloudtunnel_ended_total{model=\"%s\",cause=\"%s\"} %llu\n", model,
-                     ctm_cause_name(static_cast<ctm_cause>(cause)),
-                     static_cast<unsigned long long>(counters.ended[cause]));
-    });
+    const char *unit = word_at(kUnits, static_cast<size_t>(family.unit));
+    text.add("# TYPE cloudtunnel_%s %s\n", name, word_at(kTypes, static_cast<size_t>(family.type)));
+    if (*unit) text.add("# UNIT cloudtunnel_%s %s\n", name, unit);
+    for (const ModelRow &row : registry_rows()) {
+        if (row.tunnel) add_samples(text, family, name, row.tunnel);
+    }
 }
 
 }  // namespace
@@ -160,11 +153,7 @@ void add_ended(Text &text) {
 size_t ctm_metrics(char *text, size_t size) {
     if (!ctm::process_up()) return 0;
     ctm::Text out(text, text ? size : 0);
-    ctm::add_head(out, "daemon", "gauge", "");
-    out.add("cloudtunnel_daemon %d\n", ctm_daemon());
-    ctm::add_state(out);
-    ctm::add_state_time(out);
-    ctm::add_ended(out);
+    out.add("# TYPE cloudtunnel_daemon gauge\ncloudtunnel_daemon %d\n", ctm::process_daemon());
     const char *name = ctm::kFamilyNames;
     for (const ctm::Family &family : ctm::kFamilies) {
         ctm::add_family(out, family, name);

@@ -29,6 +29,14 @@ void Outbox::put(Control &control, const void *body, size_t length) {
     if (length > 0) memcpy(control.body, body, length);
 }
 
+void Outbox::close(uint16_t status, std::string_view reason) {
+    close_.waits = true;
+    close_.length = static_cast<uint8_t>(kStatusSize + reason.size());
+    close_.body[0] = static_cast<uint8_t>(status >> 8);
+    close_.body[1] = static_cast<uint8_t>(status & 0xff);
+    memcpy(close_.body + kStatusSize, reason.data(), reason.size());
+}
+
 void Outbox::remove_first() {
     Item *item = first_;
     first_ = item->next;
@@ -40,20 +48,13 @@ void Outbox::remove_first() {
 
 void Outbox::drop_messages() {
     const bool fragment_under_way = wire_left_ > 0 && (wire_done_ == Done::fragment || wire_done_ == Done::message);
+    // The frame that is under way goes out to the end: the peer is in the middle of it.
     Item *kept = fragment_under_way ? first_ : nullptr;
-    if (kept) {
-        first_ = kept->next;
-        if (!first_) last_ = nullptr;
-        messages_--;
-        bytes_ -= kept->length - kept->at;
-    }
+    if (kept) first_ = kept->next;
     while (first_) remove_first();
-    if (!kept) return;
-    // Its frame goes out to the end: the peer is in the middle of it.
-    kept->next = nullptr;
     first_ = last_ = kept;
-    messages_ = 1;
-    bytes_ = kept->length - kept->at;
+    if (!kept) return;
+    kept->next = nullptr;
     wire_done_ = Done::dropped;
 }
 

@@ -7,10 +7,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "frame.h"
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 class Outbox {
   public:
@@ -27,6 +28,7 @@ class Outbox {
     void ping(const void *body, size_t length) { put(ping_, body, length); }
     void pong(const void *body, size_t length) { put(pong_, body, length); }
     void close(const void *body, size_t length) { put(close_, body, length); }
+    void close(uint16_t status, std::string_view reason);
 
     // drop_messages drops what has not begun to go out; the rest of a message in fragments as well.
     void drop_messages();
@@ -92,4 +94,4 @@ class Outbox {
     Done wire_done_ = Done::nothing;
 };
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 class Pause {
   public:
@@ -24,4 +24,4 @@ class Pause {
     uint32_t base_ms_;
 };
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

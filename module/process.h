@@ -1,17 +1,21 @@
 // The process: libcloudtunnel brought up, the loop's descriptor, and what a dispatch does.
 #pragma once
 
-#include <cstdint>
+#include "registry.h"
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 [[nodiscard]] bool process_up();
+[[nodiscard]] bool process_daemon();  // its link stands
 
 // process_wake makes the loop's descriptor readable: something is due that was not when the loop asked.
 void process_wake();
 
-// process_watch begins or ends the watch over a tunnel's socket for writability; its model has row `index`. False where
-// the system refuses.
-bool process_watch(int sock, unsigned index, bool wanted);
+// process_watch begins or ends the watch over the socket of a row's tunnel for writability. False where the system
+// refuses.
+bool process_watch(int sock, ModelRow *row, bool wanted);
 
-}  // namespace ctm
+// process_poll waits for `events` of one descriptor, at most `timeout_ms`; its result is poll's.
+int process_poll(int fd, short events, int timeout_ms);
+
+}  // namespace gnu::visibility("hidden")]]ctm

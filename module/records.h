@@ -2,31 +2,18 @@
 // empty value, and is not written.
 #pragma once
 
-#include <algorithm>
+#include <cloudtunnel_module.h>
+
 #include <cstddef>
-#include <cstring>
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
-constexpr size_t kRecordMax = 4096;  // no release of a record is larger: what is, was never set
+// record_read copies the caller's record `from` to one of `known` bytes. CTM_BAD_SIZE for a size that cannot be one:
+// `least` bytes are there in every release.
+ctm_result record_read(void *to, size_t known, const void *from, size_t least);
 
-// record_read copies a caller's record of `size` bytes. False for a size that cannot be one: `least` bytes are there in
-// every release.
-template <typename Record>
-[[nodiscard]] bool record_read(Record &to, const Record *from, size_t size, size_t least) {
-    if (size < least || size > kRecordMax) return false;
-    memcpy(&to, from, std::min(size, sizeof to));
-    return true;
-}
+// record_write fills the caller's record `to` from one of `known` bytes, and leaves its size field as the caller set
+// it. CTM_NULL where there is none.
+ctm_result record_write(void *to, const void *from, size_t known, size_t least);
 
-// record_write fills a caller's record of `size` bytes, its size field as the caller set it.
-template <typename Record>
-[[nodiscard]] bool record_write(Record *to, Record from, size_t least) {
-    const size_t size = to->size;
-    if (size < least || size > kRecordMax) return false;
-    from.size = size;
-    memcpy(to, &from, std::min(size, sizeof from));
-    return true;
-}
-
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

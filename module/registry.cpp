@@ -7,30 +7,27 @@
 #include "tunnel.h"
 
 namespace ctm {
-namespace {
 
-ModelRow g_rows[CTM_TUNNEL_MAX] = {};
+ModelRow g_registry_rows[CTM_TUNNEL_MAX] = {};
 
-ModelRow *find(const char *model) {
-    for (ModelRow &row : g_rows) {
+ModelRow *registry_find(const char *model) {
+    for (ModelRow &row : registry_rows()) {
         if (strcmp(row.model, model) == 0) return &row;
     }
     return nullptr;
 }
 
-}  // namespace
-
 ModelRow *registry_take(const char *model, const char *sub_name, ctm_result *result) {
-    if (ModelRow *known = find(model)) return known;
-    ModelRow *row = find("");
+    if (ModelRow *known = registry_find(model)) return known;
+    ModelRow *row = registry_find("");
     if (!row) {
         *result = CTM_TOO_MANY;
         return nullptr;
     }
-    CLOUDTUNNEL_MODULE_REG registration = {};
+    static CLOUDTUNNEL_MODULE_REG registration;  // libcloudtunnel copies it
     registration.pcName = model;
     registration.pcSubName = sub_name;
-    callbacks_set(registration, registry_index(row));
+    callbacks_set(registration, static_cast<unsigned>(row - g_registry_rows));
     if (CLOUDTUNNEL_MODULE_Register(&registration) != 0) {
         *result = CTM_NO_MEMORY;
         return nullptr;
@@ -39,12 +36,8 @@ ModelRow *registry_take(const char *model, const char *sub_name, ctm_result *res
     return row;
 }
 
-std::span<ModelRow, CTM_TUNNEL_MAX> registry_rows() { return g_rows; }
-
-unsigned registry_index(const ModelRow *row) { return static_cast<unsigned>(row - g_rows); }
-
 int registry_report(unsigned code) {
-    ModelRow &row = g_rows[code / kReports];
+    ModelRow &row = g_registry_rows[code / kReports];
     const auto report = static_cast<Report>(code % kReports);
     // A broken link to the daemon is reported as closed, too, for every model; what is known of the model stands.
     if (report == Report::closed && g_iCloudClientConnFd < 0) return 0;
@@ -57,7 +50,7 @@ int registry_report(unsigned code) {
 }
 
 void registry_clear() {
-    for (ModelRow &row : g_rows) row = {};
+    for (ModelRow &row : registry_rows()) row = {};
 }
 
 const CLOUDTUNNEL_MODULE_NODE *registry_node(const char *model) { return cloudmgr_module_getmodNodeByName(model); }

@@ -8,7 +8,7 @@
 
 #include <span>
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 struct ModelRow {
     char model[CTM_NAME_MAX + 1];  // empty: not used yet
@@ -16,13 +16,16 @@ struct ModelRow {
     bool data;                     // the daemon has sent tunnel data, and has not closed the model since
 };
 
+// registry_find returns the row of a model, null where it has none.
+ModelRow *registry_find(const char *model);
+
 // registry_take returns the row of a model, registered with the daemon; null, with *result set, when there is no room.
 // Blocks until the daemon has answered.
 ModelRow *registry_take(const char *model, const char *sub_name, ctm_result *result);
 
 // registry_rows returns all rows. They stay where they are: a walk by index survives what a callback does.
-std::span<ModelRow, CTM_TUNNEL_MAX> registry_rows();
-unsigned registry_index(const ModelRow *row);
+extern ModelRow g_registry_rows[CTM_TUNNEL_MAX];
+inline std::span<ModelRow, CTM_TUNNEL_MAX> registry_rows() { return g_registry_rows; }
 
 // registry_report takes what the daemon says of the model of a row: both in one number. Always 0.
 enum class Report : unsigned { data, closed, notice };
@@ -38,4 +41,4 @@ void registry_clear();
 // registry_node returns what libcloudtunnel knows of a model, null where it is not registered.
 const CLOUDTUNNEL_MODULE_NODE *registry_node(const char *model);
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

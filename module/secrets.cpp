@@ -19,18 +19,25 @@ constexpr char kMarkers[] =
     "\"tokenID\":\"\0"
     "\"\0"
     "\"tokenID\": \"\0"
-    "\"\0";
+    "\"\0"
+    "token \0"  // as libcloudtunnel logs what the daemon and the platform send
+    " \r\n\0"
+    " cookie \0"
+    "\r\n\0"
+    "set-cookie \0"
+    "\r\n\0"
+    "] detail [\0"
+    "\0";
 constexpr char kBlank[] = "***";
-constexpr size_t kBlankSize = sizeof kBlank - 1;
 
 void blank_all(char *text, const char *begin, const char *end) {
     while ((text = strcasestr(text, begin))) {
         text += strlen(begin);
-        const size_t length = strcspn(text, end);
-        const size_t kept = length < kBlankSize ? length : kBlankSize;
-        memcpy(text, kBlank, kept);
-        memmove(text + kept, text + length, strlen(text + length) + 1);
-        text += kept;
+        const char *rest = text;
+        while (!strchr(end, *rest)) rest++;  // or the end of the text
+        for (const char *blank = kBlank; *blank && text < rest;) *text++ = *blank++;
+        for (char *to = text; (*to++ = *rest++);) {
+        }
     }
 }
 

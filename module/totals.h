@@ -3,14 +3,18 @@
 
 #include <cloudtunnel_module.h>
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 void totals_clear();
 
-// totals_keep adds the counters of a tunnel that is being freed to those that stay.
+// totals_keep adds the counters of a tunnel that is being freed, its queue empty, to those that stay.
 void totals_keep(const ctm_tunnel *tunnel);
 
-ctm_counters counters_of(const ctm_tunnel *tunnel);
-ctm_counters counters_of_all();
+// Both return one record of this component's, which holds until the next call.
+const ctm_counters &counters_of(const ctm_tunnel *tunnel);
+const ctm_counters &counters_of_all();
 
-}  // namespace ctm
+// counter_at returns the counter at `offset` of the record: apart from its size, all of it are numbers of 64 bits.
+uint64_t counter_at(const ctm_counters &counters, size_t offset);
+
+}  // namespace gnu::visibility("hidden")]]ctm

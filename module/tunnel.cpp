@@ -15,12 +15,9 @@ namespace ctm {
 
 namespace {
 
-constexpr uint32_t kSetupMax = 32;                   // set-ups at once in libcloudtunnel
-constexpr int64_t kSetupRetry = 200 * kMillisecond;  // until one of them may be over
-constexpr int64_t kWatchdog = 190 * kSecond;         // 120 s to connect, 30 s for each of two answers, and some
-constexpr int64_t kLinger = kSecond;                 // for the peer to end the connection, its close being answered
+constexpr int64_t kWatchdog = 190 * kSecond;  // 120 s to connect, 30 s for each of two answers, and some
+constexpr uint32_t kLingerMs = 1000;          // for the peer to end the connection, its close being answered
 constexpr uint16_t kPlainPort = 80;
-constexpr size_t kStatusSize = 2;
 enum : uint16_t {
     kNormal = 1000,
     kProtocolError = 1002,
@@ -30,7 +27,7 @@ enum : uint16_t {
     kOurError = 1011
 };
 
-int g_awaiting = 0;
+ctm_tunnel *g_freed = nullptr;  // the memory of these is still held
 
 bool step_done(const ctm_tunnel *tunnel, ctm_step step) { return tunnel->steps_done & 1U << step; }
 
@@ -39,20 +36,13 @@ bool stands(const ctm_tunnel *tunnel) {
     return tunnel->state == CTM_CONNECTING || tunnel->state == CTM_OPEN || tunnel->state == CTM_CLOSING;
 }
 
-void set_awaiting(ctm_tunnel *tunnel, bool awaits) {
-    if (tunnel->awaits_answer == awaits) return;
-    tunnel->awaits_answer = awaits;
-    g_awaiting += awaits ? 1 : -1;
-}
-
 // blame sets why the state that follows is entered.
-void blame(ctm_tunnel *tunnel, ctm_cause cause, std::string_view detail, int32_t close_status = 0) {
+[[gnu::noinline]] void blame(ctm_tunnel *tunnel, ctm_cause cause, std::string_view detail, int32_t close_status = 0) {
     ctm_cause_info &info = tunnel->cause;
     info = {};
-    info.size = sizeof info;
     info.cause = cause;
     info.close_status = close_status;
-    detail.copy(info.detail, sizeof info.detail - 1);
+    memcpy(info.detail, detail.data(), std::min(detail.size(), sizeof info.detail - 1));
 }
 
 void blame_nothing(ctm_tunnel *tunnel) { blame(tunnel, CTM_CAUSE_NONE, ""); }
@@ -61,12 +51,13 @@ void blame_nothing(ctm_tunnel *tunnel) { blame(tunnel, CTM_CAUSE_NONE, ""); }
 
 // enter has the tunnel enter a state; blame has set why.
 void enter(ctm_tunnel *tunnel, ctm_state state) {
-    const int64_t now = now_us();
-    tunnel->counters.state_us[tunnel->state] += now - tunnel->state_since_us;
+    const uint64_t ms = tunnel_state_ms(tunnel);
+    tunnel->counters.state_ms[tunnel->state] += ms;
+    tunnel->state_since_ms += static_cast<int64_t>(ms);
     tunnel->state = state;
-    tunnel->state_since_us = now;
-    const ctm_cause_info shown = tunnel->cause;
-    notify(tunnel, tunnel->options.state, state, &shown);
+    ctm_cause_info shown = tunnel->cause;
+    shown.size = sizeof shown;
+    notify(tunnel, tunnel->options.state, state, static_cast<const ctm_cause_info *>(&shown));
 }
 
 void enter_waiting(ctm_tunnel *tunnel) {
@@ -109,10 +100,8 @@ void settle(ctm_tunnel *tunnel) {
 
 // finish has an attempt or a tunnel end whose connection is gone; blame has set why.
 void finish(ctm_tunnel *tunnel) {
-    const Pin pin(tunnel);
     const bool was_open = tunnel->state == CTM_OPEN || tunnel->state == CTM_CLOSING;
     line_end(tunnel);
-    set_awaiting(tunnel, false);
     tunnel->assembly.clear();
     tunnel->sock = -1;
     tunnel->broken = false;
@@ -146,15 +135,20 @@ void drop(ctm_tunnel *tunnel) {
 // begin_close sends a close frame behind what waits, or in place of it, and waits for its answer.
 void begin_close(ctm_tunnel *tunnel, ctm_cause cause, uint16_t status, std::string_view reason, After next) {
     blame(tunnel, cause, reason, status);
-    uint8_t body[kControlMax] = {static_cast<uint8_t>(status >> 8), static_cast<uint8_t>(status & 0xff)};
-    reason.copy(reinterpret_cast<char *>(body) + kStatusSize, CTM_REASON_MAX);
-    tunnel->outbox.close(body, kStatusSize + reason.size());
+    tunnel->outbox.close(status, reason);
     tunnel->after = next;
-    tunnel->due_us = after(now_us(), tunnel->options.close_ms);
+    tunnel_wait_on(tunnel);
     tunnel->refused = false;
-    const Pin pin(tunnel);
     enter(tunnel, CTM_CLOSING);
     line_pump(tunnel);
+}
+
+// end ends a tunnel, or an attempt, from this side: with a close frame where it is `open`, or else at once.
+void end(ctm_tunnel *tunnel, bool open, uint16_t status, std::string_view reason, After next) {
+    if (open) return begin_close(tunnel, CTM_CAUSE_CLOSED_BY_US, status, reason, next);
+    tunnel->after = next;
+    blame(tunnel, CTM_CAUSE_CLOSED_BY_US, reason, status);
+    drop(tunnel);
 }
 
 void refuse(ctm_tunnel *tunnel, uint16_t status, ctm_cause cause, const char *reason) {
@@ -180,8 +174,7 @@ void take_close(ctm_tunnel *tunnel, const uint8_t *body, size_t length) {
 
     tunnel->outbox.drop_messages();
     tunnel->outbox.close(body, length);
-    tunnel->due_us = now_us() + kLinger;
-    const Pin pin(tunnel);
+    tunnel_wait_on(tunnel);
     if (tunnel->state == CTM_OPEN) {  // else both have closed at once
         tunnel->after = After::retry;
         blame(tunnel, CTM_CAUSE_CLOSED_BY_PEER, tunnel->peer_reason, tunnel->peer_status);
@@ -260,14 +253,24 @@ ctm_tunnel *tunnel_of_sock(int sock) {
     return nullptr;
 }
 
+// show_steps notifies the caller of what was noted.
+void show_steps(ctm_tunnel *tunnel) {
+    for (int step = CTM_STEP_TCP; step < CTM_STEPS; step++) {
+        const uint32_t bit = 1U << step;
+        if (!(tunnel->steps_done & bit) || tunnel->steps_shown & bit) continue;
+        tunnel->steps_shown |= bit;
+        notify(tunnel, tunnel->options.step, static_cast<ctm_step>(step));
+        if (tunnel->freed || tunnel->state != CTM_CONNECTING) return;
+    }
+}
+
 // The callbacks that libcloudtunnel is given. They have no argument of the caller's: a socket or a name leads to the
 // tunnel.
 
 int on_connected(int sock) {
     ctm_tunnel *tunnel = tunnel_of_sock(sock);
     if (!tunnel || tunnel->state != CTM_CONNECTING) return -1;
-    const Pin pin(tunnel);
-    tunnel_show_steps(tunnel);
+    show_steps(tunnel);
     if (tunnel->freed || tunnel->state != CTM_CONNECTING) return 0;  // its connection is gone already
     const int64_t now = now_us();
     tunnel->due_us = kNever;
@@ -292,7 +295,6 @@ void blame_libcloudtunnel(ctm_tunnel *tunnel) {
     blame(tunnel, CTM_CAUSE_SYSTEM, "libcloudtunnel has logged no reason");
     const ctm_cause_info &found = evidence_found();
     if (found.cause != CTM_CAUSE_NONE) tunnel->cause = found;
-    tunnel->cause.size = sizeof tunnel->cause;
     if (found.cause == CTM_CAUSE_NOT_RESOLVED && found.resolver_error == 0)
         tunnel->cause.resolver_error = tunnel->resolver_error;
 }
@@ -302,11 +304,10 @@ int on_failed(const char *model) {
     if (!tunnel) return 0;
     tunnel->sock = -1;  // closed by now
     tunnel->watched = false;
-    const Pin pin(tunnel);
     // Before anything of the caller's runs: a send on another tunnel clears the evidence.
     if (tunnel->state == CTM_CONNECTING || tunnel->state == CTM_OPEN) blame_libcloudtunnel(tunnel);
     evidence_clear();
-    if (tunnel->state == CTM_CONNECTING) tunnel_show_steps(tunnel);
+    if (tunnel->state == CTM_CONNECTING) show_steps(tunnel);
     if (!tunnel->freed && stands(tunnel)) finish(tunnel);
     return 0;
 }
@@ -314,7 +315,6 @@ int on_failed(const char *model) {
 int on_frame(int sock, void *message) {
     ctm_tunnel *tunnel = tunnel_of_sock(sock);
     if (!tunnel || (tunnel->state != CTM_OPEN && tunnel->state != CTM_CLOSING)) return 0;
-    const Pin pin(tunnel);
     take_frame(tunnel, *static_cast<const cloudmgr_ws_msg *>(message));
     return 0;
 }
@@ -341,12 +341,7 @@ void resolve_again(ctm_tunnel *tunnel) {
 }
 
 void start(ctm_tunnel *tunnel) {
-    if (wscnctlist.count >= kSetupMax) {
-        tunnel->due_us = now_us() + kSetupRetry;
-        return;
-    }
     const CLOUDTUNNEL_MODULE_NODE *node = registry_node(tunnel->model);
-    const Pin pin(tunnel);
     tunnel->target = target_of(node);
     tunnel->credentials = credentials_now();
     tunnel->plain = node && node->port == kPlainPort;
@@ -375,15 +370,9 @@ void keep_websocket(const ctm_tunnel *tunnel) {
 // data_changed has the tunnel go where the new data lead. One whose port has become the plain one, or is no longer, can
 // not even say good-bye: libcloudtunnel reads and writes by the new port from now on.
 void data_changed(ctm_tunnel *tunnel, bool plain) {
-    static const char kReason[] = "tunnel data changed";
-    tunnel->after = After::restart;
-    if (tunnel->state == CTM_OPEN && plain == tunnel->plain) {
-        keep_websocket(tunnel);
-        begin_close(tunnel, CTM_CAUSE_CLOSED_BY_US, kNormal, kReason, After::restart);
-    } else {
-        blame(tunnel, CTM_CAUSE_CLOSED_BY_US, kReason);
-        drop(tunnel);
-    }
+    const bool open = tunnel->state == CTM_OPEN && plain == tunnel->plain;
+    if (open) keep_websocket(tunnel);
+    end(tunnel, open, open ? kNormal : 0, "tunnel data changed", After::restart);
 }
 
 void stay_alive(ctm_tunnel *tunnel, int64_t now) {
@@ -397,41 +386,101 @@ void stay_alive(ctm_tunnel *tunnel, int64_t now) {
     }
 }
 
+// step does what is due at `now`.
+void step(ctm_tunnel *tunnel, int64_t now) {
+    if (tunnel->broken) {
+        if (tunnel->state == CTM_OPEN) {
+            blame(tunnel, CTM_CAUSE_CLOSED_BY_PEER, strerror(tunnel->broken_error));
+            tunnel->cause.system_error = tunnel->broken_error;
+        }
+        return drop(tunnel);
+    }
+    if (tunnel->reads_first) line_pump(tunnel);
+    line_writable(tunnel);
+    if (tunnel->freed) return;
+    if (tunnel->state == CTM_OPEN) return stay_alive(tunnel, now);
+    if (now < tunnel->due_us) return;
+    if (tunnel->state == CTM_PAUSING) return start(tunnel);
+    if (tunnel->state == CTM_CONNECTING) blame(tunnel, CTM_CAUSE_NO_ANSWER, "the set-up stands still");
+    if (stands(tunnel)) drop(tunnel);
+}
+
+// look_at judges a frame that has not come whole: it may be longer than the longest message, and as long as it grows
+// the peer is alive.
+void look_at(ctm_tunnel *tunnel, int64_t now) {
+    if (tunnel->state != CTM_OPEN) return;
+    const cloudtunnel_connect_node *connection = CLOUDMGR_socket_getCnctBySock(tunnel->sock);
+    if (!connection) return;
+    const int32_t partial = connection->buf ? connection->bufLen : 0;
+    if (partial > tunnel->partial_seen) tunnel->heard_us = now;
+    tunnel->partial_seen = partial;
+    if (partial > 0 && frame_announced(connection->buf, static_cast<size_t>(partial)) > tunnel->options.longest_message)
+        refuse(tunnel, kTooBig, CTM_CAUSE_TOO_LONG, "message too long");
+}
+
+// due_of returns the next moment at which a tunnel has something to do.
+int64_t due_of(const ctm_tunnel *tunnel) {
+    if (tunnel->state != CTM_OPEN) return tunnel->due_us;
+    const int64_t dead = after(tunnel->heard_us, tunnel->options.dead_ms);
+    return std::min(tunnel->ping_due_us, dead);
+}
+
+// check_registration ends an attempt whose registration was not sent. It follows the upgrade in the same call of
+// libcloudtunnel, which only logs the failure: the set-up would stand still.
+void check_registration(ctm_tunnel *tunnel) {
+    if (tunnel->state != CTM_CONNECTING || !step_done(tunnel, CTM_STEP_UPGRADED) ||
+        step_done(tunnel, CTM_STEP_REGISTERING))
+        return;
+    blame(tunnel, CTM_CAUSE_NO_MEMORY, "the registration could not be made");
+    if (evidence_found().cause != CTM_CAUSE_NONE) blame_libcloudtunnel(tunnel);
+    drop(tunnel);
+}
+
 }  // namespace
+
+int g_callback_depth = 0;
 
 // ---------------------------------------------------------------------------------------------------------- the list
 
 ctm_tunnel *tunnel_of_model(const char *model) {
-    for (const ModelRow &row : registry_rows()) {
-        if (row.tunnel && strcmp(row.model, model) == 0) return row.tunnel;
-    }
-    return nullptr;
-}
-
-bool tunnel_is_one(const ctm_tunnel *tunnel) {
-    for (const ModelRow &row : registry_rows()) {
-        if (row.tunnel == tunnel) return true;
-    }
-    return false;
+    const ModelRow *row = registry_find(model);
+    return row ? row->tunnel : nullptr;
 }
 
 ctm_tunnel *tunnel_make(const ctm_tunnel_options &options, ModelRow *row) {
-    void *memory = malloc(sizeof(ctm_tunnel));
-    if (memory) row->tunnel = ::new (memory) ctm_tunnel(options, row);
-    return row->tunnel;
+    void *memory = calloc(1, sizeof(ctm_tunnel));  // most of a new tunnel is 0: the compiler sets the rest alone
+    if (!memory) return nullptr;
+    auto *tunnel = ::new (memory) ctm_tunnel{};
+    tunnel->options = options;
+    snprintf(tunnel->model, sizeof tunnel->model, "%s", options.model);
+    snprintf(tunnel->device_model, sizeof tunnel->device_model, "%s", options.device_model);
+    tunnel->options.model = tunnel->options.sub_name = tunnel->options.device_model = nullptr;
+    tunnel->pause = Pause(options.pause_first_ms, options.pause_longest_ms, options.jitter_percent);
+    tunnel->state_since_ms = now_ms();
+    tunnel->row = row;
+    row->tunnel = tunnel;
+    return tunnel;
 }
 
 void tunnel_free(ctm_tunnel *tunnel) {
-    const Pin pin(tunnel);
     tunnel->freed = true;
-    tunnel->counters.state_us[tunnel->state] += now_us() - tunnel->state_since_us;
     if (stands(tunnel) && !tunnel->ending) {
         tunnel->counters.ended[CTM_CAUSE_CLOSED_BY_US]++;
         hang_up(tunnel);
     }
-    set_awaiting(tunnel, false);
     totals_keep(tunnel);
     tunnel->row->tunnel = nullptr;
+    tunnel->next_freed = g_freed;
+    g_freed = tunnel;
+}
+
+void tunnels_reap() {
+    while (g_freed) {
+        ctm_tunnel *tunnel = g_freed;
+        g_freed = tunnel->next_freed;
+        tunnel->~ctm_tunnel();
+        free(tunnel);
+    }
 }
 
 // ---------------------------------------------------------------------------------------------------------- calls
@@ -451,9 +500,8 @@ void tunnel_open(ctm_tunnel *tunnel) {
 void tunnel_close(ctm_tunnel *tunnel, uint16_t status, std::string_view reason) {
     tunnel->after = After::close;
     if (tunnel->ending) return;
-    if (tunnel->state == CTM_OPEN) return begin_close(tunnel, CTM_CAUSE_CLOSED_BY_US, status, reason, After::close);
+    if (stands(tunnel)) return end(tunnel, tunnel->state == CTM_OPEN, status, reason, After::close);
     blame(tunnel, CTM_CAUSE_CLOSED_BY_US, reason, status);
-    if (stands(tunnel)) return drop(tunnel);
     tunnel->due_us = kNever;
     enter(tunnel, CTM_CLOSED);
 }
@@ -470,7 +518,6 @@ void tunnel_ping(ctm_tunnel *tunnel) {
 // ---------------------------------------------------------------------------------------------------------- the daemon
 
 void tunnel_data_came(ctm_tunnel *tunnel) {
-    const Pin pin(tunnel);
     tunnel->resolver_error = evidence_found().resolver_error;
     notify(tunnel, tunnel->options.step, CTM_STEP_DATA);
     if (tunnel->freed) return;
@@ -504,16 +551,11 @@ void tunnel_data_came(ctm_tunnel *tunnel) {
 }
 
 void tunnel_model_closed(ctm_tunnel *tunnel) {
-    static const char kReason[] = "closed by the daemon";
-    const Pin pin(tunnel);
-    if (tunnel->state == CTM_OPEN) {
-        begin_close(tunnel, CTM_CAUSE_CLOSED_BY_US, kNormal, kReason, After::wait);
+    const bool open = tunnel->state == CTM_OPEN;
+    if (open || tunnel->state == CTM_CONNECTING) {
+        end(tunnel, open, open ? kNormal : 0, "closed by the daemon", After::wait);
     } else if (tunnel->state == CTM_CLOSING) {
         if (tunnel->after != After::close) tunnel->after = After::wait;
-    } else if (tunnel->state == CTM_CONNECTING) {
-        tunnel->after = After::wait;
-        blame(tunnel, CTM_CAUSE_CLOSED_BY_US, kReason);
-        drop(tunnel);
     } else if (tunnel->state == CTM_PAUSING) {
         wait_for_data(tunnel);
     }
@@ -521,47 +563,33 @@ void tunnel_model_closed(ctm_tunnel *tunnel) {
 
 void tunnel_notice_came(ctm_tunnel *tunnel) { notify(tunnel, tunnel->options.notice); }
 
-void tunnel_daemon_changed(ctm_tunnel *tunnel) {
-    if (tunnel->state == CTM_WAITING) enter_waiting(tunnel);
+void tunnels_daemon_changed() {
+    for (const ModelRow &row : registry_rows()) {
+        if (row.tunnel && row.tunnel->state == CTM_WAITING) enter_waiting(row.tunnel);
+    }
 }
 
 // ---------------------------------------------------------------------------------------------------------- time
 
-int64_t tunnel_due(const ctm_tunnel *tunnel) {
-    if (tunnel->state != CTM_OPEN) return tunnel->due_us;
-    const int64_t dead = after(tunnel->heard_us, tunnel->options.dead_ms);
-    return std::min(tunnel->ping_due_us, dead);
-}
-
-void tunnel_step(ctm_tunnel *tunnel, int64_t now) {
-    const Pin pin(tunnel);
-    if (tunnel->broken) {
-        if (tunnel->state == CTM_OPEN) {
-            blame(tunnel, CTM_CAUSE_CLOSED_BY_PEER, strerror(tunnel->broken_error));
-            tunnel->cause.system_error = tunnel->broken_error;
-        }
-        return drop(tunnel);
+void tunnels_step(int64_t now, bool look) {
+    for (const ModelRow &row : registry_rows()) {
+        if (look && row.tunnel) look_at(row.tunnel, now);
+        if (row.tunnel) step(row.tunnel, now);
     }
-    line_writable(tunnel);
-    if (tunnel->freed) return;
-    if (tunnel->state == CTM_OPEN) return stay_alive(tunnel, now);
-    if (now < tunnel->due_us) return;
-    if (tunnel->state == CTM_PAUSING) return start(tunnel);
-    if (tunnel->state == CTM_CONNECTING) blame(tunnel, CTM_CAUSE_NO_ANSWER, "the set-up stands still");
-    if (stands(tunnel)) drop(tunnel);
 }
 
-void tunnel_look(ctm_tunnel *tunnel, int64_t now) {
-    if (tunnel->state != CTM_OPEN) return;
-    const cloudtunnel_connect_node *connection = CLOUDMGR_socket_getCnctBySock(tunnel->sock);
-    if (!connection) return;
-    const int32_t partial = connection->buf ? connection->bufLen : 0;
-    if (partial > tunnel->partial_seen) tunnel->heard_us = now;
-    tunnel->partial_seen = partial;
-    uint64_t announced = 0;
-    if (partial > 0 && frame_announced(connection->buf, static_cast<size_t>(partial), &announced) &&
-        announced > tunnel->options.longest_message)
-        refuse(tunnel, kTooBig, CTM_CAUSE_TOO_LONG, "message too long");
+int64_t tunnels_due(int64_t latest) {
+    int64_t due = latest;
+    for (const ModelRow &row : registry_rows()) {
+        if (row.tunnel) due = std::min(due, due_of(row.tunnel));
+    }
+    return due;
+}
+
+uint64_t tunnel_state_ms(const ctm_tunnel *tunnel) { return static_cast<uint64_t>(now_ms() - tunnel->state_since_ms); }
+
+void tunnel_wait_on(ctm_tunnel *tunnel) {
+    tunnel->due_us = after(now_us(), tunnel->peer_closed ? kLingerMs : tunnel->options.close_ms);
 }
 
 // ---------------------------------------------------------------------------------------------------------- steps
@@ -570,42 +598,25 @@ bool tunnel_note_step(ctm_tunnel *tunnel, ctm_step step) {
     if (tunnel->state != CTM_CONNECTING || step_done(tunnel, step)) return false;
     tunnel->steps_done |= 1U << step;
     if (step == CTM_STEP_UPGRADE_SENT) tunnel->steps_done |= 1U << CTM_STEP_TCP;  // of a plain one too
-    set_awaiting(tunnel, step_done(tunnel, CTM_STEP_UPGRADE_SENT) && !step_done(tunnel, CTM_STEP_UPGRADED));
     return true;
 }
 
-void tunnel_show_steps(ctm_tunnel *tunnel) {
-    const Pin pin(tunnel);
-    for (int step = CTM_STEP_TCP; step < CTM_STEPS; step++) {
-        const uint32_t bit = 1U << step;
-        if (!(tunnel->steps_done & bit) || tunnel->steps_shown & bit) continue;
-        tunnel->steps_shown |= bit;
-        notify(tunnel, tunnel->options.step, static_cast<ctm_step>(step));
-        if (tunnel->freed || tunnel->state != CTM_CONNECTING) return;
+void tunnels_show_steps() {
+    for (const ModelRow &row : registry_rows()) {
+        ctm_tunnel *tunnel = row.tunnel;
+        if (!tunnel) continue;
+        show_steps(tunnel);
+        if (!tunnel->freed) check_registration(tunnel);
     }
 }
 
-void tunnel_check_registration(ctm_tunnel *tunnel) {
-    if (tunnel->state != CTM_CONNECTING || !step_done(tunnel, CTM_STEP_UPGRADED) ||
-        step_done(tunnel, CTM_STEP_REGISTERING))
-        return;
-    blame(tunnel, CTM_CAUSE_NO_MEMORY, "the registration could not be made");
-    if (evidence_found().cause != CTM_CAUSE_NONE) blame_libcloudtunnel(tunnel);
-    drop(tunnel);
+bool tunnels_await_answer() {
+    for (const ModelRow &row : registry_rows()) {
+        if (row.tunnel && row.tunnel->state == CTM_CONNECTING && step_done(row.tunnel, CTM_STEP_UPGRADE_SENT) &&
+            !step_done(row.tunnel, CTM_STEP_UPGRADED))
+            return true;
+    }
+    return false;
 }
-
-int tunnels_awaiting() { return g_awaiting; }
 
 }  // namespace ctm
-
-ctm_tunnel::ctm_tunnel(const ctm_tunnel_options &given, ctm::ModelRow *its_row)
-    : options(given),
-      row(its_row),
-      state_since_us(ctm::now_us()),
-      pause(given.pause_first_ms, given.pause_longest_ms, given.jitter_percent) {
-    snprintf(model, sizeof model, "%s", given.model);
-    snprintf(device_model, sizeof device_model, "%s", given.device_model);
-    options.model = model;
-    options.device_model = device_model;
-    options.sub_name = nullptr;
-}

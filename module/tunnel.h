@@ -13,7 +13,7 @@
 #include "pause.h"
 #include "registry.h"
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 // What follows when a tunnel, or a close, has come to its end.
 enum class After {
@@ -23,59 +23,44 @@ enum class After {
     close,    // the caller has
 };
 
-// A tunnel's counters; the record that callers get is filled from it.
-struct Counters {
-    uint64_t attempts = 0;
-    uint64_t opened = 0;
-    uint64_t ended[CTM_CAUSES] = {};
-    int64_t state_us[CTM_STATES] = {};
-    uint64_t messages_in = 0;
-    uint64_t messages_out = 0;
-    uint64_t bytes_in = 0;
-    uint64_t bytes_out = 0;
-    uint64_t pings = 0;
-    uint64_t pongs = 0;
-    uint64_t refused = 0;
-    uint64_t queue_most = 0;
-    uint64_t round_trip_last_us = 0;
-    uint64_t round_trip_smallest_us = 0;
-    uint64_t round_trip_sum_us = 0;
+// A tunnel's counters, in the record that callers get. totals.cpp fills in what it has of the present moment: the
+// state's time, the queue, and the mean round trip.
+struct Counters : ctm_counters {
+    uint64_t round_trip_sum_us;
 };
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm
 
 struct ctm_tunnel {
-    ctm_tunnel(const ctm_tunnel_options &given, ctm::ModelRow *its_row);
-
-    ctm_tunnel_options options;  // every default filled in; its texts are those below
+    ctm_tunnel_options options = {};  // every default filled in; its texts are null
     char model[CTM_NAME_MAX + 1] = "";
     char device_model[CTM_NAME_MAX + 1] = "";
     ctm::ModelRow *row = nullptr;
-    int pins = 0;        // functions that hold it: freed memory stays until the last has returned
-    bool freed = false;  // the handle is no longer valid
+    ctm_tunnel *next_freed = nullptr;
 
     ctm_state state = CTM_CLOSED;
-    int64_t state_since_us = 0;
+    int64_t state_since_ms = 0;
     ctm_cause_info cause = {};  // of the state, or of the one that is about to be entered
-    ctm::Pause pause;
+    ctm::Pause pause = {0, 0, 0};
 
     int64_t due_us = ctm::kNever;  // when the state has something to do, beside what an open tunnel has below
     uint32_t steps_done = 0;       // of the attempt, bit `step`
     uint32_t steps_shown = 0;      // of them, those that the caller's callback has seen
-    bool awaits_answer = false;    // the upgrade request is sent and not answered
     int32_t resolver_error = 0;    // of the host in the last tunnel data
 
     uint64_t target = 0;       // what the last attempt was made to: host, path and port
     uint64_t credentials = 0;  // token and cookie with it
     bool plain = false;        // that port is the plain one
+    bool freed = false;        // the handle is no longer valid; the memory stays until tunnels_reap
 
     // An open or closing tunnel.
     int sock = -1;
     ctm::After after = ctm::After::retry;
-    bool ending = false;   // the callback `closed` runs: what comes after may still be changed, nothing else
-    bool watched = false;  // for writability
-    bool broken = false;   // a write failed for good, with
-    int broken_error = 0;  // this errno
+    bool ending = false;       // the callback `closed` runs: what comes after may still be changed, nothing else
+    bool watched = false;      // for writability
+    bool reads_first = false;  // a TLS write waits for the peer's bytes: it is tried again by each step
+    bool broken = false;       // a write failed for good, with
+    int broken_error = 0;      // this errno
     bool peer_closed = false;
     uint16_t peer_status = 0;
     size_t peer_reason_length = 0;
@@ -90,45 +75,33 @@ struct ctm_tunnel {
     size_t wanted = 0;         // this length
     ctm::Assembly assembly;
     ctm::Outbox outbox;
-    ctm::Counters counters;
+    ctm::Counters counters = {};
 };
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
-// tunnel_unpin frees a tunnel that the caller has freed once nothing holds it any more.
-void tunnel_unpin(ctm_tunnel *tunnel);
-
-// Holds a tunnel: its memory stays while one lives, also when a callback frees it.
-class Pin {
-  public:
-    explicit Pin(ctm_tunnel *tunnel) : tunnel_(tunnel) { tunnel_->pins++; }
-    ~Pin() { tunnel_unpin(tunnel_); }
-    Pin(const Pin &) = delete;
-    Pin &operator=(const Pin &) = delete;
-
-  private:
-    ctm_tunnel *tunnel_;
-};
+// How many of the caller's functions run, one inside the other.
+extern int g_callback_depth;
 
 // notify calls one of the caller's functions.
-extern int g_callback_depth;
-void callback_begins(ctm_tunnel *tunnel);
-void callback_ends(ctm_tunnel *tunnel);
 template <typename Function, typename... Arguments>
-void notify(ctm_tunnel *tunnel, Function *function, Arguments... arguments) {
+static void notify(ctm_tunnel *tunnel, Function *function, Arguments... arguments) {
     if (!function || tunnel->freed) return;
-    callback_begins(tunnel);
+    g_callback_depth++;
     function(tunnel, arguments..., tunnel->options.user);
-    callback_ends(tunnel);
+    g_callback_depth--;
 }
 
-// The tunnel of a model, null when there is none; whether a handle is that of a tunnel.
+// tunnel_of_model returns the tunnel of a model, null when there is none.
 ctm_tunnel *tunnel_of_model(const char *model);
-bool tunnel_is_one(const ctm_tunnel *tunnel);
 
 // tunnel_make returns a closed tunnel of sound options, in its row; null without memory.
 ctm_tunnel *tunnel_make(const ctm_tunnel_options &options, ModelRow *row);
+
+// tunnel_free ends a tunnel; tunnels_reap gives back the memory of those that were freed. A callback may free any
+// tunnel, and the functions that called it look at `freed`: only one that no callback has called may reap.
 void tunnel_free(ctm_tunnel *tunnel);
+void tunnels_reap();
 
 // The caller's calls.
 void tunnel_open(ctm_tunnel *tunnel);
@@ -138,30 +111,31 @@ void tunnel_close(ctm_tunnel *tunnel, uint16_t status, std::string_view reason);
 void tunnel_data_came(ctm_tunnel *tunnel);
 void tunnel_model_closed(ctm_tunnel *tunnel);
 void tunnel_notice_came(ctm_tunnel *tunnel);
-void tunnel_daemon_changed(ctm_tunnel *tunnel);  // its link came up or broke
+void tunnels_daemon_changed();  // its link came up or broke
 
-// tunnel_step does what is due at `now`; tunnel_due is the next moment at which it has something to do.
-void tunnel_step(ctm_tunnel *tunnel, int64_t now);
-int64_t tunnel_due(const ctm_tunnel *tunnel);
+// tunnel_state_ms returns how long the tunnel has been in its state, counted in the clock's whole milliseconds: so the
+// times of the states add up to the time that has passed.
+uint64_t tunnel_state_ms(const ctm_tunnel *tunnel);
 
-// tunnel_look judges a frame that has not come whole: it may be longer than the longest message, and as long as it
-// grows the peer is alive.
-void tunnel_look(ctm_tunnel *tunnel, int64_t now);
+// tunnel_wait_on gives a closing tunnel its time anew, as long as the line moves: for the answer to its close frame,
+// or, where that is the answer, for the peer to end the connection.
+void tunnel_wait_on(ctm_tunnel *tunnel);
+
+// tunnels_step does what is due at `now`, and looks at frames that have not come whole where `look` says so;
+// tunnels_due returns the next moment at which one has something to do, `latest` at the latest.
+void tunnels_step(int64_t now, bool look);
+int64_t tunnels_due(int64_t latest);
 
 // tunnel_note_step notes a step of the attempt from inside the print callback, where nobody may be notified; false
-// where it was noted before. tunnel_show_steps notifies the caller of what was noted.
+// where it was noted before. tunnels_show_steps notifies the callers of what was noted.
 bool tunnel_note_step(ctm_tunnel *tunnel, ctm_step step);
-void tunnel_show_steps(ctm_tunnel *tunnel);
+void tunnels_show_steps();
 
-// tunnel_check_registration ends an attempt whose registration was not sent. It follows the upgrade in the same call of
-// libcloudtunnel, which only logs the failure: the set-up would stand still.
-void tunnel_check_registration(ctm_tunnel *tunnel);
-
-// tunnels_awaiting returns how many tunnels wait for the answer to their upgrade request.
-int tunnels_awaiting();
+// tunnels_await_answer tells whether a tunnel waits for the answer to its upgrade request.
+bool tunnels_await_answer();
 
 // tunnel_ping sends a ping. One that has no answer yet is sent again as it was, and its round trip counts from the
 // first time: where an answer takes longer than the interval, each new ping would make the answers useless.
 void tunnel_ping(ctm_tunnel *tunnel);
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

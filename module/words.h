@@ -3,15 +3,11 @@
 #pragma once
 
 #include <cstddef>
-#include <cstring>
 
-namespace ctm {
+namespace [[gnu::visibility("hidden")]] ctm {
 
 // word_at returns the text at `index`; the caller knows that there is one.
-inline const char *word_at(const char *words, size_t index) {
-    for (; index > 0; index--) words += strlen(words) + 1;
-    return words;
-}
+const char *word_at(const char *words, size_t index);
 
 // word_count counts the texts of a table, whose last zero byte is the compiler's own.
 template <size_t Size>
@@ -21,4 +17,4 @@ consteval size_t word_count(const char (&words)[Size]) {
     return count;
 }
 
-}  // namespace ctm
+}  // namespace gnu::visibility("hidden")]]ctm

@@ -156,6 +156,50 @@ TEST_F(LineTest, a_close_of_the_peer_drops_the_queue_and_completes_the_frame) {
     EXPECT_EQ(guest.counters().messages_out, 0U);
 }
 
+TEST_F(LineTest, the_answer_to_a_close_has_its_second_anew_as_long_as_the_line_moves) {
+    Guest &guest = make("model", [](auto &options) { options.fragment = CTM_FRAGMENT_MAX; });
+    Platform platform = offer_open(guest);
+    const int room = 65536;  // fixed, so that nothing moves until the platform reads
+    ASSERT_EQ(setsockopt(platform.server->fd(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room), 0);
+    const std::string message = pattern(1 << 20);
+    ctm_tunnel_send(guest.tunnel, CTM_BINARY, message.data(), message.size());
+    settle();
+    const std::string close = frame(support::kClose, "\x03\xe8");  // sent by hand: the server would read as well
+    ASSERT_EQ(::send(platform.server->fd(), close.data(), close.size(), 0), static_cast<ssize_t>(close.size()));
+    EXPECT_TRUE(run_until([&] { return guest.state() == "closing"; }));
+    EXPECT_EQ(guest.counters().queue_messages, 1U);  // in the middle of a frame
+    clock.set_monotonic_ms(600);
+    std::string last;
+    EXPECT_TRUE(run_until(
+        [&] {
+            while (const auto piece = frame_now(platform)) last = std::to_string(piece->opcode) + piece->body;
+            return last == "8\x03\xe8";
+        },
+        platform.server.get()));
+    clock.advance(1);
+    clock.set_monotonic_ms(200);
+    ctm_dispatch();
+    EXPECT_EQ(guest.state(), "closing");
+    clock.set_monotonic_ms(600);
+    ctm_dispatch();
+    EXPECT_EQ(guest.states.back(), "pausing closed_by_peer");
+}
+
+TEST_F(LineTest, a_tls_write_that_has_to_read_first_keeps_the_loop_asleep_until_the_peer_has_sent) {
+    Guest &guest = make();
+    Platform platform = offer_open(guest, Wire::tls12);
+    SSL *ssl = platform.server->ssl();
+    ASSERT_EQ(SSL_renegotiate(ssl), 1);
+    SSL_do_handshake(ssl);  // asks for a new handshake, and reads no answer yet
+    for (int i = 0; i < 5; i++) turn(1);
+    EXPECT_EQ(ctm_tunnel_send_text(guest.tunnel, "behind the handshake"), CTM_OK);
+    for (int i = 0; i < 5; i++) turn();
+    EXPECT_FALSE(turn()) << "the descriptor is readable though nothing can be done";
+    EXPECT_EQ(guest.counters().queue_messages, 1U);
+    EXPECT_EQ(next_frame(platform).body, "behind the handshake");
+    EXPECT_EQ(guest.state(), "open");
+}
+
 TEST_F(LineTest, a_peer_that_is_gone_while_much_is_sent_ends_the_tunnel_and_not_the_process) {
     for (const Wire wire : {Wire::plain, Wire::tls}) {
         Guest &guest = make();

@@ -34,7 +34,7 @@ void Clock::fill(struct sysinfo *info) const { info->uptime = static_cast<declty
 
 bool Clock::fill(clockid_t id, timespec *now) const {
     if (id == CLOCK_MONOTONIC) {
-        *now = {static_cast<time_t>(uptime_s_), 0};
+        *now = {static_cast<time_t>(uptime_s_), static_cast<long>(monotonic_ms_ * 1000000)};
         return true;
     }
     if (id == CLOCK_REALTIME) {

@@ -1,0 +1,34 @@
+#include "records.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace ctm {
+namespace {
+
+constexpr size_t kRecordMax = 4096;  // no release of a record is larger: what is, was never set
+
+// copy copies a record, `size` bytes long as the caller knows it.
+ctm_result copy(void *to, const void *from, size_t size, size_t known, size_t least) {
+    if (size < least || size > kRecordMax) return CTM_BAD_SIZE;
+    memcpy(to, from, std::min(size, known));
+    return CTM_OK;
+}
+
+size_t size_of(const void *record) { return *static_cast<const size_t *>(record); }
+
+}  // namespace
+
+ctm_result record_read(void *to, size_t known, const void *from, size_t least) {
+    return copy(to, from, size_of(from), known, least);
+}
+
+ctm_result record_write(void *to, const void *from, size_t known, size_t least) {
+    if (!to) return CTM_NULL;
+    const size_t size = size_of(to);
+    const ctm_result result = copy(to, from, size, known, least);
+    *static_cast<size_t *>(to) = size;
+    return result;
+}
+
+}  // namespace ctm
