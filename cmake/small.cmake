@@ -13,7 +13,8 @@ target_compile_options(cloudtunnel_small INTERFACE
   -g -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -fno-asynchronous-unwind-tables -fno-unwind-tables -fomit-frame-pointer -ffunction-sections)
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   # Helpers of a few lines that are used in many places stay functions.
-  target_compile_options(cloudtunnel_small INTERFACE "SHELL:-mllvm -inline-threshold=20")
+  set(threshold $<TARGET_PROPERTY:CLOUDTUNNEL_INLINE_THRESHOLD>)
+  target_compile_options(cloudtunnel_small INTERFACE "SHELL:-mllvm -inline-threshold=$<IF:$<BOOL:${threshold}>,${threshold},20>")
 endif()
 
 # Functions that are equal byte by byte are kept once, unless their addresses are compared; the end of one text serves as

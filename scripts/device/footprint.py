@@ -16,6 +16,7 @@ import sys
 
 ALLOWED_GROWTH = 1.05
 LARGEST_FILE = 68 * 1024  # at -Os
+LARGEST_MODULE_FILE = 32 * 1024  # likewise
 LARGEST_FRAME = 8 * 1024
 DEEPEST_PATH = 96 * 1024
 
@@ -195,6 +196,8 @@ def measure(small, fast):
     file = sizes(small)["file"]
     if file > LARGEST_FILE:
         raise Failure(f"the stripped library at -Os has {file} bytes; was it linked for the tiny model (cmake/small.cmake)?")
+    if module_file(small) > LARGEST_MODULE_FILE:
+        raise Failure(f"the stripped library for modules at -Os has {module_file(small)} bytes, more than {LARGEST_MODULE_FILE}")
     total, path, size, names = deepest(small)
     figures.append(("stack of the deepest path", total, "bytes"))
     largest = max(size, key=lambda name: size[name])
