@@ -30,11 +30,17 @@ void Clock::advance(int64_t seconds) {
     time_of_day_s_ += seconds;
 }
 
+void Clock::advance_ms(int64_t milliseconds) {
+    uptime_ms_ += milliseconds;
+    advance(uptime_ms_ / 1000);
+    uptime_ms_ %= 1000;
+}
+
 void Clock::fill(struct sysinfo *info) const { info->uptime = static_cast<decltype(info->uptime)>(uptime_s_); }
 
 bool Clock::fill(clockid_t id, timespec *now) const {
     if (id == CLOCK_MONOTONIC) {
-        *now = {static_cast<time_t>(uptime_s_), static_cast<long>(monotonic_ms_ * 1000000)};
+        *now = {static_cast<time_t>(uptime_s_), static_cast<long>(uptime_ms_ * 1'000'000)};
         return true;
     }
     if (id == CLOCK_REALTIME) {

@@ -38,8 +38,9 @@ class Clock {
     void set_uptime(int64_t seconds) { uptime_s_ = seconds; }  // the monotonic clock is the same
     int64_t uptime() const { return uptime_s_; }
     void set_time_of_day(int64_t seconds, int64_t microseconds = 0);
-    void advance(int64_t seconds);                             // uptime and time of day
-    void set_monotonic_ms(int64_t ms) { monotonic_ms_ = ms; }  // of the present second, on the monotonic clock alone
+    void advance(int64_t seconds);                          // uptime and time of day
+    void advance_ms(int64_t milliseconds);                  // likewise; the uptime of sysinfo stays in whole seconds
+    void set_monotonic_ms(int64_t ms) { uptime_ms_ = ms; }  // of the present second, on the monotonic clock alone
 
     const std::vector<unsigned> &sleeps() const { return sleeps_; }  // microseconds
     void forget_sleeps() { std::vector<unsigned>().swap(sleeps_); }
@@ -56,9 +57,9 @@ class Clock {
 
   private:
     int64_t uptime_s_ = kUptimeAtFirst;
+    int64_t uptime_ms_ = 0;  // behind the second
     int64_t time_of_day_s_ = kTimeOfDayAtFirst;
     int64_t time_of_day_us_ = 0;
-    int64_t monotonic_ms_ = 0;
     std::vector<unsigned> sleeps_;
     std::vector<IntervalTimer> interval_timers_;
 };

@@ -1,5 +1,6 @@
 #include "tests/support/server.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include <openssl/ec.h>
@@ -132,22 +133,25 @@ void Server::flush() {
 
 void Server::read() {
     char piece[65536];
-    while (!ended_) {
+    size_t left = read_most_;
+    while (!ended_ && left > 0) {
+        const size_t most = std::min(left, sizeof piece);
         ssize_t got = 0;
         bool later = false;
         if (ssl_) {
             ERR_clear_error();
-            got = SSL_read(ssl_.get(), piece, sizeof piece);
+            got = SSL_read(ssl_.get(), piece, static_cast<int>(most));
             const int why = SSL_get_error(ssl_.get(), static_cast<int>(got));
             later = why == SSL_ERROR_WANT_READ || why == SSL_ERROR_WANT_WRITE;
             failed_ = failed_ || (got <= 0 && !later && why != SSL_ERROR_ZERO_RETURN);
         } else {
-            got = ::recv(peer_.get(), piece, sizeof piece, MSG_DONTWAIT);
+            got = ::recv(peer_.get(), piece, most, MSG_DONTWAIT);
             later = got < 0 && errno == EAGAIN;
         }
         if (later) break;
         if (got > 0) {
             inbox_.append(piece, static_cast<size_t>(got));
+            left -= static_cast<size_t>(got);
         } else {
             ended_ = true;
         }

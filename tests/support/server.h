@@ -51,6 +51,9 @@ class Server {
     bool failed() const { return failed_; }  // the handshake or the session broke
     bool ended() const { return ended_; }    // the library has closed its end; known after a step or take
 
+    // From here on a step reads no more than so many bytes: what the line brings until the next step.
+    void read_at_most(size_t bytes) { read_most_ = bytes; }
+
     // One write, so with TLS one record up to 16384 bytes. What does not fit now goes out with the next steps.
     void send(std::string_view bytes);
     size_t unsent() const { return outbox_.size(); }
@@ -83,6 +86,7 @@ class Server {
     std::unique_ptr<SSL, SslFree> ssl_;
     std::string outbox_;
     std::string inbox_;
+    size_t read_most_ = SIZE_MAX;
     int accepted_ = 0;
     bool up_ = false;
     bool failed_ = false;

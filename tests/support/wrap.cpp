@@ -9,8 +9,11 @@
 
 #include <arpa/inet.h>
 #include <netdb.h>
+#include <poll.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/sysinfo.h>
 #include <sys/time.h>
@@ -176,6 +179,10 @@ WRAP(int, epoll_ctl, (int epfd, int operation, int fd, epoll_event *event), (epf
 WRAP(int, epoll_wait, (int epfd, epoll_event *events, int count, int timeout_ms), (epfd, events, count, timeout_ms))
 WRAP_BYTES(ssize_t, send, (int fd, const void *data, size_t length, int flags), length, (fd, data, length, flags))
 WRAP_BYTES(ssize_t, recv, (int fd, void *data, size_t length, int flags), length, (fd, data, length, flags))
+WRAP(int, eventfd, (unsigned count, int flags), (count, flags))
+WRAP(int, poll, (pollfd * fds, nfds_t count, int timeout_ms), (fds, count, timeout_ms))
+WRAP_BYTES(ssize_t, read, (int fd, void *data, size_t length), length, (fd, data, length))
+WRAP_BYTES(ssize_t, write, (int fd, const void *data, size_t length), length, (fd, data, length))
 WRAP(FILE *, fopen, (const char *path, const char *mode), (path, mode))
 WRAP(FILE *, popen, (const char *command, const char *mode), (command, mode))
 WRAP(size_t, fread, (void *data, size_t size, size_t count, FILE *file), (data, size, count, file))
@@ -208,6 +215,7 @@ extern "C" int __wrap_ioctl(int fd, unsigned long request, ...) {
 }
 
 // Chance
+WRAP_BYTES(ssize_t, getrandom, (void *data, size_t length, unsigned flags), length, (data, length, flags))
 WRAP(int, rand, (), ())
 POINT(srand)
 extern "C" void __real_srand(unsigned seed);
