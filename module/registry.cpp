@@ -1,5 +1,7 @@
 #include "registry.h"
 
+#include <sys/socket.h>
+
 #include <cstdio>
 #include <cstring>
 
@@ -17,6 +19,19 @@ ModelRow *registry_find(const char *model) {
     return nullptr;
 }
 
+namespace {
+
+// data_kept tells whether libcloudtunnel has kept a model's tunnel data. It does not where memory is too short; the
+// daemon sends them again when its link comes up anew.
+bool data_kept(const ModelRow &row) {
+    const CLOUDTUNNEL_MODULE_NODE *node = registry_node(row.model);
+    if (node && node->url_host && node->url_path) return true;
+    shutdown(g_iCloudClientConnFd, SHUT_RDWR);
+    return false;
+}
+
+}  // namespace
+
 ModelRow *registry_take(const char *model, const char *sub_name, ctm_result *result) {
     if (ModelRow *known = registry_find(model)) return known;
     ModelRow *row = registry_find("");
@@ -28,7 +43,8 @@ ModelRow *registry_take(const char *model, const char *sub_name, ctm_result *res
     registration.pcName = model;
     registration.pcSubName = sub_name;
     callbacks_set(registration, static_cast<unsigned>(row - g_registry_rows));
-    if (CLOUDTUNNEL_MODULE_Register(&registration) != 0) {
+    // Registered, but without its name: libcloudtunnel takes a copy of a text that memory is too short for as none.
+    if (CLOUDTUNNEL_MODULE_Register(&registration) != 0 || !registry_node(model)) {
         *result = CTM_NO_MEMORY;
         return nullptr;
     }
@@ -41,7 +57,7 @@ int registry_report(unsigned code) {
     const auto report = static_cast<Report>(code % kReports);
     // A broken link to the daemon is reported as closed, too, for every model; what is known of the model stands.
     if (report == Report::closed && g_iCloudClientConnFd < 0) return 0;
-    if (report != Report::notice) row.data = report == Report::data;
+    if (report != Report::notice) row.data = report == Report::data && data_kept(row);
     if (!row.tunnel) return 0;
     if (report == Report::data) tunnel_data_came(row.tunnel);
     if (report == Report::closed) tunnel_model_closed(row.tunnel);

@@ -292,7 +292,7 @@ int on_connected(int sock) {
 
 // blame_libcloudtunnel sets the reason that its log has given.
 void blame_libcloudtunnel(ctm_tunnel *tunnel) {
-    blame(tunnel, CTM_CAUSE_SYSTEM, "libcloudtunnel has logged no reason");
+    blame(tunnel, CTM_CAUSE_NO_MEMORY, "libcloudtunnel logs every other reason");
     const ctm_cause_info &found = evidence_found();
     if (found.cause != CTM_CAUSE_NONE) tunnel->cause = found;
     if (found.cause == CTM_CAUSE_NOT_RESOLVED && found.resolver_error == 0)
@@ -519,14 +519,16 @@ void tunnel_ping(ctm_tunnel *tunnel) {
 
 void tunnel_data_came(ctm_tunnel *tunnel) {
     tunnel->resolver_error = evidence_found().resolver_error;
-    notify(tunnel, tunnel->options.step, CTM_STEP_DATA);
+    const bool kept = tunnel->row->data;
+    if (kept) notify(tunnel, tunnel->options.step, CTM_STEP_DATA);
     if (tunnel->freed) return;
     const CLOUDTUNNEL_MODULE_NODE *node = registry_node(tunnel->model);
-    const bool target_changed = target_of(node) != tunnel->target;
+    const bool target_changed = kept && target_of(node) != tunnel->target;
     switch (tunnel->state) {
         case CTM_CLOSED:
             break;
         case CTM_WAITING:
+            if (!kept) break;
             blame_nothing(tunnel);
             pause_until(tunnel, now_us());
             break;

@@ -142,6 +142,65 @@ TEST_F(FaultTest, a_write_that_fails_for_good_ends_the_tunnel_by_the_next_dispat
     }
 }
 
+// libcloudtunnel drops a text of the tunnel data that memory is too short for, and says so nowhere.
+TEST_F(FaultTest, tunnel_data_that_memory_is_too_short_for_are_asked_for_again) {
+    Guest &guest = make();
+    ctm_tunnel_open(guest.tunnel);
+    Platform platform = {std::make_unique<support::Server>(Wire::plain)};
+    for (const char *lost : {"path", "host"}) {
+        const int links = daemon.connections();
+        support::Notification offer = data("model", port_of(*platform.server));
+        offer.host = std::string(lost) + ".example";
+        const support::Fault no_memory("malloc", {.after = std::string(lost) == "path" ? 1 : 0});
+        tell(offer);
+        EXPECT_EQ(no_memory.hits(), 1);
+        EXPECT_EQ(guest.state(), "waiting");
+        EXPECT_TRUE(run_until([] { return ctm_daemon() == 0; }));
+        pass_time(10);
+        EXPECT_EQ(daemon.connections(), links + 1) << "the link has not come up anew";
+    }
+    EXPECT_TRUE(guest.steps.empty());
+    tell(data("model", port_of(*platform.server)));
+    open(platform, guest);
+}
+
+TEST_F(FaultTest, an_open_tunnel_outlives_tunnel_data_that_memory_is_too_short_for) {
+    Guest &guest = make();
+    Platform platform = offer_open(guest);
+    support::Notification elsewhere = data("model", port_of(*platform.server));
+    elsewhere.host = "elsewhere.example";
+    const support::Fault no_memory("malloc");
+    tell(elsewhere);
+    EXPECT_EQ(no_memory.hits(), 1);
+    platform.server->send(frame(support::kText, "still here"));
+    EXPECT_TRUE(run_until([&] { return !guest.messages.empty(); }, platform.server.get()));
+    EXPECT_EQ(guest.state(), "open");
+}
+
+TEST_F(FaultTest, a_model_that_is_registered_without_its_name_is_refused_and_may_be_tried_again) {
+    ctm_tunnel_options options = {};
+    options.size = sizeof options;
+    options.model = "model";
+    ctm_tunnel *tunnel = nullptr;
+    {
+        const support::Fault no_memory("malloc", {.after = 2});  // behind the record and a first copy
+        EXPECT_EQ(ctm_tunnel_new(&options, &tunnel), CTM_NO_MEMORY);
+        EXPECT_EQ(no_memory.hits(), 1);
+    }
+    EXPECT_EQ(tunnel, nullptr);
+    EXPECT_EQ(ctm_tunnel_new(&options, &tunnel), CTM_OK);
+    EXPECT_EQ(ctm_tunnel_free(tunnel), CTM_OK);
+}
+
+// libcloudtunnel ends a set-up for which the request could not be made without a word.
+TEST_F(FaultTest, an_end_without_a_reason_in_the_log_is_for_want_of_memory) {
+    Guest &guest = make();
+    Platform platform = offer(guest, Wire::plain);
+    const support::Fault no_memory("malloc", {.times = support::kAlways});
+    EXPECT_TRUE(run_until([&] { return guest.state() == "pausing"; }, platform.server.get()));
+    EXPECT_EQ(guest.states.back(), "pausing no_memory");
+}
+
 TEST_F(FaultTest, an_init_that_fails_leaves_nothing_open) {
     daemon.stop();  // its end of the link is a descriptor, too
     for (const char *call : {"epoll_create", "epoll_create1", "epoll_ctl"}) {
