@@ -31,6 +31,7 @@ void add(Scenarios &all, const std::string &name, const char *clean, Wire wire,
          std::function<std::string(Stage &)> play);
 
 void add_process_scenarios(Scenarios &all);  // a module process starts and ends, alone and with its daemon
+void add_module_scenarios(Scenarios &all);   // a module on libcloudtunnel-module, its tunnel again and again
 void add_tunnel_scenarios(Scenarios &all);   // tunnels that come up
 void add_refusal_scenarios(Scenarios &all);  // tunnels that do not
 

@@ -41,6 +41,7 @@ std::string log_file_and_dumps(Stage &) {
 Scenarios make_scenarios() {
     Scenarios all;
     add_process_scenarios(all);
+    add_module_scenarios(all);
     add_tunnel_scenarios(all);
     add_refusal_scenarios(all);
     add(all, "log_file_and_dumps", "written", Wire::plain, log_file_and_dumps);
