@@ -128,6 +128,22 @@ TEST_F(ProcessTest, a_record_of_an_older_release_has_defaults_for_what_it_lacks)
     EXPECT_EQ(out.counters.size, offsetof(ctm_counters, opened));
 }
 
+TEST_F(ProcessTest, a_record_whose_size_ends_inside_a_field_is_refused) {
+    ctm_tunnel_options options = sound();
+    options.sub_name = "sub";
+    ctm_tunnel *tunnel = nullptr;
+    for (size_t inside = 1; inside < sizeof options.sub_name; inside++) {
+        options.size = offsetof(ctm_tunnel_options, sub_name) + inside;
+        EXPECT_EQ(ctm_tunnel_new(&options, &tunnel), CTM_BAD_SIZE) << options.size;
+    }
+    options.size = sizeof options;
+    ASSERT_EQ(ctm_tunnel_new(&options, &tunnel), CTM_OK);
+    ctm_counters counters = {};
+    counters.size = offsetof(ctm_counters, opened) + 4;
+    EXPECT_EQ(ctm_tunnel_counters(tunnel, &counters), CTM_BAD_SIZE);
+    EXPECT_EQ(counters.opened, 0U);
+}
+
 TEST_F(ProcessTest, null_and_freed_handles_are_noticed) {
     Guest &guest = make();
     ctm_tunnel *freed = guest.tunnel;
