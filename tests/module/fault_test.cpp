@@ -101,6 +101,19 @@ TEST_F(FaultTest, a_line_that_takes_a_byte_at_a_time_gets_every_byte) {
     EXPECT_EQ(guest.state(), "open");
 }
 
+TEST_F(FaultTest, frames_are_masked_where_the_kernel_has_no_random_bytes_yet) {
+    Guest &guest = make();
+    Platform platform = offer_open(guest);
+    const support::Fault too_early("getrandom", {.times = support::kAlways, .error = EAGAIN});
+    for (int i = 0; i < 100; i++) {  // more than one batch
+        ASSERT_EQ(ctm_tunnel_send_text(guest.tunnel, "masked"), CTM_OK);
+        const support::WireFrame sent = next_frame(platform);
+        EXPECT_EQ(sent.mask.size(), 4U);
+        EXPECT_EQ(sent.body, "masked");
+    }
+    EXPECT_GE(too_early.hits(), 1);
+}
+
 TEST_F(FaultTest, a_plain_send_that_would_block_is_repeated) {
     Guest &guest = make();
     Platform platform = offer_open(guest);

@@ -56,6 +56,65 @@ TEST_F(LineTest, a_megabyte_to_a_peer_that_does_not_read_waits_and_arrives_whole
     }
 }
 
+// Of 2 Mbit/s, in time of the test's clock. It stands still until the line has carried what it can, so that a line that
+// is left idle shows as a test that does not go on.
+constexpr size_t kBytesAMs = 2'000'000 / 8 / 1000;
+constexpr int64_t kStepMs = 20;
+constexpr int64_t kPingEveryMs = 400;
+constexpr int64_t kBuffersMs = 2500;  // what the kernel's buffers of both ends hold
+
+TEST_F(LineTest, a_megabyte_over_2_mbit_s_arrives_while_pings_are_answered_and_another_tunnel_talks) {
+    for (const Wire wire : {Wire::plain, Wire::tls13}) {
+        SCOPED_TRACE(static_cast<int>(wire));
+        support::GoodPlatform slow(wire);
+        support::GoodPlatform quick(wire);
+        Guest &sender = make("slow");
+        Guest &talker = make("quick");
+        open(slow, sender);
+        open(quick, talker);
+        const int room = 32768;
+        ASSERT_EQ(::setsockopt(slow.server().fd(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room), 0);
+        const std::string message = pattern(1 << 20);
+        ASSERT_EQ(ctm_tunnel_send(sender.tunnel, CTM_BINARY, message.data(), message.size()), CTM_OK);
+
+        int64_t ms = 0;
+        size_t said = 0;
+        size_t pongs = 0;
+        const size_t before = slow.bytes;
+        while (slow.messages.empty() && !HasFailure()) {
+            ms += kStepMs;
+            clock.advance_ms(kStepMs);
+            if (ms % kPingEveryMs == 0) {
+                slow.server().send(frame(support::kPing, std::to_string(ms)));
+                quick.server().send(frame(support::kText, "to the module"));
+                EXPECT_EQ(ctm_tunnel_send_text(talker.tunnel, "to the platform"), CTM_OK);
+                said++;
+                EXPECT_TRUE(run_until([&] {
+                    quick.serve();
+                    return quick.messages.size() == said && talker.messages.size() == said;
+                })) << "the loop is not free";
+            }
+            EXPECT_TRUE(run_until([&] {
+                const size_t due = before + static_cast<size_t>(ms) * kBytesAMs;
+                slow.server().read_at_most(due - slow.bytes);
+                if (slow.bytes < due) slow.serve();
+                return slow.bytes >= due || !slow.messages.empty();
+            })) << "the line is left idle";
+            for (; pongs < slow.pongs.size() && slow.messages.empty(); pongs++)
+                EXPECT_LE(ms - std::stoll(slow.pongs[pongs]), kBuffersMs);
+        }
+        EXPECT_GE(pongs, 3U) << "between the fragments";
+        ASSERT_EQ(slow.messages.size(), 1U);
+        EXPECT_TRUE(slow.messages[0].body == message);
+        EXPECT_EQ(slow.wrong + quick.wrong, "");
+        EXPECT_GE(ms, static_cast<int64_t>(message.size() / kBytesAMs));
+        EXPECT_EQ(sender.state(), "open");
+        EXPECT_EQ(sender.counters().attempts, 1U);
+        ctm_tunnel_free(sender.tunnel);
+        ctm_tunnel_free(talker.tunnel);
+    }
+}
+
 TEST_F(LineTest, a_pong_goes_between_the_fragments_of_a_message) {
     Guest &guest = make();
     Platform platform = offer_open(guest);

@@ -203,6 +203,16 @@ Platform ModuleTest::offer_open(Guest &guest, Wire wire) {
     return platform;
 }
 
+void ModuleTest::open(support::GoodPlatform &platform, Guest &guest) {
+    EXPECT_EQ(ctm_tunnel_open(guest.tunnel), CTM_OK);
+    tell(data(guest.model, port_of(platform.server())));
+    const auto opened = [&] {
+        platform.serve();
+        return ctm_tunnel_state(guest.tunnel) == CTM_OPEN;
+    };
+    if (!run_until(opened)) throw std::runtime_error("the tunnel does not open");
+}
+
 std::optional<support::WireFrame> ModuleTest::frame_now(Platform &platform) {
     std::string bytes = platform.server->inbox();
     const size_t before = bytes.size();

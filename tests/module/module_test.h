@@ -19,6 +19,7 @@
 #include "tests/support/clock.h"
 #include "tests/support/daemon.h"
 #include "tests/support/fixture.h"
+#include "tests/support/good_platform.h"
 #include "tests/support/resolver.h"
 #include "tests/support/server.h"
 #include "tests/support/wire.h"
@@ -85,6 +86,9 @@ class ModuleTest : public testing::Test {
     void accept(Platform &platform, Guest &guest);
     void open(Platform &platform, Guest &guest);
     Platform offer_open(Guest &guest, Wire wire = Wire::plain);
+
+    // The same with a platform that plays along by itself.
+    void open(support::GoodPlatform &platform, Guest &guest);
 
     // The next frame of the tunnel, read by the platform.
     support::WireFrame next_frame(Platform &platform);

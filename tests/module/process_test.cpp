@@ -325,6 +325,64 @@ TEST_F(ProcessTest, counters_of_freed_tunnels_stay_in_those_of_the_process) {
     EXPECT_EQ(all.ended[CTM_CAUSE_CLOSED_BY_US], 2U);
 }
 
+TEST_F(ProcessTest, the_cause_can_be_asked_for_and_counters_of_the_process_hold_what_waits) {
+    Guest &guest = make();
+    Platform platform = offer_open(guest);
+    const std::string much(1 << 20, 'm');
+    EXPECT_EQ(ctm_tunnel_send_binary(guest.tunnel, much.data(), much.size()), CTM_OK);
+    ctm_counters all = {};
+    all.size = sizeof all;
+    EXPECT_EQ(ctm_counters_all(&all), CTM_OK);
+    EXPECT_EQ(all.queue_messages, 1U);
+    EXPECT_EQ(all.queue_bytes, guest.counters().queue_bytes);
+    EXPECT_EQ(all.queue_most, much.size());
+    platform.server->reset();
+    EXPECT_TRUE(run_until([&] { return guest.state() == "pausing"; }));
+    ctm_cause_info info = {};
+    EXPECT_EQ(ctm_tunnel_cause(guest.tunnel, &info), CTM_BAD_SIZE);
+    info.size = sizeof info;
+    EXPECT_EQ(ctm_tunnel_cause(guest.tunnel, &info), CTM_OK);
+    EXPECT_EQ(info.cause, CTM_CAUSE_CLOSED_BY_PEER);
+    EXPECT_STREQ(info.detail, guest.cause.detail);
+    EXPECT_EQ(ctm_tunnel_cause(guest.tunnel, nullptr), CTM_NULL);
+    EXPECT_EQ(ctm_tunnel_counters(guest.tunnel, nullptr), CTM_NULL);
+    EXPECT_EQ(ctm_counters_all(nullptr), CTM_NULL);
+}
+
+TEST_F(ProcessTest, more_tunnels_than_libcloudtunnel_sets_up_at_once_take_turns) {
+    // One set-up of the process's own takes a place.
+    CLOUDMGR_socket_urllist_set("own", "cloud.example", "/", CLOUDTUNNEL_DATATYPE_HTTP, 443);
+    const support::Server silent(Wire::tls);
+    for (int i = 0; i < CTM_TUNNEL_MAX; i++) {
+        Guest &guest = make("model" + std::to_string(i));
+        ctm_tunnel_open(guest.tunnel);
+        if (i + 1 == CTM_TUNNEL_MAX) {
+            CLOUDMGR_socket_urllist_set("own", "cloud.example", "/", CLOUDTUNNEL_DATATYPE_HTTP, silent.port());
+            EXPECT_GE(
+                CLOUDMGR_v3wscnct_start(
+                    "own", "own", [](int) { return 0; }, [](const char *) { return 0; }, [](int, void *) { return 0; }),
+                0);
+        }
+        tell(data(guest.model, silent.port()));
+    }
+    settle();
+    Guest &last = *guests.back();
+    EXPECT_EQ(last.state(), "pausing");
+    ctm_tunnel_free(guests.front()->tunnel);
+    pass_time(1);
+    EXPECT_EQ(last.state(), "connecting");
+    CLOUDMGR_v3wscnct_node_del("own");
+    CLOUDMGR_socket_closeByModelName("own");
+}
+
+TEST_F(ProcessTest, the_loop_wakes_for_the_timers_of_libcloudtunnel) {
+    settle();
+    EXPECT_GT(ctm_timeout_ms(), 1001);
+    daemon.stop();  // it is looked for by a timer
+    EXPECT_TRUE(run_until([] { return ctm_daemon() == 0; }));
+    EXPECT_LE(ctm_timeout_ms(), 1001);
+}
+
 TEST_F(ProcessTest, metrics_are_a_text_of_the_openmetrics_format) {
     Guest &guest = make("mo\"del");
     Platform platform = offer_open(guest);

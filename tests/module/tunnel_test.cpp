@@ -1,3 +1,5 @@
+#include <netdb.h>
+
 #include "tests/module/module_test.h"
 
 namespace {
@@ -86,6 +88,36 @@ TEST_F(TunnelTest, a_message_is_cut_at_the_fragment_size_and_every_size_arrives_
             EXPECT_EQ(piece.mask.size(), 4U);
         }
         ctm_tunnel_free(guest.tunnel);
+    }
+}
+
+// 65,535 bytes are the most that the two-byte length form holds.
+TEST_F(TunnelTest, no_frame_over_65535_bytes_leaves_whatever_the_longest_message_and_the_fragment_size) {
+    for (const uint32_t fragment : {125U, 126U, 0U, 65535U}) {
+        for (const uint32_t longest : {125U, 126U, 65535U, 65536U, 200000U}) {
+            SCOPED_TRACE(std::to_string(longest) + " in " + std::to_string(fragment));
+            Guest &guest = make("model", [&](auto &options) {
+                options.longest_message = longest;
+                options.fragment = fragment;
+            });
+            support::GoodPlatform platform(Wire::plain);
+            open(platform, guest);
+            std::vector<support::GoodPlatform::Message> sent;
+            for (const uint32_t length : {0U, 1U, 125U, 126U, 65535U, 65536U, longest - 1, longest, longest + 1}) {
+                const std::string body(length, 'x');
+                const ctm_result result = ctm_tunnel_send(guest.tunnel, CTM_BINARY, body.data(), body.size());
+                EXPECT_EQ(result, length > longest ? CTM_TOO_LONG : CTM_OK) << length;
+                if (result == CTM_OK) sent.push_back({support::kBinary, body});
+            }
+            EXPECT_TRUE(run_until([&] {
+                platform.serve();
+                return platform.messages.size() == sent.size();
+            }));
+            EXPECT_TRUE(platform.messages == sent);
+            EXPECT_EQ(platform.wrong, "");
+            EXPECT_LE(platform.largest_frame, fragment == 0 ? 16000U : fragment);
+            ctm_tunnel_free(guest.tunnel);
+        }
     }
 }
 
@@ -214,6 +246,54 @@ TEST_F(TunnelTest, two_closes_that_cross_end_it_as_ours) {
     EXPECT_EQ(guest.states.back(), "closed closed_by_us");
 }
 
+TEST_F(TunnelTest, a_close_before_the_tunnel_is_open_is_at_once_and_final) {
+    for (const char *where : {"waiting", "pausing", "connecting"}) {
+        SCOPED_TRACE(where);
+        Guest &guest = make(where);
+        const support::Server server(Wire::tls);  // does not shake hands
+        ctm_tunnel_open(guest.tunnel);
+        if (std::string(where) != "waiting") tell(data(guest.model, server.port()));
+        if (std::string(where) == "connecting") settle();
+        if (std::string(where) == "pausing") {
+            resolver.fail("cloud.example", EAI_AGAIN);
+            ctm_tunnel_close(guest.tunnel, 1000, nullptr, 0);
+            ctm_tunnel_open(guest.tunnel);
+        }
+        ASSERT_EQ(guest.state(), where);
+        EXPECT_EQ(ctm_tunnel_close(guest.tunnel, 1001, "never mind", 10), CTM_OK);
+        EXPECT_EQ(guest.states.back(), "closed closed_by_us");
+        EXPECT_STREQ(guest.cause.detail, "never mind");
+        EXPECT_EQ(ctm_tunnel_wait_ms(guest.tunnel), 0U);
+        pass_time(300);
+        settle();
+        EXPECT_EQ(guest.states.back(), "closed closed_by_us");
+        EXPECT_TRUE(guest.closed.empty());
+        EXPECT_EQ(ctm_tunnel_close(guest.tunnel, 1000, nullptr, 0), CTM_NOT_OPEN);
+    }
+}
+
+TEST_F(TunnelTest, a_second_close_does_not_wait_for_the_answer_to_the_first) {
+    Guest &guest = make();
+    Platform platform = offer_open(guest);
+    ctm_tunnel_close(guest.tunnel, 1000, "first", 5);
+    EXPECT_EQ(guest.state(), "closing");
+    EXPECT_EQ(ctm_tunnel_close(guest.tunnel, 1001, "second", 6), CTM_OK);
+    EXPECT_EQ(guest.state(), "closed");
+    EXPECT_EQ(guest.closed, (Texts{"1006 "}));
+}
+
+TEST_F(TunnelTest, an_open_while_it_closes_starts_it_anew_when_that_is_over) {
+    Guest &guest = make();
+    Platform platform = offer_open(guest);
+    ctm_tunnel_close(guest.tunnel, 1000, nullptr, 0);
+    EXPECT_EQ(ctm_tunnel_open(guest.tunnel), CTM_OK);
+    EXPECT_EQ(ctm_tunnel_open(guest.tunnel), CTM_OPEN_ALREADY);
+    platform.server->send(frame(support::kClose, next_frame(platform).body));
+    EXPECT_TRUE(run_until([&] { return guest.state() == "connecting"; }, platform.server.get()));
+    platform.server->close();
+    open(platform, guest);
+}
+
 TEST_F(TunnelTest, a_silent_peer_is_dead) {
     Guest &guest = make();
     Platform platform = offer_open(guest);
@@ -330,6 +410,43 @@ TEST_F(TunnelTest, the_daemon_closes_a_model_and_offers_it_again) {
     open(platform, guest);
 }
 
+TEST_F(TunnelTest, the_daemon_closes_a_model_that_is_not_open) {
+    support::Notification closed = data("model", 0);
+    closed.sub_type = 2;
+    Guest &guest = make();
+    Platform platform = offer(guest, Wire::tls);
+    tell(closed);  // while it connects
+    EXPECT_EQ(guest.states.back(), "waiting no_data");
+    EXPECT_EQ(guest.counters().ended[CTM_CAUSE_CLOSED_BY_US], 1U);
+    platform.server->step();
+    platform.server->close();
+    tell(data("model", port_of(*platform.server)));
+    open(platform, guest);
+    platform.server->close();
+    EXPECT_TRUE(run_until([&] { return guest.state() == "pausing"; }));
+    tell(closed);  // while it pauses
+    EXPECT_EQ(guest.states.back(), "waiting no_data");
+    tell(data("model", port_of(*platform.server)));
+    open(platform, guest);
+    ctm_tunnel_close(guest.tunnel, 1000, nullptr, 0);
+    tell(closed);  // while the caller's close is under way: that stands
+    platform.server->send(frame(support::kClose, next_frame(platform).body));
+    EXPECT_TRUE(run_until([&] { return guest.state() == "closed"; }, platform.server.get()));
+}
+
+TEST_F(TunnelTest, data_that_come_while_the_daemons_close_is_under_way_have_it_started_anew) {
+    Guest &guest = make();
+    Platform platform = offer_open(guest);
+    support::Notification closed = data("model", 0);
+    closed.sub_type = 2;
+    tell(closed);
+    tell(data("model", port_of(*platform.server)));
+    platform.server->send(frame(support::kClose, next_frame(platform).body));
+    EXPECT_TRUE(run_until([&] { return guest.state() == "connecting"; }, platform.server.get()));
+    platform.server->close();
+    open(platform, guest);
+}
+
 TEST_F(TunnelTest, an_open_tunnel_outlives_the_daemon_and_a_waiting_one_says_what_it_waits_for) {
     Guest &guest = make("open");
     Platform platform = offer_open(guest);
@@ -374,6 +491,58 @@ TEST_F(TunnelTest, thirty_tunnels_stand_side_by_side) {
     for (const auto &guest : guests) EXPECT_EQ(guest->state(), guest == guests[7] ? "pausing" : "open");
 }
 
+TEST_F(TunnelTest, thirty_tunnels_talk_at_once_while_some_close_reopen_and_are_freed_in_callbacks) {
+    constexpr size_t kCount = 30;
+    constexpr size_t kReopens = 4;  // its owner closes it in the callback of a message and opens it when it is closed
+    constexpr size_t kFreed = 11;   // by the owner of another one
+    constexpr size_t kFrees = 12;   // itself as well
+    std::vector<std::unique_ptr<support::GoodPlatform>> platforms;
+    for (size_t i = 0; i < kCount; i++) {
+        platforms.push_back(std::make_unique<support::GoodPlatform>(Wire::tls13));
+        open(*platforms[i], make("model" + std::to_string(i)));
+    }
+    guests[kReopens]->during = [&](const char *what) {
+        if (std::string(what) == "message") ctm_tunnel_close(guests[kReopens]->tunnel, 1000, nullptr, 0);
+        if (std::string(what) == "closed") ctm_tunnel_open(guests[kReopens]->tunnel);
+    };
+    guests[kFrees]->during = [&](const char *what) {
+        if (std::string(what) != "message") return;
+        EXPECT_EQ(ctm_tunnel_free(guests[kFreed]->tunnel), CTM_OK);
+        EXPECT_EQ(ctm_tunnel_free(guests[kFrees]->tunnel), CTM_OK);
+    };
+    const auto special = [](size_t i) { return i == kReopens || i == kFreed || i == kFrees; };
+    const std::string much(100000, 'm');
+    for (size_t round = 1; round <= 3; round++) {
+        for (size_t i = 0; i < kCount; i++) {
+            if (special(i) && round > 1) continue;
+            platforms[i]->server().send(frame(support::kText, "for " + std::to_string(i)));
+            ctm_tunnel_send(guests[i]->tunnel, CTM_BINARY, much.data(), much.size());
+        }
+        EXPECT_TRUE(run_until([&] {
+            bool all = true;
+            for (size_t i = 0; i < kCount; i++) {
+                platforms[i]->serve();
+                if (special(i)) continue;
+                all = all && guests[i]->messages.size() == round && platforms[i]->messages.size() == round;
+            }
+            return all;
+        }));
+    }
+    for (size_t i = 0; i < kCount; i++) {
+        if (special(i)) continue;
+        EXPECT_EQ(guests[i]->messages, Texts(3, "text for " + std::to_string(i)));
+        EXPECT_TRUE(platforms[i]->messages.back().body == much);
+        EXPECT_EQ(platforms[i]->wrong, "");
+        EXPECT_EQ(guests[i]->counters().attempts, 1U);
+    }
+    EXPECT_TRUE(run_until([&] {
+        platforms[kReopens]->serve();
+        return platforms[kReopens]->upgrades == 2 && guests[kReopens]->state() == "open";
+    }));
+    EXPECT_EQ(ctm_tunnel_ping(guests[kFreed]->tunnel), CTM_FREED);
+    EXPECT_EQ(ctm_tunnel_ping(guests[kFrees]->tunnel), CTM_FREED);
+}
+
 // Every callback frees its own tunnel, once.
 TEST_F(TunnelTest, a_tunnel_may_be_freed_from_inside_each_of_its_callbacks) {
     for (const char *where : {"state waiting", "step", "state connecting", "state open", "message", "pong", "closed",
@@ -390,26 +559,28 @@ TEST_F(TunnelTest, a_tunnel_may_be_freed_from_inside_each_of_its_callbacks) {
             freed = true;
             EXPECT_EQ(ctm_tunnel_free(guest.tunnel), CTM_OK);
         };
-        try {
-            ctm_tunnel_open(guest.tunnel);
-            Platform platform = {std::make_unique<support::Server>(Wire::plain)};
-            tell(data("model", port_of(*platform.server)));
-            open(platform, guest);
-            support::Notification third = data("model", 0);
-            third.sub_type = 3;
-            tell(third);
-            ctm_tunnel_ping(guest.tunnel);
-            platform.server->send(frame(support::kText, "x") + frame(support::kPong, next_frame(platform).body));
-            EXPECT_TRUE(run_until([&] { return freed || !guest.pongs.empty(); }, platform.server.get()));
-            const std::string much(100000, 'm');
-            while (ctm_tunnel_send(guest.tunnel, CTM_TEXT, much.data(), much.size()) == CTM_OK) {
-            }
-            EXPECT_TRUE(run_until([&] { return freed || guest.writable > 0; }, platform.server.get()));
-            platform.server->send(frame(support::kClose, ""));
-            EXPECT_TRUE(run_until([&] { return freed || guest.state() == "closing"; }, platform.server.get()));
-            pass_time(1);
-        } catch (const std::runtime_error &) {  // the platform waits for a tunnel that is gone
+        support::GoodPlatform platform(Wire::plain);
+        const auto go_on_until = [&](const std::function<bool()> &reached) {
+            EXPECT_TRUE(run_until([&] {
+                platform.serve();
+                return freed || reached();
+            }));
+        };
+        ctm_tunnel_open(guest.tunnel);
+        tell(data("model", port_of(platform.server())));
+        go_on_until([&] { return guest.state() == "open" && platform.open(); });
+        support::Notification third = data("model", 0);
+        third.sub_type = 3;
+        tell(third);
+        ctm_tunnel_ping(guest.tunnel);
+        if (!freed) platform.server().send(frame(support::kText, "x"));
+        go_on_until([&] { return !guest.messages.empty() && !guest.pongs.empty(); });
+        const std::string much(100000, 'm');
+        while (ctm_tunnel_send(guest.tunnel, CTM_TEXT, much.data(), much.size()) == CTM_OK) {
         }
+        go_on_until([&] { return guest.writable > 0; });
+        if (!freed) platform.close("");
+        go_on_until([&] { return guest.state() == "pausing"; });
         EXPECT_TRUE(freed);
         EXPECT_EQ(ctm_tunnel_send_text(guest.tunnel, "x"), CTM_FREED);
         settle();

@@ -41,7 +41,9 @@ void GoodPlatform::serve() {
         at_ = 0;
     }
     if (!server_.up()) return;
-    bytes_ += server_.take_all();
+    const std::string come = server_.take_all();
+    bytes += come.size();
+    bytes_ += come;
     while (take_next()) {
     }
     bytes_.erase(0, at_);

@@ -40,6 +40,7 @@ class GoodPlatform {
     std::vector<std::string> closes;
     int upgrades = 0;
     int pings = 0;
+    size_t bytes = 0;          // that came, on all connections
     size_t largest_frame = 0;  // bytes of payload
     std::string wrong;         // what no client may send: the first that came
 
