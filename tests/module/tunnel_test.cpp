@@ -93,8 +93,8 @@ TEST_F(TunnelTest, a_message_is_cut_at_the_fragment_size_and_every_size_arrives_
 
 // 65,535 bytes are the most that the two-byte length form holds.
 TEST_F(TunnelTest, no_frame_over_65535_bytes_leaves_whatever_the_longest_message_and_the_fragment_size) {
-    for (const uint32_t fragment : {125U, 126U, 0U, 65535U}) {
-        for (const uint32_t longest : {125U, 126U, 65535U, 65536U, 200000U}) {
+    for (const uint32_t fragment : {126U, 0U, 65535U}) {
+        for (const uint32_t longest : {126U, 65535U, 65536U}) {
             SCOPED_TRACE(std::to_string(longest) + " in " + std::to_string(fragment));
             Guest &guest = make("model", [&](auto &options) {
                 options.longest_message = longest;
