@@ -32,7 +32,7 @@ void GoodPlatform::close(std::string_view body) {
 void GoodPlatform::serve() {
     const Quiet quiet;
     if (server_.ended()) server_.close();
-    server_.step();
+    const std::string come = server_.take_all();  // a step
     if (server_.accepted() > connections_) {
         connections_ = server_.accepted();
         phase_ = Phase::request;
@@ -41,7 +41,6 @@ void GoodPlatform::serve() {
         at_ = 0;
     }
     if (!server_.up()) return;
-    const std::string come = server_.take_all();
     bytes += come.size();
     bytes_ += come;
     while (take_next()) {
