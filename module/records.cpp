@@ -8,8 +8,8 @@ namespace {
 
 constexpr size_t kRecordMax = 4096;  // no release of a record is larger: what is, was never set
 
-// copy copies a record, `size` bytes long as the caller knows it. Every release of a record ends behind a whole field, so
-// that no pointer is read, or written, in part.
+// copy copies a record, `size` bytes long as the caller knows it. Every release of a record ends behind a whole field,
+// so that no pointer is read, or written, in part.
 ctm_result copy(void *to, const void *from, size_t size, size_t known, size_t least) {
     if (size < least || size > kRecordMax || size % alignof(size_t) != 0) return CTM_BAD_SIZE;
     memcpy(to, from, std::min(size, known));
