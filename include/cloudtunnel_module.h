@@ -230,6 +230,7 @@ typedef struct ctm_message {
     const char *data; /* a zero byte stands behind it, not counted */
     size_t length;    /* bytes in data */
     size_t announced; /* what the length line said; `length` where there was none */
+    size_t fragments; /* that it came in behind a length line; 0: a frame without one */
 } ctm_message;
 
 /* state: the tunnel has entered a state, or waits for another reason than before. */
@@ -246,6 +247,8 @@ typedef void ctm_pong_fn(ctm_tunnel *tunnel, uint32_t round_trip_us, void *user)
 typedef void ctm_closed_fn(ctm_tunnel *tunnel, uint16_t status, const char *reason, size_t length, void *user);
 /* writable: the queue has room for the message that was refused with CTM_FULL. */
 typedef void ctm_writable_fn(ctm_tunnel *tunnel, void *user);
+/* pinged: the peer has sent a ping, whose body has `length` bytes. Its answer is on its way. */
+typedef void ctm_pinged_fn(ctm_tunnel *tunnel, const char *body, size_t length, void *user);
 /* notice: the daemon's third kind of notification came. */
 typedef void ctm_notice_fn(ctm_tunnel *tunnel, void *user);
 
@@ -282,6 +285,7 @@ typedef struct ctm_tunnel_options {
     uint32_t fragment;         /* bytes of payload that go out in one frame; 0: 16000 */
     uint32_t queue;            /* bytes that may wait to be sent; 0: 4 MiB, or the longest message */
     uint32_t without_data;     /* a ctm_without_data */
+    ctm_pinged_fn *pinged;     /* null: not called, as the callbacks above */
 } ctm_tunnel_options;
 
 /* ------------------------------------------------------------------------------------------------ tunnels: calls */

@@ -40,6 +40,7 @@ Taken Assembly::begin(uint8_t opcode, const uint8_t *body, size_t length, size_t
     size_t announced = 0;
     const size_t line = announcement_size(body, length, &announced);
     was_open_ = line > 0;
+    fragments_ = 0;
     if (line == 0) {
         if (length > limit) return Taken::too_long;
         data_ = body;
@@ -55,6 +56,7 @@ Taken Assembly::begin(uint8_t opcode, const uint8_t *body, size_t length, size_t
 
 Taken Assembly::append(const uint8_t *piece, size_t length) {
     if (length > announced_ - length_) return Taken::too_many;
+    fragments_++;
     if (!gathered_ || length_ + length > room_) {
         const size_t wanted = std::min(announced_, std::max(std::max(kFirstRoom, room_ * 2), length_ + length));
         if (wanted == SIZE_MAX) return Taken::no_memory;  // with the zero byte, no block is that large
@@ -84,7 +86,7 @@ Owned<uint8_t> Assembly::detach() {
 void Assembly::clear() {
     open_ = was_open_ = false;
     data_ = nullptr;
-    length_ = announced_ = room_ = 0;
+    length_ = announced_ = fragments_ = room_ = 0;
     gathered_.reset();
 }
 

@@ -13,7 +13,7 @@
 namespace [[gnu::visibility("hidden")]] ctm {
 
 enum class Taken {
-    message,      // `data`, `length`, `announced` and `type` are a message; they hold until the next call
+    message,      // `data`, `length`, `announced`, `fragments` and `type` are a message; they hold until the next call
     more,         // fragments are missing, or the frame was the empty end of a message
     too_long,     // longer than the limit, whatever was announced
     out_of_turn,  // a continuation of nothing, or a new message inside another
@@ -29,6 +29,7 @@ class Assembly {
     [[nodiscard]] const uint8_t *data() const { return data_; }
     [[nodiscard]] size_t length() const { return length_; }
     [[nodiscard]] size_t announced() const { return announced_; }
+    [[nodiscard]] size_t fragments() const { return fragments_; }  // 0: a message of a frame without the line
     [[nodiscard]] uint8_t type() const { return type_; }
 
     // detach hands out the memory of a message that came in fragments, so that `data` holds until it is freed; null for
@@ -46,6 +47,7 @@ class Assembly {
     const uint8_t *data_ = nullptr;
     size_t length_ = 0;
     size_t announced_ = 0;
+    size_t fragments_ = 0;
     uint8_t type_ = 0;
     bool open_ = false;      // a message was begun and is not complete
     bool was_open_ = false;  // the last message came in fragments: their empty end may follow

@@ -193,6 +193,7 @@ void deliver(ctm_tunnel *tunnel) {
     message.data = reinterpret_cast<const char *>(tunnel->assembly.data());
     message.length = tunnel->assembly.length();
     message.announced = tunnel->assembly.announced();
+    message.fragments = tunnel->assembly.fragments();
     tunnel->counters.messages_in++;
     tunnel->counters.bytes_in += message.length;
     notify(tunnel, tunnel->options.message, static_cast<const ctm_message *>(&message));
@@ -236,7 +237,8 @@ void take_frame(ctm_tunnel *tunnel, const cloudmgr_ws_msg &frame) {
     if (frame.opcode == kClose) return take_close(tunnel, body, length);
     if (frame.opcode == kPing && length <= kControlMax) {
         tunnel->outbox.pong(body, length);
-        return line_pump(tunnel);
+        line_pump(tunnel);
+        return notify(tunnel, tunnel->options.pinged, reinterpret_cast<const char *>(body), length);
     }
     if (frame.opcode == kPong) return take_pong(tunnel, body, length);
     if (tunnel->state != CTM_OPEN) return;  // it crossed the close on its way

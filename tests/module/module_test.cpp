@@ -36,6 +36,7 @@ void on_message(ctm_tunnel *, const ctm_message *message, void *user) {
     guest.messages.push_back((message->type == CTM_TEXT ? "text " : "binary ") +
                              std::string(message->data, message->length));
     guest.announced = message->announced;
+    guest.fragments = message->fragments;
     note(guest, "message");
 }
 
@@ -53,6 +54,11 @@ void on_writable(ctm_tunnel *, void *user) {
 void on_pong(ctm_tunnel *, uint32_t round_trip_us, void *user) {
     of(user).pongs.push_back(round_trip_us);
     note(of(user), "pong");
+}
+
+void on_pinged(ctm_tunnel *, const char *body, size_t length, void *user) {
+    of(user).pinged.emplace_back(body, length);
+    note(of(user), "pinged");
 }
 
 void on_step(ctm_tunnel *, ctm_step step, void *user) {
@@ -106,6 +112,7 @@ Guest &ModuleTest::make(const std::string &model, const std::function<void(ctm_t
     options.pong = on_pong;
     options.step = on_step;
     options.notice = on_notice;
+    options.pinged = on_pinged;
     options.jitter_percent = CTM_NEVER;
     change(options);
     EXPECT_EQ(ctm_tunnel_new(&options, &guest.tunnel), CTM_OK);

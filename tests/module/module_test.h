@@ -37,10 +37,12 @@ struct Guest {
     Texts messages;  // "text hello", "binary ..."
     Texts closed;    // "1000 reason"
     std::vector<uint32_t> pongs;
+    Texts pinged;  // the bodies
     int writable = 0;
     int notices = 0;
     ctm_cause_info cause = {};                          // of the last state
     size_t announced = 0;                               // of the last message
+    size_t fragments = 0;                               // likewise
     std::function<void(const char *what)> during = {};  // run inside each callback, after it is recorded
 
     [[nodiscard]] std::string state() const { return ctm_state_name(ctm_tunnel_state(tunnel)); }

@@ -41,6 +41,7 @@ TEST(assembly, a_frame_without_the_length_line_is_a_message) {
          {"", "x", "length:", "length:5", "length:\n", "length:5x\n", "Length:5\nhello", " length:1\nx"}) {
         EXPECT_EQ(take(assembly, kText, body), Taken::message);
         EXPECT_EQ(text_of(assembly), body);
+        EXPECT_EQ(assembly.fragments(), 0U);
     }
 }
 
@@ -50,6 +51,7 @@ TEST(assembly, fragments_are_put_together_up_to_the_announced_length) {
     EXPECT_EQ(take(assembly, kContinuation, "cd"), Taken::more);
     EXPECT_EQ(take(assembly, kContinuation, "ef"), Taken::message);
     EXPECT_EQ(text_of(assembly), "abcdef");
+    EXPECT_EQ(assembly.fragments(), 3U);
     EXPECT_EQ(assembly.type(), kBinary);
     EXPECT_EQ(assembly.data()[6], 0);
     EXPECT_EQ(take(assembly, kText, "length:0\n"), Taken::message);

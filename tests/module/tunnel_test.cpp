@@ -63,6 +63,7 @@ TEST_F(TunnelTest, fragments_with_the_length_line_are_one_message_and_an_empty_e
     EXPECT_TRUE(run_until([&] { return guest.messages.size() == 3; }, platform.server.get()));
     EXPECT_EQ(guest.messages.back(), "binary hello");
     EXPECT_EQ(guest.announced, 10U);
+    EXPECT_EQ(guest.fragments, 1U);
     EXPECT_EQ(guest.state(), "open");
 }
 
@@ -129,7 +130,9 @@ TEST_F(TunnelTest, a_ping_of_the_platform_is_answered_with_its_body) {
         const support::WireFrame pong = next_frame(platform);
         EXPECT_EQ(pong.opcode, support::kPong);
         EXPECT_EQ(pong.body, body);
+        EXPECT_EQ(guest.pinged.back(), body);
     }
+    EXPECT_EQ(guest.pinged.size(), 3U);
 }
 
 TEST_F(TunnelTest, its_own_pings_measure_the_round_trip) {
