@@ -31,6 +31,11 @@ class ServiceManager {
     // one.
     void alive(Clock::time_point now);
 
+    // alive_due is when the watchdog is to be fed again, the end of time without one.
+    [[nodiscard]] Clock::time_point alive_due() const {
+        return watchdog_.count() == 0 ? Clock::time_point::max() : alive_due_;
+    }
+
   private:
     void send(std::string_view lines) const;
 

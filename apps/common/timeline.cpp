@@ -1,7 +1,5 @@
 #include "common/timeline.h"
 
-#include <cstdio>
-
 namespace common {
 
 void Timeline::log(std::string_view source, std::string_view what) const {
@@ -9,14 +7,15 @@ void Timeline::log(std::string_view source, std::string_view what) const {
 }
 
 void Timeline::show(std::string_view source, std::string_view what) const {
-    print(std::chrono::steady_clock::now() - start_, source, what);
+    print(std::chrono::steady_clock::now() - start_, source, what, to_);
 }
 
-void Timeline::print(std::chrono::steady_clock::duration time, std::string_view source, std::string_view what) {
+void Timeline::print(std::chrono::steady_clock::duration time, std::string_view source, std::string_view what,
+                     std::FILE *to) {
     const std::chrono::duration<double> since = time;
-    std::printf("%7.3f %-9.*s %.*s\n", since.count(), static_cast<int>(source.size()), source.data(),
-                static_cast<int>(what.size()), what.data());
-    std::fflush(stdout);
+    std::fprintf(to, "%7.3f %-9.*s %.*s\n", since.count(), static_cast<int>(source.size()), source.data(),
+                 static_cast<int>(what.size()), what.data());
+    std::fflush(to);
 }
 
 }  // namespace common

@@ -1,11 +1,11 @@
 #include "daemon_link.h"
 
-#include <cloudtunnel.h>
+#include <cloudtunnel_module.h>
 
 namespace module_program {
 
 void DaemonLink::watch() {
-    const bool up = g_iCloudClientConnFd >= 0;
+    const bool up = ctm_daemon() != 0;
     if (up == up_) return;
     up_ = up;
     if (up) {

@@ -1,30 +1,37 @@
-// The print callback. It writes the library's log where the user wants it, and recognises in it the steps of a tunnel's
-// set-up for which there is no callback. It runs inside the library, sometimes under its locks, so it calls no function
-// of the library.
+// The library's log, where the user wants it: in a file, or below the lines of the timeline.
 #pragma once
 
-#include <cloudtunnel.h>
-
+#include <cstdint>
+#include <cstdio>
 #include <string>
 
 #include "options.h"
-#include "timeline.h"
 
 namespace module_program {
 
-// open_library_log prepares print_library_message: it sets the level and opens the file. False when the file cannot be
-// opened. `timeline` and `options` outlive the library's last message.
-bool open_library_log(const Timeline &timeline, const Options &options);
-void close_library_log();
+constexpr uint32_t kConnectLevel = 5;  // of the library's messages about a connection's course
 
-// print_library_message is the callback for the library.
-int print_library_message(uint32_t level, const char *format, ...) __attribute__((format(printf, 2, 3)));
+class LibraryLog {
+  public:
+    explicit LibraryLog(const Options &options) : options_(options) {}
+    ~LibraryLog();
+    LibraryLog(const LibraryLog &) = delete;
+    LibraryLog &operator=(const LibraryLog &) = delete;
 
-// begin_attempt forgets the first error. It is called before a set-up and when a tunnel opens.
-void begin_attempt();
+    // open begins the file, if the log goes into one; reopen goes on in the file that has its name now. False when it
+    // cannot be opened: a file that is open stays.
+    bool open();
+    bool reopen();
+    [[nodiscard]] bool has_file() const { return !options_.log.empty() && options_.log != "-"; }
 
-// first_error is the first error that the library logged since then, the reason of a failure; empty when there was
-// none.
-std::string first_error();
+    // write writes one message, if its level is wanted.
+    void write(uint32_t level, const char *text) const;
+
+  private:
+    bool open_file(const char *mode);
+
+    const Options &options_;
+    std::FILE *file_ = nullptr;
+};
 
 }  // namespace module_program

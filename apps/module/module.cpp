@@ -1,139 +1,162 @@
 #include "module.h"
 
-#include <cloudtunnel.h>
-#include <poll.h>
+#include <cloudtunnel_module.h>
 
 #include <algorithm>
-#include <ctime>
+#include <numeric>
 
 #include "common/program.h"
-#include "library_log.h"
+#include "poller.h"
 #include "signals.h"
 
 namespace module_program {
 namespace {
 
-constexpr int kEventsAtOnce = 64;  // then the timers run
+using common::cat;
 
-Module *g_module = nullptr;  // the library's callbacks carry no argument
-
-bool fail(const char *what) {
+bool fail(std::string_view what) {
     common::complain(kProgramName, what);
     return false;
 }
 
-// The library's timers count whole seconds of uptime: to look at them once, just after each second begins, is enough.
-std::chrono::milliseconds until_next_second() {
-    timespec now = {};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    return std::chrono::milliseconds(1 + (1000000000 - now.tv_nsec) / 1000000);
-}
-
-int milliseconds_until(Clock::time_point when) {
+int milliseconds_until(Clock::time_point when, int longest) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(when - Clock::now());
-    return static_cast<int>(std::clamp<long long>(left.count(), 0, 1000));
-}
-
-// ready waits for events of the library for at most `wait_ms`. False when the event loop is gone.
-bool ready(int epfd, int wait_ms, bool &has_work) {
-    pollfd look = {.fd = epfd, .events = POLLIN, .revents = 0};
-    has_work = poll(&look, 1, wait_ms) > 0;  // a signal ends the wait too; check_end handles it
-    return !has_work || (look.revents & POLLIN);
+    return static_cast<int>(std::clamp<long long>(left.count(), 0, longest));
 }
 
 }  // namespace
 
 Module::Module(const Options &options)
     : options_(options),
-      tunnel_(options, timeline_),
+      log_(options),
+      timeline_(options.timeline(), options.models.size() > 1),
       link_(timeline_),
-      end_(Clock::now() + std::chrono::seconds(options.seconds)) {}
-
-// The module's callbacks.
-
-int Module::tunnel_open() {
-    g_module->tunnel_.data_came();
-    return 0;
+      lines_(options, timeline_, *this),
+      context_{options_, timeline_, log_, link_, lines_},
+      end_(Clock::now() + std::chrono::seconds(options.seconds)) {
+    for (const std::string &model : options.models) tunnels_.push_back(std::make_unique<Tunnel>(context_, model));
+    if (!options.metrics.empty()) metrics_.emplace(options.metrics);
 }
 
-// A broken link to the daemon calls this too; it does not end a tunnel.
-int Module::tunnel_close() {
-    g_module->link_.watch();
-    if (g_module->link_.up()) g_module->tunnel_.model_closed();
-    return 0;
-}
-
-int Module::tunnel_third() {
-    g_module->timeline_.log("the daemon's third notice");
-    return 0;
-}
+// ---------------------------------------------------------------------------------------------------------- its life
 
 int Module::run() {
-    g_module = this;
-    if (!open_library_log(timeline_, options_)) {
+    if (!log_.open()) {
         fail("the log file cannot be opened");
         return 1;
     }
-    bool good = begin();
-    if (good) service_.ready();
-    while (good && !tunnel_.ended()) good = run_once();
-    CLOUDTUNNEL_LIB_Fini();
-    CLOUDMGR_socket_deinit();
-    close_library_log();
+    lines_.begin();
+    const bool good = begin();
+    if (good) serve();
+    end();
     if (!good) return 1;
-    timeline_.log("%ld requests answered, %ld tunnels, %ld daemon links", tunnel_.answers(), tunnel_.tunnels_ended(),
-                  link_.ups());
+    if (lines_.skipped() > 0) timeline_.log("%ld broken lines skipped", lines_.skipped());
+    timeline_.log("%ld requests answered, %ld tunnels, %ld daemon links", answers(), tunnels_ended(), link_.ups());
     if (!goal_missed_) return 0;
     fail("a goal was not met within --seconds");
     return 1;
 }
 
 bool Module::begin() {
-    timeline_.log("module '%s', sub-name '%s', device model '%s'", options_.model.c_str(), options_.sub_name.c_str(),
-                  options_.device_model.c_str());
+    for (const auto &tunnel : tunnels_)
+        timeline_.log("module '%s', sub-name '%s', device model '%s'", tunnel->model().c_str(),
+                      options_.sub_name.c_str(), options_.device_model.c_str());
     const MayWait may_wait;
-    CLOUDTUNNEL_LIB_INIT_DATA data = {};
-    data.pfnPrint = print_library_message;
-    epfd_ = CLOUDTUNNEL_LIB_Init(&data);
-    if (epfd_ < 0) return fail("the library has no event loop");
+    ctm_options wanted = {};
+    wanted.size = sizeof wanted;
+    wanted.log = [](uint32_t level, const char *text, void *log) {
+        static_cast<const LibraryLog *>(log)->write(level, text);
+    };
+    wanted.user = &log_;
+    wanted.log_level =
+        options_.log.empty() || options_.log_level == 0 ? CTM_NEVER : static_cast<uint32_t>(options_.log_level);
+    wanted.log_secrets = 1;
+    const ctm_result up = ctm_init(&wanted);
+    if (up != CTM_OK) return fail(cat("the library does not start: ", ctm_result_text(up)));
     link_.watch();
     if (!link_.up()) timeline_.log("no daemon yet: trying again every 10 s");
-    const CLOUDTUNNEL_MODULE_REG registration = {.pcName = options_.model.c_str(),
-                                                 .pcSubName = options_.sub_name.c_str(),
-                                                 .tunnel_open_cb = tunnel_open,
-                                                 .tunnel_close_cb = tunnel_close,
-                                                 .tunnel_third_cb = tunnel_third};
-    if (CLOUDTUNNEL_MODULE_Register(&registration) != 0) return fail("the module cannot be registered");
-    return true;
+    for (const auto &tunnel : tunnels_) {
+        const ctm_result begun = tunnel->begin();
+        if (begun != CTM_OK) return fail(cat(tunnel->model(), ": ", ctm_result_text(begun)));
+        if (asked_to_end()) break;
+    }
+    write_metrics();
+    return !metrics_failed_;
 }
 
-// What is due, a wait, the events that came in, the library's timers.
-bool Module::run_once() {
-    check_end();
-    tunnel_.step();
-    service_.status(common::cat("tunnel: ", timeline_.state()));
-    service_.alive(Clock::now());
-    if (tunnel_.ended()) return true;
-    if (!wait() || !handle_events()) return fail("the library's event loop is gone");
-    const MayWait may_wait;  // a timer may connect to the daemon again
-    CLOUDTUNNEL_TIMER_Proc();
-    link_.watch();
-    return true;
+void Module::serve() {
+    service_.ready();
+    while (!ended()) run_once();
 }
+
+// What is due, a wait, the descriptors that are ready, the library.
+void Module::run_once() {
+    const auto now = Clock::now();
+    handle_signals();
+    check_end();
+    if (!ending_) lines_.step(now);
+    if (metrics_ && now >= metrics_->due()) write_metrics();
+    service_.status(status());
+    service_.alive(now);
+    if (ended()) return;
+    Poller poller;
+    lines_.watch(poller);
+    poller.add(signals_fd(), POLLIN, [](short) { clear_signals(); });
+    poller.add(ctm_fd(), POLLIN, [](short) {});
+    poller.wait(wait_ms());
+    {
+        const MayWait may_wait;  // a timer may connect to the daemon again
+        ctm_dispatch();
+    }
+    link_.watch();
+    lines_.flush();
+}
+
+void Module::end() {
+    if (metrics_ && ctm_fd() >= 0) write_metrics();
+    ctm_end();
+    lines_.finish();
+}
+
+int Module::wait_ms() const {
+    auto due = std::min(lines_.due(), service_.alive_due());
+    if (metrics_) due = std::min(due, metrics_->due());
+    if (!ending_) due = std::min(due, end_);
+    return milliseconds_until(due, ctm_timeout_ms());
+}
+
+void Module::handle_signals() {
+    if (child_ended()) lines_.reap(Clock::now());
+    if (!asked_to_reopen() || !log_.has_file()) return;
+    if (log_.reopen())
+        timeline_.log("log file opened anew");
+    else
+        fail("the log file cannot be opened anew: the old one goes on");
+}
+
+void Module::write_metrics() {
+    if (!metrics_) return;
+    const bool failed = !metrics_->write(Clock::now(), lines_.metrics());
+    if (failed && !metrics_failed_) fail("the metrics file cannot be written");
+    metrics_failed_ = failed;
+}
+
+// ---------------------------------------------------------------------------------------------------------- the end
 
 bool Module::goals_met() const {
-    return options_.has_goals() && tunnel_.answers() >= options_.exchanges &&
-           tunnel_.tunnels_ended() >= options_.tunnels && link_.ups() >= options_.links;
+    return options_.has_goals() && answers() >= options_.exchanges && tunnels_ended() >= options_.tunnels &&
+           link_.ups() >= options_.links;
 }
 
 void Module::check_end() {
     if (ending_) return;
-    const bool time_is_up = Clock::now() >= end_;
     if (asked_to_end()) {
         timeline_.log("ending: signal %d", asked_to_end());
+    } else if (lines_.lost()) {
+        timeline_.log("ending: nobody reads the lines");
     } else if (goals_met()) {
         timeline_.log("ending: all goals are met");
-    } else if (time_is_up) {
+    } else if (Clock::now() >= end_) {
         timeline_.log("ending: time is up");
         goal_missed_ = options_.has_goals();
     } else {
@@ -141,24 +164,54 @@ void Module::check_end() {
     }
     ending_ = true;
     service_.stopping();
-    tunnel_.finish();
+    for (const auto &tunnel : tunnels_) tunnel->finish();
 }
 
-bool Module::wait() const {
-    const int first = std::min(milliseconds_until(tunnel_.due()), milliseconds_until(ending_ ? tunnel_.due() : end_));
-    bool has_work = false;
-    return ready(epfd_, std::min(first, static_cast<int>(until_next_second().count())), has_work);
+bool Module::ended() const {
+    return ending_ && std::ranges::all_of(tunnels_, [](const auto &tunnel) { return tunnel->ended(); });
 }
 
-bool Module::handle_events() {
-    for (int i = 0; i < kEventsAtOnce; i++) {
-        bool has_work = false;
-        if (!ready(epfd_, 0, has_work)) return false;
-        if (!has_work) return true;
-        CLOUDTUNNEL_EPOLL_HandleMsg(epfd_);
-        tunnel_.step();  // what a callback left to do, before the next event
+// ---------------------------------------------------------------------------------------------------------- sums
+
+long Module::answers() const {
+    return std::transform_reduce(tunnels_.begin(), tunnels_.end(), 0L, std::plus<>(),
+                                 [](const auto &tunnel) { return tunnel->answers(); });
+}
+
+long Module::tunnels_ended() const {
+    return std::transform_reduce(tunnels_.begin(), tunnels_.end(), 0L, std::plus<>(),
+                                 [](const auto &tunnel) { return tunnel->tunnels_ended(); });
+}
+
+std::string Module::status() const {
+    if (tunnels_.size() == 1) return cat("tunnel: ", tunnels_.front()->state_name());
+    std::string text = "tunnels:";
+    for (const auto &tunnel : tunnels_) text += cat(" ", tunnel->model(), " ", tunnel->state_name());
+    return text;
+}
+
+// ---------------------------------------------------------------------------------------------------------- lines
+
+Tunnel &Module::tunnel_of(Request &request) {
+    if (request.model.empty()) {
+        if (tunnels_.size() > 1) throw common::BadInput("no model is named, and there are several");
+        request.model = tunnels_.front()->model();
     }
-    return true;
+    for (const auto &tunnel : tunnels_) {
+        if (tunnel->model() == request.model) return *tunnel;
+    }
+    throw common::BadInput(cat("unknown model \"", common::printable(request.model), "\""));
+}
+
+ctm_result Module::ask(Request &request) {
+    Tunnel &tunnel = tunnel_of(request);
+    return ending_ ? CTM_NOT_OPEN : tunnel.ask(request);
+}
+
+std::vector<std::string> Module::states() const {
+    std::vector<std::string> all;
+    for (const auto &tunnel : tunnels_) all.push_back(tunnel->state_line());
+    return all;
 }
 
 }  // namespace module_program

@@ -3,19 +3,24 @@
 #include <algorithm>
 #include <cstdarg>
 
-#include "common/text.h"
-
 namespace module_program {
 
 void Timeline::log(const char *format, ...) const {
-    constexpr size_t kStateWidth = 8;
-    std::string line = state_;
-    line.resize(std::max(line.size(), kStateWidth), ' ');
     va_list args;
     va_start(args, format);
-    line = common::cat(line, " ", common::format_text(format, args));
+    print(state_, common::format_text(format, args));
     va_end(args);
-    lines_.log("module", line);
+}
+
+void Timeline::log_tunnel(std::string_view state, std::string_view model, std::string_view what) const {
+    print(state, several_ ? common::cat("[", model, "] ", what) : std::string(what));
+}
+
+void Timeline::print(std::string_view state, std::string_view what) const {
+    constexpr size_t kStateWidth = 8;
+    std::string line(state);
+    line.resize(std::max(line.size(), kStateWidth), ' ');
+    lines_.log("module", common::cat(line, " ", what));
 }
 
 }  // namespace module_program

@@ -1,9 +1,13 @@
-// The module's timeline: each line has the state of the tunnel and what happened.
+// The timeline: each line has the state of a tunnel and what happened. Where the process has several tunnels, it names
+// theirs.
 #pragma once
 
 #include <chrono>
+#include <cstdio>
 #include <string>
+#include <string_view>
 
+#include "common/text.h"
 #include "common/timeline.h"
 
 namespace module_program {
@@ -12,16 +16,24 @@ using Clock = std::chrono::steady_clock;
 
 class Timeline {
   public:
-    // enter names the state that the lines from now on belong to.
-    void enter(const char *state) { state_ = state; }
-    [[nodiscard]] const std::string &state() const { return state_; }
+    // `several` tells whether the process has more than one tunnel.
+    Timeline(std::FILE *to, bool several) : lines_(false, to), several_(several) {}
 
-    // log prints one line.
+    // enter has a tunnel's state stand in the lines of the process from now on, if it has no other tunnel.
+    void enter(const char *state) {
+        if (!several_) state_ = state;
+    }
+
+    // log prints a line of the process, log_tunnel one of a tunnel.
     void log(const char *format, ...) const __attribute__((format(printf, 2, 3)));
+    void log_tunnel(std::string_view state, std::string_view model, std::string_view what) const;
 
   private:
+    void print(std::string_view state, std::string_view what) const;
+
     common::Timeline lines_;
-    std::string state_ = "start";
+    bool several_;
+    std::string state_ = several_ ? "-" : "waiting";
 };
 
 }  // namespace module_program

@@ -1,380 +1,294 @@
 #include "tunnel.h"
 
-#include <memory>
-#include <random>
+#include <arpa/inet.h>
+#include <cloudtunnel.h>
+#include <netdb.h>
+
+#include <array>
+#include <cstdarg>
+#include <cstring>
 
 #include "common/messages.h"
 #include "common/text.h"
-#include "library_log.h"
+#include "common/websocket.h"
+#include "events.h"
 
 namespace module_program {
 namespace {
 
-using namespace std::chrono_literals;
-using common::Opcode;
+using common::cat;
 using common::printable;
-namespace close_status = common::close_status;
 
-constexpr int kSendAttempts = 100;
-constexpr uint32_t kFragmentPause_us = 1000;  // lets a slow connection take one fragment before the next
-constexpr auto kCloseTime = 3s;               // for the platform's answer, or the library's timer, after a close
-constexpr uint32_t kRegistered = 2;           // state of a set-up that waits for the answer to its registration
+constexpr uint32_t kDeadPings = 3;  // intervals without a sign of life, after which the peer is dead
+constexpr uint16_t kNoCloseFrame = 1006;
 
-Tunnel *g_tunnel = nullptr;
+Tunnel *of(void *user) { return static_cast<Tunnel *>(user); }
 
-struct MessageFree {
-    void operator()(cloudmgr_ws_msg *message) const { CLOUDMGR_ws_msg_destory(message); }
-};
-using OwnedMessage = std::unique_ptr<cloudmgr_ws_msg, MessageFree>;
+// A caller's name for a state, as the timeline has always had it.
+const char *timeline_name(ctm_state state) { return state == CTM_CONNECTING ? "set-up" : ctm_state_name(state); }
 
-const char *state_name(Tunnel::State state) {
-    switch (state) {
-        case Tunnel::State::waiting:
-            return "waiting";
-        case Tunnel::State::pausing:
-            return "pausing";
-        case Tunnel::State::set_up:
-            return "set-up";
-        case Tunnel::State::open:
-            return "open";
-        case Tunnel::State::closing:
-            return "closing";
-        case Tunnel::State::ended:
-            return "ended";
-    }
-    return "";
+// The address that the library connects to: the first one of the host.
+std::string address_of(const char *model) {
+    const addrinfo *const found = cloudtunnel_socket_getAddrinfoByModelname(model);
+    std::array<char, NI_MAXHOST> text = {};
+    if (!found || getnameinfo(found->ai_addr, found->ai_addrlen, text.data(), text.size(), nullptr, 0, NI_NUMERICHOST))
+        return {};
+    return text.data();
 }
 
-double random_fraction() {
-    static std::mt19937 engine{std::random_device{}()};
-    return std::uniform_real_distribution<>(0, 1)(engine);
-}
-
-std::string_view text_of(const char *text) { return text ? text : std::string_view(); }
-
-std::string_view body_of(const cloudmgr_ws_msg &message) {
-    if (!message.body || message.length <= 0) return {};
-    return {reinterpret_cast<const char *>(message.body), static_cast<size_t>(message.length)};
-}
-
-std::string reason_text() {
-    const std::string error = first_error();
-    return error.empty() ? "no reason given" : error;
-}
+size_t size_of(const char *text) { return text ? std::strlen(text) : 0; }
 
 }  // namespace
 
-Tunnel::Tunnel(const Options &options, Timeline &timeline)
-    : options_(options),
-      timeline_(timeline),
-      retry_(random_fraction),
-      assembly_(static_cast<size_t>(options.max_message)) {
-    g_tunnel = this;
-    enter(State::waiting);
+std::string cause_text(const ctm_cause_info &cause) {
+    std::string text = cat(ctm_cause_name(cause.cause), ": ", ctm_cause_text(cause.cause));
+    if (cause.http_status != 0) text += cat(", HTTP status ", cause.http_status);
+    if (cause.ret_code != 0) text += cat(", retCode ", cause.ret_code);
+    if (cause.close_status != 0) text += cat(", close status ", cause.close_status);
+    if (cause.system_error != 0) text += cat(", errno ", cause.system_error);
+    if (cause.resolver_error != 0) text += cat(", ", gai_strerror(cause.resolver_error));
+    if (cause.tls_error[0] != '\0') text += cat(", ", printable(cause.tls_error));
+    if (cause.detail[0] != '\0') text += cat("; ", printable(cause.detail));
+    return text;
 }
 
-Tunnel::~Tunnel() { g_tunnel = nullptr; }
+Tunnel::Tunnel(const Context &context, std::string model) : context_(context), model_(std::move(model)) {}
 
-// The library's callbacks.
-
-int Tunnel::connected(int sock) { return g_tunnel->on_connected(sock); }
-
-int Tunnel::failed(const char *) {
-    g_tunnel->on_failed();
-    return 0;
+const char *Tunnel::state_name() const {
+    if (!begun_) return "waiting";
+    return finishing_ && ended() ? "ended" : timeline_name(state_);
 }
 
-int Tunnel::received(int, void *message) {
-    return g_tunnel->on_message(*static_cast<const cloudmgr_ws_msg *>(message));
+std::string Tunnel::state_line() const {
+    ctm_cause_info cause = {};
+    cause.size = sizeof cause;
+    ctm_tunnel_cause(tunnel_, &cause);
+    return module_program::state_line(model_, state_, cause);
 }
 
-int Tunnel::close_due(uint32_t, void *sock) {
-    g_tunnel->on_close_due(*static_cast<const int *>(sock));
-    return 0;
+void Tunnel::log(const char *format, ...) const {
+    va_list args;
+    va_start(args, format);
+    context_.timeline.log_tunnel(state_name(), model_, common::format_text(format, args));
+    va_end(args);
 }
 
-// States.
+// ---------------------------------------------------------------------------------------------------------- calls
 
-void Tunnel::enter(State state) {
-    state_ = state;
-    due_ = Clock::time_point::max();
-    timeline_.enter(state_name(state));
-}
-
-void Tunnel::pause() {
-    const auto time = retry_.next();
-    enter(State::pausing);
-    due_ = Clock::now() + time;
-    timeline_.log("next start in %.1f s", std::chrono::duration<double>(time).count());
-}
-
-void Tunnel::start() {
-    target_ = current_target();
-    enter(State::set_up);
-    timeline_.log("set-up started");
-    begin_attempt();
-    // failed() is called for every failure, also for one of this call.
-    CLOUDMGR_v3wscnct_start(options_.model.c_str(), options_.device_model.c_str(), connected, failed, received);
-}
-
-// abandon ends a set-up or a tunnel without a close frame. The library calls no callback for it.
-void Tunnel::abandon() {
-    CLOUDMGR_v3wscnct_node_del(options_.model.c_str());
-    CLOUDMGR_socket_closeByModelName(options_.model.c_str());
-    if (state_ == State::open || state_ == State::closing) tunnels_++;
-    sock_ = -1;
-}
-
-// settle chooses the next state after a tunnel or a set-up has ended.
-void Tunnel::settle() {
-    sock_ = -1;
-    if (finishing_) {
-        enter(State::ended);
-    } else if (!wanted_) {
-        enter(State::waiting);
-        timeline_.log("waiting for tunnel data");
-    } else {
-        pause();
-    }
-}
-
-void Tunnel::step() {
-    if (restart_) {
-        restart_ = false;
-        timeline_.log("tunnel data have changed: starting again");
-        abandon();
-        start();
-    }
-    if (Clock::now() < due_) return;
-    if (state_ == State::pausing) {
-        start();
-    } else if (state_ == State::closing) {
-        timeline_.log("no answer to the close");
-        timeline_.log("tunnel closed");
-        abandon();
-        settle();
-    }
+ctm_result Tunnel::begin() {
+    const Options &options = context_.options;
+    ctm_tunnel_options wanted = {};
+    wanted.size = sizeof wanted;
+    wanted.model = model_.c_str();
+    wanted.sub_name = options.sub_name.c_str();
+    wanted.device_model = options.device_model.c_str();
+    wanted.longest_message = static_cast<uint32_t>(options.max_message);
+    wanted.fragment = static_cast<uint32_t>(options.fragment_size);
+    wanted.ping_ms = options.ping > 0 ? static_cast<uint32_t>(options.ping) * 1000 : CTM_NEVER;
+    wanted.dead_ms = options.ping > 0 ? wanted.ping_ms * kDeadPings : CTM_NEVER;
+    wanted.user = this;
+    wanted.state = [](ctm_tunnel *, ctm_state state, const ctm_cause_info *cause, void *user) {
+        of(user)->on_state(state, *cause);
+    };
+    wanted.step = [](ctm_tunnel *, ctm_step step, void *user) { of(user)->on_step(step); };
+    wanted.message = [](ctm_tunnel *, const ctm_message *got, void *user) { of(user)->on_message(*got); };
+    wanted.pinged = [](ctm_tunnel *, const char *body, size_t length, void *user) {
+        of(user)->on_pinged({body, length});
+    };
+    wanted.pong = [](ctm_tunnel *, uint32_t round_trip_us, void *user) { of(user)->on_pong(round_trip_us); };
+    wanted.closed = [](ctm_tunnel *, uint16_t status, const char *reason, size_t length, void *user) {
+        of(user)->on_closed(status, {reason, length});
+    };
+    wanted.writable = [](ctm_tunnel *, void *user) { of(user)->context_.lines.tell(writable_line(of(user)->model_)); };
+    wanted.notice = [](ctm_tunnel *, void *user) { of(user)->log("the daemon's third notice"); };
+    const ctm_result made = ctm_tunnel_new(&wanted, &tunnel_);
+    return made == CTM_OK ? ctm_tunnel_open(tunnel_) : made;
 }
 
 void Tunnel::finish() {
-    if (finishing_) return;
+    constexpr std::string_view kReason = "module ends";
     finishing_ = true;
-    restart_ = false;
-    if (state_ == State::open) {
-        close(close_status::kNormal, "module ends");
-    } else if (state_ != State::closing) {
-        if (state_ == State::set_up) abandon();
-        settle();
+    close_asked_ = true;
+    if (state_ == CTM_CLOSING) return;  // its end is under way
+    ctm_tunnel_close(tunnel_, common::close_status::kNormal, kReason.data(), kReason.size());
+}
+
+ctm_result Tunnel::send(ctm_type type, std::string_view data) {
+    const ctm_result result = ctm_tunnel_send(tunnel_, type, data.data(), data.size());
+    if (result == CTM_OK) answers_++;
+    return result;
+}
+
+ctm_result Tunnel::ask(const Request &request) {
+    switch (request.kind) {
+        case Request::Kind::send:
+            return send(request.type, request.data);
+        case Request::Kind::close: {
+            close_asked_ = true;
+            const ctm_result result =
+                ctm_tunnel_close(tunnel_, request.status, request.data.data(), request.data.size());
+            if (result != CTM_OK) close_asked_ = false;
+            return result;
+        }
+        case Request::Kind::open:
+            return ctm_tunnel_open(tunnel_);
+        case Request::Kind::ping:
+            return ctm_tunnel_ping(tunnel_);
     }
+    return CTM_OK;
 }
 
-// Notifications of the daemon.
+// ---------------------------------------------------------------------------------------------------------- states
 
-Tunnel::Target Tunnel::current_target() const {
-    const CLOUDTUNNEL_MODULE_NODE *node = cloudmgr_module_getmodNodeByName(options_.model.c_str());
-    if (!node) return {};
-    return {
-        .host = std::string(text_of(node->url_host)), .path = std::string(text_of(node->url_path)), .port = node->port};
-}
-
-void Tunnel::data_came() {
-    timeline_.log("tunnel data stored: token of %zu characters, cookie of %zu",
-                  text_of(CLOUDMGR_TUNNEL_GetToken()).size(), text_of(cloudmgr_v3_getCookie()).size());
-    if (finishing_) return;
-    wanted_ = true;
-    switch (state_) {
-        case State::waiting:
-        case State::pausing:
-            enter(State::pausing);
-            due_ = Clock::now();
+void Tunnel::on_state(ctm_state state, const ctm_cause_info &cause) {
+    context_.link.watch();
+    const ctm_state before = state_;
+    begun_ = true;
+    if (before == CTM_CONNECTING && state != CTM_OPEN && !close_asked_)
+        log("set-up failed: %s", cause_text(cause).c_str());
+    state_ = state;
+    context_.timeline.enter(state_name());
+    context_.lines.tell(module_program::state_line(model_, state, cause));
+    switch (state) {
+        case CTM_WAITING:
+            log(cause.cause == CTM_CAUSE_NO_DAEMON ? "waiting for the daemon" : "waiting for tunnel data");
             break;
-        case State::set_up:
-        case State::open:
-            restart_ = current_target() != target_;
-            if (!restart_) keep_data_type();
+        case CTM_PAUSING:
+            log("next start in %.1f s", ctm_tunnel_wait_ms(tunnel_) / 1000.0);
             break;
-        case State::closing:
-            keep_data_type();
+        case CTM_CONNECTING:
+            attempted_ = target();
+            close_asked_ = false;
+            log("set-up started");
+            show_connecting();
             break;
-        case State::ended:
+        case CTM_OPEN:
+            log("hand-off: the tunnel is open");
             break;
-    }
-}
-
-// Tunnel data of the daemon reset the model's data type to HTTP. A tunnel that already uses WebSocket would then parse
-// its next frame as an HTTP answer.
-void Tunnel::keep_data_type() const {
-    bool websocket = state_ == State::open || state_ == State::closing;
-    for (cloudtunnel_link *at = wscnctlist.link.next; !CLOUDMGR_DL_IsEndOfQ(&wscnctlist.link, at); at = at->next) {
-        const auto *node = reinterpret_cast<const cloudmgr_v3wscnct_node *>(at);
-        if (options_.model == node->cloudModelName && node->state == kRegistered) websocket = true;
-    }
-    if (!websocket) return;
-    CLOUDMGR_socket_urllist_set(options_.model.c_str(), nullptr, nullptr, CLOUDTUNNEL_DATATYPE_WS, 0);
-    timeline_.log("the tunnel stays: the data apply from its next start");
-}
-
-void Tunnel::model_closed() {
-    wanted_ = false;
-    restart_ = false;
-    timeline_.log("the daemon has closed the model");
-    if (state_ == State::open) {
-        close(close_status::kNormal, "closed by the daemon");
-    } else if (state_ == State::set_up || state_ == State::pausing) {
-        if (state_ == State::set_up) abandon();
-        settle();
-    }
-}
-
-// Callbacks of the library, in the order of a tunnel's life.
-
-int Tunnel::on_connected(int sock) {
-    sock_ = sock;
-    close_sent_ = false;
-    assembly_.clear();
-    retry_.reset();
-    begin_attempt();
-    enter(State::open);
-    timeline_.log("hand-off: the tunnel is open");
-    return 0;
-}
-
-void Tunnel::on_failed() {
-    switch (state_) {
-        case State::set_up:
-            timeline_.log("set-up failed: %s", reason_text().c_str());
+        case CTM_CLOSING:
+            show_closing(cause);
             break;
-        case State::open:
-            tunnels_++;
-            timeline_.log("tunnel lost: %s", reason_text().c_str());
-            break;
-        case State::closing:
-            tunnels_++;
-            timeline_.log("tunnel closed");
-            break;
-        default:
-            return;
-    }
-    settle();
-}
-
-// The library calls this a second after a received close, or at once when it does not answer that close.
-void Tunnel::on_close_due(int sock) {
-    CLOUDMGR_socket_closeBySock(sock);
-    tunnels_++;
-    timeline_.log("tunnel closed");
-    settle();
-}
-
-// Messages. A result of -1 makes the library close the connection and call failed().
-
-int Tunnel::on_message(const cloudmgr_ws_msg &message) {
-    const std::string_view body = body_of(message);
-    const auto opcode = static_cast<Opcode>(message.opcode);
-    if (opcode == Opcode::close) {
-        take_close(message, body);
-        return 0;
-    }
-    if (state_ != State::open) return 0;  // sent before the platform saw our close
-    switch (opcode) {
-        case Opcode::continuation:
-        case Opcode::text:
-        case Opcode::binary:
-            return take_data(opcode, body);
-        case Opcode::ping:
-            if (body.size() <= common::kControlMax) return answer_ping(body);
-            break;
-        case Opcode::pong:
-            timeline_.log("pong received");
-            return 0;
-        default:
+        case CTM_CLOSED:
+        case CTM_STATES:
             break;
     }
-    timeline_.log("frame refused: opcode %u, %zu bytes", unsigned{message.opcode}, body.size());
-    close(close_status::kProtocolError, "unexpected frame");
-    return 0;
 }
 
-int Tunnel::take_data(Opcode opcode, std::string_view body) {
-    const Taken taken = assembly_.take(opcode, body);
-    switch (taken.kind) {
-        case Taken::Kind::message:
-            timeline_.log("request %ld received: %s", ++requests_, printable(body).c_str());
-            return send_answer(common::answer_to(body));
-        case Taken::Kind::more:
-            if (assembly_.fragments() == 1) {
-                timeline_.log("fragmented message begins: %zu bytes announced", assembly_.announced());
-            }
-            return 0;
-        case Taken::Kind::assembled:
-            timeline_.log("fragmented message complete: %zu bytes in %u fragments", assembly_.announced(),
-                          assembly_.fragments());
-            requests_++;
-            return send_answer(common::answer_to_fragments(assembly_.payload().size()));
-        case Taken::Kind::refused:
-            timeline_.log("frame refused: %s", taken.reason);
-            close(taken.status, taken.reason);
-            return 0;
-    }
-    return 0;
+void Tunnel::show_connecting() {
+    const std::string address = address_of(model_.c_str());
+    if (!address.empty()) log("TCP: connecting to %s, port %d", address.c_str(), attempted_.port);
 }
 
-int Tunnel::send_answer(const std::string &answer) {
-    if (!send(Opcode::text, answer)) {
-        timeline_.log("answer %ld could not be sent", requests_);
-        return -1;
-    }
-    answers_++;
-    timeline_.log("answer %ld sent: %s", requests_, printable(answer).c_str());
-    return 0;
-}
-
-int Tunnel::answer_ping(std::string_view body) {
-    timeline_.log("ping received: '%s'", printable(body).c_str());
-    if (!send(Opcode::pong, body)) return -1;
-    timeline_.log("ping answered");
-    return 0;
-}
-
-void Tunnel::take_close(const cloudmgr_ws_msg &message, std::string_view body) {
-    if (state_ == State::closing && !close_sent_) return;  // a second close is ignored
-    unsigned status = 0;
-    if (body.size() >= 2) status = static_cast<uint8_t>(body[0]) * 256U + static_cast<uint8_t>(body[1]);
-    timeline_.log("close received: status %u%s", status, close_sent_ ? ", the answer to ours" : "");
-    if (close_sent_) {
-        on_close_due(sock_);
+void Tunnel::show_closing(const ctm_cause_info &cause) {
+    const std::string detail = printable(cause.detail);
+    const char *const comma = detail.empty() ? "" : ", ";
+    if (cause.cause == CTM_CAUSE_CLOSED_BY_PEER) {
+        log("close received: status %d%s%s", cause.close_status, comma, detail.c_str());
+        log("close answered");
+        // The library has this message for a close that it is asked to answer; here that is done above it.
+        context_.log.write(kConnectLevel, cat("[Model ", model_, "] rcv close msg, status ", cause.close_status,
+                                              ", reason [", cause.detail, "].")
+                                              .c_str());
         return;
     }
-    enter(State::closing);
-    due_ = Clock::now() + kCloseTime;
-    CLOUDMGR_ws_CloseRcv(sock_, &message, close_due);
-    if (state_ == State::closing) timeline_.log("close answered");  // otherwise the tunnel has ended already
+    if (cause.cause != CTM_CAUSE_CLOSED_BY_US) log("frame refused: %s", cause_text(cause).c_str());
+    if (cause.cause == CTM_CAUSE_CLOSED_BY_US && !close_asked_)
+        log(target() == attempted_ ? "the daemon has closed the model" : "tunnel data have changed: starting again");
+    log("close sent: status %d%s%s", cause.close_status, comma, detail.c_str());
 }
 
-void Tunnel::close(uint16_t status, std::string_view reason) {
-    enter(State::closing);
-    due_ = Clock::now() + kCloseTime;
-    close_sent_ = true;
-    CLOUDMGR_ws_CloseSend(sock_, status, reason.data(), static_cast<int32_t>(reason.size()));
-    timeline_.log("close sent: status %u, %.*s", status, static_cast<int>(reason.size()), reason.data());
+void Tunnel::on_closed(uint16_t status, std::string_view reason) {
+    tunnels_++;
+    if (state_ == CTM_CLOSING) {
+        ctm_cause_info cause = {};
+        cause.size = sizeof cause;
+        ctm_tunnel_cause(tunnel_, &cause);
+        const bool ours = cause.cause != CTM_CAUSE_CLOSED_BY_PEER;
+        if (ours && status != kNoCloseFrame) log("close received: status %d, the answer to ours", status);
+        if (ours && status == kNoCloseFrame) log("no answer to the close");
+        log("tunnel closed");
+    } else {
+        ctm_cause_info cause = {};
+        cause.size = sizeof cause;
+        ctm_tunnel_cause(tunnel_, &cause);
+        log("tunnel lost: %s", cause_text(cause).c_str());
+    }
+    context_.lines.tell(closed_line(model_, status, reason));
 }
 
-// The library's two functions for fragments lose the last fragment of a body that is an exact multiple of their size.
-// Such a body is sent as one frame.
-bool Tunnel::send(Opcode opcode, std::string_view body) {
-    const OwnedMessage message(CLOUDMGR_ws_msg_create());
-    if (!message) return false;
-    CLOUDMGR_ws_setoptcode(message.get(), static_cast<uint8_t>(opcode));
-    CLOUDMGR_ws_setmask(message.get(), masks_.next());
-    if (!body.empty() && CLOUDMGR_ws_setbody(message.get(), body.data(), static_cast<int32_t>(body.size())) != 0) {
-        return false;
+// ---------------------------------------------------------------------------------------------------------- steps
+
+Tunnel::Target Tunnel::target() const {
+    return {.host = ctm_tunnel_host(tunnel_), .path = ctm_tunnel_path(tunnel_), .port = ctm_tunnel_port(tunnel_)};
+}
+
+void Tunnel::show_data() {
+    const Target now = target();
+    const std::string host = printable(now.host);
+    log("tunnel data received: host %s, path %s, port %d", host.c_str(), printable(now.path).c_str(), now.port);
+    if (address_of(model_.c_str()).empty())
+        log("resolve: %s has no address", host.c_str());
+    else
+        log("resolve: %s has an address", host.c_str());
+    log("tunnel data stored: token of %zu characters, cookie of %zu", size_of(CLOUDMGR_TUNNEL_GetToken()),
+        size_of(cloudmgr_v3_getCookie()));
+    const bool stands = state_ == CTM_CONNECTING || state_ == CTM_OPEN || state_ == CTM_CLOSING;
+    if (stands && now == attempted_) log("the tunnel stays: the data apply from its next start");
+}
+
+void Tunnel::on_step(ctm_step step) {
+    context_.lines.tell(step_line(model_, step));
+    switch (step) {
+        case CTM_STEP_DATA:
+            return show_data();
+        case CTM_STEP_TCP:
+            return log("TCP: connected");
+        case CTM_STEP_TLS:
+            return log("TLS: established");
+        case CTM_STEP_UPGRADE_SENT:
+            return log("upgrade: request sent");
+        case CTM_STEP_UPGRADED:
+            return log("upgrade: answer accepted");
+        case CTM_STEP_REGISTERING:
+            return log("OPT1: registration sent");
+        case CTM_STEPS:
+            return;
     }
-    const auto fragment = static_cast<size_t>(options_.fragment_size);
-    if (body.size() <= fragment || body.size() % fragment == 0) {
-        return CLOUDMGR_ws_send(sock_, message.get(), kSendAttempts) == 0;
-    }
-    const auto send_fragments = fragment == 8192 ? CLOUDMGR_ws_send_byFrag : CLOUDMGR_ws_sendlarge_byFrag;
-    return send_fragments(sock_, message.get(), kSendAttempts, kFragmentPause_us) == 0;
+}
+
+// ---------------------------------------------------------------------------------------------------------- messages
+
+void Tunnel::on_message(const ctm_message &message) {
+    requests_++;
+    const std::string_view data(message.data, message.length);
+    if (message.fragments > 0)
+        log("fragmented message complete: %zu bytes in %zu fragments", message.length, message.fragments);
+    else
+        log("request %ld received: %s", requests_, printable(data).c_str());
+    if (context_.lines.wanted())
+        context_.lines.tell(message_line(model_, message));
+    else
+        answer(message);
+}
+
+void Tunnel::answer(const ctm_message &message) {
+    const std::string text = message.fragments > 0 ? common::answer_to_fragments(message.length)
+                                                   : common::answer_to({message.data, message.length});
+    const ctm_result result = send(message.type, text);
+    if (result == CTM_OK)
+        log("answer %ld sent: %s", requests_, printable(text).c_str());
+    else
+        log("answer %ld could not be sent: %s", requests_, ctm_result_text(result));
+}
+
+void Tunnel::on_pinged(std::string_view body) {
+    log("ping received: '%s'", printable(body).c_str());
+    log("ping answered");
+}
+
+void Tunnel::on_pong(uint32_t round_trip_us) {
+    log("pong received: round trip %.1f ms", round_trip_us / 1000.0);
+    context_.lines.tell(pong_line(model_, round_trip_us));
 }
 
 }  // namespace module_program

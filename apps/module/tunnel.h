@@ -1,56 +1,48 @@
-// The tunnel of one model, from the daemon's tunnel data to its end and the next start.
-//
-// The library's callbacks change the state and answer messages. step(), which the program's loop calls, starts a tunnel
-// when it is due and ends one that did not answer a close in time.
+// The tunnel of one model: what happens on it, in the timeline and in lines, and the answers of a process without a
+// handler.
 #pragma once
 
-#include <cloudtunnel.h>
+#include <cloudtunnel_module.h>
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 
-#include "assembly.h"
-#include "masks.h"
+#include "daemon_link.h"
+#include "library_log.h"
+#include "lines.h"
 #include "options.h"
-#include "retry.h"
 #include "timeline.h"
 
 namespace module_program {
 
+// What the tunnels of a process share.
+struct Context {
+    const Options &options;
+    Timeline &timeline;
+    const LibraryLog &log;
+    DaemonLink &link;
+    Lines &lines;
+};
+
 class Tunnel {
   public:
-    enum class State {
-        waiting,  // for tunnel data of the daemon
-        pausing,  // until the next start is due
-        set_up,   // from the start to the hand-off
-        open,     // after the hand-off: the platform's messages arrive here
-        closing,  // a close frame was sent or answered, and the connection still exists
-        ended,    // finish is done
-    };
+    Tunnel(const Context &context, std::string model);
 
-    // There is one tunnel at a time in a process: the library's callbacks carry no argument that could distinguish two.
-    Tunnel(const Options &options, Timeline &timeline);
-    ~Tunnel();
-    Tunnel(const Tunnel &) = delete;
-    Tunnel &operator=(const Tunnel &) = delete;
-
-    // data_came is for the module's open callback: the daemon has sent tunnel data.
-    void data_came();
-
-    // model_closed ends the tunnel: the daemon wants none for this model until it sends tunnel data again.
-    void model_closed();
-
-    // step does what is due: a start, or the end of a tunnel whose close was not answered.
-    void step();
+    // begin registers the model with the daemon, which can wait for it, and has the tunnel started.
+    ctm_result begin();
 
     // finish closes an open tunnel; no other is started.
     void finish();
 
-    // due is the next moment at which step has something to do; Clock::time_point::max() when there is none.
-    [[nodiscard]] Clock::time_point due() const { return due_; }
-    [[nodiscard]] bool ended() const { return state_ == State::ended; }
-    [[nodiscard]] long answers() const { return answers_; }        // requests answered, over all tunnels
+    // ask does what a request wants.
+    ctm_result ask(const Request &request);
+
+    [[nodiscard]] const std::string &model() const { return model_; }
+    [[nodiscard]] const char *state_name() const;
+    [[nodiscard]] std::string state_line() const;
+    [[nodiscard]] bool ended() const { return state_ == CTM_CLOSED; }
+    [[nodiscard]] long answers() const { return answers_; }        // messages sent, over all tunnels of the model
     [[nodiscard]] long tunnels_ended() const { return tunnels_; }  // that had been open
 
   private:
@@ -61,47 +53,36 @@ class Tunnel {
         bool operator==(const Target &) const = default;
     };
 
-    // The library's callbacks, and the members that they lead to.
-    static int connected(int sock);
-    static int failed(const char *model);
-    static int received(int sock, void *message);
-    static int close_due(uint32_t timer, void *sock);
-    int on_connected(int sock);
-    void on_failed();
-    int on_message(const cloudmgr_ws_msg &message);
-    void on_close_due(int sock);
+    // The library's callbacks.
+    void on_state(ctm_state state, const ctm_cause_info &cause);
+    void on_step(ctm_step step);
+    void on_message(const ctm_message &message);
+    void on_pinged(std::string_view body);
+    void on_pong(uint32_t round_trip_us);
+    void on_closed(uint16_t status, std::string_view reason);
 
-    void enter(State state);
-    void pause();
-    void start();
-    void abandon();
-    void settle();
-    Target current_target() const;
-    void keep_data_type() const;
+    void log(const char *format, ...) const __attribute__((format(printf, 2, 3)));
+    [[nodiscard]] Target target() const;
+    void show_data();
+    void show_connecting();
+    void show_closing(const ctm_cause_info &cause);
+    void answer(const ctm_message &message);
+    ctm_result send(ctm_type type, std::string_view data);
 
-    int take_data(common::Opcode opcode, std::string_view body);
-    int send_answer(const std::string &answer);
-    int answer_ping(std::string_view body);
-    void take_close(const cloudmgr_ws_msg &message, std::string_view body);
-    void close(uint16_t status, std::string_view reason);
-    bool send(common::Opcode opcode, std::string_view body);
-
-    const Options &options_;
-    Timeline &timeline_;
-    Retry retry_;
-    Assembly assembly_;
-    Masks masks_;
-    State state_ = State::waiting;
-    Clock::time_point due_ = Clock::time_point::max();
-    Target target_;         // of the tunnel that was started last
-    int sock_ = -1;         // of an open or closing tunnel
-    bool restart_ = false;  // the destination has changed
-    bool wanted_ = false;   // the daemon wants this tunnel
+    const Context &context_;
+    std::string model_;
+    ctm_tunnel *tunnel_ = nullptr;
+    ctm_state state_ = CTM_CLOSED;
+    bool begun_ = false;
+    bool close_asked_ = false;  // by this program, for the tunnel that stands
     bool finishing_ = false;
-    bool close_sent_ = false;
+    Target attempted_;  // by the last attempt
     long requests_ = 0;
     long answers_ = 0;
     long tunnels_ = 0;
 };
+
+// cause_text tells a cause and all that belongs to it in one line.
+std::string cause_text(const ctm_cause_info &cause);
 
 }  // namespace module_program

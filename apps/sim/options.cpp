@@ -186,8 +186,8 @@ A step that fails or runs out of time ends the program with status 1 and one lin
 and --script the program ends with status 0. Without such steps it serves and reads steps from stdin; a failed one ends
 the program unless stdin is a terminal. At the end of stdin it goes on serving until SIGINT, SIGTERM or --seconds.
 
-A module is expected to answer each text or binary message with a text, 'answer: ' and the same bytes, a ping with a
-pong, and a close with its echo. The library does not show a module which fragment is the last, so a message in
+A module is expected to answer each message with 'answer: ' and the same bytes, a text with a text, a binary one with
+either, a ping with a pong, and a close with its echo. The library does not show a module which fragment is the last, so a message in
 fragments begins with the line 'length:N', whole in the first fragment. N bytes follow it, and the module answers with
 'answer: N bytes'.
 

@@ -283,17 +283,19 @@ awaitable<void> Runner::exchange(Tunnel &on, Opcode opcode, const std::string &t
     on.inbox.clear();  // an answer comes after its request
     on.send_message(opcode, text);
     const std::string answer = common::answer_to(text);
-    co_await answered(on, answer);
+    co_await answered(on, answer, opcode);
 }
 
-// answered waits for the next message and compares it with the wanted one.
-awaitable<void> Runner::answered(Tunnel &on, const std::string &wanted) {
+// answered waits for the next message and compares it with the wanted one. A binary request may be answered by either
+// type.
+awaitable<void> Runner::answered(Tunnel &on, const std::string &wanted, Opcode request) {
     co_await wait_on(
         on, [&] { return !on.inbox.empty(); }, "the answer");
     const Tunnel::Message message = std::move(on.inbox.front());
     on.inbox.pop_front();
     if (simulator_.behaviour.any_answer) co_return;
-    if (message.opcode != Opcode::text) throw StepFailed(cat("the answer is a ", opcode_name(message.opcode)));
+    if (message.opcode != Opcode::text && message.opcode != request)
+        throw StepFailed(cat("the answer is a ", opcode_name(message.opcode)));
     if (message.body != wanted) {
         throw StepFailed(cat("the answer is '", printable(message.body), "', expected '", printable(wanted), "'"));
     }

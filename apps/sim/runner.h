@@ -73,7 +73,7 @@ class Runner {
     awaitable<void> pause(Clock::duration time);
 
     awaitable<void> exchange(Tunnel &tunnel, Opcode opcode, const std::string &text);
-    awaitable<void> answered(Tunnel &tunnel, const std::string &wanted);
+    awaitable<void> answered(Tunnel &tunnel, const std::string &wanted, common::Opcode request = common::Opcode::text);
     awaitable<void> notify(const std::string &model, Notice notice);
 
     Tunnel &open_tunnel();  // the one the step is about; it stays in last_used_

@@ -45,7 +45,6 @@ module request 4 received: request 4 of 5
 module answer 4 sent
 module request 5 received: request 5 of 5
 module answer 5 sent
-module fragmented message begins: 20000 bytes announced
 module fragmented message complete: 20000 bytes in 3 fragments
 module answer 6 sent: answer: 20000 bytes
 module ping received: 'hello'
@@ -90,7 +89,6 @@ module daemon link up
 module tunnel data received
 module set-up started
 platform upgrade request checked
-module upgrade: answer accepted
 platform OPT1 checked
 module hand-off
 module request 1 received

@@ -59,9 +59,9 @@ accepted() {
     await_timeline 'answer 1 sent'
 }
 
-# refused REASON [ALERT]: the library's message has the reason, and the platform gets the alert.
+# refused REASON [ALERT]: the timeline has the reason, and the platform gets the alert.
 refused() {
-    await_timeline "set-up failed: \[Model desk\]Ssl connect ret -1, errcode 1 \[error:.*:$1\]" 'next start in'
+    await_timeline "set-up failed: tls: .*, error:.*:$1;" 'next start in'
     ! grep -q 'TLS: established' "$work/program" || fail 'the platform was accepted'
     [ $# -eq 1 ] || wait_for sim "connection failed: .* alert $2"
 }

@@ -34,7 +34,13 @@ check 2 '--model: the text is empty' --model ''
 check 2 "--log-level: '10' is not a number from 0 to 9" --log-level 10
 check 2 "--exchanges: '0' is not a number" --exchanges 0
 check 2 "--seconds: '1s' is not a number" --seconds 1s
-check 2 "--fragment-size: '5' is neither 8192 nor 16000" --fragment-size 5
+check 2 "--fragment-size: '5' is not a number from 125 to 65535" --fragment-size 5
 check 2 "--max-message: '1' is not a number" --max-message 1
+check 2 "--model: 'a' is given twice" --model a --model a
+check 2 "--ping: '-1' is not a number from 0 to 86400" --ping -1
+check 2 '--exec: the text is empty' --exec ''
+check 2 '--lines takes no argument' --lines=yes
+check 2 'has 108 bytes, at most 107 fit' --socket "$(printf '%0108d' 0)"
+check 1 'the socket /nowhere/socket cannot be made: No such file' --socket /nowhere/socket
 check 1 'the log file cannot be opened' --log /nowhere/module.log
 [ $failures -eq 0 ]

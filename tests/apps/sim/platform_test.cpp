@@ -301,6 +301,21 @@ TEST(sim_platform, a_burst_is_one_tls_record) {
     EXPECT_EQ(tunnel.sim.finish(), 0) << tunnel.sim.errors();
 }
 
+TEST(sim_platform, a_binary_request_may_be_answered_by_either_type_and_a_text_by_text_alone) {
+    struct Case {
+        const char *step;
+        std::uint8_t answer;
+        int status;
+    };
+    for (const Case &test :
+         {Case{"binary hello", kBinary, 0}, Case{"binary hello", kText, 0}, Case{"request hello", kBinary, 1}}) {
+        Tunnel tunnel({"--do", "wait-tunnel", "--do", test.step});
+        ASSERT_TRUE(read_frame(tunnel.wire).has_value());
+        ASSERT_TRUE(tunnel.wire.write(library_frame(test.answer, "answer: hello")));
+        EXPECT_EQ(tunnel.sim.finish(), test.status) << tunnel.sim.errors();
+    }
+}
+
 TEST(sim_platform, binary_requests_and_masked_frames_go_out_on_request) {
     Tunnel tunnel({"--mask", "--do", "wait-tunnel", "--do", "binary hello"});
     const auto frame = read_frame(tunnel.wire);

@@ -1,0 +1,33 @@
+#include "metrics_file.h"
+
+#include <cloudtunnel_module.h>
+
+#include <cstdio>
+#include <fstream>
+
+namespace module_program {
+
+using namespace std::chrono_literals;
+
+std::string metrics_text(std::string_view own) {
+    constexpr std::string_view kEnd = "# EOF\n";
+    std::string text;
+    // The times go on between the two calls, and their figures may get longer.
+    for (size_t size = ctm_metrics(nullptr, 0); size > text.size(); size = ctm_metrics(text.data(), text.size() + 1))
+        text.resize(size);
+    text.resize(text.find(kEnd));
+    return common::cat(text, own, kEnd);
+}
+
+bool MetricsFile::write(Clock::time_point now, std::string_view own) {
+    due_ = now + 5s;
+    const std::string fresh = path_ + ".new";
+    std::ofstream file(fresh, std::ios::binary | std::ios::trunc);
+    file << metrics_text(own);
+    file.close();
+    if (file && std::rename(fresh.c_str(), path_.c_str()) == 0) return true;
+    std::remove(fresh.c_str());
+    return false;
+}
+
+}  // namespace module_program
