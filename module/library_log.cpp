@@ -129,7 +129,8 @@ int log_print(uint32_t level, const char *format, ...) {
 }
 
 ResponseWatch::ResponseWatch(bool wanted) {
-    if (!wanted || !(null_ = fopen("/dev/null", "we"))) return;
+    const bool dumped_anyway = g_log.level >= kDetailLevel && g_CloudTunnelLogFile;
+    if (!wanted || dumped_anyway || !(null_ = fopen("/dev/null", "we"))) return;
     before_ = g_CloudTunnelLogFile;
     g_CloudTunnelLogFile = null_;
     cloudmgr_debug_level = std::max(cloudmgr_debug_level, static_cast<int32_t>(kDetailLevel));

@@ -13,8 +13,13 @@ constexpr size_t kLineMax = 400;  // bytes of a message that are shown
 
 }  // namespace
 
-LibraryLog::~LibraryLog() {
+LibraryLog::~LibraryLog() { use(nullptr); }
+
+// The library writes the first line of a packet dump into its own log file, by itself.
+void LibraryLog::use(std::FILE *file) {
+    g_CloudTunnelLogFile = file;
     if (file_) std::fclose(file_);
+    file_ = file;
 }
 
 bool LibraryLog::open() { return !has_file() || open_file("we"); }
@@ -24,8 +29,7 @@ bool LibraryLog::open_file(const char *mode) {
     std::FILE *const file = std::fopen(options_.log.c_str(), mode);
     if (!file) return false;
     setvbuf(file, nullptr, _IOLBF, BUFSIZ);
-    if (file_) std::fclose(file_);
-    file_ = file;
+    use(file);
     return true;
 }
 

@@ -29,6 +29,7 @@ class LibraryLog {
 
   private:
     bool open_file(const char *mode);
+    void use(std::FILE *file);
 
     const Options &options_;
     std::FILE *file_ = nullptr;

@@ -108,8 +108,8 @@ ctm_result Tunnel::begin() {
 void Tunnel::finish() {
     constexpr std::string_view kReason = "module ends";
     finishing_ = true;
+    if (state_ == CTM_CLOSING) return;  // on_state goes on once that is over
     close_asked_ = true;
-    if (state_ == CTM_CLOSING) return;  // its end is under way
     ctm_tunnel_close(tunnel_, common::close_status::kNormal, kReason.data(), kReason.size());
 }
 
@@ -151,9 +151,11 @@ void Tunnel::on_state(ctm_state state, const ctm_cause_info &cause) {
     context_.lines.tell(module_program::state_line(model_, state, cause));
     switch (state) {
         case CTM_WAITING:
+            if (finishing_) return finish();
             log(cause.cause == CTM_CAUSE_NO_DAEMON ? "waiting for the daemon" : "waiting for tunnel data");
             break;
         case CTM_PAUSING:
+            if (finishing_) return finish();
             log("next start in %.1f s", ctm_tunnel_wait_ms(tunnel_) / 1000.0);
             break;
         case CTM_CONNECTING:

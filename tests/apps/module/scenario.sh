@@ -219,6 +219,17 @@ end_by_signal() {
     expect_timeline 'ending: signal 15' 'close sent: status 1000' 'tunnel closed'
 }
 
+# The platform's close is under way when the signal comes: the tunnel is not started again.
+end_inside_a_close() {
+    start_sim wait-tunnel 'close 1000' wait-close
+    start_module
+    await_timeline 'close answered'
+    stop_program
+    sim_ends
+    expect_timeline 'close answered' 'ending: signal 15' 'tunnel closed' '0 requests answered, 1 tunnels'
+    ! grep -q 'next start in [1-9]' "$work/program" || fail 'another tunnel was to be started'
+}
+
 # The daemon's data come while the tunnel is open, and while it is being set up.
 same_data_again() {
     local story=('hand-off' 'the tunnel stays' 'answer 1 sent' 'OPT1: registration sent' 'the tunnel stays')
