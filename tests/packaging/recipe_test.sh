@@ -71,10 +71,12 @@ openwrt() {
     [ ! -e "$prepared/build" ] || fail "what was built is taken for sources"
     DESTDIR=$work/installed cmake --install "$build" --prefix /usr >"$work/log" || fail "$(cat "$work/log")"
     "$@" install-libcloudtunnel
-    same 'the library on the device' "usr/lib/libcloudtunnel.so.1 usr/lib/libcloudtunnel.so.$version" "$(on_device)"
+    libraries=$(printf 'usr/lib/libcloudtunnel%s.so.%s ' -module 1 -module "$version" '' 1 '' "$version")
+    libraries=${libraries% }
+    same 'the library on the device' "$libraries" "$(on_device)"
     "$@" install-cloudtunnel-module
     same 'all on the device' \
-        "etc/config/cloudtunnel etc/init.d/cloudtunnel-module usr/bin/cloudtunnel-module usr/lib/libcloudtunnel.so.1 usr/lib/libcloudtunnel.so.$version" "$(on_device)"
+        "etc/config/cloudtunnel etc/init.d/cloudtunnel-module usr/bin/cloudtunnel-module $libraries" "$(on_device)"
     [ -L "$work/device/usr/lib/libcloudtunnel.so.1" ] || fail 'the short name of the library is a copy'
     rm -r "$work/device"
     "$@" install-cloudtunnel-trust

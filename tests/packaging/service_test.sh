@@ -29,6 +29,7 @@ systemd() {
     sed "s,^ExecStart=[^ ]*/cloudtunnel-module ,ExecStart=$module ," "$unit" >"$checked"
     ! cmp -s "$unit" "$checked" || fail 'the program is not started'
     verify
+    grep -q '^ExecReload=/bin/kill -HUP ' "$checked" || fail 'the log file is not opened anew'
     systemd-analyze security --offline=true --threshold=25 --no-pager "$checked" >"$work/exposure" 2>&1 ||
         fail "$(cat "$work/exposure")"
     switch_on "$checked"
@@ -47,12 +48,14 @@ config_get_bool() { config_get "$@"; }
 # Stubs of procd: each prints its arguments on a line.
 procd_open_instance() { echo "instance $*"; }
 procd_set_param() { echo "$*"; }
+procd_append_param() { echo "more $*"; }
 procd_close_instance() { echo close; }
+procd_send_signal() { echo "signal $*"; }
 procd_add_reload_trigger() { echo "reload on $*"; }
 
 # started WANTED: the lines about process and environment that procd gets.
 started() {
-    found=$(start_service | grep -E '^(instance|command|env|close)' || :)
+    found=$(start_service | grep -E '^(instance|command|more|env|close)' || :)
     [ "$found" = "$1" ] || fail "procd gets '$found', wanted '$1'"
 }
 
@@ -73,6 +76,14 @@ close"
 $command
 env OPENSSL_CONF=/etc/cloudtunnel/openssl.cnf
 close"
+    sed -i "s/^[[:space:]]*#\(option exec\|option log\)/\1/" "$work/config"
+    started "instance desk
+$command
+more command --exec /usr/libexec/module-handler
+more command --log /var/log/module.log
+env OPENSSL_CONF=/etc/cloudtunnel/openssl.cnf
+close"
+    [ "$(reopen)" = 'signal cloudtunnel-module * HUP' ] || fail 'the log files are not opened anew'
     sed -i "s/option enabled '1'/option enabled '0'/" "$work/config"
     started ''
     [ "$(service_triggers)" = 'reload on cloudtunnel' ] || fail 'a change of the configuration starts nothing'
