@@ -7,7 +7,6 @@
 #pragma once
 
 #include <cstddef>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -19,9 +18,5 @@ std::string answer_to_fragments(std::size_t size);
 
 // length_line is the line in front of a message in fragments.
 std::string length_line(std::size_t size);
-
-// take_length_line removes that line from the front of `body` and returns the number in it; a number that no counter
-// holds reads as the largest one. Nothing when the body does not begin with such a line.
-std::optional<std::size_t> take_length_line(std::string_view &body);
 
 }  // namespace common

@@ -17,7 +17,6 @@ constexpr std::size_t kCloseReasonMax = kControlMax - 2;  // the status takes tw
 namespace close_status {
 constexpr std::uint16_t kNormal = 1000;
 constexpr std::uint16_t kProtocolError = 1002;
-constexpr std::uint16_t kTooBig = 1009;
 }  // namespace close_status
 
 }  // namespace common
