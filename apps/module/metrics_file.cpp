@@ -7,8 +7,6 @@
 
 namespace module_program {
 
-using namespace std::chrono_literals;
-
 std::string metrics_text(std::string_view own) {
     constexpr std::string_view kEnd = "# EOF\n";
     std::string text;
@@ -20,7 +18,7 @@ std::string metrics_text(std::string_view own) {
 }
 
 bool MetricsFile::write(Clock::time_point now, std::string_view own) {
-    due_ = now + 5s;
+    due_ = now + std::chrono::seconds(5);
     const std::string fresh = path_ + ".new";
     std::ofstream file(fresh, std::ios::binary | std::ios::trunc);
     file << metrics_text(own);
