@@ -247,7 +247,8 @@ typedef void ctm_pong_fn(ctm_tunnel *tunnel, uint32_t round_trip_us, void *user)
 typedef void ctm_closed_fn(ctm_tunnel *tunnel, uint16_t status, const char *reason, size_t length, void *user);
 /* writable: the queue has room for the message that was refused with CTM_FULL. */
 typedef void ctm_writable_fn(ctm_tunnel *tunnel, void *user);
-/* pinged: the peer has sent a ping, whose body has `length` bytes. Its answer is on its way. */
+/* pinged: the peer has sent a ping, whose body has `length` bytes. Its answer goes out when the callback has returned.
+ */
 typedef void ctm_pinged_fn(ctm_tunnel *tunnel, const char *body, size_t length, void *user);
 /* notice: the daemon's third kind of notification came. */
 typedef void ctm_notice_fn(ctm_tunnel *tunnel, void *user);

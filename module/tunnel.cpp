@@ -237,8 +237,8 @@ void take_frame(ctm_tunnel *tunnel, const cloudmgr_ws_msg &frame) {
     if (frame.opcode == kClose) return take_close(tunnel, body, length);
     if (frame.opcode == kPing && length <= kControlMax) {
         tunnel->outbox.pong(body, length);
-        line_pump(tunnel);
-        return notify(tunnel, tunnel->options.pinged, reinterpret_cast<const char *>(body), length);
+        notify(tunnel, tunnel->options.pinged, reinterpret_cast<const char *>(body), length);
+        return line_pump(tunnel);
     }
     if (frame.opcode == kPong) return take_pong(tunnel, body, length);
     if (tunnel->state != CTM_OPEN) return;  // it crossed the close on its way

@@ -19,7 +19,8 @@ class Timeline {
     void show(std::string_view source, std::string_view what) const;
 
     // print is the line itself, with a time since start.
-    static void print(std::chrono::steady_clock::duration time, std::string_view source, std::string_view what, std::FILE *to = stdout);
+    static void print(std::chrono::steady_clock::duration time, std::string_view source, std::string_view what,
+                      std::FILE *to = stdout);
 
   private:
     std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
