@@ -1,11 +1,19 @@
 #!/bin/bash
 # Whole scenarios of an example on libcloudtunnel-module, against cloudtunnel-sim.
-# Usage: scenario.sh SCENARIO SIM EXAMPLE. The functions are the scenarios.
+# Usage: scenario.sh SCENARIO SIM EXAMPLE [MODULE]. The functions are the scenarios; a handler needs cloudtunnel-module.
 set -u
 stage=$(dirname "$0")/../apps/module/scenario.sh
 example=$3
 
-start_example() { start_program "$example" base; }
+module=${4:-}
+
+start_example() {
+    if [ -n "$module" ]; then
+        start_program "$module" --model base --seconds 60 --exec "$example"
+    else
+        start_program "$example" base
+    fi
+}
 
 # wait_for_state STATE: the example names each state that its tunnel enters.
 wait_for_state() { wait_for program.errors "^base: $1 "; }
@@ -73,4 +81,4 @@ ends_without_a_daemon() {
 }
 
 # shellcheck source=tests/apps/module/scenario.sh
-. "$stage" "$1" "$2" '' "$example"
+. "$stage" "$1" "$2" "$module" "$example"
