@@ -1,4 +1,5 @@
 // A line that is slower than the module: what does not fit waits, and the loop stays free.
+#include <cloudtunnel.h>
 #include <sys/socket.h>
 
 #include "tests/module/module_test.h"
@@ -217,9 +218,13 @@ TEST_F(LineTest, a_close_of_the_peer_drops_the_queue_and_completes_the_frame) {
 
 TEST_F(LineTest, the_answer_to_a_close_has_its_second_anew_as_long_as_the_line_moves) {
     Guest &guest = make("model", [](auto &options) { options.fragment = CTM_FRAGMENT_MAX; });
-    Platform platform = offer_open(guest);
-    const int room = 65536;  // fixed, so that nothing moves until the platform reads
-    ASSERT_EQ(setsockopt(platform.server->fd(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room), 0);
+    // Both kernel buffers are smaller than a fragment: it is not gone before the platform reads.
+    auto server = std::make_unique<support::Server>();
+    server->set_receive_room(4096);
+    Platform platform = offer(guest, std::move(server));
+    open(platform, guest);
+    const int room = 4096;
+    ASSERT_EQ(setsockopt(CLOUDMGR_socket_getSockByModelName("model"), SOL_SOCKET, SO_SNDBUF, &room, sizeof room), 0);
     const std::string message = pattern(1 << 20);
     ctm_tunnel_send(guest.tunnel, CTM_BINARY, message.data(), message.size());
     settle();

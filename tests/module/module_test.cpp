@@ -172,8 +172,10 @@ void ModuleTest::tell(const support::Notification &notification) {
     ctm_dispatch();
 }
 
-Platform ModuleTest::offer(Guest &guest, Wire wire) {
-    Platform platform = {std::make_unique<support::Server>(wire)};
+Platform ModuleTest::offer(Guest &guest, Wire wire) { return offer(guest, std::make_unique<support::Server>(wire)); }
+
+Platform ModuleTest::offer(Guest &guest, std::unique_ptr<support::Server> server) {
+    Platform platform = {std::move(server)};
     EXPECT_EQ(ctm_tunnel_open(guest.tunnel), CTM_OK);
     tell(data(guest.model, port_of(*platform.server)));
     EXPECT_TRUE(run_until([&] { return ctm_tunnel_state(guest.tunnel) == CTM_CONNECTING; }));

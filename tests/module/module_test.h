@@ -83,6 +83,7 @@ class ModuleTest : public testing::Test {
     void tell(const support::Notification &notification);  // and waits until it has been taken
 
     Platform offer(Guest &guest, Wire wire);  // up to the attempt
+    Platform offer(Guest &guest, std::unique_ptr<support::Server> server);
     void await_request(Platform &platform);
     void upgrade(Platform &platform);
     void accept(Platform &platform, Guest &guest);

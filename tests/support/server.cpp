@@ -169,6 +169,11 @@ bool Server::wait() {
     return true;
 }
 
+void Server::set_receive_room(int bytes) {
+    if (setsockopt(listener_.fd(), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes) != 0)
+        throw std::runtime_error("no receive buffer of that size");
+}
+
 void Server::send(std::string_view bytes) {
     const Quiet quiet;
     if (!up_) throw std::logic_error("the server has no connection to send on");

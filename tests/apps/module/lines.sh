@@ -199,7 +199,7 @@ refused_requests() {
         '{"ping":true}' '{"send":"end"}'
     sim_ends
     stop_program
-    lines_of lines "\"line\":1,\"result\":\"the message is longer than the tunnel's longest\"" \
+    lines_of lines "\"line\":1,\"result\":\"the message is too long\"" \
         '"line":2,"result":"this close status may not be sent"' \
         '"line":3,"result":"the reason is longer than 123 bytes"' '"line":5,"result":"the last ping has no answer yet"'
 }
