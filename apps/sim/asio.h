@@ -3,6 +3,7 @@
 
 #include <utility>  // asio/awaitable.hpp of Boost 1.74 uses std::exchange without it
 
+#include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/co_spawn.hpp>

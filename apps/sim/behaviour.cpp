@@ -8,66 +8,84 @@
 namespace sim {
 namespace {
 
-template <class T>
+// A value of a behaviour, and the fault that it is; the usual value is none.
 struct Choice {
     std::string_view name;
-    T value;
+    std::string_view fault;
 };
 
-constexpr Choice<UpgradeAnswer> kUpgrades[] = {
-    {"accept", UpgradeAnswer::accept},
-    {"wrong-accept", UpgradeAnswer::wrong_accept},
-    {"silence", UpgradeAnswer::silence},
-    {"close", UpgradeAnswer::close},
+constexpr Choice kUpgrades[] = {
+    {"accept", ""},
+    {"wrong-accept", "header wrong accept"},
+    {"silence", "silence at=upgrade"},
+    {"close", "hang_up at=upgrade"},
 };
 
-constexpr Choice<RegistrationAnswer> kRegistrations[] = {
-    {"text", RegistrationAnswer::text},           {"binary", RegistrationAnswer::binary},
-    {"malformed", RegistrationAnswer::malformed}, {"silence", RegistrationAnswer::silence},
-    {"close", RegistrationAnswer::close},
+constexpr Choice kRegistrations[] = {
+    {"text", ""},
+    {"binary", "answer_as binary"},
+    {"malformed", "json cut"},
+    {"silence", "silence at=registration"},
+    {"close", "hang_up at=registration"},
 };
 
-constexpr Choice<bool> kOnOff[] = {{"on", true}, {"off", false}};
+constexpr Choice kMask[] = {{"on", "masked"}, {"off", ""}};
 
 constexpr long kInt32Min = -2147483648L;
 constexpr long kInt32Max = 2147483647L;
 
-template <class T>
-std::string names_of(std::span<const Choice<T>> choices) {
-    std::string names;
-    for (const Choice<T> &choice : choices) names += cat(names.empty() ? "" : ", ", choice.name);
-    return names;
+void use_fault(Behaviour &behaviour, const char *name, const std::string &fault) {
+    behaviour.faults.erase(name);
+    if (!fault.empty()) behaviour.faults.emplace(name, parse_fault(fault));
 }
 
-template <class T, std::size_t N>
-common::Setter set_choice(T &field, const Choice<T> (&choices)[N]) {
-    return [&field, known = std::span<const Choice<T>>(choices)](std::string_view name) {
-        const auto found = std::ranges::find(known, name, &Choice<T>::name);
-        if (found == known.end()) throw BadInput(cat("'", printable(name), "' is none of ", names_of(known)));
-        field = found->value;
+common::Setter set_choice(Behaviour &behaviour, const char *name, std::span<const Choice> known) {
+    return [&behaviour, name, known](std::string_view value) {
+        const auto found = std::ranges::find(known, value, &Choice::name);
+        if (found == known.end()) {
+            std::string names;
+            for (const Choice &choice : known) names += cat(names.empty() ? "" : ", ", choice.name);
+            throw BadInput(cat("'", printable(value), "' is none of ", names));
+        }
+        use_fault(behaviour, name, std::string(found->fault));
+    };
+}
+
+// A number that a fault takes; the usual one is no fault.
+common::Setter set_number_of(Behaviour &behaviour, const char *name, const char *fault, long min, long max,
+                             long usual) {
+    return [=, &behaviour](std::string_view value) {
+        const long number = common::read_number(value, min, max);
+        use_fault(behaviour, name, number == usual ? "" : cat(fault, " ", number));
+    };
+}
+
+common::Setter set_switch(bool &field) {
+    return [&field](std::string_view value) {
+        if (value != "on" && value != "off") throw BadInput(cat("'", printable(value), "' is none of on, off"));
+        field = value == "on";
     };
 }
 
 }  // namespace
 
 std::vector<common::Option> behaviour_options(Behaviour &behaviour) {
-    using common::set_number;
     return {
         {"upgrade", "HOW", "accept", "answer upgrades by: accept, wrong-accept, silence, close",
-         set_choice(behaviour.upgrade, kUpgrades)},
+         set_choice(behaviour, "upgrade", kUpgrades)},
         {"answer-status", "N", "101", "answer upgrades with this HTTP status",
-         set_number(behaviour.answer_status, 100, 599)},
+         set_number_of(behaviour, "answer-status", "status", 100, 599, 101)},
         {"opt1", "HOW", "text", "answer registrations by: text, binary, malformed, silence, close",
-         set_choice(behaviour.registration, kRegistrations)},
+         set_choice(behaviour, "opt1", kRegistrations)},
         {"ret-code", "N", "0", "retCode in that answer; 0 accepts",
-         set_number(behaviour.ret_code, kInt32Min, kInt32Max)},
+         set_number_of(behaviour, "ret-code", "ret_code", kInt32Min, kInt32Max, 0)},
         {"opt-type", "N", "1", "optType in that answer; 1 is right",
-         set_number(behaviour.opt_type, kInt32Min, kInt32Max)},
+         set_number_of(behaviour, "opt-type", "opt_type", kInt32Min, kInt32Max, 1)},
         {"lenient", kOnOrOff, "off", "report a wrong upgrade request or registration, and go on",
-         set_choice(behaviour.lenient, kOnOff)},
-        {"mask", kOnOrOff, "off", "mask the platform's own frames", set_choice(behaviour.mask, kOnOff)},
+         set_switch(behaviour.lenient)},
+        {"mask", kOnOrOff, "off", "mask the platform's own frames", set_choice(behaviour, "mask", kMask)},
         {"any-answer", kOnOrOff, "off", "take any next message as the answer to a request",
-         set_choice(behaviour.any_answer, kOnOff)},
+         set_switch(behaviour.any_answer)},
     };
 }
 

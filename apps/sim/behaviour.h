@@ -1,26 +1,23 @@
-// How the platform behaves where a real one may fail a module. It can change while the program runs.
+// How the platform behaves where a real one may fail a module. It can change while the program runs. Most behaviours
+// are short names of faults, which apply to all models.
 #pragma once
 
+#include <map>
 #include <string>
 #include <string_view>
 
 #include "common/options.h"
+#include "fault.h"
 
 namespace sim {
 
-enum class UpgradeAnswer { accept, wrong_accept, silence, close };
-enum class RegistrationAnswer { text, binary, malformed, silence, close };
-
 // The initial values stand in the table below.
 struct Behaviour {
-    UpgradeAnswer upgrade = UpgradeAnswer::accept;
-    int answer_status = 0;
-    RegistrationAnswer registration = RegistrationAnswer::text;
-    int ret_code = 0;
-    int opt_type = 0;
     bool lenient = false;     // report a wrong upgrade request or registration, and go on
-    bool mask = false;        // mask the platform's own frames
     bool any_answer = false;  // take any message as the answer to a request
+
+    // The faults that the others stand for, by the behaviour's name.
+    std::map<std::string, Fault> faults;
 };
 
 // The argument of a behaviour that is on or off: as an option of the command line it is a switch.

@@ -9,6 +9,7 @@ namespace sim {
 class Condition {
   public:
     explicit Condition(asio::io_context &io) : timer_(io) {}
+    explicit Condition(const asio::any_io_executor &executor) : timer_(executor) {}
 
     void notify() { timer_.cancel(); }
 

@@ -178,7 +178,7 @@ awaitable<void> DaemonLink::send_notifications() {
             const TunnelData &data = policy_.tunnel_data;
             if (next.notice == Notice::tunnel_data) {
                 emit(Kind::notice_sent, next.model,
-                     {notice, {"host", data.host}, {"port", data.port}, {"path", data.path}});
+                     {notice, {"host", data.host}, {"port", data.port_of(next.model)}, {"path", data.path}});
             } else {
                 emit(Kind::notice_sent, next.model, {notice});
             }
@@ -200,7 +200,7 @@ std::string DaemonLink::encode(const Pending &pending) const {
         put_text(out.host, tunnel_data.host);
         put_text(out.path, tunnel_data.path);
         out.tunnel_value = tunnel_data.tunnel_value;
-        out.port = tunnel_data.port;
+        out.port = tunnel_data.port_of(pending.model);
         out.last_down_reason = tunnel_data.last_down.reason;
         out.last_down_error_code = tunnel_data.last_down.error_code;
         out.last_down_socket_errno = tunnel_data.last_down.socket_errno;

@@ -11,8 +11,11 @@ constexpr std::string_view kReceived =
 
 constexpr KindRow kRows[] = {
     {Kind::ended_early, "ended-early", Detail::states, "ended by {cause}"},
+    {Kind::fault_on, "fault-on", Detail::states, "fault on: {fault}"},
+    {Kind::fault_off, "fault-off", Detail::states, "fault off: {name}"},
 
-    {Kind::platform_listening, "platform-listening", Detail::states, "listening on {address}, {transport}"},
+    {Kind::platform_listening, "platform-listening", Detail::states,
+     "listening on {address}[, {transport}| for model '{model}']"},
     {Kind::port_unusual, "port-unusual", Detail::states,
      "note: the library speaks plain on port 80 and TLS on every other port"},
     {Kind::accept_failed, "accept-failed", Detail::states, "accept failed: {cause}"},
@@ -36,6 +39,7 @@ constexpr KindRow kRows[] = {
     {Kind::link_bytes_received, "link-bytes-received", Detail::bytes, ""},
     {Kind::link_bytes_sent, "link-bytes-sent", Detail::bytes, ""},
 
+    {Kind::fault_applied, "fault-applied", Detail::states, "fault applied: {fault}"},
     {Kind::connected, "connected", Detail::states, "connected from {peer}"},
     {Kind::tls_established, "tls-established", Detail::states, "TLS: {version}[, {cipher}]"},
     {Kind::tunnel_state, "tunnel-state", Detail::states, ""},

@@ -32,12 +32,12 @@ enum class Detail {
 // In groups by their source.
 // clang-format off
 enum class Kind : std::uint8_t {
-    ended_early,
+    ended_early, fault_on, fault_off,
     platform_listening, port_unusual, accept_failed,
     daemon_listening, daemon_stopped, stale_socket_removed,
     link_opened, link_ended, module_registered, module_check_failed, module_not_served, notice_sent,
     record_received, record_sent, link_bytes_received, link_bytes_sent,
-    connected, tls_established, tunnel_state, tunnel_ended, dropped, gave_up,
+    fault_applied, connected, tls_established, tunnel_state, tunnel_ended, dropped, gave_up,
     upgrade_received, upgrade_checked, upgrade_answered,
     registration_received, registration_checked, registration_answered, registration_accepted, registration_refused,
     check_failed, left_unanswered, answered_by_closing,

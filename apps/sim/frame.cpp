@@ -5,6 +5,7 @@ namespace {
 
 constexpr unsigned kFin = 0x80;
 constexpr unsigned kReserved = 0x70;
+constexpr unsigned kReservedShift = 4;
 constexpr unsigned kOpcode = 0x0f;
 constexpr unsigned kMask = 0x80;
 constexpr unsigned kLength = 0x7f;
@@ -101,14 +102,15 @@ Decoded decode_frame(std::string_view in, Key key) {
     return out;
 }
 
-std::string encode_frame(const Frame &frame, std::optional<std::array<unsigned char, 4>> mask) {
-    const unsigned mask_bit = mask ? kMask : 0;
+std::string encode_frame(const Frame &frame, const FrameForm &form) {
+    const unsigned mask_bit = form.mask ? kMask : 0;
     const std::size_t size = frame.payload.size();
+    const unsigned opcode = form.opcode.value_or(static_cast<unsigned>(frame.opcode));
     std::string out;
-    out += static_cast<char>((frame.fin ? kFin : 0) | static_cast<unsigned>(frame.opcode));
-    if (size < kLength16) {
+    out += static_cast<char>((frame.fin ? kFin : 0) | form.reserved << kReservedShift | opcode);
+    if (size < kLength16 && form.length_bits <= 7) {
         out += static_cast<char>(mask_bit | static_cast<unsigned>(size));
-    } else if (size <= 0xffff) {
+    } else if (size <= 0xffff && form.length_bits <= 16) {
         out += static_cast<char>(mask_bit | kLength16);
         put_big_endian(out, size, 2);
     } else {
@@ -116,11 +118,19 @@ std::string encode_frame(const Frame &frame, std::optional<std::array<unsigned c
         put_big_endian(out, size, 8);
     }
     std::string payload = frame.payload;
-    if (mask) {
-        for (const unsigned char byte : *mask) out += static_cast<char>(byte);
-        apply_mask(payload, *mask);
+    if (form.mask) {
+        for (const unsigned char byte : *form.mask) out += static_cast<char>(byte);
+        apply_mask(payload, *form.mask);
     }
     return out + payload;
+}
+
+std::string announce_frame(std::uint64_t length) {
+    std::string out;
+    out += static_cast<char>(kFin | static_cast<unsigned>(Opcode::text));
+    out += static_cast<char>(kLength64);
+    put_big_endian(out, length, 8);
+    return out;
 }
 
 CloseBody decode_close(std::string_view payload) {

@@ -42,8 +42,18 @@ struct Decoded {
 // bytes will arrive, or the frame must be read with Key::left_out.
 Decoded decode_frame(std::string_view in, Key key);
 
-// encode_frame writes RFC 6455, masked with `mask` when there is one.
-std::string encode_frame(const Frame &frame, std::optional<std::array<unsigned char, 4>> mask = std::nullopt);
+// How a frame is written where it can be written in many ways; a fresh one is RFC 6455 as a server writes it.
+struct FrameForm {
+    std::optional<std::array<unsigned char, 4>> mask = {};
+    unsigned reserved = 0;                // the three reserved bits
+    std::optional<unsigned> opcode = {};  // in place of the frame's own
+    unsigned length_bits = 7;             // at least so many for the length: 7, 16 or 64
+};
+
+std::string encode_frame(const Frame &frame, const FrameForm &form = {});
+
+// announce_frame writes the header of a text frame with that length, and no payload.
+std::string announce_frame(std::uint64_t length);
 
 // A close frame's body: a status in two big-endian bytes, then the reason. An empty body has no status.
 struct CloseBody {

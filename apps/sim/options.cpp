@@ -141,6 +141,14 @@ common::OptionSection tunnel_data_section(TunnelData &data) {
             }};
 }
 
+common::OptionSection faults_section(Options &options) {
+    return {"Fault injection",
+            {
+                {"--fault", "FAULT", "", "switch this fault on from the start; may be given many times",
+                 [&options](std::string_view line) { options.faults.push_back(parse_fault(line)); }},
+            }};
+}
+
 common::OptionSection steps_section(Options &options) {
     using common::set_flag;
     return {"Steps and time",
@@ -209,6 +217,9 @@ Examples:
   See how a module handles two refusals before it is accepted:
     cloudtunnel-sim --ret-code 5 --do 'sleep 4000' --do 'set ret-code 0' --do 'wait-tunnel base'
 
+  See how a module bears a slow network, and one connection in three that is reset while it registers:
+    cloudtunnel-sim --fault 'latency 200ms jitter 50ms' --fault 'reset_peer at=registration probability=33% seed=7'
+
   Without TLS, on the one port where the library uses none:
     cloudtunnel-sim --plain --port 80
 )";
@@ -217,7 +228,7 @@ Examples:
 
 common::OptionTable option_table(Options &options) {
     return {platform_section(options), daemon_section(options), tunnel_data_section(options.tunnel_data),
-            steps_section(options), events_section(options)};
+            faults_section(options),   steps_section(options),  events_section(options)};
 }
 
 void check_options(const Options &options) {
@@ -231,7 +242,8 @@ void check_options(const Options &options) {
 
 std::string help_text() {
     Options any;
-    return cat(kIntroduction, common::options_help(option_table(any)), "\nSteps:\n", step_help(), kEpilogue);
+    return cat(kIntroduction, common::options_help(option_table(any)), "\nFaults:\n", fault_help(), "\nSteps:\n",
+               step_help(), kEpilogue);
 }
 
 }  // namespace sim

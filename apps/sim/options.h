@@ -8,6 +8,7 @@
 #include "behaviour.h"
 #include "common/options.h"
 #include "event.h"
+#include "fault.h"
 #include "platform.h"
 #include "step.h"
 #include "tunnel_data.h"
@@ -33,8 +34,9 @@ struct Options {
     std::vector<std::string> models;  // empty: all
     TunnelData tunnel_data;
 
-    std::vector<Step> steps;  // of --do and --script, in their order on the command line
-    bool stay = false;        // go on serving after the steps
+    std::vector<Fault> faults;  // on from the start
+    std::vector<Step> steps;    // of --do and --script, in their order on the command line
+    bool stay = false;          // go on serving after the steps
     std::chrono::seconds step_time{};
     std::chrono::seconds life{};
 };

@@ -1,6 +1,7 @@
 #include "platform.h"
 
 #include <algorithm>
+#include <array>
 #include <stdexcept>
 
 #include "certificate.h"
@@ -16,8 +17,7 @@ const char *tls_name(int version) { return version == TLS1_3_VERSION ? "1.3" : "
 
 }  // namespace
 
-Platform::Platform(const Context &context, const PlatformOptions &options)
-    : context_(context), options_(options), acceptor_(context.io) {}
+Platform::Platform(const Context &context, const PlatformOptions &options) : context_(context), options_(options) {}
 
 void Platform::emit(Kind kind, std::initializer_list<Field> fields, std::string_view cause) const {
     context_.events.emit({.kind = kind, .source = Source::platform, .fields = fields, .cause = cause});
@@ -34,30 +34,45 @@ std::uint16_t Platform::start() {
             use_certificate_file(context, options_.certificate);
         }
     }
-    error_code error;
-    const auto address = asio::ip::make_address(options_.address, error);
-    if (error) throw std::runtime_error(cat("'", options_.address, "' is not an IP address"));
-    const tcp::endpoint end(address, options_.port);
-    acceptor_.open(end.protocol(), error);
-    if (!error) acceptor_.set_option(asio::socket_base::reuse_address(true), error);
-    if (!error) acceptor_.bind(end, error);
-    if (!error) acceptor_.listen(asio::socket_base::max_listen_connections, error);
-    if (error) throw std::runtime_error(cat("platform cannot listen on ", end, ": ", error.message()));
-
-    const tcp::endpoint bound = acceptor_.local_endpoint();
+    const tcp::endpoint bound = listen(options_.port, "").acceptor.local_endpoint();
     const std::string how =
         options_.plain ? "plain" : cat("TLS ", tls_name(options_.tls_min), " to ", tls_name(options_.tls_max));
     emit(Kind::platform_listening, {{"address", cat(bound)}, {"transport", how}});
     if (options_.plain != (bound.port() == kPlainPort)) emit(Kind::port_unusual);
-    co_spawn(context_.io, accept(), asio::detached);
     return bound.port();
 }
 
-awaitable<void> Platform::accept() {
+std::uint16_t Platform::start_for(const std::string &model) {
+    const tcp::endpoint bound = listen(0, model).acceptor.local_endpoint();
+    const std::string address = cat(bound);
+    context_.events.emit({.kind = Kind::platform_listening,
+                          .source = Source::platform,
+                          .model = model,
+                          .fields = std::array{Field("address", address)}});
+    return bound.port();
+}
+
+Platform::Listener &Platform::listen(std::uint16_t port, const std::string &model) {
+    error_code error;
+    const auto address = asio::ip::make_address(options_.address, error);
+    if (error) throw std::runtime_error(cat("'", options_.address, "' is not an IP address"));
+    const tcp::endpoint end(address, port);
+    tcp::acceptor acceptor(context_.io);
+    acceptor.open(end.protocol(), error);
+    if (!error) acceptor.set_option(asio::socket_base::reuse_address(true), error);
+    if (!error) acceptor.bind(end, error);
+    if (!error) acceptor.listen(asio::socket_base::max_listen_connections, error);
+    if (error) throw std::runtime_error(cat("platform cannot listen on ", end, ": ", error.message()));
+    Listener &listener = listeners_.emplace_back(Listener{std::move(acceptor), model});
+    co_spawn(context_.io, accept(listener), asio::detached);
+    return listener;
+}
+
+awaitable<void> Platform::accept(Listener &listener) {
     for (;;) {
         error_code error;
-        tcp::socket socket = co_await acceptor_.async_accept(asio::redirect_error(use_awaitable, error));
-        if (!acceptor_.is_open()) co_return;
+        tcp::socket socket = co_await listener.acceptor.async_accept(asio::redirect_error(use_awaitable, error));
+        if (!listener.acceptor.is_open()) co_return;
         if (error) {
             emit(Kind::accept_failed, {}, error.message());
             asio::steady_timer pause(context_.io, kAcceptPause);
@@ -65,8 +80,8 @@ awaitable<void> Platform::accept() {
             continue;
         }
         socket.set_option(tcp::no_delay(true), error);  // a module waits for each of these frames
-        Stream stream = options_.plain ? Stream(std::move(socket)) : Stream(std::move(socket), tls_);
-        auto tunnel = std::make_shared<Tunnel>(context_, std::move(stream), ++last_id_);
+        asio::ssl::context *const tls = options_.plain ? nullptr : &tls_;
+        auto tunnel = std::make_shared<Tunnel>(context_, std::move(socket), tls, ++last_id_, listener.model);
         tunnels_.push_back(tunnel);
         co_spawn(
             context_.io,
@@ -78,9 +93,14 @@ awaitable<void> Platform::accept() {
     }
 }
 
+void Platform::check_faults() {
+    const auto tunnels = tunnels_;  // one that is ended here leaves the list later, or at once
+    for (const auto &tunnel : tunnels) tunnel->check_faults();
+}
+
 void Platform::stop() {
     error_code ignored;
-    acceptor_.close(ignored);
+    for (Listener &listener : listeners_) listener.acceptor.close(ignored);
     for (const auto &tunnel : tunnels_) tunnel->close_now();
 }
 
@@ -99,9 +119,17 @@ std::shared_ptr<Tunnel> Platform::find(int id) const {
 }
 
 PlatformStatus Platform::status() const {
-    error_code error;
-    const tcp::endpoint bound = acceptor_.local_endpoint(error);
-    PlatformStatus out = {.listening = error ? "" : cat(bound), .tunnels = {}};
+    PlatformStatus out;
+    for (const Listener &listener : listeners_) {
+        error_code error;
+        const tcp::endpoint bound = listener.acceptor.local_endpoint(error);
+        if (error) continue;
+        if (listener.model.empty()) {
+            out.listening = cat(bound);
+        } else {
+            out.own_ports.emplace(listener.model, bound.port());
+        }
+    }
     for (const auto &tunnel : tunnels_) out.tunnels.push_back(tunnel->status());
     return out;
 }

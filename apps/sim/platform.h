@@ -1,7 +1,7 @@
 // The platform: a listener, and the tunnels that came through it.
 #pragma once
 
-#include <functional>
+#include <list>
 #include <vector>
 
 #include "tunnel.h"
@@ -24,7 +24,14 @@ class Platform {
     // start listens and returns the port. Throws std::runtime_error when it cannot listen.
     std::uint16_t start();
 
-    // stop closes the listener and all tunnels.
+    // start_for listens on another free port, whose connections are those of the model from their first byte, and
+    // returns it. Throws std::runtime_error when it cannot listen.
+    std::uint16_t start_for(const std::string &model);
+
+    // check_faults lets every tunnel look at the faults again.
+    void check_faults();
+
+    // stop closes the listeners and all tunnels.
     void stop();
 
     // newest_open is the tunnel of `model` that was opened last, of any model for an empty text; or null.
@@ -42,13 +49,19 @@ class Platform {
     [[nodiscard]] PlatformStatus status() const;
 
   private:
-    awaitable<void> accept();
+    struct Listener {
+        tcp::acceptor acceptor;
+        std::string model;  // empty: any
+    };
+
+    Listener &listen(std::uint16_t port, const std::string &model);
+    awaitable<void> accept(Listener &listener);
     void emit(Kind kind, std::initializer_list<Field> fields = {}, std::string_view cause = {}) const;
 
     Context context_;
     PlatformOptions options_;
     asio::ssl::context tls_{asio::ssl::context::tls_server};
-    tcp::acceptor acceptor_;
+    std::list<Listener> listeners_;
     std::vector<std::shared_ptr<Tunnel>> tunnels_;  // in the order of their connections, without those that ended
     int last_id_ = 0;
 };

@@ -72,13 +72,4 @@ Registration check_registration(const std::string &text, const TunnelData &tunne
     return out;
 }
 
-std::string registration_answer(const Behaviour &behaviour) {
-    const Json object(json_object_new_object());
-    json_object_object_add(object.get(), "optType", json_object_new_int(behaviour.opt_type));
-    json_object_object_add(object.get(), "retCode", json_object_new_int(behaviour.ret_code));
-    std::string text = json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PLAIN);
-    if (behaviour.registration == RegistrationAnswer::malformed) text.pop_back();  // no closing brace
-    return text;
-}
-
 }  // namespace sim

@@ -1,10 +1,9 @@
-// OPT1: the JSON text with which a tunnel registers, and the platform's answer.
+// OPT1: the JSON text with which a tunnel registers.
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include "behaviour.h"
 #include "tunnel_data.h"
 
 namespace sim {
@@ -17,8 +16,5 @@ struct Registration {
 };
 
 Registration check_registration(const std::string &text, const TunnelData &tunnel_data);
-
-// registration_answer is the body of the answer: JSON, except where the behaviour wants it malformed.
-std::string registration_answer(const Behaviour &behaviour);
 
 }  // namespace sim

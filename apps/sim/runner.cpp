@@ -74,6 +74,7 @@ constexpr Runner::Row Runner::kRows[] = {
     {Verb::daemon_start, &Runner::daemon_start},
     {Verb::daemon_restart, &Runner::daemon_restart},
     {Verb::set, &Runner::set},
+    {Verb::fault, &Runner::fault},
     {Verb::sleep, &Runner::sleep},
     {Verb::status, &Runner::status},
     {Verb::help, &Runner::help},
@@ -355,6 +356,16 @@ awaitable<void> Runner::drop(const Step &) {
 
 awaitable<void> Runner::set(const Step &step) {
     set_behaviour(simulator_.behaviour, step.text, step.value);
+    simulator_.hold_behaviour();
+    co_return;
+}
+
+awaitable<void> Runner::fault(const Step &step) {
+    if (step.fault) {
+        simulator_.switch_on(*step.fault);
+    } else {
+        simulator_.switch_off(step.text);
+    }
     co_return;
 }
 

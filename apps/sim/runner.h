@@ -58,6 +58,7 @@ class Runner {
     awaitable<void> daemon_start(const Step &step);
     awaitable<void> daemon_restart(const Step &step);
     awaitable<void> set(const Step &step);
+    awaitable<void> fault(const Step &step);
     awaitable<void> sleep(const Step &step);
     awaitable<void> status(const Step &step);
     awaitable<void> help(const Step &step);

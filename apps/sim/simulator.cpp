@@ -1,11 +1,17 @@
 #include "simulator.h"
 
+#include <array>
+
 namespace sim {
 
-Simulator::Simulator(const Options &options) : tunnel_data(options.tunnel_data), behaviour(options.behaviour) {
+Simulator::Simulator(const Options &options)
+    : tunnel_data(options.tunnel_data), behaviour(options.behaviour), first_faults_(options.faults) {
+    for (const Step &step : options.steps) {
+        if (step.fault) named_models_.push_back(step.fault->model);
+    }
     tunnel_data.port = options.platform.port;
     if (options.with_platform) {
-        platform.emplace(Context{io, events, changed, tunnel_data, behaviour}, options.platform);
+        platform.emplace(Context{io, events, changed, tunnel_data, behaviour, faults}, options.platform);
     }
     if (options.with_daemon) {
         daemon.emplace(io, events, changed, DaemonPolicy{tunnel_data, options.announce, options.models},
@@ -15,7 +21,36 @@ Simulator::Simulator(const Options &options) : tunnel_data(options.tunnel_data),
 
 void Simulator::start() {
     if (platform) tunnel_data.port = platform->start();
+    hold_behaviour();
+    for (const Fault &fault : first_faults_) switch_on(fault);
+    for (const std::string &model : named_models_) give_port(model);
     if (daemon) daemon->start();
+}
+
+void Simulator::switch_on(const Fault &fault) {
+    const std::string line = show_fault(fault);
+    events.emit({.kind = Kind::fault_on, .model = fault.model, .fields = std::array{Field("fault", Bytes{line})}});
+    faults.add(fault);
+    give_port(fault.model);
+    if (platform) platform->check_faults();
+}
+
+void Simulator::switch_off(std::string_view name) {
+    const bool found = faults.off(name);
+    events.emit({.kind = Kind::fault_off,
+                 .fields = std::array{Field("name", name.empty() ? "all" : name), Field("found", found)}});
+    if (platform) platform->check_faults();
+}
+
+void Simulator::hold_behaviour() {
+    std::vector<Fault> held;
+    for (const auto &[name, fault] : behaviour.faults) held.push_back(fault);
+    faults.hold(held);
+}
+
+void Simulator::give_port(const std::string &model) {
+    if (!platform || model.empty() || tunnel_data.own_ports.contains(model)) return;
+    tunnel_data.own_ports[model] = platform->start_for(model);
 }
 
 void Simulator::stop() {
@@ -30,6 +65,7 @@ Status Simulator::status() const {
         for (TunnelStatus &tunnel : out.platform->tunnels) tunnel.count = counters.tunnel(tunnel.id);
     }
     if (daemon) out.daemon = daemon->status();
+    for (const auto &active : faults.active()) out.faults.push_back({show_fault(active->fault), active->applied});
     return out;
 }
 

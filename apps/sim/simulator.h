@@ -26,14 +26,29 @@ struct Simulator {
     // status is the state of everything, now.
     [[nodiscard]] Status status() const;
 
+    // switch_on and switch_off change the faults, for tunnels that are up too. A model that a fault names gets a port
+    // to itself, which its next tunnel data tells it: by that its connections are known before they have registered.
+    void switch_on(const Fault &fault);
+    void switch_off(std::string_view name);
+
+    // hold_behaviour makes the faults of the behaviour those that hold.
+    void hold_behaviour();
+
     asio::io_context io;
     EventStream events;
     Counters counters{events};
     Condition changed{io};
     TunnelData tunnel_data;
+    FaultSet faults;
     Behaviour behaviour;
     std::optional<Platform> platform;  // left out by --no-platform
     std::optional<Daemon> daemon;      // left out by --no-daemon
+
+  private:
+    void give_port(const std::string &model);
+
+    std::vector<Fault> first_faults_;
+    std::vector<std::string> named_models_;  // by the faults of later steps: they get their ports at the start too
 };
 
 }  // namespace sim

@@ -63,6 +63,14 @@ std::string model_json(const std::pair<const std::string, ModelCount> &entry) {
                R"(,"last_cause":)", or_null(count.last_cause), "}");
 }
 
+std::string port_json(const std::pair<const std::string, int> &entry) {
+    return cat(quoted(entry.first), ":", entry.second);
+}
+
+std::string fault_json(const FaultStatus &fault) {
+    return cat(R"({"fault":)", quoted(fault.fault), R"(,"met":)", fault.met, "}");
+}
+
 }  // namespace
 
 std::string status_text(const Status &status) {
@@ -70,11 +78,17 @@ std::string status_text(const Status &status) {
     if (const auto &platform = status.platform) {
         out += platform->listening.empty() ? "platform: not listening\n"
                                            : cat("platform: listening on ", platform->listening, "\n");
+        for (const auto &[model, port] : platform->own_ports) {
+            out += cat("platform: port ", port, " for model '", printable(model), "'\n");
+        }
         for (const TunnelStatus &tunnel : platform->tunnels) out += tunnel_line(tunnel);
     }
     if (const auto &daemon = status.daemon) {
         out += daemon->listening.empty() ? "daemon: stopped\n" : cat("daemon: listening on ", daemon->listening, "\n");
         for (const LinkStatus &link : daemon->links) out += link_line(link);
+    }
+    for (const FaultStatus &fault : status.faults) {
+        out += cat("fault: ", fault.fault, ", met by ", fault.met, " connections\n");
     }
     return out;
 }
@@ -83,13 +97,15 @@ std::string status_json(const Status &status) {
     std::string out = cat(R"({"time":)", seconds(status.time));
     if (const auto &platform = status.platform) {
         out += cat(R"(,"platform":{"listening":)", or_null(platform->listening), R"(,"tunnels":)",
-                   list_of("[]", platform->tunnels, tunnel_json), "}");
+                   list_of("[]", platform->tunnels, tunnel_json), R"(,"own_ports":)",
+                   list_of("{}", platform->own_ports, port_json), "}");
     }
     if (const auto &daemon = status.daemon) {
         out += cat(R"(,"daemon":{"listening":)", or_null(daemon->listening), R"(,"links":)",
                    list_of("[]", daemon->links, link_json), "}");
     }
-    return out + cat(R"(,"models":)", list_of("{}", status.models, model_json), "}");
+    return out + cat(R"(,"models":)", list_of("{}", status.models, model_json), R"(,"faults":)",
+                     list_of("[]", status.faults, fault_json), "}");
 }
 
 }  // namespace sim

@@ -20,6 +20,12 @@ struct TunnelStatus {
 struct PlatformStatus {
     std::string listening;  // address and port; empty: it does not listen
     std::vector<TunnelStatus> tunnels;
+    std::map<std::string, int> own_ports = {};  // of the models that have one to themselves
+};
+
+struct FaultStatus {
+    std::string fault;  // as the step that switches it on has it
+    long met = 0;       // connections that it was applied to
 };
 
 struct LinkStatus {
@@ -37,9 +43,10 @@ struct Status {
     std::optional<PlatformStatus> platform;  // nothing with --no-platform
     std::optional<DaemonStatus> daemon;      // nothing with --no-daemon
     std::map<std::string, ModelCount> models;
+    std::vector<FaultStatus> faults = {};
 };
 
-// status_text has one line for each listener, tunnel and link, status_json is one object in one line.
+// status_text has one line for each listener, tunnel, link and fault, status_json is one object in one line.
 std::string status_text(const Status &status);
 std::string status_json(const Status &status);
 

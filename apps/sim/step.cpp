@@ -23,6 +23,7 @@ enum class Form {
     setting,  // NAME VALUE
     hex,
     maybe_json,
+    fault,  // FAULT, or off [NAME]
 };
 
 struct Range {
@@ -82,6 +83,8 @@ constexpr Row kRows[] = {
     {Verb::daemon_restart, "daemon restart", "[SECONDS]", Form::maybe_count, "both, SECONDS apart (1 if left out)",
      kSecondsOr1},
     {Verb::set, "set", "NAME VALUE", Form::setting, "set one of "},
+    {Verb::fault, "fault", "FAULT|off [NAME]", Form::fault,
+     "switch a fault on, or off: all, or those called NAME; a tunnel that is up meets it at once"},
     {Verb::sleep, "sleep", "MS", Form::count, "do nothing for MS milliseconds", kMilliseconds},
     {Verb::status, "status", "[json]", Form::maybe_json,
      "show listeners, links and tunnels; json: as one line of JSON"},
@@ -139,6 +142,15 @@ void read_setting(Step &step, std::string_view rest) {
     set_behaviour(checked, step.text, step.value);
 }
 
+void read_fault(Step &step, std::string_view rest) {
+    std::string_view after = rest;
+    if (first_word(after) != "off") {
+        step.fault = parse_fault(rest);
+    } else if (!after.empty()) {
+        step.text = find_fault(after).name;
+    }
+}
+
 void read_arguments(Step &step, const Row &row, std::string_view rest) {
     if (rest.empty() && !takes_nothing(row.form)) throw BadInput(cat("expected ", row.name, " ", row.arguments));
     step.count = row.range.initial;
@@ -167,6 +179,9 @@ void read_arguments(Step &step, const Row &row, std::string_view rest) {
         case Form::maybe_json:
             if (!rest.empty() && rest != kStatusAsJson) throw BadInput(cat(row.name, " takes json or nothing"));
             step.text = rest;
+            break;
+        case Form::fault:
+            read_fault(step, rest);
             break;
     }
     if (row.verb == Verb::ping && step.text.size() > common::kControlMax) {

@@ -6,15 +6,25 @@
 
 namespace sim {
 
-tcp::socket &Stream::socket() {
-    if (auto *tls = std::get_if<Tls>(&stream_)) return tls->next_layer();
-    return std::get<tcp::socket>(stream_);
+Stream::Stream(tcp::socket socket, asio::ssl::context *context, ConnectionFaults &faults)
+    : stream_(make(ShapedSocket(std::move(socket), faults), context)) {}
+
+Stream::Either Stream::make(ShapedSocket socket, asio::ssl::context *context) {
+    if (!context) return Either(std::in_place_type<ShapedSocket>, std::move(socket));
+    return Either(std::in_place_type<Tls>, std::move(socket), *context);
 }
 
-const tcp::socket &Stream::socket() const {
-    if (const auto *tls = std::get_if<Tls>(&stream_)) return tls->next_layer();
-    return std::get<tcp::socket>(stream_);
+ShapedSocket &Stream::socket() {
+    if (auto *tls = std::get_if<Tls>(&stream_)) return tls->next_layer();
+    return std::get<ShapedSocket>(stream_);
 }
+
+const ShapedSocket &Stream::socket() const {
+    if (const auto *tls = std::get_if<Tls>(&stream_)) return tls->next_layer();
+    return std::get<ShapedSocket>(stream_);
+}
+
+awaitable<void> Stream::accepted() { return socket().accepted(); }
 
 awaitable<TlsSession> Stream::handshake() {
     auto *tls = std::get_if<Tls>(&stream_);
@@ -37,7 +47,7 @@ awaitable<std::string> Stream::read() {
     if (auto *tls = std::get_if<Tls>(&stream_)) {
         size = co_await tls->async_read_some(asio::buffer(area), use_awaitable);
     } else {
-        size = co_await std::get<tcp::socket>(stream_).async_read_some(asio::buffer(area), use_awaitable);
+        size = co_await std::get<ShapedSocket>(stream_).async_read_some(asio::buffer(area), use_awaitable);
     }
     co_return std::string(area.data(), size);
 }
@@ -46,7 +56,7 @@ awaitable<void> Stream::write(std::string_view bytes) {
     if (auto *tls = std::get_if<Tls>(&stream_)) {
         co_await asio::async_write(*tls, asio::buffer(bytes), use_awaitable);
     } else {
-        co_await asio::async_write(std::get<tcp::socket>(stream_), asio::buffer(bytes), use_awaitable);
+        co_await asio::async_write(std::get<ShapedSocket>(stream_), asio::buffer(bytes), use_awaitable);
     }
 }
 
@@ -55,23 +65,18 @@ awaitable<void> Stream::finish() {
     if (auto *tls = std::get_if<Tls>(&stream_)) {
         co_await tls->async_shutdown(asio::redirect_error(use_awaitable, ignored));
     }
-    socket().shutdown(tcp::socket::shutdown_send, ignored);
+    co_await socket().end_sending();
 }
 
-void Stream::close() {
-    error_code ignored;
-    socket().close(ignored);
-}
+void Stream::close() { socket().close(); }
 
-void Stream::reset() {
-    error_code ignored;
-    socket().set_option(asio::socket_base::linger(true, 0), ignored);
-    socket().close(ignored);
-}
+void Stream::reset() { socket().reset(); }
+
+void Stream::half_close() { socket().half_close(); }
 
 std::string Stream::peer() const {
     error_code error;
-    const auto end = socket().remote_endpoint(error);
+    const auto end = socket().socket().remote_endpoint(error);
     return error ? "unknown" : cat(end);
 }
 

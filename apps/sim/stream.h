@@ -1,11 +1,12 @@
-// The bytes of one tunnel, over TLS or plain TCP, behind one interface.
+// The bytes of one tunnel, over TLS or plain TCP and as the network faults of its connection let them pass, behind one
+// interface.
 #pragma once
 
 #include <string>
 #include <string_view>
 #include <variant>
 
-#include "asio.h"
+#include "shaped_socket.h"
 
 namespace sim {
 
@@ -19,9 +20,11 @@ struct TlsSession {
 
 class Stream {
   public:
-    explicit Stream(tcp::socket socket) : stream_(std::move(socket)) {}
-    Stream(tcp::socket socket, asio::ssl::context &context)
-        : stream_(std::in_place_type<Tls>, std::move(socket), context) {}
+    // A stream without a context is plain. `faults` outlives the stream.
+    Stream(tcp::socket socket, asio::ssl::context *context, ConnectionFaults &faults);
+
+    // accepted holds the connection back as the faults at its accept want, and waits for the module's first bytes.
+    awaitable<void> accepted();
 
     // handshake does the server's side of TLS and returns what was agreed; a plain stream has nothing to do.
     awaitable<TlsSession> handshake();
@@ -40,15 +43,24 @@ class Stream {
     void close();
     void reset();
 
+    // half_close ends this direction at once; what is written afterwards is lost.
+    void half_close();
+
+    // set_stage and poke tell the socket of the connection's stage, and of other faults.
+    void set_stage(Stage stage) { socket().set_stage(stage); }
+    void poke() { socket().poke(); }
+
     [[nodiscard]] std::string peer() const;
 
   private:
-    using Tls = asio::ssl::stream<tcp::socket>;
+    using Tls = asio::ssl::stream<ShapedSocket>;
+    using Either = std::variant<ShapedSocket, Tls>;
 
-    tcp::socket &socket();
-    [[nodiscard]] const tcp::socket &socket() const;
+    static Either make(ShapedSocket socket, asio::ssl::context *context);
+    ShapedSocket &socket();
+    [[nodiscard]] const ShapedSocket &socket() const;
 
-    std::variant<tcp::socket, Tls> stream_;
+    Either stream_;
 };
 
 }  // namespace sim

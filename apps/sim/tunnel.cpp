@@ -6,7 +6,7 @@
 
 #include "registration.h"
 #include "text.h"
-#include "upgrade.h"
+#include "upgrade_fault.h"
 
 namespace sim {
 namespace {
@@ -46,11 +46,17 @@ static const char *state_name(Tunnel::State state) {
     return "";
 }
 
-Tunnel::Tunnel(const Context &context, Stream stream, int id)
+Tunnel::Tunnel(const Context &context, tcp::socket socket, asio::ssl::context *tls, int id, const std::string &model)
     : context_(context),
-      stream_(std::move(stream)),
+      faults_(context.faults, id, model,
+              [this](const Fault &fault) {
+                  emit(Kind::fault_applied, {{"fault", Bytes{show_fault(fault)}}});
+              }),
+      stream_(std::move(socket), tls, faults_),
       outbox_(context.io, context.changed),
       deadline_(context.io),
+      fault_timer_(context.io),
+      late_timer_(context.io),
       key_timer_(context.io),
       id_(id),
       since_(context.events.now()) {}
@@ -98,6 +104,7 @@ awaitable<void> Tunnel::run() {
     try {
         emit(Kind::connected, {{"peer", stream_.peer()}});
         finish_within(kSetUpTime);
+        reach(Stage::accept);
         co_await open();
         co_await read_frames();
     } catch (const system_error &error) {
@@ -109,12 +116,17 @@ awaitable<void> Tunnel::run() {
     become(State::ended, ending_);
     emit(Kind::tunnel_ended, {}, ending_);
     deadline_.cancel();
+    fault_timer_.cancel();
+    late_timer_.cancel();
     key_timer_.cancel();
     outbox_.close();
     stream_.close();
 }
 
 awaitable<void> Tunnel::open() {
+    co_await stream_.accepted();
+    enter(Stage::tls);
+    reach(Stage::tls);
     const TlsSession session = co_await stream_.handshake();
     if (session.cipher.empty()) {
         emit(Kind::tls_established, {{"version", session.version}});
@@ -124,14 +136,16 @@ awaitable<void> Tunnel::open() {
                                      {"server_name", Bytes{session.server_name}},
                                      {"resumed", session.resumed}});
     }
+    enter(Stage::upgrade);
     const std::string request = co_await read_request();
+    if (!reach(Stage::upgrade)) co_return;
     co_spawn(
         context_.io,
         [self = shared_from_this()]() -> awaitable<void> {
             try {
                 co_await self->outbox_.run([&](const std::string &bytes) {
                     self->emit(Kind::bytes_sent, {{"bytes", Bytes{bytes}}});
-                    return self->stream_.write(bytes);
+                    return self->write(bytes);
                 });
                 co_await self->stream_.finish();
             } catch (const system_error &) {
@@ -141,6 +155,14 @@ awaitable<void> Tunnel::open() {
         },
         asio::detached);
     answer_upgrade(request);
+}
+
+// write sends bytes. With them the connection has come to the stage of its state: an answer still belongs to the stage
+// that it ends.
+awaitable<void> Tunnel::write(std::string_view bytes) {
+    co_await stream_.write(bytes);
+    if (state_ == State::registering) enter(Stage::registration);
+    if (state_ == State::open) enter(Stage::open);
 }
 
 awaitable<std::string> Tunnel::read_request() {
@@ -185,41 +207,38 @@ void Tunnel::await_close(std::string_view cause) {
 
 void Tunnel::answer_upgrade(const std::string &text) {
     const UpgradeRequest request = parse_upgrade(text);
-    const Behaviour &behaviour = context_.behaviour;
     emit(Kind::upgrade_received,
          {{"line", Bytes{request.line}}, {"host", Bytes{request.header("Host")}}, {"request", Bytes{text}}});
     const bool good = report_check("upgrade request", check_upgrade(request, context_.tunnel_data));
     if (good) emit(Kind::upgrade_checked);
-    if (!good && !behaviour.lenient) return send_upgrade_answer(request, 400);
-
-    switch (behaviour.upgrade) {
-        case UpgradeAnswer::silence:
-            return emit(Kind::left_unanswered, {{"what", "upgrade"}});
-        case UpgradeAnswer::close:
-            return answer_by_closing("upgrade");
-        case UpgradeAnswer::accept:
-        case UpgradeAnswer::wrong_accept:
-            return send_upgrade_answer(request, behaviour.answer_status);
+    const bool refused = !good && !context_.behaviour.lenient;
+    if (!refused && faults_.find(FaultKind::silence, Stage::upgrade)) {
+        return emit(Kind::left_unanswered, {{"what", "upgrade"}});
     }
-}
+    if (!refused && faults_.find(FaultKind::hang_up, Stage::upgrade)) return answer_by_closing("upgrade");
 
-void Tunnel::send_upgrade_answer(const UpgradeRequest &request, int status) {
-    const bool wrong = context_.behaviour.upgrade == UpgradeAnswer::wrong_accept;
-    const std::string accept = accept_for(cat(wrong ? "wrong" : "", request.header("Sec-WebSocket-Key")));
-    const std::string answer = upgrade_answer(status, accept);
-    outbox_.post(answer);
-    const std::string words = status_text(status);
-    if (wrong) {
+    const UpgradeReply reply = upgrade_reply(faults_, request, refused);
+    outbox_.post(reply.bytes);
+    if (reply.fault.empty()) {
         emit(Kind::upgrade_answered,
-             {{"status", status}, {"answer", words}, {"response", Bytes{answer}}, {"fault", "wrong accept"}});
+             {{"status", reply.status}, {"answer", reply.words}, {"response", Bytes{reply.bytes}}});
     } else {
-        emit(Kind::upgrade_answered, {{"status", status}, {"answer", words}, {"response", Bytes{answer}}});
+        emit(Kind::upgrade_answered, {{"status", reply.status},
+                                      {"answer", reply.words},
+                                      {"response", Bytes{reply.bytes}},
+                                      {"fault", reply.fault}});
     }
-    const std::string cause = cat("upgrade answered: ", words);
-    if (status == 101) {
-        become(State::registering, cause);
-    } else {
-        await_close(cause);
+    const std::string cause = cat("upgrade answered: ", reply.words);
+    switch (reply.next) {
+        case UpgradeReply::Next::registration:
+            return become(State::registering, cause);
+        case UpgradeReply::Next::module_closes:
+            return await_close(cause);
+        case UpgradeReply::Next::module_waits:
+            return;
+        case UpgradeReply::Next::closes:
+            ending_ = "connection closed by the platform";
+            return outbox_.close();
     }
 }
 
@@ -296,37 +315,50 @@ void Tunnel::on_registration(const Frame &frame) {
     const Registration registration = check_registration(frame.payload, context_.tunnel_data);
     model_ = registration.model;
     emit(Kind::registration_received, {{"json", Bytes{frame.payload}}});
+    faults_.set_model(model_);
+    if (!reach(Stage::registration)) return;
+    if (state_ != State::registering) return await_close("closed in place of an answer to OPT1");
     const bool good = report_check("OPT1", registration.problems);
     if (good) {
         emit(Kind::registration_checked,
              {{"device_model", Bytes{registration.device_model}}, {"serial", Bytes{registration.serial}}});
     }
-    Behaviour behaviour = context_.behaviour;
-    if (!good && !behaviour.lenient) behaviour.ret_code = 1;
-    answer_registration(behaviour);
+    answer_registration(!good && !context_.behaviour.lenient);
 }
 
-void Tunnel::answer_registration(const Behaviour &behaviour) {
-    if (behaviour.registration == RegistrationAnswer::silence) {
+void Tunnel::answer_registration(bool refused) {
+    if (faults_.find(FaultKind::silence, Stage::registration)) {
         return emit(Kind::left_unanswered, {{"what", "OPT1"}});
     }
-    if (behaviour.registration == RegistrationAnswer::close) return answer_by_closing("OPT1");
+    if (faults_.find(FaultKind::hang_up, Stage::registration)) return answer_by_closing("OPT1");
 
-    const bool binary = behaviour.registration == RegistrationAnswer::binary;
-    const std::string answer = registration_answer(behaviour);
-    post({.opcode = binary ? Opcode::binary : Opcode::text, .payload = answer});
-    if (binary) {
-        emit(Kind::registration_answered, {{"json", Bytes{answer}}, {"fault", "binary frame"}});
-    } else {
-        emit(Kind::registration_answered, {{"json", Bytes{answer}}});
+    const RegistrationReply reply = registration_reply(faults_, refused);
+    if (const auto *late = faults_.find(FaultKind::late, Stage::registration)) {
+        late_timer_.expires_after(std::chrono::milliseconds(late->fault.values[0]));
+        late_timer_.async_wait([self = shared_from_this(), reply](error_code cancelled) {
+            if (!cancelled && self->state_ == State::registering) self->send_registration_reply(reply);
+        });
+        return;
     }
+    send_registration_reply(reply);
+}
 
-    const bool accepted = behaviour.registration == RegistrationAnswer::text && behaviour.ret_code == 0 &&
-                          (behaviour.opt_type & 0xff) == 1;  // the library compares 8 bits
-    if (accepted) {
+void Tunnel::send_registration_reply(const RegistrationReply &reply) {
+    const auto *twice = faults_.find(FaultKind::twice, Stage::registration);
+    for (long times = twice ? twice->fault.values[0] : 1; times > 0; times--) {
+        post({.opcode = reply.opcode, .payload = reply.body});
+    }
+    if (reply.opcode == Opcode::text) {
+        emit(Kind::registration_answered, {{"json", Bytes{reply.body}}});
+    } else {
+        const std::string fault = cat(opcode_name(reply.opcode), " frame");
+        emit(Kind::registration_answered, {{"json", Bytes{reply.body}}, {"fault", fault}});
+    }
+    if (reply.accepted) {
         deadline_.cancel();
         become(State::open, "registration accepted");
         emit(Kind::registration_accepted);
+        reach(Stage::open);
     } else {
         emit(Kind::registration_refused);
         await_close("registration refused");
@@ -383,16 +415,85 @@ void Tunnel::protocol_error(const std::string &why) {
 
 // What the platform sends.
 
+Stage Tunnel::frame_stage() const { return state_ == State::registering ? Stage::registration : Stage::open; }
+
 // encode is called once for each frame that is sent.
-std::string Tunnel::encode(const Frame &frame) const {
+std::string Tunnel::encode(const Frame &frame) {
     emit_frame(Kind::frame_sent, frame);
-    if (!context_.behaviour.mask) return encode_frame(frame);
-    std::array<unsigned char, 4> key;
-    if (RAND_bytes(key.data(), static_cast<int>(key.size())) != 1) key = {0x12, 0x34, 0x56, 0x78};
-    return encode_frame(frame, key);
+    if (faults_.none()) return encode_frame(frame);
+    FrameForm form;
+    const auto find = [&](FaultKind kind) { return faults_.find(kind, frame_stage()); };
+    if (find(FaultKind::masked)) {
+        std::array<unsigned char, 4> key;
+        if (RAND_bytes(key.data(), static_cast<int>(key.size())) != 1) key = {0x12, 0x34, 0x56, 0x78};
+        form.mask = key;
+    }
+    if (const auto *bits = find(FaultKind::reserved_bits)) form.reserved = static_cast<unsigned>(bits->fault.values[0]);
+    if (const auto *length = find(FaultKind::length_form)) form.length_bits = length->fault.values[0] == 0 ? 16 : 64;
+    const bool data = frame.opcode == Opcode::text || frame.opcode == Opcode::binary;
+    if (const auto *opcode = data ? find(FaultKind::opcode) : nullptr) {
+        form.opcode = static_cast<unsigned>(opcode->fault.values[0]);
+    }
+    return encode_frame(frame, form);
 }
 
-void Tunnel::post(const Frame &frame) { outbox_.post(encode(frame)); }
+void Tunnel::post(const Frame &frame) {
+    const bool data = frame.opcode == Opcode::text || frame.opcode == Opcode::binary;
+    const auto *fragments = data ? faults_.find(FaultKind::fragments, frame_stage()) : nullptr;
+    if (fragments) {
+        post_fragments(frame, fragments->fault);
+    } else {
+        outbox_.post(encode(frame));
+    }
+    if (frame.opcode != Opcode::close) return;
+    if (const auto *after = faults_.find(FaultKind::data_after_close, frame_stage())) {
+        for (long i = 1; i <= after->fault.values[0]; i++) outbox_.post(encode({.payload = cat("after close ", i)}));
+    }
+}
+
+// post_fragments sends a message in fragments of the fault's size, with its control frames between them.
+void Tunnel::post_fragments(const Frame &frame, const Fault &fault) {
+    const auto size = static_cast<std::size_t>(fault.values[0]);
+    const std::string_view between = fault.word(1);
+    std::size_t at = 0;
+    do {
+        if (at > 0 && between != "nothing") {
+            outbox_.post(encode({.opcode = between == "ping" ? Opcode::ping : Opcode::pong, .payload = "between"}));
+        }
+        outbox_.post(encode({.fin = frame.fin && at + size >= frame.payload.size(),
+                             .opcode = at == 0 ? frame.opcode : Opcode::continuation,
+                             .payload = frame.payload.substr(at, size)}));
+        at += size;
+    } while (at < frame.payload.size());
+}
+
+// send_unasked sends the frames that faults want once in the stage.
+void Tunnel::send_unasked() {
+    if (reached_ != Stage::registration && reached_ != Stage::open) return;
+    const auto first = [&](FaultKind kind) {
+        const auto *active = faults_.find(kind, reached_);
+        return active && sent_unasked_.insert(active->number).second ? &active->fault : nullptr;
+    };
+    if (const Fault *flood = first(FaultKind::ping_flood)) {
+        std::string bytes;
+        for (long i = 1; i <= flood->values[0]; i++) {
+            bytes += encode({.opcode = Opcode::ping, .payload = std::to_string(i)});
+        }
+        outbox_.post(bytes);
+    }
+    if (const Fault *oversize = first(FaultKind::oversize)) {
+        send_raw(announce_frame(static_cast<std::uint64_t>(oversize->values[0])));
+    }
+    if (const Fault *close = first(FaultKind::close_frame)) {
+        const CloseBody body = {.status = static_cast<std::uint16_t>(close->values[0]), .reason = {}};
+        const std::string_view how = close->word(1);
+        close_sent_ = how == "full" ? body : CloseBody{};
+        const std::string bytes = encode_close(body);
+        post({.opcode = Opcode::close, .payload = how == "full" ? bytes : how == "half" ? bytes.substr(0, 1) : ""});
+        emit_close(Kind::close_sent, *close_sent_);
+        become(State::closing, "a fault");
+    }
+}
 
 void Tunnel::send_message(Opcode opcode, const std::string &body) {
     post({.opcode = opcode, .payload = body});
@@ -436,6 +537,50 @@ void Tunnel::send_close(const CloseBody &body) {
 void Tunnel::send_raw(const std::string &bytes) {
     outbox_.post(bytes);
     emit(Kind::raw_sent, {{"length", bytes.size()}, {"bytes", Bytes{bytes}}});
+}
+
+// reach is called when the module has done its part of the stage; false when a fault has ended the connection there.
+bool Tunnel::reach(Stage stage) {
+    reached_ = stage;
+    check_faults();
+    return ending_.empty();
+}
+
+void Tunnel::enter(Stage stage) {
+    if (stage == stage_) return;
+    stage_ = stage;
+    stream_.set_stage(stage);
+    check_faults();
+}
+
+void Tunnel::check_faults() {
+    if (state_ == State::ended) return;
+    stream_.poke();
+    if (faults_.none()) return;
+    send_unasked();
+    if (faults_.find(FaultKind::half_close, reached_)) stream_.half_close();
+    const auto *reset = faults_.find(FaultKind::reset_peer, reached_);
+    const auto *silent = faults_.find(FaultKind::timeout, stage_);
+    if (reset) {
+        end_by(*reset, [this] { drop(); });
+    } else if (silent && silent->fault.values[0] != 0) {
+        end_by(*silent, [this] { close_now(); });
+    }
+}
+
+// end_by ends the connection after the fault's time, if it is still on then.
+void Tunnel::end_by(const FaultSet::Active &fault, std::function<void()> end) {
+    if (fault_due_ == fault.number) return;
+    fault_due_ = fault.number;
+    const auto time = std::chrono::milliseconds(fault.fault.values[0]);
+    if (time == 0ms) return end();
+    fault_timer_.expires_after(time);
+    fault_timer_.async_wait(
+        [self = shared_from_this(), number = fault.number, end = std::move(end)](error_code cancelled) {
+            const auto &active = self->context_.faults.active();
+            const bool on = std::ranges::any_of(active, [&](const auto &one) { return one->number == number; });
+            if (!cancelled && on && self->state_ != State::ended) end();
+        });
 }
 
 void Tunnel::drop() {

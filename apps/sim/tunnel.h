@@ -7,11 +7,14 @@
 #include <deque>
 #include <memory>
 #include <optional>
+#include <set>
 
 #include "behaviour.h"
 #include "event_stream.h"
+#include "fault_set.h"
 #include "frame.h"
 #include "outbox.h"
+#include "registration_fault.h"
 #include "status.h"
 #include "stream.h"
 #include "tunnel_data.h"
@@ -26,6 +29,7 @@ struct Context {
     Condition &changed;
     const TunnelData &tunnel_data;
     const Behaviour &behaviour;
+    const FaultSet &faults;
 };
 
 class Tunnel : public std::enable_shared_from_this<Tunnel> {
@@ -44,7 +48,8 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
         std::string body;
     };
 
-    Tunnel(const Context &context, Stream stream, int id);
+    // A tunnel without a TLS context is plain. `model` is the one that the connection's port is for, or empty.
+    Tunnel(const Context &context, tcp::socket socket, asio::ssl::context *tls, int id, const std::string &model);
 
     // run serves the tunnel until it ends; it throws nothing.
     awaitable<void> run();
@@ -59,6 +64,9 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
 
     // drop resets the TCP connection.
     void drop();
+
+    // check_faults carries out those that were switched on and are due at once, and lets go what others held back.
+    void check_faults();
 
     // close_now ends the connection without a close frame, for the end of the program.
     void close_now();
@@ -76,6 +84,7 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
 
   private:
     awaitable<void> open();
+    awaitable<void> write(std::string_view bytes);
     awaitable<std::string> read_request();
     awaitable<void> read_more();
     awaitable<void> read_frames();
@@ -83,31 +92,44 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     void answer_by_closing(std::string_view what);
     void await_close(std::string_view cause);
     void answer_upgrade(const std::string &text);
-    void send_upgrade_answer(const UpgradeRequest &request, int status);
     bool drain(Key key);
     void wait_for_key();
     void on_frame(Frame frame);
     void on_registration(const Frame &frame);
-    void answer_registration(const Behaviour &behaviour);
+    void answer_registration(bool refused);
+    void send_registration_reply(const RegistrationReply &reply);
     void on_data(Frame frame);
     void on_close(const Frame &frame);
     void protocol_error(const std::string &why);
     void post(const Frame &frame);
-    std::string encode(const Frame &frame) const;
+    void post_fragments(const Frame &frame, const Fault &fault);
+    void send_unasked();
+    std::string encode(const Frame &frame);
+    [[nodiscard]] Stage frame_stage() const;
     void finish_within(Clock::duration time);
+    bool reach(Stage stage);
+    void enter(Stage stage);
+    void end_by(const FaultSet::Active &fault, std::function<void()> end);
     void become(State state, std::string_view cause);
     void emit(Kind kind, std::initializer_list<Field> fields = {}, std::string_view cause = {}) const;
     void emit_frame(Kind kind, const Frame &frame) const;
     void emit_close(Kind kind, const CloseBody &body) const;
 
     Context context_;
+    ConnectionFaults faults_;
     Stream stream_;
     Outbox outbox_;
-    asio::steady_timer deadline_;   // for the set-up, later for the end
-    asio::steady_timer key_timer_;  // runs while a frame is exactly its key's four bytes short
+    asio::steady_timer deadline_;     // for the set-up, later for the end
+    asio::steady_timer fault_timer_;  // until a fault ends the connection
+    asio::steady_timer late_timer_;   // until a late answer to the registration
+    asio::steady_timer key_timer_;    // runs while a frame is exactly its key's four bytes short
     int id_;
     State state_ = State::connecting;
-    Clock::duration since_;  // when it came into that state
+    Clock::duration since_;          // when it came into that state
+    Stage stage_ = Stage::accept;    // to which the bytes belong now
+    Stage reached_ = Stage::accept;  // the last one in which the module has done its part
+    std::set<int> sent_unasked_;     // numbers of the faults whose frames were sent
+    int fault_due_ = 0;              // number of the fault that the timer runs for
     std::string model_;
     std::string in_;  // bytes read and not yet decoded
     std::optional<Message> assembly_;

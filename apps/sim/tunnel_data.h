@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 
 namespace sim {
@@ -17,10 +18,16 @@ struct TunnelData {
     std::string host;  // the library resolves it and uses the first address, which must be IPv4
     std::string path;
     std::uint16_t port = 0;
+    std::map<std::string, std::uint16_t> own_ports;  // of the models that have one to themselves
     std::string token;
     std::string cookie;
     std::uint32_t tunnel_value = 0;
     LastDown last_down;
+
+    [[nodiscard]] std::uint16_t port_of(const std::string &model) const {
+        const auto own = own_ports.find(model);
+        return own == own_ports.end() ? port : own->second;
+    }
 };
 
 }  // namespace sim

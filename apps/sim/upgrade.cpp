@@ -80,14 +80,22 @@ std::string accept_for(std::string_view key) {
 
 std::string status_text(int status) {
     switch (status) {
+        case 100:
+            return "100 Continue";
         case 101:
             return "101 Switching Protocols";
+        case 103:
+            return "103 Early Hints";
         case 200:
             return "200 OK";
         case 301:
             return "301 Moved Permanently";
         case 302:
             return "302 Found";
+        case 307:
+            return "307 Temporary Redirect";
+        case 308:
+            return "308 Permanent Redirect";
         case 400:
             return "400 Bad Request";
         case 401:
@@ -96,17 +104,15 @@ std::string status_text(int status) {
             return "403 Forbidden";
         case 404:
             return "404 Not Found";
+        case 500:
+            return "500 Internal Server Error";
+        case 502:
+            return "502 Bad Gateway";
         case 503:
             return "503 Service Unavailable";
         default:
             return cat(status, " Answer");
     }
-}
-
-std::string upgrade_answer(int status, std::string_view accept) {
-    const std::string line = cat("HTTP/1.1 ", status_text(status), "\r\n");
-    if (status != 101) return cat(line, "Connection: close\r\nContent-Length: 0\r\n\r\n");
-    return cat(line, "Upgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: ", accept, "\r\n\r\n");
 }
 
 }  // namespace sim

@@ -1,4 +1,4 @@
-// The HTTP upgrade: what the library must ask for, and what the platform answers.
+// The HTTP upgrade: what the library must ask for, and the parts of what the platform answers.
 #pragma once
 
 #include <string>
@@ -28,8 +28,5 @@ std::string accept_for(std::string_view key);
 
 // status_text is the code with its usual words, "404 Not Found".
 std::string status_text(int status);
-
-// upgrade_answer writes the whole answer; `accept` goes into it only for status 101.
-std::string upgrade_answer(int status, std::string_view accept);
 
 }  // namespace sim

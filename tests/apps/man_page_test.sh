@@ -1,5 +1,6 @@
 #!/bin/bash
-# Compares a program's man page with its --help: options, their arguments and defaults, and the names of the steps.
+# Compares a program's man page with its --help: options, their arguments and defaults, the names of the steps, and the faults
+# letter for letter.
 # Usage: man_page_test.sh PROGRAM PAGE, the page as scdoc reads it.
 set -u
 program=$1 page=$2
@@ -24,8 +25,10 @@ page_options() {
                    }
                    print name, argument == "" ? "-" : argument, value }' "$page"
 }
+help_faults() { sed -n '/^Faults:$/,/^Steps:$/p' <<<"$help" | grep '^  \|^Each\|^Of the '; }
+page_faults() { sed -n '/^# FAULTS$/,/^# STEPS$/p' "$page" | grep '^  \|^Each\|^Of the '; }
 help_steps() { sed -n '/^Steps:$/,/^$/s/^  \([a-z-]*\).*/\1/p' <<<"$help" | sort -u; }
 page_steps() { sed -n '/^# STEPS$/,/^# EXIT STATUS$/s/^\*\([a-z-]*\)\*.*/\1/p' "$page" | sort -u; }
 
 [ "$(help_options | wc -l)" -gt 5 ] || { echo 'no options found in the help text'; exit 1; }
-diff <(help_options | sort) <(page_options | sort) && diff <(help_steps) <(page_steps)
+diff <(help_options | sort) <(page_options | sort) && diff <(help_steps) <(page_steps) && diff <(help_faults) <(page_faults)

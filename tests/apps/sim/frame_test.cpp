@@ -78,7 +78,7 @@ TEST(sim_frame, frames_out_carry_true_64_bit_lengths) {
 }
 
 TEST(sim_frame, a_masked_frame_out_is_read_back) {
-    const std::string wire = encode_frame({.payload = "hello, module"}, {{1, 2, 3, 4}});
+    const std::string wire = encode_frame({.payload = "hello, module"}, {.mask = {{1, 2, 3, 4}}});
     EXPECT_EQ(decode_frame(wire, Key::follows).frame.payload, "hello, module");
 }
 

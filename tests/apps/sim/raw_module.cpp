@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -72,6 +73,11 @@ std::string Wire::read_once(size_t most) {
     reset_ = size < 0 && errno == ECONNRESET;
     out.resize(size > 0 ? static_cast<size_t>(size) : 0);
     return out;
+}
+
+bool Wire::is_quiet(std::chrono::milliseconds time) {
+    pollfd waiting = {.fd = fd_, .events = POLLIN, .revents = 0};
+    return poll(&waiting, 1, static_cast<int>(time.count())) == 0;
 }
 
 std::string Wire::read_all(size_t size) {

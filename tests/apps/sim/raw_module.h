@@ -1,6 +1,7 @@
 // The module's side of a tunnel and of the daemon's socket, written byte by byte for the tests.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -31,6 +32,9 @@ class Wire {
 
     // read_all returns exactly `size` bytes, or fewer when no more come.
     std::string read_all(size_t size);
+
+    // is_quiet is true when nothing arrives, not even the end, within that time.
+    bool is_quiet(std::chrono::milliseconds time);
 
     // was_reset is true when the last read ended with a TCP reset.
     [[nodiscard]] bool was_reset() const { return reset_; }

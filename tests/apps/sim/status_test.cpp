@@ -23,12 +23,12 @@ TEST(sim_status, a_line_for_each_listener_tunnel_and_link) {
 TEST(sim_status, a_part_that_was_left_out_has_no_line_and_one_that_is_stopped_says_so) {
     Status status;
     EXPECT_EQ(status_text(status), "");
-    EXPECT_EQ(status_json(status), R"({"time":0.000000,"models":{}})");
+    EXPECT_EQ(status_json(status), R"({"time":0.000000,"models":{},"faults":[]})");
     status.platform.emplace();
     status.daemon.emplace();
     EXPECT_EQ(status_text(status), "platform: not listening\ndaemon: stopped\n");
-    EXPECT_EQ(status_json(status), R"({"time":0.000000,"platform":{"listening":null,"tunnels":[]},)"
-                                   R"("daemon":{"listening":null,"links":[]},"models":{}})");
+    EXPECT_EQ(status_json(status), R"({"time":0.000000,"platform":{"listening":null,"tunnels":[],"own_ports":{}},)"
+                                   R"("daemon":{"listening":null,"links":[]},"models":{},"faults":[]})");
 }
 
 TEST(sim_status, json_has_the_traffic_of_tunnels_and_the_counts_of_models) {
@@ -41,11 +41,14 @@ TEST(sim_status, json_has_the_traffic_of_tunnels_and_the_counts_of_models) {
                                     .since = std::chrono::milliseconds(500),
                                     .count = {.received = {1, 2, 3}, .sent = {4, 5, 6}, .opened = true}}}};
     status.daemon = {.listening = "/s", .links = {{.id = 7, .models = {"a", "b"}}}};
+    status.platform->own_ports = {{"b", 2}};
+    status.faults = {{.fault = "latency 1ms", .met = 8}};
     status.models["a"] = {.opened = 1, .failed = 2, .ended = 3, .last_cause = "reset"};
     EXPECT_EQ(status_json(status),
               R"({"time":2.000000,"platform":{"listening":"[::1]:1","tunnels":[{"id":1,"model":"b\"","state":"open",)"
               R"("since":0.500000,"received":{"messages":1,"frames":2,"bytes":3},)"
-              R"("sent":{"messages":4,"frames":5,"bytes":6}}]},)"
+              R"("sent":{"messages":4,"frames":5,"bytes":6}}],"own_ports":{"b":2}},)"
               R"("daemon":{"listening":"/s","links":[{"id":7,"models":["a","b"]}]},)"
-              R"("models":{"a":{"opened":1,"failed":2,"ended":3,"last_cause":"reset"}}})");
+              R"("models":{"a":{"opened":1,"failed":2,"ended":3,"last_cause":"reset"}},)"
+              R"("faults":[{"fault":"latency 1ms","met":8}]})");
 }
