@@ -15,7 +15,15 @@ static constexpr auto kAcceptPause = std::chrono::seconds(1);  // for descriptor
 
 Daemon::Daemon(asio::io_context &io, const EventStream &events, Condition &changed, DaemonPolicy policy,
                std::string path)
-    : io_(io), events_(events), changed_(changed), policy_(std::move(policy)), path_(std::move(path)), acceptor_(io) {}
+    : io_(io),
+      events_(events),
+      changed_(changed),
+      policy_(std::move(policy)),
+      path_(std::move(path)),
+      acceptor_(io),
+      absence_(io) {
+    policy_.go_away = [this](std::chrono::milliseconds time) { stay_away(time); };
+}
 
 void Daemon::emit(Kind kind, std::initializer_list<Field> fields, std::string_view cause) const {
     events_.emit({.kind = kind, .source = Source::daemon, .fields = fields, .cause = cause});
@@ -62,6 +70,19 @@ void Daemon::stop() {
         ::stat(path_.c_str(), &file) == 0 && file.st_ino == own_file_.st_ino && file.st_dev == own_file_.st_dev;
     if (own) ::unlink(path_.c_str());
     emit(Kind::daemon_stopped);
+}
+
+void Daemon::stay_away(std::chrono::milliseconds time) {
+    stop();
+    absence_.expires_after(time);
+    absence_.async_wait([this](error_code cancelled) {
+        if (cancelled || running()) return;
+        try {
+            start();
+        } catch (const std::runtime_error &error) {
+            emit(Kind::accept_failed, {}, error.what());
+        }
+    });
 }
 
 awaitable<void> Daemon::accept(int start_number) {

@@ -40,6 +40,7 @@ class Daemon {
   private:
     awaitable<void> accept(int start_number);
     void remove_stale_file() const;
+    void stay_away(std::chrono::milliseconds time);
     void emit(Kind kind, std::initializer_list<Field> fields = {}, std::string_view cause = {}) const;
 
     asio::io_context &io_;
@@ -48,6 +49,7 @@ class Daemon {
     DaemonPolicy policy_;
     std::string path_;
     asio::local::stream_protocol::acceptor acceptor_;
+    asio::steady_timer absence_;
     struct stat own_file_ = {};
     std::vector<std::shared_ptr<DaemonLink>> links_;
     int last_id_ = 0;

@@ -90,6 +90,7 @@ awaitable<void> DaemonLink::run() {
                     self->emit(Kind::link_bytes_sent, {}, {{"bytes", Bytes{bytes}}});
                     co_await asio::async_write(self->socket_, asio::buffer(bytes), use_awaitable);
                 });
+                if (self->hangs_up_) self->close_now();
             } catch (const system_error &) {
                 // The reader fails on the same link and reports why.
             }
@@ -141,19 +142,36 @@ void DaemonLink::on_registration(const WireRegistration &registration) {
     if (const std::string again = field_text(registration.name_again); model != again) {
         emit(Kind::module_check_failed, model, {{"second_name", Bytes{again}}});
     }
-    post(bytes_of(WireReply{}), "reply", model);
+    ConnectionFaults &faults = faults_of(model);
+    if (const auto *away = faults.find(FaultKind::absence, Stage::accept)) {
+        return policy_.go_away(std::chrono::milliseconds(away->fault.values[0]));
+    }
+    if (faults.find(FaultKind::no_reply, Stage::accept)) return;
+    std::string reply = bytes_of(WireReply{});
+    const bool merged = faults.find(FaultKind::merge_records, Stage::accept) && is_served(model) && !has(model);
+    if (merged) reply += encode({.model = model, .notice = Notice::tunnel_data});
+    post(std::move(reply), merged ? "reply and tunnel data" : "reply", model);
     last_traffic_ = Clock::now();
 
     // The library registers all its modules again with each new one; only the first time counts.
     if (!model.empty() && has(model)) return;
     models_.push_back(model);
     changed_.notify();
-    const auto &served = policy_.models;
-    const bool known = served.empty() || std::ranges::find(served, model) != served.end();
-    if (!known)
+    if (!is_served(model))
         emit(Kind::module_not_served, model);
-    else if (policy_.announce)
+    else if (policy_.announce && !merged)
         notify(model, Notice::tunnel_data);
+}
+
+bool DaemonLink::is_served(const std::string &model) const {
+    return policy_.models.empty() || std::ranges::find(policy_.models, model) != policy_.models.end();
+}
+
+ConnectionFaults &DaemonLink::faults_of(const std::string &model) {
+    const auto applied = [this, model](const Fault &fault) {
+        emit(Kind::fault_applied, model, {{"fault", Bytes{show_fault(fault)}}});
+    };
+    return faults_.try_emplace(model, policy_.faults, id_, model, applied).first->second;
 }
 
 void DaemonLink::notify(const std::string &model, Notice notice) {
@@ -172,18 +190,72 @@ awaitable<void> DaemonLink::send_notifications() {
         } else {
             const Pending next = pending_.front();
             pending_.pop_front();
-            const Field notice("notice", notice_name(next.notice));
-            post(encode(next), notice_name(next.notice), next.model);
-            last_traffic_ = Clock::now();
-            const TunnelData &data = policy_.tunnel_data;
-            if (next.notice == Notice::tunnel_data) {
-                emit(Kind::notice_sent, next.model,
-                     {notice, {"host", data.host}, {"port", data.port_of(next.model)}, {"path", data.path}});
-            } else {
-                emit(Kind::notice_sent, next.model, {notice});
-            }
+            co_await send(next);
         }
     }
+}
+
+awaitable<void> DaemonLink::send(const Pending &pending) {
+    const Field notice("notice", notice_name(pending.notice));
+    ConnectionFaults &faults = faults_of(pending.model);
+    std::string record = encode(pending);
+    if (const auto *cut = faults.find(FaultKind::cut_record, Stage::accept)) {
+        post(record.substr(0, static_cast<std::size_t>(cut->fault.values[0])), notice_name(pending.notice),
+             pending.model);
+        hangs_up_ = true;
+        outbox_.close();
+        co_return;
+    }
+    if (const auto *split = faults.find(FaultKind::split_record, Stage::accept)) {
+        const auto first = static_cast<std::size_t>(split->fault.values[0]);
+        post(record.substr(0, first), notice_name(pending.notice), pending.model);
+        record.erase(0, first);
+        asio::steady_timer pause(io_, std::chrono::milliseconds(split->fault.values[1]));
+        co_await pause.async_wait(use_awaitable);
+        if (ended_) co_return;
+    }
+    post(std::move(record), notice_name(pending.notice), pending.model);
+    last_traffic_ = Clock::now();
+    if (pending.notice == Notice::tunnel_data) {
+        const TunnelData data = data_for(pending);
+        emit(Kind::notice_sent, pending.model, {notice, {"host", data.host}, {"port", data.port}, {"path", data.path}});
+        repeat(pending);
+    } else {
+        emit(Kind::notice_sent, pending.model, {notice});
+    }
+}
+
+// repeat queues the tunnel data again, as long as a fault wants it.
+void DaemonLink::repeat(const Pending &pending) {
+    const auto *again = faults_of(pending.model).find(FaultKind::repeat, Stage::accept);
+    if (!again || pending.repetition >= again->fault.values[0]) return;
+    auto timer = std::make_shared<asio::steady_timer>(io_, std::chrono::milliseconds(again->fault.values[1]));
+    timer->async_wait([self = shared_from_this(), timer, next = pending](error_code) mutable {
+        if (self->ended_) return;
+        next.repetition++;
+        self->pending_.push_back(next);
+        self->pending_changed_.notify();
+    });
+}
+
+// data_for is the tunnel data as the faults want it.
+TunnelData DaemonLink::data_for(const Pending &pending) {
+    TunnelData out = policy_.tunnel_data;
+    out.port = out.port_of(pending.model);
+    ConnectionFaults &faults = faults_of(pending.model);
+    const auto *again = faults.find(FaultKind::repeat, Stage::accept);
+    if (again && pending.repetition > 0) {
+        const std::string_view change = again->fault.word(2);
+        if (change == "port") out.port = static_cast<std::uint16_t>(out.port + pending.repetition);
+        if (change == "host") out.host = cat("127.0.1.", pending.repetition % 250 + 1);
+        if (change == "path") out.path += cat("/", pending.repetition);
+        if (change == "token") out.token += cat("-", pending.repetition);
+    }
+    if (const auto *port = faults.find(FaultKind::other_port, Stage::accept)) {
+        out.port = static_cast<std::uint16_t>(port->fault.values[0]);
+    }
+    if (const auto *host = faults.find(FaultKind::other_host, Stage::accept)) out.host = host->fault.text;
+    return out;
 }
 
 void DaemonLink::post(std::string record, std::string_view type, const std::string &model) {
@@ -191,16 +263,23 @@ void DaemonLink::post(std::string record, std::string_view type, const std::stri
     outbox_.post(std::move(record));
 }
 
-std::string DaemonLink::encode(const Pending &pending) const {
+std::string DaemonLink::encode(const Pending &pending) {
     WireNotification out;
+    ConnectionFaults &faults = faults_of(pending.model);
     out.header.notice = static_cast<std::uint32_t>(pending.notice);
+    if (const auto *type = faults.find(FaultKind::record_type, Stage::accept)) {
+        out.header.type = static_cast<std::uint32_t>(type->fault.values[0]);
+    }
+    if (const auto *notice = faults.find(FaultKind::notice_type, Stage::accept)) {
+        out.header.notice = static_cast<std::uint32_t>(notice->fault.values[0]);
+    }
     put_text(out.model, pending.model);
     if (pending.notice == Notice::tunnel_data) {
-        const TunnelData &tunnel_data = policy_.tunnel_data;
+        const TunnelData tunnel_data = data_for(pending);
         put_text(out.host, tunnel_data.host);
         put_text(out.path, tunnel_data.path);
         out.tunnel_value = tunnel_data.tunnel_value;
-        out.port = tunnel_data.port_of(pending.model);
+        out.port = tunnel_data.port;
         out.last_down_reason = tunnel_data.last_down.reason;
         out.last_down_error_code = tunnel_data.last_down.error_code;
         out.last_down_socket_errno = tunnel_data.last_down.socket_errno;

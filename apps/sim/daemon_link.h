@@ -6,6 +6,8 @@
 #pragma once
 
 #include <deque>
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,6 +15,7 @@
 #include "condition.h"
 #include "daemon_wire.h"
 #include "event_stream.h"
+#include "fault_set.h"
 #include "outbox.h"
 #include "status.h"
 #include "tunnel_data.h"
@@ -24,6 +27,8 @@ struct DaemonPolicy {
     const TunnelData &tunnel_data;
     bool announce = true;             // send tunnel data to every model that registers
     std::vector<std::string> models;  // the models that get tunnel data; empty: all
+    const FaultSet &faults;
+    std::function<void(std::chrono::milliseconds)> go_away = {};  // ends every link and comes back after the time
 };
 
 class DaemonLink : public std::enable_shared_from_this<DaemonLink> {
@@ -50,12 +55,18 @@ class DaemonLink : public std::enable_shared_from_this<DaemonLink> {
     struct Pending {
         std::string model;
         Notice notice;
+        int repetition = 0;  // how often a fault has sent it before
     };
 
     awaitable<void> read_registrations();
     awaitable<void> send_notifications();
     void on_registration(const WireRegistration &registration);
-    [[nodiscard]] std::string encode(const Pending &pending) const;
+    ConnectionFaults &faults_of(const std::string &model);
+    awaitable<void> send(const Pending &pending);
+    void repeat(const Pending &pending);
+    [[nodiscard]] TunnelData data_for(const Pending &pending);
+    [[nodiscard]] bool is_served(const std::string &model) const;
+    [[nodiscard]] std::string encode(const Pending &pending);
     void post(std::string record, std::string_view type, const std::string &model);
     void emit(Kind kind, const std::string &model = {}, std::initializer_list<Field> fields = {},
               std::string_view cause = {}) const;
@@ -67,10 +78,12 @@ class DaemonLink : public std::enable_shared_from_this<DaemonLink> {
     Socket socket_;
     Outbox outbox_;
     Condition pending_changed_;
+    std::map<std::string, ConnectionFaults> faults_;  // by model: each meets its own
     std::deque<Pending> pending_;
     std::vector<std::string> models_;  // in the order of their first registration
     Clock::time_point last_traffic_ = Clock::now();
     int id_;
+    bool hangs_up_ = false;  // once everything is written
     bool ended_ = false;
 };
 

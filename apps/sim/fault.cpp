@@ -358,12 +358,16 @@ const char *family_name(Family family) {
     switch (family) {
         case Family::network:
             return "network";
+        case Family::tls:
+            return "TLS session";
         case Family::upgrade:
             return "upgrade";
         case Family::registration:
             return "registration";
         case Family::websocket:
-            return "WebSocket";
+            return "WebSocket frames";
+        case Family::daemon:
+            return "daemon";
     }
     return "";
 }

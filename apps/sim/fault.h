@@ -22,15 +22,17 @@ enum class Stage { accept, tls, upgrade, registration, open };
 // The two directions of a connection's bytes.
 enum class Direction { to_module, to_platform };
 
-enum class Family { network, upgrade, registration, websocket };
+enum class Family { network, tls, upgrade, registration, websocket, daemon };
 
 // clang-format off
 enum class FaultKind {
     latency, jitter, bandwidth, slicer, limit_data, timeout, reset_peer, slow_close, half_close,
+    tls_version, tls_alert, tls_garbage, certificate, rekey, no_close_notify,
     status, redirect, retry_after, informational, header, large_headers, content_length, no_http, cut_answer,
     early_frame, silence, hang_up,
     ret_code, opt_type, json, answer_as, twice, late,
     reserved_bits, opcode, masked, length_form, fragments, oversize, ping_flood, close_frame, data_after_close,
+    no_reply, cut_record, split_record, merge_records, record_type, notice_type, repeat, other_port, other_host, absence,
 };
 // clang-format on
 

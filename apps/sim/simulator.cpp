@@ -14,7 +14,7 @@ Simulator::Simulator(const Options &options)
         platform.emplace(Context{io, events, changed, tunnel_data, behaviour, faults}, options.platform);
     }
     if (options.with_daemon) {
-        daemon.emplace(io, events, changed, DaemonPolicy{tunnel_data, options.announce, options.models},
+        daemon.emplace(io, events, changed, DaemonPolicy{tunnel_data, options.announce, options.models, faults},
                        options.socket_path);
     }
 }

@@ -41,6 +41,27 @@ awaitable<TlsSession> Stream::handshake() {
     co_return session;
 }
 
+SSL *Stream::session() {
+    auto *tls = std::get_if<Tls>(&stream_);
+    return tls ? tls->native_handle() : nullptr;
+}
+
+awaitable<void> Stream::refuse_handshake(std::string_view bytes) {
+    std::array<char, 4096> area;
+    co_await asio::async_write(socket(), asio::buffer(bytes), use_awaitable);
+    for (;;) co_await socket().async_read_some(asio::buffer(area), use_awaitable);
+}
+
+void Stream::rekey() {
+    SSL *const ssl = session();
+    if (!ssl) return;
+    if (SSL_version(ssl) == TLS1_3_VERSION) {
+        SSL_key_update(ssl, SSL_KEY_UPDATE_REQUESTED);
+    } else {
+        SSL_renegotiate(ssl);
+    }
+}
+
 awaitable<std::string> Stream::read() {
     std::array<char, 16384> area;
     std::size_t size = 0;
@@ -62,7 +83,7 @@ awaitable<void> Stream::write(std::string_view bytes) {
 
 awaitable<void> Stream::finish() {
     error_code ignored;  // the peer may be gone already
-    if (auto *tls = std::get_if<Tls>(&stream_)) {
+    if (auto *tls = std::get_if<Tls>(&stream_); tls && !leaves_out_close_) {
         co_await tls->async_shutdown(asio::redirect_error(use_awaitable, ignored));
     }
     co_await socket().end_sending();

@@ -43,6 +43,15 @@ class Stream {
     void close();
     void reset();
 
+    // session is the TLS session, or null. refuse_handshake answers in its place, and reads on until the peer ends the
+    // connection, which comes as system_error.
+    SSL *session();
+    awaitable<void> refuse_handshake(std::string_view bytes);
+
+    // rekey lets the session take other keys with its next bytes. leave_out_close lets it end without its close alert.
+    void rekey();
+    void leave_out_close() { leaves_out_close_ = true; }
+
     // half_close ends this direction at once; what is written afterwards is lost.
     void half_close();
 
@@ -61,6 +70,7 @@ class Stream {
     [[nodiscard]] const ShapedSocket &socket() const;
 
     Either stream_;
+    bool leaves_out_close_ = false;
 };
 
 }  // namespace sim

@@ -6,6 +6,7 @@
 
 #include "registration.h"
 #include "text.h"
+#include "tls_fault.h"
 #include "upgrade_fault.h"
 
 namespace sim {
@@ -127,6 +128,11 @@ awaitable<void> Tunnel::open() {
     co_await stream_.accepted();
     enter(Stage::tls);
     reach(Stage::tls);
+    if (SSL *const ssl = stream_.session()) {
+        prepare_session(ssl, faults_, context_.tunnel_data.host);
+        const auto reply = handshake_reply(faults_);
+        if (reply) co_await stream_.refuse_handshake(*reply);
+    }
     const TlsSession session = co_await stream_.handshake();
     if (session.cipher.empty()) {
         emit(Kind::tls_established, {{"version", session.version}});
@@ -558,6 +564,9 @@ void Tunnel::check_faults() {
     stream_.poke();
     if (faults_.none()) return;
     send_unasked();
+    const auto *rekey = reached_ < Stage::upgrade ? nullptr : faults_.find(FaultKind::rekey, reached_);
+    if (rekey && rekeyed_.insert({rekey->number, reached_}).second) stream_.rekey();
+    if (faults_.find(FaultKind::no_close_notify, reached_)) stream_.leave_out_close();
     if (faults_.find(FaultKind::half_close, reached_)) stream_.half_close();
     const auto *reset = faults_.find(FaultKind::reset_peer, reached_);
     const auto *silent = faults_.find(FaultKind::timeout, stage_);

@@ -125,11 +125,12 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     asio::steady_timer key_timer_;    // runs while a frame is exactly its key's four bytes short
     int id_;
     State state_ = State::connecting;
-    Clock::duration since_;          // when it came into that state
-    Stage stage_ = Stage::accept;    // to which the bytes belong now
-    Stage reached_ = Stage::accept;  // the last one in which the module has done its part
-    std::set<int> sent_unasked_;     // numbers of the faults whose frames were sent
-    int fault_due_ = 0;              // number of the fault that the timer runs for
+    Clock::duration since_;                    // when it came into that state
+    Stage stage_ = Stage::accept;              // to which the bytes belong now
+    Stage reached_ = Stage::accept;            // the last one in which the module has done its part
+    std::set<int> sent_unasked_;               // numbers of the faults whose frames were sent
+    std::set<std::pair<int, Stage>> rekeyed_;  // numbers of the faults that have taken other keys, and where
+    int fault_due_ = 0;                        // number of the fault that the timer runs for
     std::string model_;
     std::string in_;  // bytes read and not yet decoded
     std::optional<Message> assembly_;

@@ -33,6 +33,9 @@ class Wire {
     // read_all returns exactly `size` bytes, or fewer when no more come.
     std::string read_all(size_t size);
 
+    // session is the TLS session, or null; use it to look at what was agreed.
+    [[nodiscard]] SSL *session() const { return ssl_; }
+
     // is_quiet is true when nothing arrives, not even the end, within that time.
     bool is_quiet(std::chrono::milliseconds time);
 
