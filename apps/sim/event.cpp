@@ -13,6 +13,11 @@ constexpr KindRow kRows[] = {
     {Kind::ended_early, "ended-early", Detail::states, "ended by {cause}"},
     {Kind::fault_on, "fault-on", Detail::states, "fault on: {fault}"},
     {Kind::fault_off, "fault-off", Detail::states, "fault off: {name}"},
+    {.kind = Kind::chaos_drawn,
+     .name = "chaos-drawn",
+     .detail = Detail::states,
+     .text = "these steps are drawn:\n{text}",
+     .asked_for = true},
 
     {Kind::platform_listening, "platform-listening", Detail::states,
      "listening on {address}[, {transport}| for model '{model}']"},

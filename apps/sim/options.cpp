@@ -6,6 +6,7 @@
 
 #include <sys/un.h>
 
+#include "chaos.h"
 #include "text.h"
 
 namespace sim {
@@ -68,6 +69,14 @@ Detail detail_of(std::string_view name) {
     if (found == std::end(kNames))
         throw BadInput(cat("'", printable(name), "' is none of states, messages, frames, bytes"));
     return static_cast<Detail>(found - kNames);
+}
+
+void add_chaos(Options &options, std::string_view text) {
+    const long seed = common::read_number(text, 0, UINT32_MAX);
+    for (const std::string &step : chaos_steps(seed)) {
+        options.chaos += cat(step, "\n");
+        options.steps.push_back(parse_step(step));
+    }
 }
 
 common::Setter set_seconds(std::chrono::seconds &field, long max) {
@@ -146,6 +155,8 @@ common::OptionSection faults_section(Options &options) {
             {
                 {"--fault", "FAULT", "", "switch this fault on from the start; may be given many times",
                  [&options](std::string_view line) { options.faults.push_back(parse_fault(line)); }},
+                {"--chaos", "SEED", "", "draw steps that switch faults on and off, show them, and run them",
+                 [&options](std::string_view seed) { add_chaos(options, seed); }},
             }};
 }
 

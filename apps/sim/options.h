@@ -35,6 +35,7 @@ struct Options {
     TunnelData tunnel_data;
 
     std::vector<Fault> faults;  // on from the start
+    std::string chaos;          // the steps that were drawn, one a line
     std::vector<Step> steps;    // of --do and --script, in their order on the command line
     bool stay = false;          // go on serving after the steps
     std::chrono::seconds step_time{};

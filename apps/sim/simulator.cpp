@@ -5,7 +5,10 @@
 namespace sim {
 
 Simulator::Simulator(const Options &options)
-    : tunnel_data(options.tunnel_data), behaviour(options.behaviour), first_faults_(options.faults) {
+    : tunnel_data(options.tunnel_data),
+      behaviour(options.behaviour),
+      first_faults_(options.faults),
+      chaos_(options.chaos) {
     for (const Step &step : options.steps) {
         if (step.fault) named_models_.push_back(step.fault->model);
     }
@@ -21,6 +24,7 @@ Simulator::Simulator(const Options &options)
 
 void Simulator::start() {
     if (platform) tunnel_data.port = platform->start();
+    if (!chaos_.empty()) events.emit({.kind = Kind::chaos_drawn, .fields = std::array{Field("text", chaos_)}});
     hold_behaviour();
     for (const Fault &fault : first_faults_) switch_on(fault);
     for (const std::string &model : named_models_) give_port(model);

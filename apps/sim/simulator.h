@@ -48,6 +48,7 @@ struct Simulator {
     void give_port(const std::string &model);
 
     std::vector<Fault> first_faults_;
+    std::string chaos_;                      // the steps that were drawn, to be shown
     std::vector<std::string> named_models_;  // by the faults of later steps: they get their ports at the start too
 };
 

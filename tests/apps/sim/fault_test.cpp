@@ -2,10 +2,12 @@
 #include "sim/fault.h"
 
 #include <climits>
+#include <map>
 
 #include <gtest/gtest.h>
 
 #include "common/text.h"
+#include "sim/chaos.h"
 #include "sim/fault_set.h"
 
 using common::cat;
@@ -202,4 +204,20 @@ TEST(sim_fault, a_fault_replaces_the_one_in_its_place) {
     EXPECT_FALSE(all.off("timeout"));
     EXPECT_TRUE(all.off("latency"));
     EXPECT_TRUE(all.active().empty());
+}
+
+TEST(sim_fault, a_seed_draws_the_same_schedule_of_many_faults_and_each_can_be_read) {
+    std::map<std::string, int> drawn;
+    for (long seed = 0; seed < 100; seed++) {
+        const auto steps = sim::chaos_steps(seed);
+        EXPECT_EQ(steps, sim::chaos_steps(seed));
+        EXPECT_NE(steps, sim::chaos_steps(seed + 1));
+        for (size_t i = 0; i < steps.size(); i += 4) {
+            const std::string line = steps[i].substr(std::string("fault ").size());
+            EXPECT_EQ(show_fault(parse_fault(line)), line);
+            drawn[std::string(parse_fault(line).row->name)]++;
+            EXPECT_EQ(steps[i + 2], "fault off");
+        }
+    }
+    EXPECT_EQ(drawn.size(), sim::fault_table().size());
 }

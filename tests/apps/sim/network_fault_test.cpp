@@ -321,3 +321,15 @@ TEST(sim_network_fault, a_wrong_fault_gets_one_line_that_names_place_and_reason)
     EXPECT_EQ(typed.finish(), 1);
     EXPECT_EQ(simtest::lines(typed.errors()), 1u) << typed.errors();
 }
+
+TEST(sim_network_fault, chaos_shows_the_steps_that_it_runs) {
+    SimProcess sim({"--chaos", "7"});
+    ASSERT_TRUE(sim.wait_for("these steps are drawn:"));
+    ASSERT_TRUE(sim.wait_for("step      sleep"));
+    const std::string &output = sim.output();
+    const size_t first = output.find("\nfault ") + 1;
+    const std::string drawn = output.substr(first, output.find('\n', first) - first);
+    EXPECT_NE(output.find("step      " + drawn + "\n"), std::string::npos) << output;
+    sim.signal(15);
+    EXPECT_EQ(sim.finish(), 1);
+}
