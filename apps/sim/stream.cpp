@@ -52,9 +52,11 @@ awaitable<void> Stream::refuse_handshake(std::string_view bytes) {
     for (;;) co_await socket().async_read_some(asio::buffer(area), use_awaitable);
 }
 
-void Stream::rekey() {
+// Only a write may start it: the handshake that a read would begin leaves its own bytes waiting for the module's next.
+void Stream::start_rekey() {
     SSL *const ssl = session();
-    if (!ssl) return;
+    if (!ssl || !rekeys_) return;
+    rekeys_ = false;
     if (SSL_version(ssl) == TLS1_3_VERSION) {
         SSL_key_update(ssl, SSL_KEY_UPDATE_REQUESTED);
     } else {
@@ -74,6 +76,7 @@ awaitable<std::string> Stream::read() {
 }
 
 awaitable<void> Stream::write(std::string_view bytes) {
+    start_rekey();
     if (auto *tls = std::get_if<Tls>(&stream_)) {
         co_await asio::async_write(*tls, asio::buffer(bytes), use_awaitable);
     } else {

@@ -49,7 +49,7 @@ class Stream {
     awaitable<void> refuse_handshake(std::string_view bytes);
 
     // rekey lets the session take other keys with its next bytes. leave_out_close lets it end without its close alert.
-    void rekey();
+    void rekey() { rekeys_ = true; }
     void leave_out_close() { leaves_out_close_ = true; }
 
     // half_close ends this direction at once; what is written afterwards is lost.
@@ -65,11 +65,13 @@ class Stream {
     using Tls = asio::ssl::stream<ShapedSocket>;
     using Either = std::variant<ShapedSocket, Tls>;
 
+    void start_rekey();
     static Either make(ShapedSocket socket, asio::ssl::context *context);
     ShapedSocket &socket();
     [[nodiscard]] const ShapedSocket &socket() const;
 
     Either stream_;
+    bool rekeys_ = false;  // with the next bytes
     bool leaves_out_close_ = false;
 };
 

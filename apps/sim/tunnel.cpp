@@ -168,7 +168,10 @@ awaitable<void> Tunnel::open() {
 awaitable<void> Tunnel::write(std::string_view bytes) {
     co_await stream_.write(bytes);
     if (state_ == State::registering) enter(Stage::registration);
-    if (state_ == State::open) enter(Stage::open);
+    if (state_ == State::open && stage_ != Stage::open) {
+        enter(Stage::open);
+        reach(Stage::open);
+    }
 }
 
 awaitable<std::string> Tunnel::read_request() {
@@ -364,7 +367,6 @@ void Tunnel::send_registration_reply(const RegistrationReply &reply) {
         deadline_.cancel();
         become(State::open, "registration accepted");
         emit(Kind::registration_accepted);
-        reach(Stage::open);
     } else {
         emit(Kind::registration_refused);
         await_close("registration refused");
