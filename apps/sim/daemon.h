@@ -21,6 +21,8 @@ class Daemon {
     // stop ends every link and removes the socket file, if it is still the daemon's own.
     void stop();
 
+    [[nodiscard]] const std::string &path() const { return path_; }
+
     [[nodiscard]] bool running() const { return acceptor_.is_open(); }
 
     // has is true when a connected module process has registered that model, or any for an empty text.

@@ -92,6 +92,12 @@ constexpr KindRow kRows[] = {
     {Kind::bytes_received, "bytes-received", Detail::bytes, ""},
     {Kind::bytes_sent, "bytes-sent", Detail::bytes, ""},
 
+    {.kind = Kind::page_served,
+     .name = "page-served",
+     .detail = Detail::states,
+     .text = "{address}",
+     .asked_for = true},
+
     {Kind::step_started, "step-started", Detail::states, "{line}"},
     {Kind::step_passed, "step-passed", Detail::states, ""},
     {Kind::step_failed, "step-failed", Detail::states, ""},
@@ -132,6 +138,8 @@ const char *source_name(Source source) {
             return "tunnel";
         case Source::step:
             return "step";
+        case Source::page:
+            return "page";
     }
     return "";
 }

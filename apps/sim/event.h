@@ -17,7 +17,7 @@ namespace sim {
 struct Status;
 
 // What it happened to. A link or a tunnel has a number too.
-enum class Source { sim, platform, daemon, link, tunnel, step };
+enum class Source { sim, platform, daemon, link, tunnel, step, page };
 
 const char *source_name(Source source);
 
@@ -45,6 +45,7 @@ enum class Kind : std::uint8_t {
     message_received, message_sent, burst_sent, raw_sent, ping_received, ping_sent, pong_received, pong_sent,
     close_received, close_sent, close_done,
     frame_received, frame_sent, bytes_received, bytes_sent,
+    page_served,
     step_started, step_passed, step_failed, step_skipped, status, help, prompt,
 };
 // clang-format on

@@ -160,6 +160,18 @@ common::OptionSection faults_section(Options &options) {
             }};
 }
 
+common::OptionSection web_section(WebOptions &web) {
+    return {"The page to watch and to act on",
+            {
+                {"--web", "[ADDRESS:]PORT", "",
+                 "serve the page there, on the loopback address without ADDRESS; port 0 takes any free one",
+                 [&web](std::string_view text) { set_web_address(web, text); }},
+                {"--web-token", "TEXT", "",
+                 "the secret in the page's address, 16 characters or more; without it, one is drawn",
+                 [&web](std::string_view text) { set_web_token(web, text); }},
+            }};
+}
+
 common::OptionSection steps_section(Options &options) {
     using common::set_flag;
     return {"Steps and time",
@@ -239,7 +251,14 @@ Examples:
 
 common::OptionTable option_table(Options &options) {
     return {platform_section(options), daemon_section(options), tunnel_data_section(options.tunnel_data),
-            faults_section(options),   steps_section(options),  events_section(options)};
+            faults_section(options),   web_section(options.web), steps_section(options), events_section(options)};
+}
+
+void set_tunnel_data(TunnelData &data, std::string_view name, std::string_view value) {
+    const auto options = tunnel_data_section(data).options;
+    const auto found = std::ranges::find(options, cat("--", name), &common::Option::name);
+    if (found == options.end()) throw BadInput(cat("tunnel data has no '", printable(name), "'"));
+    found->set(value);
 }
 
 void check_options(const Options &options) {
@@ -249,6 +268,11 @@ void check_options(const Options &options) {
     if (!options.with_platform && options.platform.port == 0) {
         throw BadInput("--no-platform needs --port: the daemon must hand one out");
     }
+    const WebOptions &web = options.web;
+    if (web.wanted && !web.address.is_loopback() && web.token.empty()) {
+        throw BadInput(cat("--web on ", web.address, ", beyond this machine, needs --web-token"));
+    }
+    if (!web.wanted && !web.token.empty()) throw BadInput("--web-token needs --web");
 }
 
 std::string help_text() {

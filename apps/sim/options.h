@@ -12,6 +12,7 @@
 #include "platform.h"
 #include "step.h"
 #include "tunnel_data.h"
+#include "web_access.h"
 
 namespace sim {
 
@@ -34,6 +35,8 @@ struct Options {
     std::vector<std::string> models;  // empty: all
     TunnelData tunnel_data;
 
+    WebOptions web;
+
     std::vector<Fault> faults;  // on from the start
     std::string chaos;          // the steps that were drawn, one a line
     std::vector<Step> steps;    // of --do and --script, in their order on the command line
@@ -44,6 +47,9 @@ struct Options {
 
 // option_table is the table of the options. Its setters write to `options`.
 common::OptionTable option_table(Options &options);
+
+// set_tunnel_data changes the field that the option --NAME sets. Throws BadInput.
+void set_tunnel_data(TunnelData &data, std::string_view name, std::string_view value);
 
 // check_options looks at what only all options together show. Throws BadInput.
 void check_options(const Options &options);

@@ -2,6 +2,8 @@
 
 #include <array>
 
+#include "web_page.h"
+
 namespace sim {
 
 Simulator::Simulator(const Options &options)
@@ -20,6 +22,10 @@ Simulator::Simulator(const Options &options)
         daemon.emplace(io, events, changed, DaemonPolicy{tunnel_data, options.announce, options.models, faults},
                        options.socket_path);
     }
+    if (options.web.wanted) {
+        web_state.emplace(events);
+        web.emplace(io, options.web, [this] { return std::make_unique<SimulatorPage>(*this, *web_state); });
+    }
 }
 
 void Simulator::start() {
@@ -29,6 +35,10 @@ void Simulator::start() {
     for (const Fault &fault : first_faults_) switch_on(fault);
     for (const std::string &model : named_models_) give_port(model);
     if (daemon) daemon->start();
+    if (web) {
+        const std::string address = web->start();
+        events.emit({.kind = Kind::page_served, .source = Source::page, .fields = {{{"address", address}}}});
+    }
 }
 
 void Simulator::switch_on(const Fault &fault) {
@@ -60,6 +70,7 @@ void Simulator::give_port(const std::string &model) {
 void Simulator::stop() {
     if (platform) platform->stop();
     if (daemon) daemon->stop();
+    if (web) web->stop();
 }
 
 Status Simulator::status() const {
@@ -73,6 +84,8 @@ Status Simulator::status() const {
     return out;
 }
 
-bool Simulator::empty() const { return (!platform || platform->empty()) && (!daemon || daemon->empty()); }
+bool Simulator::empty() const {
+    return (!platform || platform->empty()) && (!daemon || daemon->empty()) && (!web || web->empty());
+}
 
 }  // namespace sim

@@ -6,6 +6,8 @@
 #include "daemon.h"
 #include "options.h"
 #include "platform.h"
+#include "web_server.h"
+#include "web_state.h"
 
 namespace sim {
 
@@ -41,8 +43,10 @@ struct Simulator {
     TunnelData tunnel_data;
     FaultSet faults;
     Behaviour behaviour;
-    std::optional<Platform> platform;  // left out by --no-platform
-    std::optional<Daemon> daemon;      // left out by --no-daemon
+    std::optional<Platform> platform;   // left out by --no-platform
+    std::optional<Daemon> daemon;       // left out by --no-daemon
+    std::optional<WebState> web_state;  // what the page shows, with --web
+    std::optional<WebServer> web;       // serves it
 
   private:
     void give_port(const std::string &model);

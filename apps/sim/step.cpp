@@ -1,7 +1,6 @@
 #include "step.h"
 
 #include <algorithm>
-#include <charconv>
 
 #include "behaviour.h"
 #include "common/options.h"
@@ -107,21 +106,6 @@ const Row *find_row(std::string_view line, std::string_view &rest) {
 
 long read_count(const Row &row, std::string_view word) {
     return common::read_number(word, row.range.min, row.range.max);
-}
-
-// Blanks may stand between the digits.
-std::string from_hex(std::string_view text) {
-    std::string digits(text);
-    std::erase(digits, ' ');
-    if (digits.empty() || digits.size() % 2 != 0) throw BadInput("expected pairs of hexadecimal digits");
-    std::string out;
-    for (auto at = digits.begin(); at != digits.end(); at += 2) {
-        unsigned char byte = 0;
-        const auto [stop, error] = std::from_chars(&*at, &*at + 2, byte, 16);
-        if (error != std::errc() || stop != &*at + 2) throw BadInput("expected pairs of hexadecimal digits");
-        out += static_cast<char>(byte);
-    }
-    return out;
 }
 
 bool takes_nothing(Form form) {

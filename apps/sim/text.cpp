@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 
 namespace sim {
 
@@ -22,6 +23,20 @@ std::string_view first_word(std::string_view &text) {
     const std::string_view word = text.substr(0, text.find_first_of(" \t"));
     text = trim(text.substr(word.size()));
     return word;
+}
+
+std::string from_hex(std::string_view text) {
+    std::string digits(text);
+    std::erase(digits, ' ');
+    if (digits.empty() || digits.size() % 2 != 0) throw BadInput("expected pairs of hexadecimal digits");
+    std::string out;
+    for (auto at = digits.begin(); at != digits.end(); at += 2) {
+        unsigned char byte = 0;
+        const auto [stop, error] = std::from_chars(&*at, &*at + 2, byte, 16);
+        if (error != std::errc() || stop != &*at + 2) throw BadInput("expected pairs of hexadecimal digits");
+        out += static_cast<char>(byte);
+    }
+    return out;
 }
 
 }  // namespace sim

@@ -9,7 +9,7 @@ help=$("$program" --help) || { echo "$program --help failed"; exit 1; }
 # One line an option: its name, its argument in small letters, its default; a dash where there is none.
 help_options() {
     sed -nE 's/^  (--[a-z0-9-]+) ([^ ]*) .*/\1 \2 &/p' <<<"$help" | while read -r name argument line; do
-        [[ $argument == [A-Z]* ]] || argument=-
+        [[ $argument == [[A-Z]* ]] || argument=-
         default=-
         [[ $line =~ \(default:\ (.*)\)$ ]] && default=${BASH_REMATCH[1]}
         echo "$name ${argument,,} $default"

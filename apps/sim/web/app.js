@@ -1,0 +1,68 @@
+// The page: a header, the connection's state, and the view that the address names behind '#'.
+import { html, render, useEffect, useState } from './vendor/preact.js';
+import { Daemon } from './daemon.js';
+import { Empty, useStore } from './parts.js';
+import { Faults } from './faults.js';
+import { Overview } from './overview.js';
+import { store } from './store.js';
+import { Timeline } from './timeline.js';
+import { Tunnel } from './tunnel.js';
+
+const VIEWS = [
+  { path: 'overview', title: 'Overview', view: Overview },
+  { path: 'tunnel', title: 'Tunnel', view: Tunnel },
+  { path: 'faults', title: 'Faults', view: Faults },
+  { path: 'daemon', title: 'Daemon', view: Daemon },
+  { path: 'timeline', title: 'Timeline', view: Timeline },
+];
+
+function useAddress() {
+  const read = () => location.hash.slice(1).split('/').map(decodeURIComponent);
+  const [parts, setParts] = useState(read);
+  useEffect(() => {
+    const listen = () => setParts(read());
+    addEventListener('hashchange', listen);
+    return () => removeEventListener('hashchange', listen);
+  }, []);
+  return parts;
+}
+
+function Connection() {
+  const { connection, problem, hello } = useStore(4);
+  if (connection === 'open') return html`<p class="connection good" role="status">Connected</p>`;
+  if (connection === 'connecting') return html`<p class="connection" role="status">Connecting…</p>`;
+  return html`<p class="connection bad" role="status">
+    ${hello ? 'Connection lost' : 'No connection'}${problem && `: ${problem}`}. Trying again…
+  </p>`;
+}
+
+function App() {
+  const [path, argument] = useAddress();
+  const current = VIEWS.find((view) => view.path === path) ?? VIEWS[0];
+  const { hello, connection } = useStore(4);
+  useEffect(() => { document.title = `${current.title} – cloudtunnel-sim`; }, [current]);
+  return html`
+    <a class="skip" href="#main" onClick=${(event) => { event.preventDefault(); document.getElementById('main').focus(); }}>
+      Skip to the content</a>
+    <header>
+      <p class="name">cloudtunnel-sim <span class="faint">${hello?.version ?? ''}</span></p>
+      <nav aria-label="Views">
+        ${VIEWS.map(({ path, title }) => html`
+          <a href=${`#${path}`} aria-current=${path === current.path ? 'page' : undefined}>${title}</a>`)}
+      </nav>
+      <${Connection} />
+    </header>
+    <main id="main" tabindex="-1" class=${connection === 'lost' ? 'stale' : ''}>
+      <h1>${current.title}</h1>
+      ${hello
+        ? html`<${current.view} argument=${argument} />`
+        : html`<${Empty}>${connection === 'lost'
+            ? 'The simulator does not answer. Does it run, and is this the address that it printed at its start?'
+            : 'Loading…'}<//>`}
+    </main>`;
+}
+
+store.connect();
+const root = document.getElementById('app');
+root.textContent = '';
+render(html`<${App} />`, root);

@@ -1,0 +1,95 @@
+// The table of faults as controls, and what is switched on.
+import { html, useState } from './vendor/preact.js';
+import { Empty, useCommand, useStore } from './parts.js';
+
+// The line that the simulator reads.
+function faultLine(row, fields) {
+  const words = [row.name];
+  for (const { name } of row.parameters) if (fields[name]) words.push(name, fields[name]);
+  for (const name of ['model', 'at', 'to', 'count', 'probability', 'seed']) if (fields[name]) words.push(`${name}=${fields[name]}`);
+  return words.join(' ');
+}
+
+function Parameter({ parameter, value, set }) {
+  const { name, range, initial, choices, help } = parameter;
+  const hint = `${range}${initial !== undefined ? `; ${initial} if left empty` : ''}`;
+  return html`
+    <label>${name}${help ? `: ${help}` : ''}
+      ${choices
+        ? html`<select value=${value} onChange=${(event) => set(event.target.value)}>
+            ${initial !== undefined && html`<option value="">${initial}</option>`}${choices.map((choice) => html`<option>${choice}</option>`)}</select>`
+        : html`<input value=${value} required=${initial === undefined} onInput=${(event) => set(event.target.value)} />`}
+      <small>${hint}</small>
+    </label>`;
+}
+
+function Controls({ row, models }) {
+  const [fields, setFields] = useState({});
+  const [run, outcome] = useCommand();
+  const set = (name) => (value) => setFields({ ...fields, [name]: value });
+  const choose = (name, label, first, options) => html`
+    <label>${label}
+      <select value=${fields[name] ?? ''} onChange=${(event) => set(name)(event.target.value)}>
+        <option value="">${first}</option>${options.map((option) => html`<option value=${option.value ?? option}>${option.label ?? option}</option>`)}
+      </select>
+    </label>`;
+  const field = (name, label, attributes) => html`
+    <label>${label} <input value=${fields[name] ?? ''} onInput=${(event) => set(name)(event.target.value)} ...${attributes} /></label>`;
+  const line = faultLine(row, fields);
+  return html`
+    <form onSubmit=${(event) => { event.preventDefault(); run('fault', { line }, `${row.name} is switched on.`); }} aria-label=${`Fault ${row.name}`}>
+      <p class="wide">${row.help}</p>
+      ${row.parameters.map((parameter) => html`<${Parameter} key=${parameter.name} parameter=${parameter} value=${fields[parameter.name] ?? ''} set=${set(parameter.name)} />`)}
+      ${choose('model', 'Model', 'all models', models)}
+      ${row.stages.length > 0 && choose('at', 'Stage', 'every stage', row.stages)}
+      ${row.directed && choose('to', 'Direction', 'both', [{ value: 'module', label: 'to the module' }, { value: 'platform', label: 'to the platform' }])}
+      ${field('count', 'Connections (all if empty)', { type: 'number', min: 1 })}
+      ${field('probability', 'Probability (100% if empty)', { placeholder: '100%' })}
+      ${field('seed', 'Seed (1 if empty)', { type: 'number', min: 0 })}
+      <p class="wide">The same as the step <code>fault ${line}</code></p>
+      <button class="primary">Switch on</button>
+      ${outcome}
+    </form>`;
+}
+
+function Active({ active }) {
+  const [run, outcome] = useCommand();
+  if (!active.length) return html`<${Empty}>No fault is switched on.<//>${outcome}`;
+  return html`
+    <table class="plain">
+      <thead><tr><th scope="col">Fault</th><th scope="col">Connections met</th><th scope="col">Switch off</th></tr></thead>
+      <tbody>${active.map(({ line, name, applied }) => html`
+        <tr key=${line}><td><code>${line}</code></td><td>${applied}</td>
+          <td><button onClick=${() => run('fault-off', { name }, `${name} is switched off.`)}>Switch off<span class="unseen"> ${name}</span></button></td></tr>`)}
+      </tbody>
+    </table>
+    <p><button onClick=${() => run('fault-off', { name: '' }, 'Every fault is switched off.')}>Switch all off</button></p>
+    ${outcome}`;
+}
+
+export function Faults() {
+  const { hello, activeFaults, models } = useStore(4);
+  const [chosen, setChosen] = useState(null);
+  const [filter, setFilter] = useState('');
+  const table = hello.faults;
+  const shown = table.filter(({ name, help, family }) => `${family} ${name} ${help}`.toLowerCase().includes(filter.toLowerCase()));
+  const row = table.find(({ name }) => name === chosen);
+  const families = [...new Set(shown.map(({ family }) => family))];
+  return html`
+    <section class="card"><h2>Switched on</h2><${Active} active=${activeFaults} /></section>
+    <section class="card faults">
+      <div>
+        <h2>All faults</h2>
+        <div class="bar"><label>Find <input type="search" value=${filter} onInput=${(event) => setFilter(event.target.value)} /></label></div>
+        ${families.length === 0 && html`<${Empty}>No fault matches.<//>`}
+        ${families.map((family) => html`
+          <h3 class="faint" key=${family}>${family}</h3>
+          <ul class="names">${shown.filter((fault) => fault.family === family).map(({ name, help }) => html`
+            <li key=${name}><button aria-pressed=${name === chosen} onClick=${() => setChosen(name)} title=${help}>${name}</button></li>`)}</ul>`)}
+      </div>
+      <div>
+        <h2>${row ? row.name : 'Parameters'}</h2>
+        ${row ? html`<${Controls} key=${row.name} row=${row} models=${models.map(({ name }) => name)} />` : html`<${Empty}>Choose a fault.<//>`}
+      </div>
+    </section>`;
+}

@@ -1,0 +1,50 @@
+// Every event in its order.
+import { html, useEffect, useMemo, useRef, useState } from './vendor/preact.js';
+import { Empty, VirtualRows, useStore } from './parts.js';
+import { count, moment, visible } from './format.js';
+import { store } from './store.js';
+
+const HEIGHT = 26;
+
+function download(events) {
+  const lines = events.map(([time, source, text]) => JSON.stringify({ time, source, text }));
+  const link = document.createElement('a');
+  link.href = URL.createObjectURL(new Blob([lines.join('\n'), '\n'], { type: 'application/x-ndjson' }));
+  link.download = 'cloudtunnel-sim-events.jsonl';
+  link.click();
+  setTimeout(() => URL.revokeObjectURL(link.href), 1000);
+}
+
+export function Timeline() {
+  const { events, eventsSkipped } = useStore(5);
+  const [filter, setFilter] = useState('');
+  const [source, setSource] = useState('');
+  const [held, setHeld] = useState(null);  // the events as they were when the user paused
+  useEffect(() => { store.follow(true); return () => store.follow(false); }, []);
+  const all = held ?? events;
+  const sources = useMemo(() => [...new Set(all.map(([, from]) => from.replace(/ .*/, '')))].sort(), [all]);
+  const shown = useMemo(() => {
+    const wanted = filter.toLowerCase();
+    return all.filter(([, from, text]) => (!source || from.startsWith(source)) && (!wanted || `${from} ${text}`.toLowerCase().includes(wanted)));
+  }, [all, filter, source]);
+  return html`
+    <div class="bar">
+      <button aria-pressed=${held !== null} onClick=${() => setHeld(held ? null : events)}>${held ? 'Go on' : 'Pause'}</button>
+      <label>Filter <input type="search" value=${filter} onInput=${(event) => setFilter(event.target.value)} /></label>
+      <label>Source
+        <select value=${source} onChange=${(event) => setSource(event.target.value)}>
+          <option value="">all</option>${sources.map((name) => html`<option>${name}</option>`)}
+        </select>
+      </label>
+      <button disabled=${!shown.length} onClick=${() => download(shown)}>Download what is shown</button>
+      <span class="faint" role="status">${held ? 'paused; ' : ''}${count(shown.length, 'event')}${eventsSkipped > 0 ? `, ${eventsSkipped.toLocaleString('en')} left out` : ''}</span>
+    </div>
+    <p class="faint">Messages of open tunnels are written down from the moment on that this view is open, everything else from the start.</p>
+    ${shown.length === 0
+      ? html`<${Empty}>${all.length ? 'No event matches.' : 'Nothing has happened yet.'}<//>`
+      : html`<${VirtualRows} role="log" aria-live="off" tabindex="0" aria-label="Events" className="events" rows=${shown} height=${HEIGHT} follow=${!held}
+          render=${([time, from, text], index) => html`
+            <div class="row event" key=${index} style=${{ height: `${HEIGHT}px` }} title=${visible(text)}>
+              <span class="e-time">${moment(time)} s</span><span>${from}</span><span>${visible(text)}</span>
+            </div>`} />`}`;
+}

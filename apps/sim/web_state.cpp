@@ -1,0 +1,216 @@
+#include "web_state.h"
+
+#include <algorithm>
+
+#include "common/websocket.h"
+#include "text.h"
+#include "text_reader.h"
+
+namespace sim {
+namespace {
+
+constexpr std::size_t kEndedMax = 100;             // tunnels that are shown after their end
+constexpr std::size_t kFramesMax = 500;            // of a tunnel
+constexpr std::size_t kShownMax = 4096;            // bytes of one payload
+constexpr std::size_t kShownOfTunnel = 256 << 10;  // bytes of all its payloads
+constexpr std::size_t kTripsMax = 60;
+constexpr std::size_t kPingsMax = 64;
+constexpr std::size_t kLinesMax = 5000;
+constexpr std::size_t kSpansMax = 60;
+
+double ms(std::chrono::steady_clock::duration time) { return std::chrono::duration<double, std::milli>(time).count(); }
+
+bool shown_in_timeline(const KindRow &row) { return !row.text.empty() && !row.asked_for; }
+
+}  // namespace
+
+// A message of an open tunnel has a line of its own as long as a page follows; everything else always has.
+WebState::WebState(EventStream &events) : events_(events) {
+    KindSet kinds = kinds_where([](const KindRow &row) { return row.detail == Detail::states && !row.asked_for; });
+    for (const Kind kind : {Kind::frame_received, Kind::frame_sent, Kind::ping_sent, Kind::pong_received}) {
+        kinds.add(kind);
+    }
+    subscription_ = events.subscribe(kinds, [this](const Event &event) { read(event); });
+}
+
+double WebState::now_ms() const { return ms(events_.now()); }
+
+void WebState::follow_messages() {
+    if (followers_++ > 0) return;
+    const auto messages =
+        kinds_where([](const KindRow &row) { return row.detail == Detail::messages && shown_in_timeline(row); });
+    messages_ = events_.subscribe(messages, [this](const Event &event) { add_line(event); });
+}
+
+void WebState::unfollow_messages() {
+    if (--followers_ == 0) messages_ = {};
+}
+
+void WebState::read(const Event &event) {
+    const KindRow &row = kind_row(event.kind);
+    if (row.detail == Detail::states && shown_in_timeline(row)) add_line(event);
+    if (event.kind == Kind::notice_sent && event.field("host")) {
+        const double now = ms(event.time);
+        words_.insert_or_assign(std::string(event.model), WebStep{"daemon's word", now, now, event_text(event)});
+    }
+    if (event.source != Source::tunnel) return;
+    WebTunnel &tunnel = tunnels_[event.id];
+    read_tunnel(event, tunnel);
+    tunnel.changed = ++version_;
+    if (event.kind == Kind::tunnel_ended) forget_oldest();
+}
+
+void WebState::read_tunnel(const Event &event, WebTunnel &tunnel) {
+    const double now = ms(event.time);
+    tunnel.id = event.id;
+    if (tunnel.model != event.model) tunnel.model = event.model;
+    switch (event.kind) {
+        case Kind::tunnel_state:
+            tunnel.state = event.text_of("to");
+            tunnel.since_ms = now;
+            break;
+        case Kind::tunnel_ended:
+            end(event, tunnel);
+            break;
+        case Kind::frame_received:
+        case Kind::frame_sent:
+            add_frame(event, tunnel);
+            break;
+        case Kind::ping_sent:
+            tunnel.pings_ms.emplace_back(event.bytes_of("payload"), now);
+            if (tunnel.pings_ms.size() > kPingsMax) tunnel.pings_ms.pop_front();
+            break;
+        case Kind::pong_received: {
+            const auto ping = std::ranges::find(tunnel.pings_ms, event.bytes_of("payload"),
+                                                [](const auto &sent) { return std::string_view(sent.first); });
+            if (ping == tunnel.pings_ms.end()) break;
+            tunnel.trips_ms.push_back(now - ping->second);
+            if (tunnel.trips_ms.size() > kTripsMax) tunnel.trips_ms.pop_front();
+            tunnel.pings_ms.erase(ping);
+            break;
+        }
+        default:
+            set_up(event, tunnel);
+    }
+}
+
+// set_up extends the waterfall: each step begins where the one before ended.
+void WebState::set_up(const Event &event, WebTunnel &tunnel) {
+    const double now = ms(event.time);
+    std::vector<WebStep> &steps = tunnel.steps;
+    const auto begin = [&](std::string name) -> WebStep & {
+        if (steps.empty() || steps.back().name != name) {
+            steps.push_back({std::move(name), steps.empty() ? now : steps.back().end_ms, now, {}});
+        }
+        steps.back().end_ms = now;
+        return steps.back();
+    };
+    const auto say = [&](WebStep &step, std::string_view text) {
+        step.text += cat(step.text.empty() ? "" : "\n", text);
+    };
+
+    switch (event.kind) {
+        case Kind::connected:
+            tunnel.state = "connecting";
+            tunnel.since_ms = now;
+            say(begin("TCP"), event_text(event));
+            break;
+        case Kind::tls_established:
+            say(begin("TLS"), event_text(event));
+            break;
+        case Kind::upgrade_received:
+            say(begin("upgrade"), event.bytes_of("request"));
+            break;
+        case Kind::upgrade_answered:
+            say(begin("upgrade"), event.bytes_of("response"));
+            break;
+        case Kind::registration_received: {
+            say(begin("registration"), event.bytes_of("json"));
+            // Which word of the daemon led here is known only now that the tunnel has named its model.
+            const auto word = words_.find(event.model);
+            if (word == words_.end() || word->second.end_ms > steps.front().start_ms) break;
+            steps.front().start_ms = word->second.end_ms;
+            steps.insert(steps.begin(), std::move(word->second));
+            words_.erase(word);
+            break;
+        }
+        case Kind::registration_answered:
+            say(begin("registration"), event_text(event));
+            break;
+        case Kind::registration_accepted:
+            tunnel.opened = true;
+            totals_.made++;
+            span().made++;
+            say(begin("open"), event_text(event));
+            break;
+        default:
+            if (tunnel.opened || steps.empty()) return;
+            say(steps.back(), event_text(event));
+            steps.back().end_ms = now;
+    }
+    tunnel.steps_changed = version_ + 1;
+}
+
+void WebState::end(const Event &event, WebTunnel &tunnel) {
+    tunnel.state = "ended";
+    tunnel.since_ms = ms(event.time);
+    tunnel.cause = event.cause;
+    ended_.push_back(event.id);
+    if (tunnel.opened) return;
+    totals_.failed++;
+    span().failed++;
+    if (tunnel.steps.empty()) return;
+    tunnel.steps.push_back({"end", tunnel.steps.back().end_ms, tunnel.since_ms, tunnel.cause});
+    tunnel.steps_changed = version_ + 1;
+}
+
+void WebState::forget_oldest() {
+    while (ended_.size() > kEndedMax) {
+        tunnels_.erase(ended_.front());
+        ended_.pop_front();
+    }
+}
+
+void WebState::add_frame(const Event &event, WebTunnel &tunnel) {
+    const bool sent = event.kind == Kind::frame_sent;
+    const std::string_view payload = event.bytes_of("payload");
+    const auto opcode = static_cast<common::Opcode>(event.number_of("code"));
+    WebTraffic &traffic = sent ? tunnel.sent : tunnel.received;
+    if (opcode == common::Opcode::continuation || opcode == common::Opcode::text || opcode == common::Opcode::binary) {
+        traffic.bytes += event.number_of("length");
+        if (event.is_set("fin")) traffic.messages++;
+    }
+    tunnel.frames.push_back({.number = ++tunnel.frame_count,
+                             .time_ms = ms(event.time),
+                             .sent = sent,
+                             .code = static_cast<int>(opcode),
+                             .fin = event.is_set("fin"),
+                             .size = event.number_of("length"),
+                             .shown = std::string(payload.substr(0, kShownMax))});
+    tunnel.shown_bytes += tunnel.frames.back().shown.size();
+    while (tunnel.frames.size() > kFramesMax || tunnel.shown_bytes > kShownOfTunnel) {
+        tunnel.shown_bytes -= tunnel.frames.front().shown.size();
+        tunnel.frames.pop_front();
+    }
+}
+
+void WebState::add_line(const Event &event) {
+    lines_.push_back({++line_count_, ms(event.time), event_column(event), event_text(event)});
+    if (lines_.size() > kLinesMax) lines_.pop_front();
+}
+
+const std::deque<WebCounts> &WebState::history() {
+    span();
+    return history_;
+}
+
+// span is the count of the time that now is in.
+WebCounts &WebState::span() {
+    for (const double now = now_ms(); span_end_ms_ <= now; span_end_ms_ += kSpanMs) {
+        history_.push_back({});
+        if (history_.size() > kSpansMax) history_.pop_front();
+    }
+    return history_.back();
+}
+
+}  // namespace sim

@@ -1,0 +1,265 @@
+// The server of the page: who gets in, what is refused, and what a browser's nonsense does.
+#include <gtest/gtest.h>
+
+#include "tests/apps/sim/raw_module.h"
+#include "tests/apps/sim/sim_process.h"
+
+using simtest::SimProcess;
+using simtest::Wire;
+
+namespace {
+
+constexpr const char *kToken = "a-token-of-a-test";
+
+// A simulator that serves its page under kToken.
+struct WebSim : SimProcess {
+    WebSim() : SimProcess({"--web", "0", "--web-token", kToken}) {
+        const std::string words = "http://127.0.0.1:";
+        if (!wait_for(words)) return;
+        port = static_cast<uint16_t>(std::atoi(output().c_str() + output().find(words) + words.size()));
+        host = "127.0.0.1:" + std::to_string(port);
+    }
+    uint16_t port = 0;
+    std::string host;
+};
+
+// all reads until the server ends the connection.
+std::string all(Wire &wire) {
+    std::string out;
+    for (std::string more = wire.read_once(65536); !more.empty(); more = wire.read_once(65536)) out += more;
+    return out;
+}
+
+std::string ask(const WebSim &sim, const std::string &request) {
+    Wire wire;
+    if (!wire.connect_tcp(sim.port) || !wire.write(request)) return "";
+    return all(wire);
+}
+
+std::string request_for(const std::string &target, const std::string &headers, const std::string &method = "GET") {
+    return method + " " + target + " HTTP/1.1\r\n" + headers + "\r\n";
+}
+
+std::string with_token(const std::string &path) { return path + "?token=" + kToken; }
+
+std::string host_header(const std::string &host) { return "Host: " + host + "\r\n"; }
+
+std::string upgrade_headers(const std::string &host, const std::string &origin) {
+    return host_header(host) + (origin.empty() ? "" : "Origin: " + origin + "\r\n") +
+           "Upgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
+           "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n";
+}
+
+int status_of(const std::string &answer) {
+    const std::string version = "HTTP/1.1 ";
+    return answer.rfind(version, 0) == 0 ? std::atoi(answer.c_str() + version.size()) : 0;
+}
+
+// A browser's WebSocket that got in.
+struct Browser : Wire {
+    explicit Browser(const WebSim &sim) {
+        connected = connect_tcp(sim.port) &&
+                    write(request_for(with_token("/events"), upgrade_headers(sim.host, "http://" + sim.host))) &&
+                    status_of(read_answer(*this)) == 101;
+    }
+
+    bool say(const std::string &message, unsigned opcode = 1) { return write(simtest::library_frame(opcode, message)); }
+
+    // hears is true once a message of the server contains `text`.
+    bool hears(const std::string &text) {
+        for (auto frame = read_frame(*this); frame && frame->opcode == 1; frame = read_frame(*this)) {
+            if (frame->payload.find(text) != std::string::npos) return true;
+        }
+        return false;
+    }
+
+    // close_status reads up to the server's close and returns its status; 0 when none comes.
+    unsigned close_status() {
+        for (auto frame = read_frame(*this); frame; frame = read_frame(*this)) {
+            if (frame->opcode != 8 || frame->payload.size() < 2) continue;
+            return static_cast<unsigned>(static_cast<unsigned char>(frame->payload[0]) << 8 |
+                                         static_cast<unsigned char>(frame->payload[1]));
+        }
+        return 0;
+    }
+
+    bool connected = false;
+};
+
+}  // namespace
+
+TEST(sim_web, the_page_is_served_with_a_policy_that_runs_nothing_but_its_own_files) {
+    const WebSim sim;
+    const std::string page = ask(sim, request_for(with_token("/"), host_header(sim.host)));
+    EXPECT_EQ(status_of(page), 200);
+    for (const std::string &header :
+         {std::string(
+              "Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; "
+              "connect-src 'self' ws://") +
+              sim.host + "; base-uri 'none'; form-action 'none'; frame-ancestors 'none'\r\n",
+          std::string("X-Content-Type-Options: nosniff\r\n"), std::string("Referrer-Policy: no-referrer\r\n"),
+          std::string("Cache-Control: no-store\r\n"), std::string("Cross-Origin-Resource-Policy: same-origin\r\n")}) {
+        EXPECT_NE(page.find(header), std::string::npos) << header << page.substr(0, 800);
+    }
+    for (const char *inline_code : {"<style", "style=", "onclick=", "onload="}) {
+        EXPECT_EQ(page.find(inline_code), std::string::npos) << inline_code;
+    }
+    const std::string script = ask(sim, request_for("/app.js", host_header(sim.host)));
+    EXPECT_EQ(status_of(script), 200);
+    EXPECT_NE(script.find("Content-Type: text/javascript; charset=utf-8\r\n"), std::string::npos);
+}
+
+TEST(sim_web, nothing_in_the_files_names_another_host) {
+    const WebSim sim;
+    for (const char *file : {"/app.js", "/store.js", "/style.css", "/vendor/preact.js"}) {
+        const std::string body = ask(sim, request_for(file, host_header(sim.host)));
+        EXPECT_EQ(status_of(body), 200) << file;
+        EXPECT_EQ(body.find("https://"), std::string::npos) << file;
+        EXPECT_EQ(body.find("url("), std::string::npos) << file;
+    }
+}
+
+TEST(sim_web, the_page_and_its_events_need_the_token) {
+    const WebSim sim;
+    const std::string origin = "http://" + sim.host;
+    for (const char *target : {"/", "/?token=", "/?token=a-token-of-a-tesT", "/?token=a-token-of-a-test2", "/?x=1"}) {
+        EXPECT_EQ(status_of(ask(sim, request_for(target, host_header(sim.host)))), 403) << target;
+    }
+    for (const char *target : {"/events", "/events?token=", "/events?token=wrong-token-of-it"}) {
+        EXPECT_EQ(status_of(ask(sim, request_for(target, upgrade_headers(sim.host, origin)))), 403) << target;
+    }
+    EXPECT_TRUE(Browser(sim).connected);
+}
+
+TEST(sim_web, a_token_is_drawn_anew_at_each_start) {
+    std::string tokens[2];
+    for (std::string &token : tokens) {
+        SimProcess sim({"--web", "127.0.0.1:0"});
+        ASSERT_TRUE(sim.wait_for("/?token="));
+        const std::string words = "/?token=";
+        const size_t at = sim.output().find(words) + words.size();
+        token = sim.output().substr(at, sim.output().find('\n', at) - at);
+        EXPECT_EQ(token.size(), 32u);
+    }
+    EXPECT_NE(tokens[0], tokens[1]);
+}
+
+TEST(sim_web, a_host_that_is_not_the_servers_address_gets_nothing) {
+    const WebSim sim;
+    const std::string port = std::to_string(sim.port);
+    for (const std::string &host :
+         {"evil.example:" + port, "127.0.0.1.evil.example:" + port, std::string("127.0.0.1:1"),
+          std::string("127.0.0.1"), std::string("localhost"), "[::1]:" + port, "127.0.0.2:" + port, std::string(),
+          ":" + port, "127.0.0.1:" + port + "0"}) {
+        EXPECT_EQ(status_of(ask(sim, request_for(with_token("/"), host_header(host)))), 421) << host;
+    }
+    EXPECT_EQ(status_of(ask(sim, request_for(with_token("/"), ""))), 421);
+    EXPECT_EQ(status_of(ask(sim, request_for(with_token("/"), host_header(sim.host) + host_header("evil:1")))), 421);
+    EXPECT_EQ(status_of(ask(sim, request_for(with_token("/"), host_header("LocalHost:" + port)))), 200);
+}
+
+TEST(sim_web, another_origin_gets_nothing) {
+    const WebSim sim;
+    for (const std::string &origin : {std::string("http://evil.example"), std::string("null"), "https://" + sim.host,
+                                      "http://localhost:" + std::to_string(sim.port), "http://" + sim.host + "/"}) {
+        EXPECT_EQ(status_of(ask(sim, request_for(with_token("/events"), upgrade_headers(sim.host, origin)))), 403)
+            << origin;
+        EXPECT_EQ(
+            status_of(ask(sim, request_for(with_token("/"), host_header(sim.host) + "Origin: " + origin + "\r\n"))),
+            403)
+            << origin;
+    }
+    EXPECT_EQ(status_of(ask(sim, request_for(with_token("/events"), upgrade_headers(sim.host, "")))), 403);
+}
+
+TEST(sim_web, only_get_and_head_are_served_and_head_has_no_body) {
+    const WebSim sim;
+    for (const char *method : {"POST", "PUT", "DELETE", "OPTIONS", "PATCH", "TRACE", "CONNECT"}) {
+        const std::string answer =
+            ask(sim, request_for(with_token("/"), host_header(sim.host) + "Content-Length: 0\r\n", method));
+        EXPECT_EQ(status_of(answer), 405) << method;
+        EXPECT_NE(answer.find("Allow: GET, HEAD\r\n"), std::string::npos) << method;
+    }
+    const std::string head = ask(sim, request_for(with_token("/"), host_header(sim.host), "HEAD"));
+    EXPECT_EQ(status_of(head), 200);
+    EXPECT_TRUE(head.ends_with("\r\n\r\n"));
+}
+
+TEST(sim_web, what_is_not_a_file_of_the_page_is_not_found) {
+    const WebSim sim;
+    for (const char *target : {"/none", "/../etc/passwd", "/%2e%2e/etc/passwd", "//", "/vendor/", "/index.html/"}) {
+        EXPECT_EQ(status_of(ask(sim, request_for(target, host_header(sim.host)))), 404) << target;
+    }
+    EXPECT_EQ(status_of(ask(sim, request_for(with_token("/events"),
+                                             host_header(sim.host) + "Origin: http://" + sim.host + "\r\n"))),
+              426);
+}
+
+TEST(sim_web, bytes_that_are_no_request_get_status_400_and_the_server_goes_on) {
+    const WebSim sim;
+    for (const std::string &bytes :
+         {std::string("nonsense\r\n\r\n"), std::string("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11) + "\r\n\r\n",
+          "GET / HTTP/1.1\r\nX: " + std::string(9000, 'x') + "\r\n\r\n", std::string("GET / HTTP/9.9\r\n\r\n")}) {
+        EXPECT_EQ(status_of(ask(sim, bytes)), 400) << bytes.substr(0, 40);
+    }
+    EXPECT_EQ(status_of(ask(sim, request_for(with_token("/"), host_header(sim.host)))), 200);
+}
+
+TEST(sim_web, a_browsers_nonsense_closes_its_own_connection_only) {
+    const WebSim sim;
+    Browser calm(sim);
+    ASSERT_TRUE(calm.connected && calm.hears("\"hello\""));
+    std::string deep;
+    for (int i = 0; i < 100; i++) deep += "{\"a\":";
+    for (const std::string &message :
+         {std::string("nonsense"), std::string("[]"), std::string("{}"),
+          std::string("{\"id\":\"one\",\"do\":\"ping\"}"), std::string("{\"id\":1}"),
+          std::string("{\"id\":1,\"do\":\"conquer\"}"), std::string("{\"id\":1,\"do\":\"watch\"}"),
+          std::string("{\"id\":1,\"do\":\"watch\",\"tunnel\":\"x\"}"), std::string("{\"id\":1,\"do\":\"ping\"} x"),
+          deep, std::string()}) {
+        Browser wild(sim);
+        ASSERT_TRUE(wild.connected);
+        ASSERT_TRUE(wild.say(message));
+        EXPECT_EQ(wild.close_status(), 1008u) << message;
+    }
+    Browser binary(sim);
+    ASSERT_TRUE(binary.say("{}", 2));
+    EXPECT_EQ(binary.close_status(), 1008u);
+    Browser reserved(sim);
+    ASSERT_TRUE(reserved.write("\xf1\x80\x01\x02\x03\x04"));
+    EXPECT_EQ(reserved.close_status(), 1002u);
+    Browser huge(sim);
+    ASSERT_TRUE(huge.write(std::string("\x81\xff\x00\x00\x00\x01\x00\x00\x00\x00\x01\x02\x03\x04", 14)));
+    EXPECT_EQ(huge.close_status(), 1009u);
+
+    ASSERT_TRUE(calm.say("{\"id\":7,\"do\":\"watch\",\"tunnel\":0}"));
+    EXPECT_TRUE(calm.hears("{\"id\":7}"));
+}
+
+TEST(sim_web, what_cannot_be_done_is_answered_with_the_reason) {
+    const WebSim sim;
+    Browser browser(sim);
+    ASSERT_TRUE(browser.say("{\"id\":3,\"do\":\"send\",\"tunnel\":99,\"text\":\"x\"}"));
+    EXPECT_TRUE(browser.hears("{\"id\":3,\"error\":\"tunnel 99 is not open\"}"));
+}
+
+TEST(sim_web, a_wrong_command_line_gets_one_line_and_status_2) {
+    using Words = std::vector<std::string>;
+    for (const Words &options :
+         {Words{"--web", "nonsense"}, Words{"--web", "65536"}, Words{"--web", "name:80"}, Words{"--web", "::1:80"},
+          Words{"--web", ""}, Words{"--web", "0.0.0.0:0"}, Words{"--web", "[::]:0"},
+          Words{"--web", "0", "--web-token", "short"}, Words{"--web", "0", "--web-token", "sixteen letters&"},
+          Words{"--web-token", kToken}}) {
+        SimProcess sim(options);
+        EXPECT_EQ(sim.finish(), 2) << options[1];
+        EXPECT_EQ(simtest::lines(sim.errors()), 1u) << sim.errors();
+    }
+}
+
+TEST(sim_web, a_port_in_use_ends_the_start_with_one_line) {
+    const WebSim first;
+    SimProcess second({"--web", std::to_string(first.port)});
+    EXPECT_EQ(second.finish(), 1);
+    EXPECT_EQ(second.errors(), "cloudtunnel-sim: the page cannot be served on 127.0.0.1:" + std::to_string(first.port) +
+                                   ": Address already in use\n");
+}
