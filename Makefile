@@ -23,6 +23,7 @@ PACKAGES_peers := libboost-dev libwebsockets-dev libwslay-dev
 # The servers that the module is tried against.
 PACKAGES_interop := nginx haproxy caddy websocketd nodejs node-ws perl libmojolicious-perl libio-socket-ssl-perl \
     python3-websockets python3-aiohttp python3-tornado python3-hypercorn python3-uvicorn python3-wsproto
+PACKAGES_page := chromium nodejs npm fonts-dejavu-core
 PACKAGES_fuzz := clang libclang-rt-dev llvm
 
 # How long each fuzz target runs.
@@ -35,6 +36,13 @@ demo: packages ## Build, and watch a tunnel come up, work and close
 	cmake --preset release
 	cmake --build --preset release --target demo_programs
 	scripts/demo.sh build/release/apps/sim/cloudtunnel-sim build/release/apps/module/cloudtunnel-module
+
+# A module of a model that the user names: DESK_MODEL=log.
+DESK_MODEL ?= base
+desk: packages ## Build, start the simulator with its page and a module, and print the page's address
+	cmake --preset release
+	cmake --build --preset release --target demo_programs
+	scripts/desk.sh build/release/apps/sim/cloudtunnel-sim build/release/apps/module/cloudtunnel-module $(DESK_MODEL)
 
 test: test-release test-sanitize ## Build and run all tests, then again under the sanitizers
 
@@ -52,6 +60,17 @@ test-clang: packages packages-tests packages-lint ## The tests, built with clang
 	cmake --preset clang $(ALL_EXAMPLES)
 	cmake --build --preset clang
 	ctest --preset clang
+
+test-page: packages packages-page ## The simulator's page in a browser (SCREENSHOTS=folder keeps its pictures)
+	cmake --preset release
+	cmake --build --preset release --target demo_programs
+	scripts/test-page.sh build/release
+
+# What the page contains of other projects, from npm as pinned in tests/page; the files are committed.
+web: packages-page ## Renew those files of the page that come from other projects
+	cd tests/page && npm ci --ignore-scripts
+	cp tests/page/node_modules/htm/preact/standalone.module.js apps/sim/web/vendor/preact.js
+	cp tests/page/node_modules/htm/LICENSE apps/sim/web/vendor/LICENSE.htm
 
 test-tsan: packages packages-tests ## What several threads may do, under the thread sanitizer
 	cmake --preset tsan

@@ -1,0 +1,293 @@
+// The simulator's page in a browser: what it shows, what it does, and what it bears.
+import assert from 'node:assert/strict';
+import { readFileSync } from 'node:fs';
+import { createRequire } from 'node:module';
+import { after, afterEach, before, describe, test } from 'node:test';
+import { openPage, ownSocket, pause, PATIENCE, RawModule, registerWithDaemon, Simulator, startBrowser, startModule, view } from './support.mjs';
+
+const AXE = readFileSync(createRequire(import.meta.url).resolve('axe-core/axe.min.js'), 'utf8');
+const VIEWS = ['overview', 'tunnel/1', 'faults', 'daemon', 'timeline'];
+const SCREENSHOTS = process.env.SCREENSHOTS;  // a folder; none: no pictures are kept
+
+let browser;
+let running = [];  // ended after each test
+const keep = (thing) => { running.push(thing); return thing; };
+
+before(async () => { browser = await startBrowser(); });
+after(() => browser.close());
+afterEach(async () => {
+  for (const thing of running.reverse()) await (thing.end?.() ?? thing.close?.());
+  running = [];
+});
+
+async function picture(page, name) {
+  if (SCREENSHOTS) await page.screenshot({ path: `${SCREENSHOTS}/${name}.png` });
+}
+
+// A simulator with its own socket, and one tunnel of each model, made in the test.
+async function simulatorWith(models, options = []) {
+  const socket = ownSocket();
+  keep({ end: socket.remove });
+  const sim = keep(await Simulator.start(['--socket', socket.path, ...options]));
+  keep(registerWithDaemon(socket.path, models));
+  const tunnels = [];
+  for (const model of models) tunnels.push(keep(await RawModule.open(sim.port, model)));
+  return { sim, tunnels };
+}
+
+async function open(address, options) {
+  return keep(await openPage(browser, address, options));
+}
+
+const framesOf = (page) => page.getByRole('listbox', { name: 'Frames' }).getByRole('option');
+const rowOf = (page, model) => page.getByRole('row').filter({ has: page.getByRole('link', { name: model }) });
+
+describe('with a module process', () => {
+  test('a tunnel comes up, a request is answered, and a lost tunnel is shown with its cause until it is back', async () => {
+    const sim = keep(await Simulator.start());
+    const page = await open(sim.address);
+    await page.getByText('No module has registered yet').waitFor();
+    await picture(page, 'empty');
+
+    keep(startModule('--model', 'base'));
+    const row = rowOf(page, /^base/);
+    await row.getByText('open', { exact: true }).waitFor();
+    await row.getByRole('link').click();
+    await page.getByRole('heading', { name: 'Set-up' }).waitFor();
+    for (const step of ['daemon\'s word', 'TCP', 'TLS', 'upgrade', 'registration', 'open']) {
+      await page.locator('.step-name').getByText(step, { exact: true }).waitFor();
+    }
+    await page.locator('.waterfall li').filter({ hasText: 'upgrade' }).locator('summary').click();
+    await page.getByText('GET /tunnel HTTP/1.1').waitFor();
+
+    await page.getByLabel('Text').fill('{"question": [1, 2]}');
+    await page.getByRole('button', { name: 'Send', exact: true }).click();
+    await page.getByText('The frame is sent.').waitFor();
+    await framesOf(page).filter({ hasText: 'received' }).filter({ hasText: 'answer: {"question": [1, 2]}' }).waitFor();
+    await framesOf(page).filter({ hasText: 'sent' }).filter({ hasText: '{"question"' }).first().click();
+    await page.locator('.payload pre').getByText('"question": [\n    1,').waitFor();
+
+    await page.getByRole('button', { name: 'Measure 10 round trips' }).click();
+    await page.getByText('Ping 10 of 10 is sent.').waitFor();
+    await page.getByRole('img', { name: 'Round trips in their order' }).waitFor();
+    await page.evaluate(() => scrollTo(0, 0));
+    await picture(page, 'tunnel');
+
+    await page.getByRole('button', { name: 'Reset the connection' }).click();
+    await page.getByText('connection reset by the platform').waitFor();
+    await view(page, 'overview');
+    await rowOf(page, /^base #2/).getByText('open', { exact: true }).waitFor();
+    await rowOf(page, /^base #2/).getByText('connection reset by the platform').waitFor();
+    assert.deepEqual(page.problems, []);
+  });
+
+  test('a fault is switched on, the tunnel is lost by it, and comes back when it is off', async () => {
+    const sim = keep(await Simulator.start());
+    keep(startModule('--model', 'base'));
+    const page = await open(sim.address);
+    await rowOf(page, /^base/).getByText('open', { exact: true }).waitFor();
+
+    await view(page, 'faults');
+    await page.getByRole('button', { name: 'reset_peer' }).click();
+    await picture(page, 'faults');
+    await page.getByRole('button', { name: 'Switch on' }).click();
+    await page.getByText('reset_peer is switched on.').waitFor();
+    await page.getByRole('row').filter({ hasText: 'reset_peer' }).waitFor();
+
+    await view(page, 'overview');
+    await page.getByRole('row').filter({ hasText: 'base' }).filter({ hasText: /reset/ }).waitFor();
+    await view(page, 'faults');
+    await page.getByRole('button', { name: 'Switch off reset_peer' }).click();
+    await page.getByText('No fault is switched on.').waitFor();
+    await view(page, 'overview');
+    await rowOf(page, /^base/).getByText('open', { exact: true }).waitFor();
+    assert.deepEqual(page.problems, []);
+  });
+});
+
+test('everything is reached and done by the keyboard alone', async () => {
+  const { sim } = await simulatorWith(['base']);
+  const page = await open(sim.address);
+  await rowOf(page, /^base/).waitFor();
+  const press = (key) => page.keyboard.press(key);
+  const focused = () => page.evaluate(() => {
+    const { tagName, innerText } = document.activeElement;
+    return `${tagName}: ${document.activeElement.getAttribute('aria-label') ?? innerText}`;
+  });
+  const tabTo = async (pattern) => {
+    for (let i = 0; i < 60; i++) {
+      if (pattern.test(await focused())) return;
+      await press('Tab');
+    }
+    assert.fail(`${pattern} is not reached`);
+  };
+
+  await tabTo(/^A: Skip to the content/);
+  await press('Enter');
+  assert.equal(await page.evaluate(() => document.activeElement.id), 'main');
+  await tabTo(/^A: base/);
+  await press('Enter');
+  await page.getByRole('heading', { name: 'Compose' }).waitFor();
+  await page.locator('.compose textarea').waitFor();
+  await tabTo(/^TEXTAREA:/);
+  await page.keyboard.type('by keyboard');
+  await press('Control+Enter');
+  await page.getByText('The frame is sent.').waitFor();
+  await framesOf(page).filter({ hasText: 'by keyboard' }).waitFor();
+  await tabTo(/^DIV: Frames$/);
+  await press('End');
+  await page.getByRole('region', { name: /^Frame \d+/ }).getByText('by keyboard').waitFor();
+  await press('Home');
+  await page.getByRole('region', { name: 'Frame 1' }).waitFor();
+  assert.deepEqual(page.problems, []);
+});
+
+describe('for everyone', () => {
+  for (const scheme of ['light', 'dark']) {
+    for (const width of [375, 1600]) {
+      test(`axe finds nothing, and nothing sticks out, in ${scheme} at ${width} pixels`, async () => {
+        const { sim, tunnels } = await simulatorWith(['base', 'log']);
+        for (let i = 0; i < 30; i++) tunnels[0].send(`message ${i}`);
+        const page = await open(sim.address, { width, scheme });
+        await rowOf(page, /^base/).waitFor();
+        await page.evaluate(AXE);
+        for (const name of VIEWS) {
+          await view(page, name);
+          await page.locator('nav [aria-current]').filter({ hasText: new RegExp(name.split('/')[0], 'i') }).waitFor();
+          if (name === 'tunnel/1') await framesOf(page).first().click();
+          if (name === 'faults') await page.locator('.names button').first().click().catch(() => {});
+          await pause(300);
+          await picture(page, `${name.split('/')[0]}-${scheme}-${width}`);
+          const { violations } = await page.evaluate(() => globalThis.axe.run());
+          assert.deepEqual(violations.map(({ id, nodes }) => `${name}: ${id}: ${nodes[0].html}: ${nodes[0].failureSummary}`), []);
+          const beyond = await page.evaluate(() => document.documentElement.scrollWidth - innerWidth);
+          assert.ok(beyond <= 0, `${name} is ${beyond} pixels wider than the window`);
+        }
+        assert.deepEqual(page.problems, []);
+      });
+    }
+  }
+});
+
+test('what a module sends is shown as text, whatever it is', async () => {
+  const hostile = ['<img src=x onerror="document.title=1">', '</script><script>alert(1)</script>', '<svg/onload=alert(1)>',
+    '"><iframe src=javascript:alert(1)>', '{"__proto__": {"polluted": 1}}', '\u202Egnp.exe', '&lt;b&gt;', '${alert(1)}', 'javascript:alert(1)'];
+  const { sim, tunnels } = await simulatorWith(['<b>base</b>', '__proto__']);
+  for (const text of hostile) tunnels[0].send(text);
+  tunnels[0].send(Buffer.from([0xff, 0xfe, 0x00, 0x3c, 0x62, 0x3e]), 2);
+  const page = await open(sim.address);
+  await rowOf(page, '<b>base</b>').waitFor();
+  await rowOf(page, '__proto__').waitFor();
+  await view(page, 'tunnel/1');
+  for (const text of hostile) {
+    await framesOf(page).filter({ hasText: text.replace('\u202E', '\\u202e') }).last().click();
+    await page.getByRole('region', { name: /^Frame/ }).waitFor();
+  }
+  await framesOf(page).filter({ hasText: 'ff fe 00 3c 62 3e' }).click();
+  await page.getByText('ff fe 00 3c 62 3e', { exact: false }).last().waitFor();
+  await view(page, 'timeline');
+  await page.getByText('registration accepted').first().waitFor();
+  tunnels[1].send(hostile[0]);
+  await page.getByText('received text: <img src=x').waitFor();
+  const foreign = await page.evaluate(() => document.querySelectorAll('img, iframe, b, script:not([src="app.js"])').length);
+  assert.equal(foreign, 0);
+  assert.equal(await page.evaluate(() => ({}).polluted), undefined);
+  assert.deepEqual(page.problems, []);
+});
+
+test('a lost simulator is shown, and the page goes on when it is back', async () => {
+  const socket = ownSocket();
+  keep({ end: socket.remove });
+  const token = 'the-token-of-this-test';
+  const first = keep(await Simulator.start(['--socket', socket.path, '--web-token', token]));
+  const page = await open(first.address);
+  await page.getByText('Connected').waitFor();
+  await first.end();
+  await page.getByText('Connection lost').waitFor();
+  await picture(page, 'lost');
+  keep(await Simulator.start(['--socket', socket.path, '--web-token', token, '--web', new URL(first.address).port]));
+  await page.getByText('Connected').waitFor();
+});
+
+test('the daemon\'s tunnel data is edited, and a mistake in it is explained', async () => {
+  const { sim } = await simulatorWith(['base']);
+  const page = await open(`${sim.address}#daemon`);
+  await page.getByLabel('Path').fill('no-slash');
+  await page.getByRole('button', { name: 'Change' }).click();
+  await page.getByText('a path begins with \'/\' and has no blank').waitFor();
+  await page.getByLabel('Path').fill('/other');
+  await page.getByRole('button', { name: 'Change' }).click();
+  await page.getByText('The tunnel data is changed').waitFor();
+  await page.getByRole('button', { name: 'tunnel data to base' }).click();
+  await sim.waitFor(/tunnel data sent to module 'base': .*path \/other/);
+  await page.getByRole('button', { name: 'Stop' }).click();
+  await page.getByText('not listening on').waitFor();
+  await page.getByRole('button', { name: 'Start', exact: true }).click();
+  await page.getByText('The daemon has started.').waitFor();
+  assert.deepEqual(page.problems, []);
+});
+
+test('the timeline is filtered, paused and downloaded', async () => {
+  const { sim, tunnels } = await simulatorWith(['base']);
+  const page = await open(`${sim.address}#timeline`);
+  await page.getByText('registration accepted').waitFor();
+  tunnels[0].send('first message');
+  await page.getByText('received text: first message').waitFor();
+  await page.getByRole('button', { name: 'Pause' }).click();
+  tunnels[0].send('while paused');
+  await pause(500);
+  assert.equal(await page.getByText('while paused').count(), 0);
+  await page.getByRole('button', { name: 'Go on' }).click();
+  await page.getByText('while paused').waitFor();
+  await page.getByLabel('Filter').fill('first message');
+  const [download] = await Promise.all([page.waitForEvent('download'), page.getByRole('button', { name: /Download/ }).click()]);
+  const lines = readFileSync(await download.path(), 'utf8').trim().split('\n').map(JSON.parse);
+  assert.equal(lines.length, 1);
+  assert.match(lines[0].text, /first message/);
+  assert.deepEqual(page.problems, []);
+});
+
+test('under 200 tunnels with 50 messages a second each, a click is answered within 100 ms and memory stays under 150 MB', { timeout: 120_000 }, async (t) => {
+  const TUNNELS = 200;
+  const models = Array.from({ length: TUNNELS }, (_, i) => `model-${i + 1}`);
+  const { sim, tunnels } = await simulatorWith(models, ['--quiet']);
+  const page = await open(sim.address);
+  await rowOf(page, /^model-1 /).waitFor();
+  let sent = 0;
+  const load = setInterval(() => {  // a message of each tunnel every 20 ms
+    for (const tunnel of tunnels) tunnel.send(`message ${++sent} of the load`);
+  }, 20);
+  keep({ end: () => clearInterval(load) });
+  await pause(5000);
+
+  // From the browser's event to the picture that shows its effect.
+  const times = [];
+  for (const [name, heading] of [['Tunnel', 'Tunnel'], ['Faults', 'Faults'], ['Daemon', 'Daemon'], ['Timeline', 'Timeline'], ['Overview', 'Overview'], ['Timeline', 'Timeline'], ['Overview', 'Overview']]) {
+    times.push(await page.evaluate(([link, title]) => new Promise((resolve) => {
+      const start = performance.now();
+      [...document.querySelectorAll('nav a')].find((a) => a.textContent === link).click();
+      const look = () => {
+        if (document.querySelector('h1').textContent !== title) requestAnimationFrame(look);
+        else requestAnimationFrame(() => resolve(performance.now() - start));
+      };
+      look();
+    }), [name, heading]));
+    await pause(700);
+  }
+  await view(page, 'tunnel/7');
+  await framesOf(page).first().waitFor();
+  await pause(15000);
+
+  const session = await page.context().newCDPSession(page);
+  await session.send('HeapProfiler.collectGarbage');
+  const { metrics } = await (await session.send('Performance.enable'), session.send('Performance.getMetrics'));
+  const heap = metrics.find(({ name }) => name === 'JSHeapTotalSize').value / 1e6;
+  const { processInfo } = await (await browser.newBrowserCDPSession()).send('SystemInfo.getProcessInfo');
+  const own = (pid) => [...readFileSync(`/proc/${pid}/smaps_rollup`, 'utf8').matchAll(/^Private_\w+: +(\d+) kB/gm)].reduce((sum, [, size]) => sum + Number(size) / 1000, 0);
+  const renderers = processInfo.filter(({ type }) => type === 'renderer').map(({ id }) => own(id));
+  const memory = Math.max(...renderers);
+  t.diagnostic(`clicks: ${times.map((time) => time.toFixed(0)).join(', ')} ms; ${sent} messages; page's process ${memory.toFixed(0)} MB, of it heap ${heap.toFixed(0)} MB`);
+  assert.ok(Math.max(...times) < 100, `clicks took ${times} ms`);
+  assert.ok(memory < 150, `the page's process has ${memory} MB`);
+  assert.deepEqual(page.problems, []);
+});
