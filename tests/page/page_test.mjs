@@ -3,7 +3,7 @@ import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
 import { createRequire } from 'node:module';
 import { after, afterEach, before, describe, test } from 'node:test';
-import { openPage, ownSocket, pause, PATIENCE, RawModule, registerWithDaemon, Simulator, startBrowser, startModule, view } from './support.mjs';
+import { freePort, openPage, ownSocket, pause, PATIENCE, RawModule, registerWithDaemon, Simulator, startBrowser, startModule, view } from './support.mjs';
 
 const AXE = readFileSync(createRequire(import.meta.url).resolve('axe-core/axe.min.js'), 'utf8');
 const VIEWS = ['overview', 'tunnel/1', 'faults', 'daemon', 'timeline'];
@@ -60,7 +60,7 @@ describe('with a module process', () => {
     await page.locator('.waterfall li').filter({ hasText: 'upgrade' }).locator('summary').click();
     await page.getByText('GET /tunnel HTTP/1.1').waitFor();
 
-    await page.getByLabel('Text').fill('{"question": [1, 2]}');
+    await page.getByRole('textbox', { name: 'Text' }).fill('{"question": [1, 2]}');
     await page.getByRole('button', { name: 'Send', exact: true }).click();
     await page.getByText('The frame is sent.').waitFor();
     await framesOf(page).filter({ hasText: 'received' }).filter({ hasText: 'answer: {"question": [1, 2]}' }).waitFor();
@@ -250,7 +250,7 @@ test('the timeline is filtered, paused and downloaded', async () => {
 test('under 200 tunnels with 50 messages a second each, a click is answered within 100 ms and memory stays under 150 MB', { timeout: 120_000 }, async (t) => {
   const TUNNELS = 200;
   const models = Array.from({ length: TUNNELS }, (_, i) => `model-${i + 1}`);
-  const { sim, tunnels } = await simulatorWith(models, ['--quiet']);
+  const { sim, tunnels } = await simulatorWith(models, ['--quiet', '--port', String(await freePort())]);
   const page = await open(sim.address);
   await rowOf(page, /^model-1 /).waitFor();
   let sent = 0;

@@ -1,7 +1,7 @@
 // What the tests of the page share: a simulator, a browser that shows its page, and modules.
 import { spawn } from 'node:child_process';
 import { mkdtempSync, rmSync } from 'node:fs';
-import { connect as connectTcp } from 'node:net';
+import { connect as connectTcp, createServer } from 'node:net';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { connect as connectTls } from 'node:tls';
@@ -46,9 +46,19 @@ export class Simulator extends Program {
   static async start(options = []) {
     const sim = new Simulator(SIM, ['--web', '0', '--seconds', '300', ...options]);
     sim.address = (await sim.waitFor(/http:\/\/\S+/))[0];
-    sim.port = Number((await sim.waitFor(/platform +listening on 127\.0\.0\.1:(\d+)/))[1]);
+    const given = options.indexOf('--port');
+    sim.port = Number(given < 0 ? (await sim.waitFor(/platform +listening on 127\.0\.0\.1:(\d+)/))[1] : options[given + 1]);
     return sim;
   }
+}
+
+// freePort is a port that nothing listens on, for a simulator that prints none.
+export async function freePort() {
+  const server = createServer();
+  await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
+  const { port } = server.address();
+  await new Promise((resolve) => server.close(resolve));
+  return port;
 }
 
 export const startModule = (...options) => new Program(MODULE, options);

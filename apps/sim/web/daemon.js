@@ -1,23 +1,32 @@
 // The daemon: the module processes on its socket, and the tunnel data that it hands out.
 import { html, useState } from './vendor/preact.js';
-import { Empty, State, useCommand, useStore } from './parts.js';
+import { Empty, State, VirtualRows, useCommand, useNarrow, useStore } from './parts.js';
+
+const NOTICES = [
+  { notice: 'tunnel-data', label: 'tunnel data' },
+  { notice: 'closed', label: 'tunnel closed' },
+  { notice: 'third', label: 'third notice' },
+];
 
 function Modules({ models, running }) {
   const [run, outcome] = useCommand();
+  const height = useNarrow(600) ? 118 : 46;
   if (!models.length) return html`<${Empty}>No module process has registered.<//>`;
-  const notify = (model, notice, done) => run('notify', { model, notice }, done);
   return html`
-    <table class="plain">
-      <thead><tr><th scope="col">Model</th><th scope="col">Link</th><th scope="col">Send it</th></tr></thead>
-      <tbody>${models.map(({ name, link }) => html`
-        <tr key=${`${link} ${name}`}><td>${name || '(empty)'}</td><td>${link}</td>
-          <td class="bar">
-            <button disabled=${!running} onClick=${() => notify(name, 'tunnel-data', `The tunnel data is queued for ${name}.`)}>tunnel data<span class="unseen"> to ${name}</span></button>
-            <button disabled=${!running} onClick=${() => notify(name, 'closed', `The notice is queued for ${name}.`)}>tunnel closed<span class="unseen"> to ${name}</span></button>
-            <button disabled=${!running} onClick=${() => notify(name, 'third', `The notice is queued for ${name}.`)}>third notice<span class="unseen"> to ${name}</span></button>
-          </td></tr>`)}
-      </tbody>
-    </table>${outcome}`;
+    <div role="table" aria-label="Modules" aria-rowcount=${models.length + 1}>
+      <div role="rowgroup"><div class="row module head" role="row" aria-rowindex="1">
+        <span role="columnheader">Model</span><span role="columnheader">Link</span><span role="columnheader">Send it</span>
+      </div></div>
+      <${VirtualRows} role="rowgroup" tabindex="0" aria-label="Modules" rows=${models} height=${height}
+        render=${({ name, link }, index) => html`
+          <div class="row module" role="row" key=${`${link} ${name}`} aria-rowindex=${index + 2} style=${{ height: `${height}px` }}>
+            <span role="cell">${name || '(empty)'}</span><span role="cell">${link}</span>
+            <span role="cell" class="buttons">${NOTICES.map(({ notice, label }) => html`
+              <button disabled=${!running} onClick=${() => run('notify', { model: name, notice }, `It is queued for ${name}.`)}>
+                ${label}<span class="unseen"> to ${name}</span></button>`)}
+            </span>
+          </div>`} />
+    </div>${outcome}`;
 }
 
 const FIELDS = [
@@ -39,7 +48,7 @@ function TunnelData({ data }) {
   return html`
     <form onSubmit=${save} aria-label="Tunnel data">
       ${FIELDS.map(({ name, label, type, ...limits }) => html`
-        <label key=${name}>${label} <input type=${type ?? 'text'} ...${limits} value=${edited[name] ?? data[name]} spellcheck="false"
+        <label key=${name}>${label} <input type=${type ?? 'text'} ...${limits} value=${edited[name] ?? data[name]} spellcheck=${false}
           onInput=${(event) => setEdited({ ...edited, [name]: type === 'number' ? Number(event.target.value) : event.target.value })} /></label>`)}
       <button class="primary" disabled=${Object.keys(edited).length === 0}>Change</button>
       <button type="button" disabled=${Object.keys(edited).length === 0} onClick=${() => setEdited({})}>Discard</button>

@@ -142,7 +142,7 @@ function Compose({ tunnel }) {
       </label>
       ${kind === 'close' && html`<label>Status <input type="number" min="0" max="65535" required value=${status} onInput=${(event) => setStatus(event.target.value)} /></label>`}
       <label class="wide">${label}
-        <textarea rows=${kind === 'text' ? 3 : 1} spellcheck="false" value=${body} onInput=${(event) => setBody(event.target.value)}
+        <textarea rows=${kind === 'text' ? 3 : 1} spellcheck=${false} value=${body} onInput=${(event) => setBody(event.target.value)}
           onKeyDown=${(event) => { if (event.key === 'Enter' && event.ctrlKey) send(event); }}></textarea>
       </label>
       <button class="primary" disabled=${!open}>Send</button>
