@@ -124,6 +124,37 @@ JsonWriter daemon_state(const Simulator &simulator, const std::string &path) {
     return out;
 }
 
+void write_fault_row(JsonWriter &out, const FaultRow &row) {
+    constexpr Stage kStages[] = {Stage::accept, Stage::tls, Stage::upgrade, Stage::registration, Stage::open};
+    out.begin_object().member("name", row.name).member("family", family_name(row.family)).member("help", row.help);
+    out.member("directed", row.directed);
+    out.key("parameters").begin_array();
+    for (const Parameter &parameter : row.used_parameters()) {
+        out.begin_object().member("name", parameter.name).member("help", parameter.help);
+        out.member("range", value_range(parameter)).member("optional", parameter.initial.has_value());
+        out.key("choices").begin_array();
+        for (const std::string_view choice : parameter.choices) out.value(choice);
+        out.end_array().end_object();
+    }
+    out.end_array();
+    out.key("stages").begin_array();
+    for (const Stage stage : kStages) {
+        if (row.stages[static_cast<std::size_t>(stage)]) out.value(stage_name(stage));
+    }
+    out.end_array().end_object();
+}
+
+JsonWriter active_faults(const FaultSet &faults) {
+    JsonWriter out;
+    out.begin_array();
+    for (const auto &active : faults.active()) {
+        out.begin_object().member("line", show_fault(active->fault)).member("name", active->fault.row->name);
+        out.member("applied", active->applied).member("held", active->held).end_object();
+    }
+    out.end_array();
+    return out;
+}
+
 JsonWriter counts_of(WebState &state) {
     JsonWriter out;
     out.begin_object();
@@ -148,6 +179,8 @@ constexpr SimulatorPage::Row SimulatorPage::kRows[] = {
     {"ping", &SimulatorPage::ping},     {"close", &SimulatorPage::close},
     {"drop", &SimulatorPage::drop},     {"notify", &SimulatorPage::notify},
     {"daemon", &SimulatorPage::daemon}, {"tunnel-data", &SimulatorPage::tunnel_data},
+    {"fault", &SimulatorPage::fault},
+    {"fault-off", &SimulatorPage::fault_off},
 };
 
 SimulatorPage::SimulatorPage(Simulator &simulator, WebState &state) : simulator_(simulator), state_(state) {}
@@ -261,6 +294,20 @@ void SimulatorPage::tunnel_data(json_object *arguments) {
     simulator_.tunnel_data = changed;
 }
 
+void SimulatorPage::fault(json_object *arguments) {
+    const std::string line = text(arguments, "line");
+    try {
+        simulator_.switch_on(parse_fault(line));
+    } catch (const std::runtime_error &error) {
+        throw Refused(error.what());
+    }
+}
+
+void SimulatorPage::fault_off(json_object *arguments) {
+    const std::string name = text(arguments, "name");
+    simulator_.switch_off(name);
+}
+
 // Updates.
 
 std::string SimulatorPage::next() {
@@ -270,6 +317,7 @@ std::string SimulatorPage::next() {
     write_tunnels(out);
     write_section(out, "models", models_of(simulator_));
     if (simulator_.daemon) write_section(out, "daemon", daemon_state(simulator_, simulator_.daemon->path()));
+    write_section(out, "faults", active_faults(simulator_.faults));
     write_section(out, "counts", counts_of(state_));
     if (watched_) write_watched(out);
     if (follows_) write_lines(out);
@@ -284,8 +332,9 @@ void SimulatorPage::write_hello(JsonWriter &out) {
     greeted_ = true;
     out.key("hello").begin_object();
     out.member("version", CLOUDTUNNEL_SIM_VERSION);
-    out.key("faults").begin_array().end_array();
-    out.end_object();
+    out.key("faults").begin_array();
+    for (const FaultRow &row : fault_table()) write_fault_row(out, row);
+    out.end_array().end_object();
 }
 
 void SimulatorPage::write_tunnels(JsonWriter &out) {

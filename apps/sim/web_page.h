@@ -50,6 +50,8 @@ class SimulatorPage : public WebPage {
     void notify(json_object *arguments);
     void daemon(json_object *arguments);
     void tunnel_data(json_object *arguments);
+    void fault(json_object *arguments);
+    void fault_off(json_object *arguments);
 
     void write_hello(JsonWriter &out);
     void write_tunnels(JsonWriter &out);

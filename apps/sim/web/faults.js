@@ -11,15 +11,14 @@ function faultLine(row, fields) {
 }
 
 function Parameter({ parameter, value, set }) {
-  const { name, range, initial, choices, help } = parameter;
-  const hint = `${range}${initial !== undefined ? `; ${initial} if left empty` : ''}`;
+  const { name, range, optional, choices, help } = parameter;
   return html`
     <label>${name}${help ? `: ${help}` : ''}
-      ${choices
-        ? html`<select value=${value} onChange=${(event) => set(event.target.value)}>
-            ${initial !== undefined && html`<option value="">${initial}</option>`}${choices.map((choice) => html`<option>${choice}</option>`)}</select>`
-        : html`<input value=${value} required=${initial === undefined} onInput=${(event) => set(event.target.value)} />`}
-      <small>${hint}</small>
+      ${choices.length
+        ? html`<select value=${value} required=${!optional} onChange=${(event) => set(event.target.value)}>
+            <option value="">${optional ? 'as usual' : 'choose…'}</option>${choices.map((choice) => html`<option>${choice}</option>`)}</select>`
+        : html`<input value=${value} required=${!optional} spellcheck=${false} onInput=${(event) => set(event.target.value)} />`}
+      <small>${choices.length ? '' : range}${optional && !choices.length ? '; may be left out' : ''}</small>
     </label>`;
 }
 
@@ -58,9 +57,9 @@ function Active({ active }) {
   return html`
     <table class="plain">
       <thead><tr><th scope="col">Fault</th><th scope="col">Connections met</th><th scope="col">Switch off</th></tr></thead>
-      <tbody>${active.map(({ line, name, applied }) => html`
+      <tbody>${active.map(({ line, name, applied, held }) => html`
         <tr key=${line}><td><code>${line}</code></td><td>${applied}</td>
-          <td><button onClick=${() => run('fault-off', { name }, `${name} is switched off.`)}>Switch off<span class="unseen"> ${name}</span></button></td></tr>`)}
+          <td>${held ? 'set by an option' : html`<button onClick=${() => run('fault-off', { name }, `${name} is switched off.`)}>Switch off<span class="unseen"> ${name}</span></button>`}</td></tr>`)}
       </tbody>
     </table>
     <p><button onClick=${() => run('fault-off', { name: '' }, 'Every fault is switched off.')}>Switch all off</button></p>
