@@ -19,6 +19,7 @@ constexpr auto kKeyTime = 500ms;       // a mask key that has not arrived by the
 constexpr auto kModuleCloseTime = 3s;  // the library's close handler runs a second after the echo
 constexpr auto kFinishTime = 1s;       // for the peer's TLS close alert
 constexpr std::size_t kRequestMax = 65535;
+constexpr std::size_t kInboxMax = 1000;  // messages that no step reads are not kept for ever; the largest burst fits
 
 std::string reason_of(const system_error &error) {
     const error_code code = error.code();
@@ -396,6 +397,7 @@ void Tunnel::on_data(Frame frame) {
         emit(Kind::message_received, {opcode, length, payload});
     }
     inbox.push_back(std::move(*assembly_));
+    if (inbox.size() > kInboxMax) inbox.pop_front();
     assembly_.reset();
     context_.changed.notify();
 }

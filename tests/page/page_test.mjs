@@ -47,7 +47,6 @@ describe('with a module process', () => {
     const sim = keep(await Simulator.start());
     const page = await open(sim.address);
     await page.getByText('No module has registered yet').waitFor();
-    await picture(page, 'empty');
 
     keep(startModule('--model', 'base'));
     const row = rowOf(page, /^base/);
@@ -71,7 +70,7 @@ describe('with a module process', () => {
     await page.getByText('Ping 10 of 10 is sent.').waitFor();
     await page.getByRole('img', { name: 'Round trips in their order' }).waitFor();
     await page.evaluate(() => scrollTo(0, 0));
-    await picture(page, 'tunnel');
+    await picture(page, 'page-tunnel');
 
     await page.getByRole('button', { name: 'Reset the connection' }).click();
     await page.getByText('connection reset by the platform').waitFor();
@@ -89,10 +88,10 @@ describe('with a module process', () => {
 
     await view(page, 'faults');
     await page.getByRole('button', { name: 'reset_peer' }).click();
-    await picture(page, 'faults');
     await page.getByRole('button', { name: 'Switch on' }).click();
     await page.getByText('reset_peer is switched on.').waitFor();
     await page.getByRole('row').filter({ hasText: 'reset_peer' }).waitFor();
+    await picture(page, 'page-faults');
 
     await view(page, 'overview');
     await page.getByRole('row').filter({ hasText: 'base' }).filter({ hasText: /reset/ }).waitFor();
@@ -157,7 +156,6 @@ describe('for everyone', () => {
           if (name === 'tunnel/1') await framesOf(page).first().click();
           if (name === 'faults') await page.locator('.names button').first().click().catch(() => {});
           await pause(300);
-          await picture(page, `${name.split('/')[0]}-${scheme}-${width}`);
           const { violations } = await page.evaluate(() => globalThis.axe.run());
           assert.deepEqual(violations.map(({ id, nodes }) => `${name}: ${id}: ${nodes[0].html}: ${nodes[0].failureSummary}`), []);
           const beyond = await page.evaluate(() => document.documentElement.scrollWidth - innerWidth);
@@ -204,7 +202,6 @@ test('a lost simulator is shown, and the page goes on when it is back', async ()
   await page.getByText('Connected').waitFor();
   await first.end();
   await page.getByText('Connection lost').waitFor();
-  await picture(page, 'lost');
   keep(await Simulator.start(['--socket', socket.path, '--web-token', token, '--web', new URL(first.address).port]));
   await page.getByText('Connected').waitFor();
 });
@@ -274,6 +271,15 @@ test('under 200 tunnels with 50 messages a second each, a click is answered with
     }), [name, heading]));
     await pause(700);
   }
+  await page.evaluate(async () => {
+    const { store } = await import('/store.js');
+    for (let i = 0; i < 20; i++) {
+      await Promise.all(Array.from({ length: 20 }, (_, n) => store.command('ping', { tunnel: n + 1, text: `${i}` })));
+    }
+    await store.command('drop', { tunnel: 5 });
+  });
+  await page.getByText('connection reset by the platform').waitFor();
+  await picture(page, 'page-overview');
   await view(page, 'tunnel/7');
   await framesOf(page).first().waitFor();
   await pause(15000);

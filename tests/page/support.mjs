@@ -137,6 +137,9 @@ export class RawModule {
     // The platform's frames in these tests are short.
     while (this.received.length >= 2 && this.received.length >= 2 + this.received[1]) {
       this.messages++;
+      const PING = 9;
+      const PONG = 10;
+      if ((this.received[0] & 0x0f) === PING) this.send(this.received.subarray(2, 2 + this.received[1]), PONG);
       this.received = this.received.subarray(2 + this.received[1]);
     }
   }

@@ -40,7 +40,10 @@ function App() {
   const [path, argument] = useAddress();
   const current = VIEWS.find((view) => view.path === path) ?? VIEWS[0];
   const { hello, connection } = useStore(4);
-  useEffect(() => { document.title = `${current.title} – cloudtunnel-sim`; }, [current]);
+  useEffect(() => {
+    document.title = `${current.title} – cloudtunnel-sim`;
+    scrollTo(0, 0);
+  }, [current, argument]);
   return html`
     <a class="skip" href="#main" onClick=${(event) => { event.preventDefault(); document.getElementById('main').focus(); }}>
       Skip to the content</a>

@@ -16,7 +16,7 @@ function Parameter({ parameter, value, set }) {
     <label>${name}${help ? `: ${help}` : ''}
       ${choices.length
         ? html`<select value=${value} required=${!optional} onChange=${(event) => set(event.target.value)}>
-            <option value="">${optional ? 'as usual' : 'choose…'}</option>${choices.map((choice) => html`<option>${choice}</option>`)}</select>`
+            <option value="">${optional ? 'as usual' : 'choose…'}</option>${choices.map((choice) => html`<option value=${choice}>${choice}</option>`)}</select>`
         : html`<input value=${value} required=${!optional} spellcheck=${false} onInput=${(event) => set(event.target.value)} />`}
       <small>${choices.length ? '' : range}${optional && !choices.length ? '; may be left out' : ''}</small>
     </label>`;

@@ -3,6 +3,8 @@ import { html, useState } from './vendor/preact.js';
 import { Empty, Spark, State, VirtualRows, useNarrow, useStore } from './parts.js';
 import { bytes, count, duration, milliseconds } from './format.js';
 
+const byName = new Intl.Collator('en', { numeric: true });
+
 // One row for each tunnel that lives, and one for each model without: its last tunnel, or none yet.
 function rowsOf({ tunnels, models }) {
   const rows = [];
@@ -20,7 +22,7 @@ function rowsOf({ tunnels, models }) {
   for (const model of new Set([...models.map(({ name }) => name), ...last.keys()])) {
     if (!alive.has(model)) rows.push({ key: `m${model}`, model, tunnel: last.get(model) ?? null });
   }
-  return rows.sort((a, b) => a.model.localeCompare(b.model, 'en', { numeric: true }) || (a.tunnel?.id ?? 0) - (b.tunnel?.id ?? 0));
+  return rows.sort((a, b) => byName.compare(a.model, b.model) || (a.tunnel?.id ?? 0) - (b.tunnel?.id ?? 0));
 }
 
 function roundTrips(values) {

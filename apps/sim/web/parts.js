@@ -69,7 +69,7 @@ export function VirtualRows({ rows, height, render, follow = false, show, classN
 
 // A small plot of numbers in their order, without axes: the label says what it shows.
 export function Spark({ values, label, width = 96, height = 24 }) {
-  if (!values.length) return html`<span class="faint">none yet</span>`;
+  if (!values.length) return html`<span class="faint">none measured yet</span>`;
   const most = Math.max(...values, 1e-6);
   const step = values.length > 1 ? (width - 2) / (values.length - 1) : 0;
   const points = values.map((value, i) => `${(1 + i * step).toFixed(1)},${(height - 2 - (value / most) * (height - 4)).toFixed(1)}`);

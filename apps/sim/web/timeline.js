@@ -33,11 +33,11 @@ export function Timeline() {
       <label>Filter <input type="search" value=${filter} onInput=${(event) => setFilter(event.target.value)} /></label>
       <label>Source
         <select value=${source} onChange=${(event) => setSource(event.target.value)}>
-          <option value="">all</option>${sources.map((name) => html`<option>${name}</option>`)}
+          <option value="">all</option>${sources.map((name) => html`<option value=${name}>${name}</option>`)}
         </select>
       </label>
       <button disabled=${!shown.length} onClick=${() => download(shown)}>Download what is shown</button>
-      <span class="faint" role="status">${held ? 'paused; ' : ''}${count(shown.length, 'event')}${eventsSkipped > 0 ? `, ${eventsSkipped.toLocaleString('en')} left out` : ''}</span>
+      <span class="faint">${held ? 'paused; ' : ''}${count(shown.length, 'event')}${eventsSkipped > 0 ? `, ${eventsSkipped.toLocaleString('en')} left out` : ''}</span>
     </div>
     <p class="faint">Messages of open tunnels are written down from the moment on that this view is open, everything else from the start.</p>
     ${shown.length === 0

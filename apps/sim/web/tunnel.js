@@ -31,7 +31,7 @@ function Waterfall({ steps }) {
           <span class="step-name">${step.name}</span>
           <span class="track" aria-hidden="true"><span class="span" style=${{ left: percent(step.start - start), width: percent(step.end - step.start) }}></span></span>
           <span class="step-time">${milliseconds(step.end - step.start)}<span class="unseen">, begun after ${milliseconds(step.start - start)}</span></span>
-          ${step.text && html`<details><summary>what was exchanged<span class="unseen"> in ${step.name}</span></summary><pre tabindex="0">${visible(step.text)}</pre></details>`}
+          ${step.text && html`<details><summary>what was exchanged<span class="unseen"> in ${step.name}</span></summary><pre tabindex="0">${visible(step.text.replaceAll('\r\n', '\n'))}</pre></details>`}
         </li>`)}
     </ol>
     <p class="faint">From the first of them to the last: ${milliseconds(total)}.</p>`;
@@ -97,7 +97,7 @@ function Frames({ watched }) {
       </label>
       <label>Kind
         <select value=${kind} onChange=${(event) => setKind(event.target.value)}>
-          <option>all</option>${Object.values(OPCODES).map((name) => html`<option>${name}</option>`)}
+          <option value="all">all</option>${Object.values(OPCODES).map((name) => html`<option value=${name}>${name}</option>`)}
         </select>
       </label>
       <span class="faint">${count(frames.length, 'frame')}${watched.skipped > 0 ? `, ${watched.skipped.toLocaleString('en')} left out` : ''}</span>
@@ -110,7 +110,7 @@ function Frames({ watched }) {
             <div key=${frame.number} id=${`frame-${frame.number}`} role="option" class="row frame" aria-selected=${frame.number === selected}
               aria-setsize=${frames.length} aria-posinset=${index + 1} onClick=${() => setSelected(frame.number)} style=${{ height: `${FRAME_HEIGHT}px` }}>
               <span class="f-time">${moment(frame.time)} s</span>
-              <span class=${`f-way ${frame.sent ? 'out' : 'in'}`}>${frame.sent ? '→ sent' : '← received'}</span>
+              <span class=${`f-way ${frame.sent ? 'out' : 'in'}`}>${frame.sent ? '→' : '←'} <span class="f-word">${frame.sent ? 'sent' : 'received'}</span></span>
               <span class="f-kind">${opcodeName(frame.opcode)}${frame.fin ? '' : ' …'}</span>
               <span class="f-size">${bytes(frame.size)}</span>
               <span class="f-text">${frame.opcode === 8 ? closeText(frame.bytes) : preview(frame)}</span>
@@ -137,7 +137,7 @@ function Compose({ tunnel }) {
     <form class="compose" onSubmit=${send} aria-label="Compose a frame">
       <label>Send
         <select value=${kind} onChange=${(event) => setKind(event.target.value)}>
-          <option>text</option><option>binary</option><option>ping</option><option>close</option>
+          <option value="text">text</option><option value="binary">binary</option><option value="ping">ping</option><option value="close">close</option>
         </select>
       </label>
       ${kind === 'close' && html`<label>Status <input type="number" min="0" max="65535" required value=${status} onInput=${(event) => setStatus(event.target.value)} /></label>`}
