@@ -250,8 +250,9 @@ Examples:
 }  // namespace
 
 common::OptionTable option_table(Options &options) {
-    return {platform_section(options), daemon_section(options), tunnel_data_section(options.tunnel_data),
-            faults_section(options),   web_section(options.web), steps_section(options), events_section(options)};
+    return {platform_section(options), daemon_section(options),  tunnel_data_section(options.tunnel_data),
+            faults_section(options),   web_section(options.web), steps_section(options),
+            events_section(options)};
 }
 
 void set_tunnel_data(TunnelData &data, std::string_view name, std::string_view value) {

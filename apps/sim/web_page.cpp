@@ -179,8 +179,7 @@ constexpr SimulatorPage::Row SimulatorPage::kRows[] = {
     {"ping", &SimulatorPage::ping},     {"close", &SimulatorPage::close},
     {"drop", &SimulatorPage::drop},     {"notify", &SimulatorPage::notify},
     {"daemon", &SimulatorPage::daemon}, {"tunnel-data", &SimulatorPage::tunnel_data},
-    {"fault", &SimulatorPage::fault},
-    {"fault-off", &SimulatorPage::fault_off},
+    {"fault", &SimulatorPage::fault},   {"fault-off", &SimulatorPage::fault_off},
 };
 
 SimulatorPage::SimulatorPage(Simulator &simulator, WebState &state) : simulator_(simulator), state_(state) {}

@@ -184,6 +184,7 @@ awaitable<void> WebServer::Connection::serve_page(Request request) {
     stream_.set_option(timeout);
     stream_.read_message_max(kMessageMax);
     stream_.text(true);
+    stream_.auto_fragment(false);  // an update is in memory as a whole
     co_await stream_.async_accept(request, use_awaitable);
     page_ = server_.make_page_();
     co_spawn(

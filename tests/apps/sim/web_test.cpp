@@ -18,8 +18,11 @@ struct WebSim : SimProcess {
         if (!wait_for(words)) return;
         port = static_cast<uint16_t>(std::atoi(output().c_str() + output().find(words) + words.size()));
         host = "127.0.0.1:" + std::to_string(port);
+        const std::string platform = "listening on 127.0.0.1:";
+        platform_port = static_cast<uint16_t>(std::atoi(output().c_str() + output().find(platform) + platform.size()));
     }
     uint16_t port = 0;
+    uint16_t platform_port = 0;
     std::string host;
 };
 
@@ -262,4 +265,104 @@ TEST(sim_web, a_port_in_use_ends_the_start_with_one_line) {
     EXPECT_EQ(second.finish(), 1);
     EXPECT_EQ(second.errors(), "cloudtunnel-sim: the page cannot be served on 127.0.0.1:" + std::to_string(first.port) +
                                    ": Address already in use\n");
+}
+
+TEST(sim_web, an_update_shows_a_tunnel_and_on_demand_its_set_up_and_frames) {
+    const WebSim sim;
+    Browser browser(sim);
+    Wire module;
+    ASSERT_TRUE(simtest::open_tunnel(module, sim.platform_port, "base"));
+    EXPECT_TRUE(browser.hears(R"("id":1,"model":"base","state":"open")"));
+    ASSERT_TRUE(browser.say(R"({"id":1,"do":"watch","tunnel":1})"));
+    EXPECT_TRUE(browser.hears(R"("watched":{"id":1,"steps":[{"name":"TCP")"));
+    ASSERT_TRUE(module.write(simtest::library_frame(2, std::string("\xff\x00<b>", 5))));
+    EXPECT_TRUE(browser.hears(R"(,false,2,true,5,"/wA8Yj4="]])"));
+}
+
+TEST(sim_web, what_the_page_sends_reaches_the_module) {
+    const WebSim sim;
+    Browser browser(sim);
+    Wire module;
+    ASSERT_TRUE(simtest::open_tunnel(module, sim.platform_port, "base"));
+    ASSERT_TRUE(browser.say(R"({"id":1,"do":"send","tunnel":1,"text":"h\u00e9llo"})"));
+    ASSERT_TRUE(browser.say(R"({"id":2,"do":"send-hex","tunnel":1,"hex":"00 ff"})"));
+    ASSERT_TRUE(browser.say(R"({"id":3,"do":"ping","tunnel":1,"text":"a ping"})"));
+    ASSERT_TRUE(browser.say(R"({"id":4,"do":"close","tunnel":1,"status":1001,"reason":"bye"})"));
+    const std::pair<unsigned, std::string> wanted[] = {{1, "h\xc3\xa9llo"},
+                                                       {2, std::string("\0\xff", 2)},
+                                                       {9, "a ping"},
+                                                       {8,
+                                                        "\x03\xe9"
+                                                        "bye"}};
+    for (const auto &[opcode, payload] : wanted) {
+        const auto frame = simtest::read_frame(module);
+        ASSERT_TRUE(frame.has_value());
+        EXPECT_EQ(frame->opcode, opcode);
+        EXPECT_EQ(frame->payload, payload);
+    }
+}
+
+TEST(sim_web, a_round_trip_is_the_time_from_a_ping_to_the_pong_with_its_body) {
+    const WebSim sim;
+    Browser browser(sim);
+    Wire module;
+    ASSERT_TRUE(simtest::open_tunnel(module, sim.platform_port, "base"));
+    ASSERT_TRUE(browser.say(R"({"id":1,"do":"ping","tunnel":1,"text":"one"})"));
+    ASSERT_TRUE(module.write(simtest::library_frame(10, "another")));
+    ASSERT_TRUE(browser.hears(R"("trips":[])"));
+    ASSERT_TRUE(module.write(simtest::library_frame(10, "one")));
+    std::string update;
+    while (update.find(R"("trips":[0)") == std::string::npos && update.find(R"("trips":[1)") == std::string::npos) {
+        const auto frame = simtest::read_frame(browser);
+        ASSERT_TRUE(frame.has_value());
+        update = frame->payload;
+    }
+}
+
+TEST(sim_web, a_fault_is_switched_on_and_off_and_a_wrong_one_is_answered_with_the_reason) {
+    const WebSim sim;
+    Browser browser(sim);
+    ASSERT_TRUE(browser.say(R"({"id":1,"do":"fault","line":"latency never"})"));
+    EXPECT_TRUE(browser.hears(R"("replies":[{"id":1,"error":")"));
+    ASSERT_TRUE(browser.say(R"({"id":2,"do":"fault","line":"latency 20ms model=base"})"));
+    EXPECT_TRUE(browser.hears(R"("faults":[{"line":"latency 20ms model=base","name":"latency","applied":0)"));
+    ASSERT_TRUE(browser.say(R"({"id":3,"do":"fault-off","name":"latency"})"));
+    EXPECT_TRUE(browser.hears(R"("faults":[])"));
+}
+
+TEST(sim_web, tunnel_data_that_an_option_would_refuse_is_refused) {
+    const WebSim sim;
+    Browser browser(sim);
+    const auto change = [&](int id, const std::string &path) {
+        return browser.say(
+            R"({"id":)" + std::to_string(id) +
+            R"(,"do":"tunnel-data","host":"localhost","port":1,"tunnelValue":7,"token":"t","cookie":"","path":")" +
+            path + R"("})");
+    };
+    ASSERT_TRUE(change(1, "no slash"));
+    EXPECT_TRUE(browser.hears(R"({"id":1,"error":"a path begins with '/' and has no blank"})"));
+    ASSERT_TRUE(change(2, "/" + std::string(127, 'x')));
+    EXPECT_TRUE(browser.hears(R"({"id":2,"error":")"));
+    ASSERT_TRUE(change(3, "/other"));
+    EXPECT_TRUE(browser.hears(
+        R"("data":{"host":"localhost","port":1,"path":"/other","token":"t","cookie":"","tunnelValue":7})"));
+}
+
+TEST(sim_web, a_browser_that_reads_nothing_holds_nobody_up) {
+    const WebSim sim;
+    Browser stuck(sim);
+    Browser calm(sim);
+    Wire module;
+    ASSERT_TRUE(simtest::open_tunnel(module, sim.platform_port, "base"));
+    for (Browser *browser : {&stuck, &calm}) {
+        ASSERT_TRUE(browser->say(R"({"id":1,"do":"timeline","on":true})"));
+        ASSERT_TRUE(browser->say(R"({"id":2,"do":"watch","tunnel":1})"));
+    }
+    // Fragments are frames to show, and no lines of the timeline until the last.
+    constexpr int kFragments = 2000;
+    for (int i = 0; i < kFragments; i++) {
+        ASSERT_TRUE(module.write(simtest::library_frame(i == 0 ? 1 : 0, std::string(4000, 'x'), i == kFragments - 1)));
+    }
+    ASSERT_TRUE(module.write(simtest::library_frame(1, "the last one")));
+    EXPECT_TRUE(calm.hears("received text: the last one"));
 }
