@@ -96,6 +96,10 @@ awaitable<void> Daemon::accept(int start_number) {
             co_await pause.async_wait(use_awaitable);
             continue;
         }
+        if (taker_) {
+            taker_(std::move(socket));
+            continue;
+        }
         auto link = std::make_shared<DaemonLink>(io_, events_, changed_, policy_, std::move(socket), ++last_id_);
         links_.push_back(link);
         co_spawn(

@@ -1,6 +1,7 @@
 // The daemon: the unix socket that module processes connect to, and the links to them.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,9 @@ class Daemon {
     // start listens. A socket file on which no process listens is removed first. Throws std::runtime_error when the
     // daemon cannot listen.
     void start();
+
+    // take_with gives every new connection to `taker`, which serves it in the daemon's place.
+    void take_with(std::function<void(DaemonLink::Socket)> taker) { taker_ = std::move(taker); }
 
     // stop ends every link and removes the socket file, if it is still the daemon's own.
     void stop();
@@ -53,6 +57,7 @@ class Daemon {
     asio::local::stream_protocol::acceptor acceptor_;
     asio::steady_timer absence_;
     struct stat own_file_ = {};
+    std::function<void(DaemonLink::Socket)> taker_;
     std::vector<std::shared_ptr<DaemonLink>> links_;
     int last_id_ = 0;
     int starts_ = 0;

@@ -12,9 +12,6 @@
 namespace sim {
 namespace {
 
-// A module takes all that one read gives for one message. So a message waits for a moment of quiet, and until the one
-// before has been read, but not for ever.
-constexpr auto kQuiet = std::chrono::milliseconds(100);
 constexpr auto kReadTime = std::chrono::seconds(2);
 
 // unread returns whether the other end of a unix socket has bytes left to read.
@@ -51,13 +48,17 @@ const char *notice_name(Notice notice) {
     return "";
 }
 
+}  // namespace
+
 std::string reason_of(const error_code &error) {
     if (error == asio::error::eof) return "closed by the module process";
     if (error == asio::error::operation_aborted) return "closed by the daemon";
     return cat("broken: ", error.message());
 }
 
-}  // namespace
+Clock::time_point notice_due(asio::local::stream_protocol::socket &socket, Clock::time_point last_traffic) {
+    return last_traffic + (unread(socket.native_handle()) ? Clock::duration(kReadTime) : kQuiet);
+}
 
 DaemonLink::DaemonLink(asio::io_context &io, const EventStream &events, Condition &changed, const DaemonPolicy &policy,
                        Socket socket, int id)
@@ -182,7 +183,7 @@ void DaemonLink::notify(const std::string &model, Notice notice) {
 awaitable<void> DaemonLink::send_notifications() {
     const auto self = shared_from_this();
     while (!ended_) {
-        const auto due = last_traffic_ + (unread(socket_.native_handle()) ? Clock::duration(kReadTime) : kQuiet);
+        const auto due = notice_due(socket_, last_traffic_);
         if (pending_.empty()) {
             co_await pending_changed_.wait();
         } else if (Clock::now() < due) {

@@ -31,6 +31,14 @@ struct DaemonPolicy {
     std::function<void(std::chrono::milliseconds)> go_away = {};  // ends every link and comes back after the time
 };
 
+// A module takes all that one read gives for one message. So a notification waits for a moment of quiet, and until the
+// bytes before it have been read, but not for ever. notice_due is when the next one may go, as it looks now.
+constexpr auto kQuiet = std::chrono::milliseconds(100);
+Clock::time_point notice_due(asio::local::stream_protocol::socket &socket, Clock::time_point last_traffic);
+
+// reason_of says in words why a link ended.
+std::string reason_of(const error_code &error);
+
 class DaemonLink : public std::enable_shared_from_this<DaemonLink> {
   public:
     using Socket = asio::local::stream_protocol::socket;

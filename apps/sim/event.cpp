@@ -18,6 +18,11 @@ constexpr KindRow kRows[] = {
      .detail = Detail::states,
      .text = "these steps are drawn:\n{text}",
      .asked_for = true},
+    {Kind::recording_cut, "recording-cut", Detail::states, "{cause}"},
+    {Kind::replayed, "replayed", Detail::messages, "line {line}: {what}"},
+    {Kind::replay_differs, "replay-differs", Detail::states, "line {line}: {cause}"},
+    {Kind::replay_done, "replay-done", Detail::states,
+     "the recording is played: {compared} units of the module are as recorded"},
 
     {Kind::platform_listening, "platform-listening", Detail::states,
      "listening on {address}[, {transport}| for model '{model}']"},

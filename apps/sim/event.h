@@ -32,7 +32,7 @@ enum class Detail {
 // In groups by their source.
 // clang-format off
 enum class Kind : std::uint8_t {
-    ended_early, fault_on, fault_off, chaos_drawn,
+    ended_early, fault_on, fault_off, chaos_drawn, recording_cut, replayed, replay_differs, replay_done,
     platform_listening, port_unusual, accept_failed,
     daemon_listening, daemon_stopped, stale_socket_removed,
     link_opened, link_ended, module_registered, module_check_failed, module_not_served, notice_sent,

@@ -1,9 +1,6 @@
 #include "json_reader.h"
 
-#include <cerrno>
-#include <cstring>
 #include <ctime>
-#include <stdexcept>
 
 #include "json_text.h"
 #include "status.h"
@@ -47,13 +44,13 @@ void append_field(std::string &out, const Field &field) {
 
 }  // namespace
 
-std::string json_header(const EventStream &events) {
+std::string json_header(const EventStream &events, std::string_view format, int version) {
     const std::time_t began = std::chrono::system_clock::to_time_t(events.began());
     std::tm utc = {};
     ::gmtime_r(&began, &utc);
     char text[sizeof "2000-01-01T00:00:00Z"] = "";
     std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return cat(R"({"format":"cloudtunnel-sim-events","version":)", kJsonVersion, R"(,"program":"cloudtunnel-sim )",
+    return cat(R"({"format":")", format, R"(","version":)", version, R"(,"program":"cloudtunnel-sim )",
                CLOUDTUNNEL_SIM_VERSION, R"(","began":")", text, "\"}");
 }
 
@@ -79,17 +76,10 @@ std::string event_json(const Event &event) {
 }
 
 JsonReader::JsonReader(EventStream &events, const std::string &file, Detail detail)
-    : file_(file == "-" ? stdout : std::fopen(file.c_str(), "we")) {
-    if (!file_) throw std::runtime_error(cat("cannot write ", file, ": ", std::strerror(errno)));
-    write(json_header(events));
-    subscription_ = events.subscribe(kinds_up_to(detail), [this](const Event &event) { write(event_json(event)); });
-}
-
-// Each line is flushed: a program behind a pipe sees it at once, and a file is whole whatever happens next.
-void JsonReader::write(const std::string &line) {
-    std::fwrite(line.data(), 1, line.size(), file_.get());
-    std::fputc('\n', file_.get());
-    std::fflush(file_.get());
+    : file_(file, OutputFile::For::all, OutputFile::At::start) {
+    file_.write_line(json_header(events, kJsonFormat, kJsonVersion));
+    subscription_ =
+        events.subscribe(kinds_up_to(detail), [this](const Event &event) { file_.write_line(event_json(event)); });
 }
 
 }  // namespace sim

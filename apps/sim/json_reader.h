@@ -1,14 +1,14 @@
 // The reader that writes events as JSON, one object a line. docs/simulator.md describes the format.
 #pragma once
 
-#include <cstdio>
-#include <memory>
 #include <string>
 
 #include "event_stream.h"
+#include "output_file.h"
 
 namespace sim {
 
+constexpr std::string_view kJsonFormat = "cloudtunnel-sim-events";
 constexpr int kJsonVersion = 1;  // of the format; a change that an old consumer would misread makes it 2
 
 class JsonReader {
@@ -18,22 +18,15 @@ class JsonReader {
     JsonReader(EventStream &events, const std::string &file, Detail detail);
 
     // good is false once something could not be written.
-    [[nodiscard]] bool good() const { return std::ferror(file_.get()) == 0; }
+    [[nodiscard]] bool good() const { return file_.good(); }
 
   private:
-    void write(const std::string &line);
-
-    struct Close {
-        void operator()(std::FILE *file) const {
-            if (file != stdout) std::fclose(file);
-        }
-    };
-    std::unique_ptr<std::FILE, Close> file_;
+    OutputFile file_;
     Subscription subscription_;
 };
 
-// json_header is the first line, event_json the line of one event; both without the line's end.
-std::string json_header(const EventStream &events);
+// json_header is the first line of a format, event_json the line of one event; both without the line's end.
+std::string json_header(const EventStream &events, std::string_view format, int version);
 std::string event_json(const Event &event);
 
 }  // namespace sim

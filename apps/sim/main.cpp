@@ -10,6 +10,11 @@
 #include "common/program.h"
 #include "json_reader.h"
 #include "junit_reader.h"
+#include "keylog.h"
+#include "output_file.h"
+#include "recorder.h"
+#include "recording.h"
+#include "replay.h"
 #include "runner.h"
 #include "text.h"
 #include "text_reader.h"
@@ -28,12 +33,36 @@ void allow_descriptors() {
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// The recording and its file.
+class RecordFile {
+  public:
+    RecordFile(Simulator &simulator, const Options &options)
+        : file_(options.record, options.record_secrets ? OutputFile::For::owner : OutputFile::For::all,
+                OutputFile::At::start),
+          recorder_(simulator.events, simulator.tunnel_data,
+                    options.record_secrets ? Recorder::With::secrets : Recorder::With::replaced_secrets,
+                    [this](std::string_view line) { file_.write_line(line); }) {}
+
+    // finish returns false when something could not be written.
+    bool finish() {
+        recorder_.finish();
+        return file_.good();
+    }
+
+  private:
+    OutputFile file_;
+    Recorder recorder_;
+};
+
 // The readers that the options ask for.
 class Readers {
   public:
-    Readers(EventStream &events, const Options &options) : options_(options) {
+    Readers(Simulator &simulator, const Options &options) : options_(options) {
+        EventStream &events = simulator.events;
         if (options.json != "-") text_.emplace(events, options.quiet);
         if (!options.json.empty()) json_.emplace(events, options.json, options.json_detail);
+        if (!options.record.empty()) record_.emplace(simulator, options);
+        if (!options.keylog.empty()) keylog_.emplace(simulator.platform->tls(), options.keylog);
         if (options.junit.empty()) return;
         junit_file_.open(options.junit);  // at start: a file that cannot be written is better known before the steps
         if (!junit_file_) throw std::runtime_error(cat("cannot write ", options.junit));
@@ -43,6 +72,8 @@ class Readers {
     // finish writes what is written at the end. It returns `status`, or 1 when a reader could not write.
     int finish(int status) {
         if (json_ && !json_->good()) status = failed(options_.json);
+        if (record_ && !record_->finish()) status = failed(options_.record);
+        if (keylog_ && !keylog_->good()) status = failed(options_.keylog);
         if (junit_ && !(junit_file_ << junit_->report() << std::flush)) status = failed(options_.junit);
         return status;
     }
@@ -56,29 +87,26 @@ class Readers {
     const Options &options_;
     std::optional<TextReader> text_;
     std::optional<JsonReader> json_;
+    std::optional<RecordFile> record_;
+    std::optional<KeyLog> keylog_;
     std::optional<JunitReader> junit_;
     std::ofstream junit_file_;
 };
 
-// serve runs the simulator until the steps, a signal or the end of its time stop it; it returns the status to exit
-// with.
-int serve(const Options &options) {
-    allow_descriptors();
-    Simulator simulator(options);
-    Readers readers(simulator.events, options);
-    asio::signal_set signals(simulator.io, SIGINT, SIGTERM);  // first: a signal must never leave the socket file behind
-    simulator.start();
-    Runner runner(simulator, options);
+// run_to_end runs the simulator until the work, a signal or the end of the program's time stop it; it returns the
+// status to exit with. The work is the runner's or a replay's.
+template <class Work>
+int run_to_end(Simulator &simulator, const Options &options, asio::signal_set &signals, Work &work) {
     int status = 0;
     const auto end = [&](int with) {
         status = with;
         simulator.io.stop();
     };
     const auto cut_short = [&](const char *by) {
-        if (runner.running_steps()) common::complain(kProgramName, cat("ended by ", by, " before the last step"));
+        if (work.running()) common::complain(kProgramName, cat("ended by ", by, " before ", Work::kEnd));
         simulator.events.emit({.kind = Kind::ended_early, .source = Source::sim, .cause = by});
-        runner.skip_rest();
-        end(runner.running_steps() ? 1 : 0);
+        work.skip_rest();
+        end(work.running() ? 1 : 0);
     };
 
     signals.async_wait([&](error_code cancelled, int) {
@@ -88,7 +116,7 @@ int serve(const Options &options) {
     life.async_wait([&](error_code cancelled) {
         if (!cancelled) cut_short("--seconds");
     });
-    co_spawn(simulator.io, runner.run(), [&](std::exception_ptr failure, int with) {
+    co_spawn(simulator.io, work.run(), [&](std::exception_ptr failure, int with) {
         if (failure) std::rethrow_exception(failure);
         end(with);
     });
@@ -99,7 +127,38 @@ int serve(const Options &options) {
     const auto latest = Clock::now() + kShutdownTime;
     while (!simulator.empty() && simulator.io.run_one_until(latest) > 0) {
     }
-    return readers.finish(status);
+    return status;
+}
+
+// as_recorded are the options for the replay of a recording: what took part in it takes part again.
+Options as_recorded(const Recording &recording, Options options) {
+    options.with_platform = recording.has_platform;
+    options.with_daemon = recording.has_daemon;
+    options.platform.plain = recording.plain;
+    if (recording.plain && options.platform.port == 0) options.platform.port = *recording.ports.begin();
+    return options;
+}
+
+int serve(const Options &options) {
+    allow_descriptors();
+    Simulator simulator(options);
+    Readers readers(simulator, options);
+    asio::signal_set signals(simulator.io, SIGINT, SIGTERM);  // first: a signal must never leave the socket file behind
+    simulator.start();
+    Runner runner(simulator, options);
+    return readers.finish(run_to_end(simulator, options, signals, runner));
+}
+
+int replay(const Options &given) {
+    const Recording recording = read_recording_file(given.replay);
+    const Options options = as_recorded(recording, given);
+    check_options(options);
+    Simulator simulator(options);
+    Readers readers(simulator, options);
+    asio::signal_set signals(simulator.io, SIGINT, SIGTERM);
+    Replay work(simulator, recording, options);
+    simulator.start();
+    return readers.finish(run_to_end(simulator, options, signals, work));
 }
 
 }  // namespace
@@ -115,7 +174,7 @@ int main(int argc, char **argv) {
         .run =
             [&options] {
                 sim::check_options(options);
-                return sim::serve(options);
+                return options.replay.empty() ? sim::serve(options) : sim::replay(options);
             },
     };
     return common::run_program(program, {argv + 1, argv + argc});

@@ -203,6 +203,38 @@ common::OptionSection events_section(Options &options) {
         }};
 }
 
+ReplayPace pace_of(std::string_view name) {
+    if (name == "answers") return ReplayPace::answers;
+    if (name == "recorded") return ReplayPace::recorded;
+    throw BadInput(cat("'", printable(name), "' is none of answers, recorded"));
+}
+
+// "-" is standard output elsewhere; a recording there would stand in the timeline.
+common::Setter set_file(std::string &field) {
+    return [set = common::set_filled_text(field, kFileNameMax)](std::string_view name) {
+        if (name == "-") throw BadInput("it needs a file");
+        set(name);
+    };
+}
+
+common::OptionSection recordings_section(Options &options) {
+    using common::set_flag;
+    return {"Recordings",
+            {
+                {"--record", "FILE", "", "record the session: every event, and every byte of both sides",
+                 set_file(options.record)},
+                {"--record-secrets", "", "",
+                 "leave token, cookie, session and handshake key as they are; without it, they are replaced",
+                 set_flag(options.record_secrets)},
+                {"--replay", "FILE", "", "play the recorded session and compare what the module sends",
+                 set_file(options.replay)},
+                {"--replay-pace", "PACE", "answers", "play as fast as answers come, or as recorded: answers, recorded",
+                 [&options](std::string_view text) { options.replay_pace = pace_of(text); }},
+                {"--keylog", "FILE", "", "append the secrets of TLS in the NSS key log format, for packet analysers",
+                 set_file(options.keylog)},
+            }};
+}
+
 constexpr std::string_view kIntroduction =
     R"(Usage: cloudtunnel-sim [OPTION]...
 
@@ -227,7 +259,7 @@ zero, and the MASK bit is always set. A frame can have that bit and no key, as t
 stays exactly four bytes short for half a second is read as such, and the timeline shows it. The platform's own frames
 follow RFC 6455, and are masked only with --mask.
 
-Exit status: 0 success, 1 a step or the start failed, 2 the command line is wrong.
+Exit status: 0 success, 1 a step, the start or a replay failed, 2 the command line, a script or a recording is wrong.
 
 Examples:
   Serve any module, and watch:
@@ -243,6 +275,10 @@ Examples:
   See how a module bears a slow network, and one connection in three that is reset while it registers:
     cloudtunnel-sim --fault 'latency 200ms jitter 50ms' --fault 'reset_peer at=registration probability=33% seed=7'
 
+  Record a session, and later see whether a module still does the same:
+    cloudtunnel-sim --record good.session --do wait-tunnel --do 'request hello' --do close --do wait-close
+    cloudtunnel-sim --replay good.session
+
   Without TLS, on the one port where the library uses none:
     cloudtunnel-sim --plain --port 80
 )";
@@ -252,7 +288,7 @@ Examples:
 common::OptionTable option_table(Options &options) {
     return {platform_section(options), daemon_section(options),  tunnel_data_section(options.tunnel_data),
             faults_section(options),   web_section(options.web), steps_section(options),
-            events_section(options)};
+            events_section(options),   recordings_section(options)};
 }
 
 void set_tunnel_data(TunnelData &data, std::string_view name, std::string_view value) {
@@ -274,6 +310,16 @@ void check_options(const Options &options) {
         throw BadInput(cat("--web on ", web.address, ", beyond this machine, needs --web-token"));
     }
     if (!web.wanted && !web.token.empty()) throw BadInput("--web-token needs --web");
+    if (options.record_secrets && options.record.empty()) throw BadInput("--record-secrets needs --record");
+    if (!options.replay.empty() && (!options.steps.empty() || options.stay)) {
+        throw BadInput("--replay runs no steps: it plays those of the recording");
+    }
+    if (!options.replay.empty() && options.replay == options.record) {
+        throw BadInput("--replay and --record name the same file");
+    }
+    if (!options.keylog.empty() && (options.platform.plain || !options.with_platform)) {
+        throw BadInput("--keylog needs a platform with TLS");
+    }
 }
 
 std::string help_text() {

@@ -18,12 +18,20 @@ namespace sim {
 
 constexpr std::string_view kProgramName = "cloudtunnel-sim";
 
+enum class ReplayPace { answers, recorded };
+
 // The initial values stand in the table of the options.
 struct Options {
     bool quiet = false;
     std::string json;  // the file for events; empty: none
     Detail json_detail = Detail::messages;
     std::string junit;  // the file for the report of the steps; empty: none
+
+    std::string record;  // the file for the recording; empty: none
+    bool record_secrets = false;
+    std::string replay;  // the recording to play; empty: none
+    ReplayPace replay_pace = ReplayPace::answers;
+    std::string keylog;  // the file for the secrets of TLS; empty: none
 
     bool with_platform = true;
     PlatformOptions platform;

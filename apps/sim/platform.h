@@ -31,6 +31,12 @@ class Platform {
     // check_faults lets every tunnel look at the faults again.
     void check_faults();
 
+    // take_with gives every new connection to `taker`, which serves it in the platform's place.
+    void take_with(std::function<void(Stream)> taker) { taker_ = std::move(taker); }
+
+    // tls is what every tunnel's TLS session is made from.
+    [[nodiscard]] SSL_CTX *tls() { return tls_.native_handle(); }
+
     // stop closes the listeners and all tunnels.
     void stop();
 
@@ -60,6 +66,7 @@ class Platform {
 
     Context context_;
     PlatformOptions options_;
+    std::function<void(Stream)> taker_;
     asio::ssl::context tls_{asio::ssl::context::tls_server};
     std::list<Listener> listeners_;
     std::vector<std::shared_ptr<Tunnel>> tunnels_;  // in the order of their connections, without those that ended

@@ -10,6 +10,8 @@ namespace sim {
 
 class Runner {
   public:
+    static constexpr std::string_view kEnd = "the last step";
+
     Runner(Simulator &simulator, const Options &options);
 
     // run carries out the steps of the command line, then typed ones where they are wanted. It returns the status to
@@ -19,8 +21,8 @@ class Runner {
     // skip_rest emits the steps of the command line behind the one that is running as skipped.
     void skip_rest() const { skip_from(next_step_ + 1); }
 
-    // running_steps is true while a step of the command line is not done.
-    [[nodiscard]] bool running_steps() const { return next_step_ < steps_.size(); }
+    // running is true while a step of the command line is not done.
+    [[nodiscard]] bool running() const { return next_step_ < steps_.size(); }
 
   private:
     // What a step does. The step outlives it.

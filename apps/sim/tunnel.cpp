@@ -21,6 +21,8 @@ constexpr auto kFinishTime = 1s;       // for the peer's TLS close alert
 constexpr std::size_t kRequestMax = 65535;
 constexpr std::size_t kInboxMax = 1000;  // messages that no step reads are not kept for ever; the largest burst fits
 
+}  // namespace
+
 std::string reason_of(const system_error &error) {
     const error_code code = error.code();
     if (code == asio::error::eof) return "connection closed by the module";
@@ -29,8 +31,6 @@ std::string reason_of(const system_error &error) {
     if (code == asio::error::operation_aborted) return "connection closed by the platform";
     return cat("connection failed: ", code.message());
 }
-
-}  // namespace
 
 static const char *state_name(Tunnel::State state) {
     switch (state) {

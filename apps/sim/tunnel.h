@@ -32,6 +32,9 @@ struct Context {
     const FaultSet &faults;
 };
 
+// reason_of says in words why a tunnel's connection failed or ended.
+std::string reason_of(const system_error &error);
+
 class Tunnel : public std::enable_shared_from_this<Tunnel> {
   public:
     enum class State {

@@ -59,8 +59,8 @@ TEST(sim_json, bytes_that_are_no_utf_8_have_another_name_and_are_hex) {
 
 TEST(sim_json, the_first_line_names_format_and_version) {
     EventStream events;
-    const std::string header = json_header(events);
-    EXPECT_EQ(header.find(R"({"format":"cloudtunnel-sim-events","version":1,"program":"cloudtunnel-sim )"), 0u);
+    const std::string header = json_header(events, "some-format", 7);
+    EXPECT_EQ(header.find(R"({"format":"some-format","version":7,"program":"cloudtunnel-sim )"), 0u);
     EXPECT_TRUE(has(header, R"("began":"20)"));
 }
 
