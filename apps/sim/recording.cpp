@@ -193,6 +193,8 @@ void Reader::take_platform(json_object *fields) {
 }
 
 void Reader::open(Act act, Of of) {
+    if (of == Of::link && !out_.has_daemon) throw BadLine("no 'daemon-listening' stands before it");
+    if (of == Of::tunnel && !out_.has_platform) throw BadLine("no 'platform-listening' stands before it");
     if (!peers_.emplace(std::pair(of, id_), Peer{ModuleBytes(of)}).second) throw BadLine("its number was used before");
     add(act, of);
 }

@@ -240,6 +240,10 @@ TEST(sim_recording, a_wrong_one_is_refused_with_the_line_and_the_reason) {
         {start + R"({"time":1,"kind":"connected"})"
                  "\n",
          "file: line 4: 'id' is no number of a link or tunnel"},
+        {kHeader + kConnected, "file: line 2: no 'platform-listening' stands before it"},
+        {start + R"({"time":1,"id":1,"kind":"link-opened"})"
+                 "\n",
+         "file: line 4: no 'daemon-listening' stands before it"},
         {start + R"({"time":1,"id":1,"kind":"connected"})"
                  "\n",
          "file: line 4: its number was used before"},
