@@ -162,6 +162,9 @@ void Reader::take_event(json_object *event) {
         is(Kind::link_opened) || is(Kind::link_bytes_received) || is(Kind::link_bytes_sent) || is(Kind::link_ended);
     const bool tunnel_event = is(Kind::connected) || is(Kind::bytes_received) || is(Kind::bytes_sent) ||
                               is(Kind::frame_received) || is(Kind::tunnel_ended);
+    if (const std::string model = text_of(event, "model"); !model.empty() && text_of(event, "source") == "tunnel") {
+        out_.tunnel_models.emplace(id_of(event), model);
+    }
     if (!link_event && !tunnel_event) return;
 
     const Of of = link_event ? Of::link : Of::tunnel;

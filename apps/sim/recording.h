@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <istream>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -38,9 +39,10 @@ struct Recording {
     std::vector<Entry> entries;
     bool has_platform = false;
     bool has_daemon = false;
-    bool plain = false;             // the platform spoke plain TCP
-    std::set<std::uint16_t> ports;  // at which the platform listened
-    std::string cut;                // why it is no whole recording; empty when it is one
+    bool plain = false;                        // the platform spoke plain TCP
+    std::set<std::uint16_t> ports;             // at which the platform listened
+    std::map<int, std::string> tunnel_models;  // of the tunnels that came to register
+    std::string cut;                           // why it is no whole recording; empty when it is one
 };
 
 // read_recording throws BadInput with the line and the reason. `name` stands in front of them.

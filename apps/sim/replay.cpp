@@ -12,7 +12,8 @@
 namespace sim {
 namespace {
 
-constexpr auto kFinishTime = std::chrono::seconds(1);  // for the peer's TLS close alert
+constexpr auto kConnectTime = std::chrono::milliseconds(300);  // for a module to connect upon its tunnel data
+constexpr auto kFinishTime = std::chrono::seconds(1);          // for the peer's TLS close alert
 
 std::string handshake_key(const Unit &request) { return parse_upgrade(request.bytes).header("Sec-WebSocket-Key"); }
 
@@ -80,13 +81,15 @@ Replay::Replay(Simulator &simulator, const Recording &recording, const Options &
       recorded_pace_(options.replay_pace == ReplayPace::recorded),
       patience_(options.step_time) {
     for (const Entry &entry : recording.entries) {
-        if (entry.act == Act::link_opens || entry.act == Act::tunnel_connects) next_ids_[entry.of].push_back(entry.id);
+        if (entry.act == Act::link_opens) links_to_come_++;
+        if (entry.act == Act::tunnel_connects) tunnels_to_come_.push_back(entry.id);
+        if (entry.act == Act::module_sends && entry.of == Of::link) first_records_.emplace(entry.id, entry.unit);
     }
     if (simulator.platform) {
-        simulator.platform->take_with([this](Stream stream) { take(Of::tunnel, std::move(stream)); });
+        simulator.platform->take_with([this](Stream stream) { take_tunnel(std::move(stream)); });
     }
     if (simulator.daemon) {
-        simulator.daemon->take_with([this](DaemonLink::Socket socket) { take(Of::link, std::move(socket)); });
+        simulator.daemon->take_with([this](DaemonLink::Socket socket) { take_link(std::move(socket)); });
     }
 }
 
@@ -125,19 +128,55 @@ awaitable<int> Replay::run() {
 
 // Connections.
 
-void Replay::take(Of of, std::variant<Stream, DaemonLink::Socket> transport) {
-    if (next_ids_[of].empty()) return;  // made after the last one of the recording: it is closed
-    const int id = next_ids_[of].front();
-    next_ids_[of].pop_front();
-    const auto peer = std::make_shared<Peer>(simulator_, of, id, std::move(transport));
-    peers_[{of, id}] = peer;
-    if (peer->stream()) {
-        emit(*peer, Kind::connected, {{"peer", peer->stream()->peer()}});
-    } else {
-        emit(*peer, Kind::link_opened);
-    }
+// A tunnel or link that is made after the last one of the recording is closed.
+void Replay::take_tunnel(Stream stream) {
+    if (tunnels_to_come_.empty()) return;
+    auto next = std::ranges::find_if(tunnels_to_come_, [this](int id) {
+        const auto model = recording_.tunnel_models.find(id);
+        return notified_model_.empty() || model == recording_.tunnel_models.end() || model->second == notified_model_;
+    });
+    if (next == tunnels_to_come_.end()) next = tunnels_to_come_.begin();
+    const int id = *next;
+    tunnels_to_come_.erase(next);
+    notified_model_.clear();
+    const auto peer = std::make_shared<Peer>(simulator_, Of::tunnel, id, std::move(stream));
+    peers_[{Of::tunnel, id}] = peer;
+    emit(*peer, Kind::connected, {{"peer", peer->stream()->peer()}});
     co_spawn(simulator_.io, serve(peer), asio::detached);
     simulator_.changed.notify();
+}
+
+void Replay::take_link(DaemonLink::Socket socket) {
+    if (links_to_come_ == new_links_.size()) return;
+    const auto peer = std::make_shared<Peer>(simulator_, Of::link, 0, std::move(socket));
+    new_links_.push_back(peer);
+    co_spawn(simulator_.io, serve(peer), asio::detached);
+    simulator_.changed.notify();
+}
+
+// What a link has sent before it was told apart has not been shown yet.
+void Replay::bind_link(const Entry &entry, const std::shared_ptr<Peer> &peer) {
+    const std::shared_ptr<Peer> link = peer;
+    std::erase(new_links_, link);
+    links_to_come_--;
+    link->id = entry.id;
+    peers_[{Of::link, entry.id}] = link;
+    emit(*link, Kind::link_opened);
+    const std::string &left = link->in.left();
+    if (!left.empty()) emit(*link, Kind::link_bytes_received, {{"bytes", Bytes{left}}});
+}
+
+// link_like is the new link that begins as the recorded one does; the only one that is left needs not.
+std::shared_ptr<Replay::Peer> Replay::link_like(const Entry &entry) const {
+    if (new_links_.empty()) return nullptr;
+    const auto recorded = first_records_.find(entry.id);
+    if (links_to_come_ == 1 || recorded == first_records_.end()) return new_links_.front();
+    for (const auto &link : new_links_) {
+        ModuleBytes in = link->in;
+        const auto first = in.next();
+        if (first && difference(recorded->second, *first).empty()) return link;
+    }
+    return nullptr;
 }
 
 awaitable<void> Replay::serve(std::shared_ptr<Peer> peer) {
@@ -157,7 +196,10 @@ awaitable<void> Replay::serve(std::shared_ptr<Peer> peer) {
                 const std::size_t size = co_await peer->socket().async_read_some(asio::buffer(area), use_awaitable);
                 bytes.assign(area.data(), size);
             }
-            emit(*peer, peer->stream() ? Kind::bytes_received : Kind::link_bytes_received, {{"bytes", Bytes{bytes}}});
+            if (peer->id != 0) {
+                emit(*peer, peer->stream() ? Kind::bytes_received : Kind::link_bytes_received,
+                     {{"bytes", Bytes{bytes}}});
+            }
             peer->last_traffic = Clock::now();
             peer->in.add(bytes);
             simulator_.changed.notify();
@@ -168,7 +210,7 @@ awaitable<void> Replay::serve(std::shared_ptr<Peer> peer) {
     if (peer->ending.empty()) peer->ending = cause;
     peer->ended = true;
     peer->outbox.close();
-    emit(*peer, peer->stream() ? Kind::tunnel_ended : Kind::link_ended, {}, peer->ending);
+    if (peer->id != 0) emit(*peer, peer->stream() ? Kind::tunnel_ended : Kind::link_ended, {}, peer->ending);
     peer->latest_end.cancel();
     peer->close();
     simulator_.changed.notify();
@@ -236,8 +278,10 @@ awaitable<void> Replay::play(const Entry &entry) {
             simulator_.daemon->stop();
             co_return;
         case Act::link_opens:
+            co_await wait_for_link(entry);
+            co_return;
         case Act::tunnel_connects:
-            co_await wait_for_opening(entry);
+            co_await wait_for_tunnel(entry);
             co_return;
         case Act::module_sends:
             co_await wait_for_unit(entry);
@@ -273,7 +317,22 @@ Clock::time_point Replay::latest(const Entry &entry) const {
 }
 
 // A module may be started whenever one likes, so the first connection has all the time of the program.
-awaitable<void> Replay::wait_for_opening(const Entry &entry) {
+awaitable<void> Replay::wait_for_link(const Entry &entry) {
+    auto deadline = peers_.empty() ? Clock::time_point::max() : latest(entry);
+    for (;;) {
+        if (const auto link = link_like(entry)) {
+            bind_link(entry, link);
+            co_return;
+        }
+        if (!new_links_.empty()) deadline = std::min(deadline, latest(entry));
+        if (Clock::now() >= deadline) break;
+        co_await simulator_.changed.wait_until(deadline);
+    }
+    if (new_links_.empty()) throw Differs(entry, "expected to be opened, and the module does not");
+    bind_link(entry, new_links_.front());  // its record says how it differs
+}
+
+awaitable<void> Replay::wait_for_tunnel(const Entry &entry) {
     const auto deadline = peers_.empty() ? Clock::time_point::max() : latest(entry);
     while (!peers_.contains({entry.of, entry.id})) {
         if (Clock::now() >= deadline) throw Differs(entry, "expected to be opened, and the module does not");
@@ -348,6 +407,16 @@ awaitable<void> Replay::send(const Entry &entry) {
     if (to.ended) co_return;
     if (simulator_.events.wants(Kind::replayed)) show(entry, cat("sent ", bytes.size(), " bytes"));
     to.outbox.post(std::move(bytes));
+    co_await wait_for_notified();
+}
+
+// wait_for_notified lets the model that was notified connect before another one is.
+awaitable<void> Replay::wait_for_notified() {
+    const auto deadline = Clock::now() + kConnectTime;
+    while (!notified_model_.empty() && !tunnels_to_come_.empty() && Clock::now() < deadline) {
+        co_await simulator_.changed.wait_until(deadline);
+    }
+    notified_model_.clear();
 }
 
 // A reset discards what is not written, so that goes out first.
@@ -392,6 +461,7 @@ std::string Replay::with_address(std::string bytes) {
         }
         const std::string &host = simulator_.tunnel_data.host;
         recorded_host_.assign(record.host, strnlen(record.host, sizeof record.host));
+        notified_model_.assign(record.model, strnlen(record.model, sizeof record.model));
         std::memset(record.host, 0, sizeof record.host);
         host.copy(record.host, sizeof record.host - 1);
         record.port = simulator_.tunnel_data.port;

@@ -2,8 +2,10 @@
 //
 // The entries of the recording are carried out one after the other. One of the simulator's own is done when its time
 // has come; one of the module's is waited for. So whatever the module needed in the recording is there before it is
-// expected to go on, and nothing is sent before the module has sent what came before it. Connections are told apart by
-// the order in which they are made.
+// expected to go on, and nothing is sent before the module has sent what came before it.
+//
+// Several module processes connect in any order. A link is that of the recording with the same first record. A tunnel
+// is one of the model to which tunnel data were sent just before, and otherwise the next one of the recording.
 //
 // What differs from run to run is neither sent nor compared as it was recorded: the platform's address in the tunnel
 // data and in the request's Host, the key of the upgrade and its accept value, and the masks.
@@ -12,6 +14,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "recording.h"
 #include "simulator.h"
@@ -36,14 +39,18 @@ class Replay {
     struct Peer;
     struct Differs;
 
-    void take(Of of, std::variant<Stream, DaemonLink::Socket> transport);
+    void take_tunnel(Stream stream);
+    void take_link(DaemonLink::Socket socket);
+    void bind_link(const Entry &entry, const std::shared_ptr<Peer> &peer);
+    [[nodiscard]] std::shared_ptr<Peer> link_like(const Entry &entry) const;
     awaitable<void> serve(std::shared_ptr<Peer> peer);
     awaitable<void> write_queued(std::shared_ptr<Peer> peer);
     void end(const std::shared_ptr<Peer> &peer) const;
 
     awaitable<void> play(const Entry &entry);
     awaitable<void> pass_time(const Entry &entry);
-    awaitable<void> wait_for_opening(const Entry &entry);
+    awaitable<void> wait_for_link(const Entry &entry);
+    awaitable<void> wait_for_tunnel(const Entry &entry);
     awaitable<void> wait_for_unit(const Entry &entry);
     awaitable<void> wait_for_end(const Entry &entry);
     awaitable<void> send(const Entry &entry);
@@ -54,6 +61,7 @@ class Replay {
     [[nodiscard]] Unit wanted(const Entry &entry) const;
     void learn_key(Peer &peer, const Unit &recorded, const Unit &came) const;
     [[nodiscard]] std::string with_address(std::string bytes);
+    awaitable<void> wait_for_notified();
     static void nothing_left(const Entry &entry, const Peer &peer);
     [[nodiscard]] const std::shared_ptr<Peer> &peer(const Entry &entry) const;
     void emit(const Peer &peer, Kind kind, std::initializer_list<Field> fields = {}, std::string_view cause = {}) const;
@@ -63,7 +71,11 @@ class Replay {
     const Recording &recording_;
     bool recorded_pace_;
     std::chrono::seconds patience_;
-    std::map<Of, std::deque<int>> next_ids_;  // those of the connections that are still to come
+    std::map<int, Unit> first_records_;  // of the links
+    std::size_t links_to_come_ = 0;
+    std::vector<std::shared_ptr<Peer>> new_links_;  // not yet told apart
+    std::deque<int> tunnels_to_come_;
+    std::string notified_model_;  // its tunnel data were sent, and it has not connected yet
     std::map<std::pair<Of, int>, std::shared_ptr<Peer>> peers_;
     std::string recorded_host_;  // that the tunnel data had
     Clock::time_point start_{};  // when the time 0 of the recording was; moved where the module takes longer

@@ -187,6 +187,32 @@ TEST(sim_replay, the_options_are_checked_together) {
     }
 }
 
+// Two module processes: each registers and opens its tunnel once it has the tunnel data.
+TEST(sim_replay, several_modules_may_come_in_another_order) {
+    const auto run = [](SimProcess &sim, const std::vector<std::string> &models) {
+        const uint16_t port = sim.port();
+        Wire links[2], tunnels[2];
+        EXPECT_TRUE(sim.wait_for("daemon    listening on"));
+        for (size_t i = 0; i < 2; i++) {
+            EXPECT_TRUE(links[i].connect_unix(sim.socket_path()) && links[i].write(registration(models[i], "demo")));
+        }
+        for (Wire &link : links) EXPECT_NE(link.read_once(132), "");
+        for (const std::string model : {"a", "b"}) {  // in the order in which they get their tunnel data
+            Wire &link = links[model == models[0] ? 0 : 1];
+            EXPECT_EQ(half_at(link.read_once(1024), 308), port);
+            EXPECT_TRUE(open_tunnel(tunnels[model == "a" ? 0 : 1], port, model));
+        }
+        EXPECT_EQ(sim.finish(), 0) << sim.errors();
+    };
+    const File session;
+    SimProcess recorded({"--no-announce", "--record", session.path, "--record-secrets", "--do", "wait-module a", "--do",
+                         "wait-module b", "--do", "tunnel a", "--do", "wait-tunnel a", "--do", "tunnel b", "--do",
+                         "wait-tunnel b"});
+    run(recorded, {"a", "b"});
+    SimProcess replayed({"--replay", session.path});
+    run(replayed, {"b", "a"});
+}
+
 TEST(sim_replay, a_recording_of_a_replay_is_a_recording_too) {
     const File session(record());
     const File again;
@@ -201,8 +227,8 @@ TEST(sim_replay, a_recording_of_a_replay_is_a_recording_too) {
 TEST(sim_record, a_crash_leaves_what_was_written) {
     const File file;
     {
-        SimProcess sim({"--record", file.path});
-        ASSERT_TRUE(sim.wait_for("daemon    listening on"));
+        SimProcess sim({"--record", file.path, "--do", "sleep 30000"});
+        ASSERT_TRUE(sim.wait_for("sleep 30000"));  // what was before it is written
         sim.signal(SIGKILL);
     }
     EXPECT_NE(file.text().find("\"kind\":\"daemon-listening\""), std::string::npos);
