@@ -14,15 +14,15 @@ constexpr std::string_view kHeaderEnd = "\r\n\r\n";
 constexpr std::size_t kBefore = 20;  // bytes that are shown before the first different one
 constexpr std::size_t kShown = 60;
 
-std::string_view name_of(Unit::Kind kind) {
+std::string_view name_of(ModuleUnit::Kind kind) {
     switch (kind) {
-        case Unit::Kind::request:
+        case ModuleUnit::Kind::request:
             return "upgrade request";
-        case Unit::Kind::frame:
+        case ModuleUnit::Kind::frame:
             return "frame";
-        case Unit::Kind::record:
+        case ModuleUnit::Kind::record:
             return "registration record";
-        case Unit::Kind::raw:
+        case ModuleUnit::Kind::raw:
             return "bytes";
     }
     return "";
@@ -34,9 +34,9 @@ std::string header_of(const Frame &frame) {
 }
 
 // The text that is compared: without the key of an upgrade, and without the mask of a frame.
-std::string compared_text(const Unit &unit) {
-    if (unit.kind == Unit::Kind::frame) return unit.frame.payload;
-    if (unit.kind != Unit::Kind::request) return unit.bytes;
+std::string compared_text(const ModuleUnit &unit) {
+    if (unit.kind == ModuleUnit::Kind::frame) return unit.frame.payload;
+    if (unit.kind != ModuleUnit::Kind::request) return unit.bytes;
     std::string text = unit.bytes;
     const std::string key = parse_upgrade(text).header("Sec-WebSocket-Key");
     if (const auto at = text.find(key); !key.empty() && at != std::string::npos) {
@@ -46,8 +46,8 @@ std::string compared_text(const Unit &unit) {
 }
 
 // A recording that leaves bytes out has stars in their place.
-bool is_left_out(const Unit &unit) {
-    return unit.kind == Unit::Kind::raw && unit.bytes.find_first_not_of('*') == std::string::npos;
+bool is_left_out(const ModuleUnit &unit) {
+    return unit.kind == ModuleUnit::Kind::raw && unit.bytes.find_first_not_of('*') == std::string::npos;
 }
 
 std::string excerpt(std::string_view text, std::size_t at) {
@@ -58,64 +58,64 @@ std::string excerpt(std::string_view text, std::size_t at) {
 
 }  // namespace
 
-std::optional<Unit> ModuleBytes::next(Key key) {
+std::optional<ModuleUnit> ModuleBytes::next(Key key) {
     if (in_.empty()) return std::nullopt;
     if (of_ == Of::link) return next_record();
     if (upgraded_) return next_frame(key);
     const auto end = in_.find(kHeaderEnd);
     if (end == std::string::npos) return std::nullopt;
     upgraded_ = true;
-    return cut(Unit::Kind::request, end + kHeaderEnd.size());
+    return cut(ModuleUnit::Kind::request, end + kHeaderEnd.size());
 }
 
-std::optional<Unit> ModuleBytes::take(std::size_t size) {
+std::optional<ModuleUnit> ModuleBytes::take(std::size_t size) {
     if (in_.size() < size) return std::nullopt;
-    return cut(Unit::Kind::raw, size);
+    return cut(ModuleUnit::Kind::raw, size);
 }
 
-std::optional<Unit> ModuleBytes::next_record() {
+std::optional<ModuleUnit> ModuleBytes::next_record() {
     const std::size_t seen = std::min(in_.size(), sizeof kRegistrationType);
     if (std::memcmp(in_.data(), &kRegistrationType, seen) != 0) {
-        Unit out = cut(Unit::Kind::raw, in_.size());
+        ModuleUnit out = cut(ModuleUnit::Kind::raw, in_.size());
         out.fault = "they begin with another type than a registration";
         return out;
     }
     if (in_.size() < sizeof(WireRegistration)) return std::nullopt;
-    return cut(Unit::Kind::record, sizeof(WireRegistration));
+    return cut(ModuleUnit::Kind::record, sizeof(WireRegistration));
 }
 
-std::optional<Unit> ModuleBytes::next_frame(Key key) {
+std::optional<ModuleUnit> ModuleBytes::next_frame(Key key) {
     Decoded decoded = decode_frame(in_, key);
     if (decoded.result == Decoded::Result::bad) {
-        Unit out = cut(Unit::Kind::raw, in_.size());
+        ModuleUnit out = cut(ModuleUnit::Kind::raw, in_.size());
         out.fault = decoded.fault;
         return out;
     }
     if (decoded.result != Decoded::Result::done) return std::nullopt;
-    Unit out = cut(Unit::Kind::frame, decoded.used);
+    ModuleUnit out = cut(ModuleUnit::Kind::frame, decoded.used);
     out.frame = std::move(decoded.frame);
     return out;
 }
 
-Unit ModuleBytes::cut(Unit::Kind kind, std::size_t size) {
-    Unit out;
+ModuleUnit ModuleBytes::cut(ModuleUnit::Kind kind, std::size_t size) {
+    ModuleUnit out;
     out.kind = kind;
     out.bytes = in_.substr(0, size);
     in_.erase(0, size);
     return out;
 }
 
-std::string neutral_frame(const Unit &unit, std::string_view payload) {
+std::string neutral_frame(const ModuleUnit &unit, std::string_view payload) {
     const std::size_t key = unit.frame.keyless ? 0 : 4;
     const std::size_t header = unit.bytes.size() - unit.frame.payload.size() - key;
     return cat(unit.bytes.substr(0, header), std::string(key, '\0'), payload);
 }
 
-std::string describe(const Unit &unit) {
+std::string describe(const ModuleUnit &unit) {
     const std::string text = compared_text(unit);
     const std::string length = cat(text.size(), text.size() == 1 ? " byte" : " bytes");
-    const std::string what = unit.kind == Unit::Kind::frame ? header_of(unit.frame) : std::string(name_of(unit.kind));
-    if (unit.kind == Unit::Kind::record) {
+    const std::string what = unit.kind == ModuleUnit::Kind::frame ? header_of(unit.frame) : std::string(name_of(unit.kind));
+    if (unit.kind == ModuleUnit::Kind::record) {
         const std::string_view name = std::string_view(text).substr(offsetof(WireRegistration, name), 32);
         return cat(what, " of module '", printable(name.substr(0, name.find('\0'))), "'");
     }
@@ -124,7 +124,7 @@ std::string describe(const Unit &unit) {
     return cat(what, " of ", length, why, ", ", excerpt(text, 0));
 }
 
-std::string difference(const Unit &wanted, const Unit &came) {
+std::string difference(const ModuleUnit &wanted, const ModuleUnit &came) {
     const bool same_kind = wanted.kind == came.kind;
     if (same_kind && is_left_out(wanted) && wanted.bytes.size() == came.bytes.size()) return {};
     const std::string whole = cat("expected ", describe(wanted), ", came ", describe(came));
@@ -135,7 +135,7 @@ std::string difference(const Unit &wanted, const Unit &came) {
     if (a == b) return {};
     const auto at = static_cast<std::size_t>(std::ranges::mismatch(a, b).in1 - a.begin());
     const std::string what =
-        wanted.kind == Unit::Kind::frame ? header_of(wanted.frame) : std::string(name_of(wanted.kind));
+        wanted.kind == ModuleUnit::Kind::frame ? header_of(wanted.frame) : std::string(name_of(wanted.kind));
     const std::string sizes =
         a.size() == b.size() ? cat(a.size(), " bytes") : cat(a.size(), " bytes expected, of ", b.size(), " came");
     return cat(what, " of ", sizes, "; the first difference is at byte ", at, ": expected ", excerpt(a, at), ", came ",

@@ -10,7 +10,7 @@
 
 namespace sim {
 
-struct Unit {
+struct ModuleUnit {
     enum class Kind { request, frame, record, raw };
     Kind kind = Kind::raw;
     std::string bytes;  // as they came
@@ -27,17 +27,17 @@ class ModuleBytes {
 
     // next takes the next whole unit; nothing when more bytes are needed. A frame without a key is taken with
     // Key::left_out: the bytes do not show it.
-    std::optional<Unit> next(Key key = Key::follows);
+    std::optional<ModuleUnit> next(Key key = Key::follows);
 
     // take takes `size` bytes as they are; nothing when there are fewer.
-    std::optional<Unit> take(std::size_t size);
+    std::optional<ModuleUnit> take(std::size_t size);
 
     [[nodiscard]] const std::string &left() const { return in_; }
 
   private:
-    std::optional<Unit> next_record();
-    std::optional<Unit> next_frame(Key key);
-    Unit cut(Unit::Kind kind, std::size_t size);
+    std::optional<ModuleUnit> next_record();
+    std::optional<ModuleUnit> next_frame(Key key);
+    ModuleUnit cut(ModuleUnit::Kind kind, std::size_t size);
 
     Of of_;
     bool upgraded_ = false;
@@ -46,12 +46,12 @@ class ModuleBytes {
 
 // neutral_frame is a frame's bytes with a key of zeros, so that the payload can be read: two sessions that differ in
 // their keys have the same. `payload` has the length of the frame's own.
-std::string neutral_frame(const Unit &unit, std::string_view payload);
+std::string neutral_frame(const ModuleUnit &unit, std::string_view payload);
 
 // describe says in a line what a unit is and holds.
-std::string describe(const Unit &unit);
+std::string describe(const ModuleUnit &unit);
 
 // difference says in a line how `came` differs from `wanted`, and is empty when keys and masks are all that does.
-std::string difference(const Unit &wanted, const Unit &came);
+std::string difference(const ModuleUnit &wanted, const ModuleUnit &came);
 
 }  // namespace sim

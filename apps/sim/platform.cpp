@@ -82,7 +82,7 @@ awaitable<void> Platform::accept(Listener &listener) {
         socket.set_option(tcp::no_delay(true), error);  // a module waits for each of these frames
         asio::ssl::context *const tls = options_.plain ? nullptr : &tls_;
         if (taker_) {
-            taker_(tls ? Stream(std::move(socket), *tls) : Stream(std::move(socket)));
+            taker_(std::move(socket), tls);
             continue;
         }
         auto tunnel = std::make_shared<Tunnel>(context_, std::move(socket), tls, ++last_id_, listener.model);

@@ -32,7 +32,9 @@ class Platform {
     void check_faults();
 
     // take_with gives every new connection to `taker`, which serves it in the platform's place.
-    void take_with(std::function<void(Stream)> taker) { taker_ = std::move(taker); }
+    // Without a context it is to be plain.
+    using Taker = std::function<void(tcp::socket, asio::ssl::context *)>;
+    void take_with(Taker taker) { taker_ = std::move(taker); }
 
     // tls is what every tunnel's TLS session is made from.
     [[nodiscard]] SSL_CTX *tls() { return tls_.native_handle(); }
@@ -66,7 +68,7 @@ class Platform {
 
     Context context_;
     PlatformOptions options_;
-    std::function<void(Stream)> taker_;
+    Taker taker_;
     asio::ssl::context tls_{asio::ssl::context::tls_server};
     std::list<Listener> listeners_;
     std::vector<std::shared_ptr<Tunnel>> tunnels_;  // in the order of their connections, without those that ended

@@ -78,10 +78,10 @@ void Recorder::release(const Event &event, Key key) {
     if (held == tunnels_.end()) return;
     std::string bytes;
     while (const auto unit = held->second.next(key)) {
-        if (unit->kind == Unit::Kind::request) learn_request(unit->bytes);
-        if (unit->kind == Unit::Kind::frame) {
+        if (unit->kind == ModuleUnit::Kind::request) learn_request(unit->bytes);
+        if (unit->kind == ModuleUnit::Kind::frame) {
             bytes += neutral_frame(*unit, secrets_.replace(unit->frame.payload));
-        } else if (unit->kind == Unit::Kind::request) {
+        } else if (unit->kind == ModuleUnit::Kind::request) {
             bytes += secrets_.replace(unit->bytes);
         } else {
             bytes += std::string(unit->bytes.size(), '*');  // whatever it is, it may hold a masked secret

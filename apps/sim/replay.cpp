@@ -15,7 +15,7 @@ namespace {
 constexpr auto kConnectTime = std::chrono::milliseconds(300);  // for a module to connect upon its tunnel data
 constexpr auto kFinishTime = std::chrono::seconds(1);          // for the peer's TLS close alert
 
-std::string handshake_key(const Unit &request) { return parse_upgrade(request.bytes).header("Sec-WebSocket-Key"); }
+std::string handshake_key(const ModuleUnit &request) { return parse_upgrade(request.bytes).header("Sec-WebSocket-Key"); }
 
 void replace_once(std::string &text, std::string_view from, std::string_view to) {
     if (from.empty()) return;
@@ -34,11 +34,18 @@ bool is_reply(std::string_view bytes) {
 
 // One connection of the module.
 struct Replay::Peer {
-    Peer(Simulator &simulator, Of kind, int number, std::variant<Stream, DaemonLink::Socket> connection)
-        : of(kind),
+    Peer(Simulator &simulator, int number, tcp::socket connection, asio::ssl::context *tls)
+        : of(Of::tunnel),
+          id(number),
+          transport(std::in_place_type<Stream>, std::move(connection), tls, faults),
+          in(of),
+          outbox(simulator.io, simulator.changed),
+          latest_end(simulator.io) {}
+    Peer(Simulator &simulator, int number, DaemonLink::Socket connection)
+        : of(Of::link),
           id(number),
           transport(std::move(connection)),
-          in(kind),
+          in(of),
           outbox(simulator.io, simulator.changed),
           latest_end(simulator.io) {}
 
@@ -56,6 +63,8 @@ struct Replay::Peer {
 
     Of of;
     int id;
+    FaultSet no_faults;
+    ConnectionFaults faults{no_faults, id, "", [](const Fault &) {}};
     std::variant<Stream, DaemonLink::Socket> transport;
     ModuleBytes in;  // read and not yet compared
     Outbox outbox;
@@ -86,7 +95,8 @@ Replay::Replay(Simulator &simulator, const Recording &recording, const Options &
         if (entry.act == Act::module_sends && entry.of == Of::link) first_records_.emplace(entry.id, entry.unit);
     }
     if (simulator.platform) {
-        simulator.platform->take_with([this](Stream stream) { take_tunnel(std::move(stream)); });
+        simulator.platform->take_with(
+            [this](tcp::socket socket, asio::ssl::context *tls) { take_tunnel(std::move(socket), tls); });
     }
     if (simulator.daemon) {
         simulator.daemon->take_with([this](DaemonLink::Socket socket) { take_link(std::move(socket)); });
@@ -129,7 +139,7 @@ awaitable<int> Replay::run() {
 // Connections.
 
 // A tunnel or link that is made after the last one of the recording is closed.
-void Replay::take_tunnel(Stream stream) {
+void Replay::take_tunnel(tcp::socket socket, asio::ssl::context *tls) {
     if (tunnels_to_come_.empty()) return;
     auto next = std::ranges::find_if(tunnels_to_come_, [this](int id) {
         const auto model = recording_.tunnel_models.find(id);
@@ -139,7 +149,7 @@ void Replay::take_tunnel(Stream stream) {
     const int id = *next;
     tunnels_to_come_.erase(next);
     notified_model_.clear();
-    const auto peer = std::make_shared<Peer>(simulator_, Of::tunnel, id, std::move(stream));
+    const auto peer = std::make_shared<Peer>(simulator_, id, std::move(socket), tls);
     peers_[{Of::tunnel, id}] = peer;
     emit(*peer, Kind::connected, {{"peer", peer->stream()->peer()}});
     co_spawn(simulator_.io, serve(peer), asio::detached);
@@ -148,7 +158,7 @@ void Replay::take_tunnel(Stream stream) {
 
 void Replay::take_link(DaemonLink::Socket socket) {
     if (links_to_come_ == new_links_.size()) return;
-    const auto peer = std::make_shared<Peer>(simulator_, Of::link, 0, std::move(socket));
+    const auto peer = std::make_shared<Peer>(simulator_, 0, std::move(socket));
     new_links_.push_back(peer);
     co_spawn(simulator_.io, serve(peer), asio::detached);
     simulator_.changed.notify();
@@ -341,12 +351,12 @@ awaitable<void> Replay::wait_for_tunnel(const Entry &entry) {
 }
 
 awaitable<void> Replay::wait_for_unit(const Entry &entry) {
-    const Unit recorded = wanted(entry);
+    const ModuleUnit recorded = wanted(entry);
     const Key key = recorded.frame.keyless ? Key::left_out : Key::follows;
     Peer &from = *peer(entry);
     const auto deadline = latest(entry);
     for (;;) {
-        auto came = recorded.kind == Unit::Kind::raw ? from.in.take(recorded.bytes.size()) : from.in.next(key);
+        auto came = recorded.kind == ModuleUnit::Kind::raw ? from.in.take(recorded.bytes.size()) : from.in.next(key);
         const bool late = Clock::now() >= deadline;
         if (!came && (late || from.ended)) came = from.in.next(Key::left_out);
         if (came) {
@@ -433,17 +443,17 @@ awaitable<void> Replay::reset(const Entry &entry) {
 
 // What differs from run to run.
 
-Unit Replay::wanted(const Entry &entry) const {
-    Unit out = entry.unit;
-    if (out.kind == Unit::Kind::request && !recorded_host_.empty()) {
+ModuleUnit Replay::wanted(const Entry &entry) const {
+    ModuleUnit out = entry.unit;
+    if (out.kind == ModuleUnit::Kind::request && !recorded_host_.empty()) {
         replace_once(out.bytes, cat("Host: ", recorded_host_, "\r\n"),
                      cat("Host: ", simulator_.tunnel_data.host, "\r\n"));
     }
     return out;
 }
 
-void Replay::learn_key(Peer &peer, const Unit &recorded, const Unit &came) const {
-    if (recorded.kind != Unit::Kind::request) return;
+void Replay::learn_key(Peer &peer, const ModuleUnit &recorded, const ModuleUnit &came) const {
+    if (recorded.kind != ModuleUnit::Kind::request) return;
     peer.recorded_accept = accept_for(handshake_key(recorded));
     peer.accept = accept_for(handshake_key(came));
 }

@@ -39,7 +39,7 @@ class Replay {
     struct Peer;
     struct Differs;
 
-    void take_tunnel(Stream stream);
+    void take_tunnel(tcp::socket socket, asio::ssl::context *tls);
     void take_link(DaemonLink::Socket socket);
     void bind_link(const Entry &entry, const std::shared_ptr<Peer> &peer);
     [[nodiscard]] std::shared_ptr<Peer> link_like(const Entry &entry) const;
@@ -58,8 +58,8 @@ class Replay {
     awaitable<void> end_all();
     [[nodiscard]] Clock::time_point latest(const Entry &entry) const;
 
-    [[nodiscard]] Unit wanted(const Entry &entry) const;
-    void learn_key(Peer &peer, const Unit &recorded, const Unit &came) const;
+    [[nodiscard]] ModuleUnit wanted(const Entry &entry) const;
+    void learn_key(Peer &peer, const ModuleUnit &recorded, const ModuleUnit &came) const;
     [[nodiscard]] std::string with_address(std::string bytes);
     awaitable<void> wait_for_notified();
     static void nothing_left(const Entry &entry, const Peer &peer);
@@ -71,7 +71,7 @@ class Replay {
     const Recording &recording_;
     bool recorded_pace_;
     std::chrono::seconds patience_;
-    std::map<int, Unit> first_records_;  // of the links
+    std::map<int, ModuleUnit> first_records_;  // of the links
     std::size_t links_to_come_ = 0;
     std::vector<std::shared_ptr<Peer>> new_links_;  // not yet told apart
     std::deque<int> tunnels_to_come_;

@@ -67,6 +67,11 @@ const std::string kPlatform =
 const std::string kConnected = R"({"time":1,"id":1,"kind":"connected"})"
                                "\n";
 
+std::string upgrade_answer(std::string_view accept) {
+    return cat("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: ",
+               accept, "\r\n\r\n");
+}
+
 }  // namespace
 
 TEST(sim_recorder, no_secret_is_recorded_and_all_lengths_stay) {
@@ -75,7 +80,7 @@ TEST(sim_recorder, no_secret_is_recorded_and_all_lengths_stay) {
     const std::string opt1 = simtest::library_frame(1, simtest::opt1());
     const std::string accept = accept_for(kKey);
     session.received(request);
-    session.sent(upgrade_answer(101, accept));
+    session.sent(upgrade_answer(accept));
     session.received(opt1);
     session.emit(Kind::check_failed, {{"what", "OPT1"}}, "tokenID is 'x', expected 'desk-token'");
     session.recorder.finish();
@@ -84,10 +89,10 @@ TEST(sim_recorder, no_secret_is_recorded_and_all_lengths_stay) {
     }
     const Recording recording = session.read();
     ASSERT_EQ(recording.entries.size(), 4u);
-    const Unit &recorded_request = recording.entries[1].unit;
+    const ModuleUnit &recorded_request = recording.entries[1].unit;
     EXPECT_EQ(recorded_request.bytes.size(), request.size());
     EXPECT_EQ(recording.entries[2].bytes,
-              upgrade_answer(101, accept_for(parse_upgrade(recorded_request.bytes).header("Sec-WebSocket-Key"))));
+              upgrade_answer(accept_for(parse_upgrade(recorded_request.bytes).header("Sec-WebSocket-Key"))));
     EXPECT_EQ(recording.entries[3].unit.bytes.size(), opt1.size());
     EXPECT_EQ(recording.cut, "");
 }
@@ -169,12 +174,12 @@ TEST(sim_recording, units_are_put_together_from_any_pieces) {
         simtest::upgrade_request() + simtest::library_frame(1, "abc") + simtest::library_frame(9, "");
     for (size_t cut = 0; cut <= bytes.size(); cut++) {
         ModuleBytes in(Of::tunnel);
-        std::vector<Unit::Kind> kinds;
+        std::vector<ModuleUnit::Kind> kinds;
         for (const std::string &piece : {bytes.substr(0, cut), bytes.substr(cut)}) {
             in.add(piece);
             while (const auto unit = in.next()) kinds.push_back(unit->kind);
         }
-        EXPECT_EQ(kinds, (std::vector{Unit::Kind::request, Unit::Kind::frame, Unit::Kind::frame})) << cut;
+        EXPECT_EQ(kinds, (std::vector{ModuleUnit::Kind::request, ModuleUnit::Kind::frame, ModuleUnit::Kind::frame})) << cut;
     }
     ModuleBytes link(Of::link);
     link.add(simtest::registration("a", "b") + simtest::registration("c", "d").substr(0, 3));
@@ -190,7 +195,7 @@ TEST(sim_recording, keys_and_masks_make_no_difference) {
         in.add(bytes);
         return *in.next();
     };
-    Unit one = unit_of(simtest::library_frame(1, "abc"));
+    ModuleUnit one = unit_of(simtest::library_frame(1, "abc"));
     EXPECT_EQ(difference(one, unit_of(std::string("\x81\x83\0\0\0\0abc", 9))), "");
     EXPECT_EQ(difference(one, unit_of(simtest::library_frame(2, "abc"))),
               "expected text frame of 3 bytes, 'abc', came binary frame of 3 bytes, 'abc'");
