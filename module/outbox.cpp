@@ -47,8 +47,9 @@ void Outbox::remove_first() {
 }
 
 void Outbox::drop_messages() {
-    const bool fragment_under_way = wire_left_ > 0 && (wire_done_ == Done::fragment || wire_done_ == Done::message);
-    // The frame that is under way goes out to the end: the peer is in the middle of it.
+    // The frame that is under way goes out to the end: the peer is in the middle of it. So does one that the messages
+    // were dropped behind before.
+    const bool fragment_under_way = wire_left_ > 0 && wire_done_ <= Done::dropped;
     Item *kept = fragment_under_way ? first_ : nullptr;
     if (kept) first_ = kept->next;
     while (first_) remove_first();

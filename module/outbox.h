@@ -40,7 +40,7 @@ class Outbox {
     [[nodiscard]] const uint8_t *wire() const { return wire_; }
     [[nodiscard]] size_t wire_left() const { return wire_left_; }
 
-    // sent returns what the last byte completed.
+    // sent returns what the last byte completed: up to `dropped` a frame of a message, behind it a control frame.
     enum class Done { nothing, fragment, message, dropped, ping, pong, close };
     struct Sent {
         Done done = Done::nothing;

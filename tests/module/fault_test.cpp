@@ -214,6 +214,25 @@ TEST_F(FaultTest, an_end_without_a_reason_in_the_log_is_for_want_of_memory) {
     EXPECT_EQ(guest.states.back(), "pausing no_memory");
 }
 
+// The first has dropped the queue, and its own close waits behind the frame that is under way.
+TEST_F(FaultTest, a_close_of_the_peer_behind_its_protocol_error_completes_the_frame) {
+    Guest &guest = make();
+    Platform platform = offer_open(guest);
+    platform.server->send(frame(support::kContinuation, "of nothing") + frame(support::kClose, "\x03\xe8"));
+    {
+        const support::Fault drip("send", {.times = support::kAlways, .at_most = 1});
+        EXPECT_EQ(ctm_tunnel_send_text(guest.tunnel, std::string(200, 'x').c_str()), CTM_OK);
+    }
+    {
+        const support::Fault full("send", {.times = support::kAlways, .error = EAGAIN});
+        EXPECT_TRUE(run_until([&] { return guest.state() == "closing"; }));
+        ctm_dispatch();
+    }
+    EXPECT_EQ(next_frame(platform).body, std::string(200, 'x'));
+    EXPECT_EQ(next_frame(platform).body, "\x03\xe8");
+    EXPECT_EQ(guest.cause.cause, CTM_CAUSE_PROTOCOL);
+}
+
 TEST_F(FaultTest, an_init_that_fails_leaves_nothing_open) {
     daemon.stop();  // its end of the link is a descriptor, too
     for (const char *call : {"epoll_create", "epoll_create1", "epoll_ctl"}) {

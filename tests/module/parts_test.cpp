@@ -172,6 +172,23 @@ TEST(outbox, dropped_messages_leave_the_frame_that_is_under_way) {
     EXPECT_EQ(outbox.bytes(), 0U);
 }
 
+TEST(outbox, messages_dropped_twice_leave_the_frame_that_is_under_way) {
+    Outbox outbox;
+    ASSERT_TRUE(outbox.push(kText, "abcd", 4));
+    EXPECT_TRUE(outbox.next(2));
+    std::string wire(reinterpret_cast<const char *>(outbox.wire()), 1);
+    outbox.sent(1);
+    outbox.drop_messages();
+    outbox.drop_messages();
+    EXPECT_EQ(outbox.messages(), 1U);
+    wire += drain(outbox, 2);
+    const auto piece = support::take_frame(wire);
+    ASSERT_TRUE(piece);
+    EXPECT_EQ(piece->body, "ab");
+    EXPECT_TRUE(outbox.empty());
+    EXPECT_EQ(outbox.bytes(), 0U);
+}
+
 TEST(outbox, an_empty_queue_has_room_for_any_message_and_each_counts_with_its_record) {
     Outbox outbox;
     EXPECT_TRUE(outbox.has_room(100, 100));
