@@ -488,12 +488,12 @@ void tunnels_reap() {
 // ---------------------------------------------------------------------------------------------------------- calls
 
 void tunnel_open(ctm_tunnel *tunnel) {
+    const bool waits = tunnel->options.without_data == CTM_WAIT && !tunnel->row->data;
     if (tunnel->ending || tunnel->state == CTM_CLOSING) {
-        tunnel->after = After::restart;
+        tunnel->after = waits ? After::wait : After::restart;
         return;
     }
     tunnel->pause.reset();
-    const bool waits = tunnel->options.without_data == CTM_WAIT && !tunnel->row->data;
     if (waits) return wait_for_data(tunnel);
     blame_nothing(tunnel);
     pause_until(tunnel, now_us());

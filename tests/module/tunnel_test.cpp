@@ -450,6 +450,19 @@ TEST_F(TunnelTest, data_that_come_while_the_daemons_close_is_under_way_have_it_s
     open(platform, guest);
 }
 
+TEST_F(TunnelTest, a_closing_tunnel_that_is_opened_waits_where_the_daemon_has_closed_the_model) {
+    Guest &guest = make();
+    Platform platform = offer_open(guest);
+    EXPECT_EQ(ctm_tunnel_close(guest.tunnel, 1000, nullptr, 0), CTM_OK);
+    support::Notification notification = data("model", 0);
+    notification.sub_type = 2;
+    tell(notification);
+    EXPECT_EQ(ctm_tunnel_open(guest.tunnel), CTM_OK);
+    platform.server->send(frame(support::kClose, next_frame(platform).body));
+    EXPECT_TRUE(run_until([&] { return guest.state() == "waiting"; }, platform.server.get()));
+    EXPECT_EQ(guest.counters().attempts, 1U);
+}
+
 TEST_F(TunnelTest, an_open_tunnel_outlives_the_daemon_and_a_waiting_one_says_what_it_waits_for) {
     Guest &guest = make("open");
     Platform platform = offer_open(guest);
