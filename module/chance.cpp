@@ -35,7 +35,7 @@ void chance_fill(uint8_t *to, size_t count) {
 
 uint32_t chance_below(uint32_t bound) {
     uint32_t number = 0;
-    for (size_t i = 0; i < sizeof number; i++) number = number << 8 | next_byte();
+    chance_fill(reinterpret_cast<uint8_t *>(&number), sizeof number);
     return bound == 0 ? 0 : number % bound;
 }
 
