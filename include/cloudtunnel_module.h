@@ -277,7 +277,7 @@ typedef struct ctm_tunnel_options {
     ctm_notice_fn *notice;
     uint32_t pause_first_ms;   /* before the second attempt, doubled before each further one; 0: 1000 */
     uint32_t pause_longest_ms; /* no pause is longer; 0: 60000, or the first pause */
-    uint32_t jitter_percent;   /* each pause is this much shorter or longer, by chance, at most; 0: 25; CTM_NEVER */
+    uint32_t jitter_percent;   /* each pause is this much shorter or longer at most, at random; 0: 25; CTM_NEVER */
     uint32_t stable_ms;        /* open for so long, the pauses start over; 0: 30000 */
     uint32_t ping_ms;          /* a ping so often; 0: 30000; CTM_NEVER */
     uint32_t dead_ms;          /* the peer is dead without any frame for so long; 0: 90000, or 3 * ping_ms; CTM_NEVER */

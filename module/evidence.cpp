@@ -12,7 +12,7 @@
 
 #include "format.h"
 #include "known_messages.h"
-#include "words.h"
+#include "text_table.h"
 
 namespace ctm {
 namespace {
@@ -53,7 +53,7 @@ constexpr auto kRows = [] {
     return rows;
 }();
 
-// The meanings, one behind the other as word_at reads them.
+// The meanings, one behind the other as text_at reads them.
 constexpr size_t kMeaningsSize = [] {
     size_t size = 0;
     for (const KnownMessage &known : kKnownMessages) size += std::string_view(known.meaning).size() + 1;
@@ -194,7 +194,7 @@ void evidence_take(const char *format, va_list args) {
     const int error = errno;
     const uint32_t id = format_id(format);
     for (size_t i = 0; i < kKnown; i++) {
-        if (kRows[i].format == id) find(kRows[i], word_at(kMeanings.data(), i), arguments_of(format, args), error);
+        if (kRows[i].format == id) find(kRows[i], text_at(kMeanings.data(), i), arguments_of(format, args), error);
     }
 }
 

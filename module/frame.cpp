@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "chance.h"
+#include "random.h"
 
 namespace ctm {
 namespace {
@@ -24,7 +24,7 @@ uint64_t big_endian(const uint8_t *from, size_t size) {
 
 uint8_t *frame_wrap(uint8_t *payload, size_t length, uint8_t opcode, bool fin) {
     uint8_t *key = payload - kKeySize;
-    chance_fill(key, kKeySize);
+    random_fill(key, kKeySize);
     uint8_t *frame = payload - (length > kControlMax ? kHeaderMax : kSmallHeader);
     frame[0] = static_cast<uint8_t>((fin ? kFin : 0) | opcode);
     if (length > kControlMax) {

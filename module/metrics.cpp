@@ -9,9 +9,9 @@
 
 #include "names.h"
 #include "process.h"
+#include "text_table.h"
 #include "totals.h"
 #include "tunnel.h"
-#include "words.h"
 
 namespace ctm {
 namespace {
@@ -107,7 +107,7 @@ constexpr Family kFamilies[] = {
     {Type::gauge, Unit::microseconds, Label::none, offsetof(ctm_counters, round_trip_smallest_us)},
     {Type::gauge, Unit::microseconds, Label::none, offsetof(ctm_counters, round_trip_mean_us)},
 };
-static_assert(word_count(kFamilyNames) == std::size(kFamilies));
+static_assert(text_count(kFamilyNames) == std::size(kFamilies));
 
 // add_label writes the label that tells sample `index` from the tunnel's others. A state set's is named as its family.
 void add_label(Text &text, const Family &family, int index) {
@@ -139,8 +139,8 @@ void add_samples(Text &text, const Family &family, const char *name, const ctm_t
 }
 
 void add_family(Text &text, const Family &family, const char *name) {
-    const char *unit = word_at(kUnits, static_cast<size_t>(family.unit));
-    text.add("# TYPE cloudtunnel_%s %s\n", name, word_at(kTypes, static_cast<size_t>(family.type)));
+    const char *unit = text_at(kUnits, static_cast<size_t>(family.unit));
+    text.add("# TYPE cloudtunnel_%s %s\n", name, text_at(kTypes, static_cast<size_t>(family.type)));
     if (*unit) text.add("# UNIT cloudtunnel_%s %s\n", name, unit);
     for (const ModelRow &row : registry_rows()) {
         if (row.tunnel) add_samples(text, family, name, row.tunnel);
@@ -157,7 +157,7 @@ size_t ctm_metrics(char *text, size_t size) {
     const char *name = ctm::kFamilyNames;
     for (const ctm::Family &family : ctm::kFamilies) {
         ctm::add_family(out, family, name);
-        name = ctm::word_at(name, 1);
+        name = ctm::text_at(name, 1);
     }
     out.add("# EOF\n");
     return out.length();

@@ -2,11 +2,11 @@
 #include <cloudtunnel_module.h>
 
 #include "names.h"
-#include "words.h"
+#include "text_table.h"
 
 namespace {
 
-using ctm::word_count;
+using ctm::text_count;
 
 constexpr char kResults[] =
     "ok\0"
@@ -41,7 +41,7 @@ constexpr char kResults[] =
     "the queue is full\0"
     "the last ping has no answer yet";
 constexpr int kResultCount = CTM_PING_ON_ITS_WAY + 1;
-static_assert(word_count(kResults) == kResultCount);
+static_assert(text_count(kResults) == kResultCount);
 
 constexpr char kStates[] =
     "closed\0"
@@ -50,7 +50,7 @@ constexpr char kStates[] =
     "connecting\0"
     "open\0"
     "closing";
-static_assert(word_count(kStates) == CTM_STATES);
+static_assert(text_count(kStates) == CTM_STATES);
 
 constexpr char kSteps[] =
     "data\0"
@@ -59,7 +59,7 @@ constexpr char kSteps[] =
     "upgrade_sent\0"
     "upgraded\0"
     "registering";
-static_assert(word_count(kSteps) == CTM_STEPS);
+static_assert(text_count(kSteps) == CTM_STEPS);
 
 constexpr char kCauseNames[] =
     "none\0"
@@ -80,7 +80,7 @@ constexpr char kCauseNames[] =
     "no_memory\0"
     "system\0"
     "closed_by_us";
-static_assert(word_count(kCauseNames) == CTM_CAUSES);
+static_assert(text_count(kCauseNames) == CTM_CAUSES);
 
 constexpr char kCauseTexts[] =
     "nothing has ended\0"
@@ -101,16 +101,16 @@ constexpr char kCauseTexts[] =
     "memory is short\0"
     "a call of the system failed\0"
     "closed by this side";
-static_assert(word_count(kCauseTexts) == CTM_CAUSES);
+static_assert(text_count(kCauseTexts) == CTM_CAUSES);
 
-const char *name_of(const char *words, int number, int count) {
-    return number >= 0 && number < count ? ctm::word_at(words, static_cast<size_t>(number)) : "unknown";
+const char *name_of(const char *table, int number, int count) {
+    return number >= 0 && number < count ? ctm::text_at(table, static_cast<size_t>(number)) : "unknown";
 }
 
 }  // namespace
 
 const char *ctm_result_text(ctm_result result) {
-    return result >= 0 && result < kResultCount ? ctm::word_at(kResults, static_cast<size_t>(result))
+    return result >= 0 && result < kResultCount ? ctm::text_at(kResults, static_cast<size_t>(result))
                                                 : "unknown result";
 }
 

@@ -1,4 +1,4 @@
-// The pause before the next attempt: doubled each time up to the longest, each a little shorter or longer by chance, so
+// The pause before the next attempt: doubled each time up to the longest, each a little shorter or longer at random, so
 // that a thousand devices do not come back in the same moment.
 #pragma once
 

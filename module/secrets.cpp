@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "words.h"
+#include "text_table.h"
 
 namespace ctm {
 namespace {
@@ -44,8 +44,8 @@ void blank_all(char *text, const char *begin, const char *end) {
 }  // namespace
 
 void secrets_blank(char *text) {
-    for (const char *marker = kMarkers; *marker; marker = word_at(marker, 2))
-        blank_all(text, marker, word_at(marker, 1));
+    for (const char *marker = kMarkers; *marker; marker = text_at(marker, 2))
+        blank_all(text, marker, text_at(marker, 1));
 }
 
 }  // namespace ctm

@@ -36,8 +36,9 @@ bool stands(const ctm_tunnel *tunnel) {
     return tunnel->state == CTM_CONNECTING || tunnel->state == CTM_OPEN || tunnel->state == CTM_CLOSING;
 }
 
-// blame sets why the state that follows is entered.
-[[gnu::noinline]] void blame(ctm_tunnel *tunnel, ctm_cause cause, std::string_view detail, int32_t close_status = 0) {
+// set_cause sets why the state that follows is entered.
+[[gnu::noinline]] void set_cause(ctm_tunnel *tunnel, ctm_cause cause, std::string_view detail,
+                                 int32_t close_status = 0) {
     ctm_cause_info &info = tunnel->cause;
     info = {};
     info.cause = cause;
@@ -45,11 +46,11 @@ bool stands(const ctm_tunnel *tunnel) {
     memcpy(info.detail, detail.data(), std::min(detail.size(), sizeof info.detail - 1));
 }
 
-void blame_nothing(ctm_tunnel *tunnel) { blame(tunnel, CTM_CAUSE_NONE, ""); }
+void clear_cause(ctm_tunnel *tunnel) { set_cause(tunnel, CTM_CAUSE_NONE, ""); }
 
 // ---------------------------------------------------------------------------------------------------------- states
 
-// enter has the tunnel enter a state; blame has set why.
+// enter has the tunnel enter a state; set_cause has set why.
 void enter(ctm_tunnel *tunnel, ctm_state state) {
     const uint64_t ms = tunnel_state_ms(tunnel);
     tunnel->counters.state_ms[tunnel->state] += ms;
@@ -62,9 +63,9 @@ void enter(ctm_tunnel *tunnel, ctm_state state) {
 
 void enter_waiting(ctm_tunnel *tunnel) {
     if (g_iCloudClientConnFd >= 0)
-        blame(tunnel, CTM_CAUSE_NO_DATA, "the daemon is connected");
+        set_cause(tunnel, CTM_CAUSE_NO_DATA, "the daemon is connected");
     else
-        blame(tunnel, CTM_CAUSE_NO_DAEMON, "it is tried again every 10 s");
+        set_cause(tunnel, CTM_CAUSE_NO_DAEMON, "it is tried again every 10 s");
     enter(tunnel, CTM_WAITING);
 }
 
@@ -98,7 +99,7 @@ void settle(ctm_tunnel *tunnel) {
     }
 }
 
-// finish has an attempt or a tunnel end whose connection is gone; blame has set why.
+// finish has an attempt or a tunnel end whose connection is gone; set_cause has set why.
 void finish(ctm_tunnel *tunnel) {
     const bool was_open = tunnel->state == CTM_OPEN || tunnel->state == CTM_CLOSING;
     line_end(tunnel);
@@ -134,7 +135,7 @@ void drop(ctm_tunnel *tunnel) {
 
 // begin_close sends a close frame behind what waits, or in place of it, and waits for its answer.
 void begin_close(ctm_tunnel *tunnel, ctm_cause cause, uint16_t status, std::string_view reason, After next) {
-    blame(tunnel, cause, reason, status);
+    set_cause(tunnel, cause, reason, status);
     tunnel->outbox.close(status, reason);
     tunnel->after = next;
     tunnel_wait_on(tunnel);
@@ -147,7 +148,7 @@ void begin_close(ctm_tunnel *tunnel, ctm_cause cause, uint16_t status, std::stri
 void end(ctm_tunnel *tunnel, bool open, uint16_t status, std::string_view reason, After next) {
     if (open) return begin_close(tunnel, CTM_CAUSE_CLOSED_BY_US, status, reason, next);
     tunnel->after = next;
-    blame(tunnel, CTM_CAUSE_CLOSED_BY_US, reason, status);
+    set_cause(tunnel, CTM_CAUSE_CLOSED_BY_US, reason, status);
     drop(tunnel);
 }
 
@@ -177,7 +178,7 @@ void take_close(ctm_tunnel *tunnel, const uint8_t *body, size_t length) {
     tunnel_wait_on(tunnel);
     if (tunnel->state == CTM_OPEN) {  // else both have closed at once
         tunnel->after = After::retry;
-        blame(tunnel, CTM_CAUSE_CLOSED_BY_PEER, tunnel->peer_reason, tunnel->peer_status);
+        set_cause(tunnel, CTM_CAUSE_CLOSED_BY_PEER, tunnel->peer_reason, tunnel->peer_status);
         enter(tunnel, CTM_CLOSING);
     }
     line_pump(tunnel);
@@ -287,14 +288,14 @@ int on_connected(int sock) {
     tunnel->heard_us = now;
     tunnel->partial_seen = 0;
     tunnel->counters.opened++;
-    blame_nothing(tunnel);
+    clear_cause(tunnel);
     enter(tunnel, CTM_OPEN);
     return 0;
 }
 
-// blame_libcloudtunnel sets the reason that its log has given.
-void blame_libcloudtunnel(ctm_tunnel *tunnel) {
-    blame(tunnel, CTM_CAUSE_NO_MEMORY, "libcloudtunnel logs every other reason");
+// set_logged_cause sets the reason that its log has given.
+void set_logged_cause(ctm_tunnel *tunnel) {
+    set_cause(tunnel, CTM_CAUSE_NO_MEMORY, "libcloudtunnel logs every other reason");
     const ctm_cause_info &found = evidence_found();
     if (found.cause != CTM_CAUSE_NONE) tunnel->cause = found;
     if (found.cause == CTM_CAUSE_NOT_RESOLVED && found.resolver_error == 0)
@@ -307,7 +308,7 @@ int on_failed(const char *model) {
     tunnel->sock = -1;  // closed by now
     tunnel->watched = false;
     // Before anything of the caller's runs: a send on another tunnel clears the evidence.
-    if (tunnel->state == CTM_CONNECTING || tunnel->state == CTM_OPEN) blame_libcloudtunnel(tunnel);
+    if (tunnel->state == CTM_CONNECTING || tunnel->state == CTM_OPEN) set_logged_cause(tunnel);
     evidence_clear();
     if (tunnel->state == CTM_CONNECTING) show_steps(tunnel);
     if (!tunnel->freed && stands(tunnel)) finish(tunnel);
@@ -351,7 +352,7 @@ void start(ctm_tunnel *tunnel) {
     tunnel->after = After::retry;
     tunnel->due_us = now_us() + kWatchdog;
     tunnel->counters.attempts++;
-    blame_nothing(tunnel);
+    clear_cause(tunnel);
     enter(tunnel, CTM_CONNECTING);
     if (tunnel->freed || tunnel->state != CTM_CONNECTING) return;
     evidence_clear();
@@ -379,7 +380,7 @@ void data_changed(ctm_tunnel *tunnel, bool plain) {
 
 void stay_alive(ctm_tunnel *tunnel, int64_t now) {
     if (now >= after(tunnel->heard_us, tunnel->options.dead_ms)) {
-        blame(tunnel, CTM_CAUSE_DEAD, "no frame came in time");
+        set_cause(tunnel, CTM_CAUSE_DEAD, "no frame came in time");
         return drop(tunnel);
     }
     if (now >= tunnel->ping_due_us) {
@@ -392,7 +393,7 @@ void stay_alive(ctm_tunnel *tunnel, int64_t now) {
 void step(ctm_tunnel *tunnel, int64_t now) {
     if (tunnel->broken) {
         if (tunnel->state == CTM_OPEN) {
-            blame(tunnel, CTM_CAUSE_CLOSED_BY_PEER, strerror(tunnel->broken_error));
+            set_cause(tunnel, CTM_CAUSE_CLOSED_BY_PEER, strerror(tunnel->broken_error));
             tunnel->cause.system_error = tunnel->broken_error;
         }
         return drop(tunnel);
@@ -403,7 +404,7 @@ void step(ctm_tunnel *tunnel, int64_t now) {
     if (tunnel->state == CTM_OPEN) return stay_alive(tunnel, now);
     if (now < tunnel->due_us) return;
     if (tunnel->state == CTM_PAUSING) return start(tunnel);
-    if (tunnel->state == CTM_CONNECTING) blame(tunnel, CTM_CAUSE_NO_ANSWER, "the set-up stands still");
+    if (tunnel->state == CTM_CONNECTING) set_cause(tunnel, CTM_CAUSE_NO_ANSWER, "the set-up stands still");
     if (stands(tunnel)) drop(tunnel);
 }
 
@@ -433,8 +434,8 @@ void check_registration(ctm_tunnel *tunnel) {
     if (tunnel->state != CTM_CONNECTING || !step_done(tunnel, CTM_STEP_UPGRADED) ||
         step_done(tunnel, CTM_STEP_REGISTERING))
         return;
-    blame(tunnel, CTM_CAUSE_NO_MEMORY, "the registration could not be made");
-    if (evidence_found().cause != CTM_CAUSE_NONE) blame_libcloudtunnel(tunnel);
+    set_cause(tunnel, CTM_CAUSE_NO_MEMORY, "the registration could not be made");
+    if (evidence_found().cause != CTM_CAUSE_NONE) set_logged_cause(tunnel);
     drop(tunnel);
 }
 
@@ -495,7 +496,7 @@ void tunnel_open(ctm_tunnel *tunnel) {
     }
     tunnel->pause.reset();
     if (waits) return wait_for_data(tunnel);
-    blame_nothing(tunnel);
+    clear_cause(tunnel);
     pause_until(tunnel, now_us());
 }
 
@@ -503,7 +504,7 @@ void tunnel_close(ctm_tunnel *tunnel, uint16_t status, std::string_view reason) 
     tunnel->after = After::close;
     if (tunnel->ending) return;
     if (stands(tunnel)) return end(tunnel, tunnel->state == CTM_OPEN, status, reason, After::close);
-    blame(tunnel, CTM_CAUSE_CLOSED_BY_US, reason, status);
+    set_cause(tunnel, CTM_CAUSE_CLOSED_BY_US, reason, status);
     tunnel->due_us = kNever;
     enter(tunnel, CTM_CLOSED);
 }
@@ -531,7 +532,7 @@ void tunnel_data_came(ctm_tunnel *tunnel) {
             break;
         case CTM_WAITING:
             if (!kept) break;
-            blame_nothing(tunnel);
+            clear_cause(tunnel);
             pause_until(tunnel, now_us());
             break;
         case CTM_PAUSING:

@@ -10,7 +10,6 @@
 #include <string>
 
 #include "module/assembly.h"
-#include "module/chance.h"
 #include "module/evidence.h"
 #include "module/format.h"
 #include "module/frame.h"
@@ -18,6 +17,7 @@
 #include "module/library_log.h"
 #include "module/outbox.h"
 #include "module/pause.h"
+#include "module/random.h"
 #include "module/secrets.h"
 #include "tests/support/wire.h"
 
@@ -231,10 +231,10 @@ TEST(pause, jitter_stays_within_its_share_and_below_the_longest) {
     EXPECT_GT(Pause(4000000000U, 4000000000U, 0).next_ms(), 3999999999U);
 }
 
-TEST(chance, numbers_lie_below_the_bound) {
-    EXPECT_EQ(chance_below(0), 0U);
-    EXPECT_EQ(chance_below(1), 0U);
-    for (int i = 0; i < 1000; i++) EXPECT_LT(chance_below(7), 7U);
+TEST(random_bytes, numbers_lie_below_the_bound) {
+    EXPECT_EQ(random_below(0), 0U);
+    EXPECT_EQ(random_below(1), 0U);
+    for (int i = 0; i < 1000; i++) EXPECT_LT(random_below(7), 7U);
 }
 
 std::string blanked(std::string text) {

@@ -7,9 +7,9 @@
 
 namespace [[gnu::visibility("hidden")]] ctm {
 
-void chance_fill(uint8_t *to, size_t count);
+void random_fill(uint8_t *to, size_t count);
 
-// chance_below returns a number from 0 to `bound` - 1; 0 for a `bound` of 0.
-uint32_t chance_below(uint32_t bound);
+// random_below returns a number from 0 to `bound` - 1; 0 for a `bound` of 0.
+uint32_t random_below(uint32_t bound);
 
 }  // namespace gnu::visibility("hidden")]]ctm

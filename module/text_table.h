@@ -6,14 +6,14 @@
 
 namespace [[gnu::visibility("hidden")]] ctm {
 
-// word_at returns the text at `index`; the caller knows that there is one.
-const char *word_at(const char *words, size_t index);
+// text_at returns the text at `index`; the caller knows that there is one.
+const char *text_at(const char *table, size_t index);
 
-// word_count counts the texts of a table, whose last zero byte is the compiler's own.
+// text_count counts the texts of a table, whose last zero byte is the compiler's own.
 template <size_t Size>
-consteval size_t word_count(const char (&words)[Size]) {
+consteval size_t text_count(const char (&table)[Size]) {
     size_t count = 0;
-    for (const char c : words) count += c == '\0';
+    for (const char c : table) count += c == '\0';
     return count;
 }
 

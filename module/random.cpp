@@ -1,4 +1,4 @@
-#include "chance.h"
+#include "random.h"
 
 #include <cloudtunnel.h>
 #include <sys/random.h>
@@ -29,13 +29,13 @@ uint8_t next_byte() {
 
 }  // namespace
 
-void chance_fill(uint8_t *to, size_t count) {
+void random_fill(uint8_t *to, size_t count) {
     for (; count > 0; count--) *to++ = next_byte();
 }
 
-uint32_t chance_below(uint32_t bound) {
+uint32_t random_below(uint32_t bound) {
     uint32_t number = 0;
-    chance_fill(reinterpret_cast<uint8_t *>(&number), sizeof number);
+    random_fill(reinterpret_cast<uint8_t *>(&number), sizeof number);
     return bound == 0 ? 0 : number % bound;
 }
 
