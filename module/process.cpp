@@ -140,7 +140,8 @@ bool process_watch(int sock, ModelRow *row, bool wanted) {
 }
 
 int process_poll(int fd, short events, int timeout_ms) {
-    struct pollfd look = {.fd = fd, .events = events, .revents = 0};
+    static struct pollfd look;  // needs no stack guard
+    look = {.fd = fd, .events = events, .revents = 0};
     return poll(&look, 1, timeout_ms);
 }
 

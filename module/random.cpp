@@ -35,7 +35,7 @@ void random_fill(uint8_t *to, size_t count) {
 
 uint32_t random_below(uint32_t bound) {
     uint32_t number = 0;
-    random_fill(reinterpret_cast<uint8_t *>(&number), sizeof number);
+    for (size_t i = 0; i < sizeof number; i++) number = number << 8 | next_byte();
     return bound == 0 ? 0 : number % bound;
 }
 
