@@ -10,7 +10,8 @@
 
 #include "memory.h"
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 enum class Taken {
     message,      // `data`, `length`, `announced`, `fragments` and `type` are a message; they hold until the next call
@@ -55,4 +56,5 @@ class Assembly {
     Owned<uint8_t> gathered_;
 };
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

@@ -3,9 +3,11 @@
 
 #include <cloudtunnel.h>
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 // callbacks_set sets the three callbacks of row `index`.
 void callbacks_set(CLOUDTUNNEL_MODULE_REG &registration, unsigned index);
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

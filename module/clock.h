@@ -3,7 +3,8 @@
 
 #include <cstdint>
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 constexpr int64_t kNever = INT64_MAX;  // no moment
 constexpr int64_t kMillisecond = 1000;
@@ -19,4 +20,5 @@ int64_t until_next_second_us();
 // after returns the moment `ms` after `from`; kNever for CTM_NEVER.
 int64_t after(int64_t from, uint32_t ms);
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

@@ -7,7 +7,8 @@
 
 #include <cstdarg>
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 // A message's arguments, each at its place among all of them.
 struct Arguments {
@@ -35,4 +36,5 @@ bool evidence_tls_write_reads_first();
 // evidence_response reads the platform's answer to the upgrade, as the log shows it.
 void evidence_response(const char *text);
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

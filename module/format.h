@@ -4,7 +4,8 @@
 
 #include <cstdint>
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 // format_id returns the number of a format (FNV-1a, 32 bits).
 constexpr uint32_t format_id(const char *format) {
@@ -13,4 +14,5 @@ constexpr uint32_t format_id(const char *format) {
     return id;
 }
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

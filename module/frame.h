@@ -4,7 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 enum : uint8_t { kContinuation = 0, kText = 1, kBinary = 2, kClose = 8, kPing = 9, kPong = 10 };
 
@@ -21,4 +22,5 @@ uint8_t *frame_wrap(uint8_t *payload, size_t length, uint8_t opcode, bool fin);
 // frame_announced returns the length of payload that a received header announces; 0 as long as it is not whole.
 uint64_t frame_announced(const uint8_t *data, size_t length);
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

@@ -6,7 +6,8 @@
 
 #include <cstdint>
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 // What a message says beside its cause, and where among its arguments.
 enum class Says : uint8_t {
@@ -84,4 +85,5 @@ constexpr KnownMessage kKnownMessages[] = {
      "", CTM_CAUSE_NONE, Says::tls_write, 4},
 };
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

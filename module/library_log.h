@@ -6,7 +6,8 @@
 #include <cloudtunnel.h>
 #include <cloudtunnel_module.h>
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 constexpr uint32_t kLogLevelMax = 9;
 
@@ -38,4 +39,5 @@ class ResponseWatch {
     FILE *before_ = nullptr;
 };
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

@@ -4,7 +4,8 @@
 
 #include <cloudtunnel_module.h>
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 // line_pump sends what waits; a write that failed for good marks the tunnel as broken.
 void line_pump(ctm_tunnel *tunnel);
@@ -15,4 +16,5 @@ void line_writable(ctm_tunnel *tunnel);
 // line_end ends the watch over a socket that is about to be closed, and forgets what waits.
 void line_end(ctm_tunnel *tunnel);
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

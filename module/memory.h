@@ -4,7 +4,8 @@
 #include <cstdlib>
 #include <memory>
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 struct Free {
     void operator()(void *block) const { free(block); }
@@ -12,4 +13,5 @@ struct Free {
 template <typename T>
 using Owned = std::unique_ptr<T, Free>;
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

@@ -1,9 +1,11 @@
 // States and causes by the names that logs and metrics show; "unknown" for what is none.
 #pragma once
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 const char *state_name(int state);
 const char *cause_name(int cause);
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

@@ -11,7 +11,8 @@
 
 #include "frame.h"
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 class Outbox {
   public:
@@ -94,4 +95,5 @@ class Outbox {
     Done wire_done_ = Done::nothing;
 };
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

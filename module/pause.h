@@ -4,7 +4,8 @@
 
 #include <cstdint>
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 class Pause {
   public:
@@ -24,4 +25,5 @@ class Pause {
     uint32_t base_ms_;
 };
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

@@ -3,7 +3,8 @@
 
 #include "registry.h"
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 [[nodiscard]] bool process_up();
 [[nodiscard]] bool process_daemon();  // its link stands
@@ -18,4 +19,5 @@ bool process_watch(int sock, ModelRow *row, bool wanted);
 // process_poll waits for `events` of one descriptor, at most `timeout_ms`; its result is poll's.
 int process_poll(int fd, short events, int timeout_ms);
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

@@ -5,11 +5,13 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 void random_fill(uint8_t *to, size_t count);
 
 // random_below returns a number from 0 to `bound` - 1; 0 for a `bound` of 0.
 uint32_t random_below(uint32_t bound);
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

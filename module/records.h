@@ -6,7 +6,8 @@
 
 #include <cstddef>
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 // record_read copies the caller's record `from` to one of `known` bytes. CTM_BAD_SIZE for a size that cannot be one:
 // `least` bytes are there in every release.
@@ -16,4 +17,5 @@ ctm_result record_read(void *to, size_t known, const void *from, size_t least);
 // it. CTM_NULL where there is none.
 ctm_result record_write(void *to, const void *from, size_t known, size_t least);
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

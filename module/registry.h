@@ -8,7 +8,8 @@
 
 #include <span>
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 struct ModelRow {
     char model[CTM_NAME_MAX + 1];  // empty: not used yet
@@ -41,4 +42,5 @@ void registry_clear();
 // registry_node returns what libcloudtunnel knows of a model, null where it is not registered.
 const CLOUDTUNNEL_MODULE_NODE *registry_node(const char *model);
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

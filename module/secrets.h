@@ -1,10 +1,12 @@
 // What must not stand in a log by itself: the token, the cookie, the session id and the handshake key.
 #pragma once
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 // secrets_blank replaces, in a text of the library's log, the values behind "Cookie:", "JSESSIONID=",
 // "Sec-WebSocket-Key:" and the like by "***", in place: the text gets no longer.
 void secrets_blank(char *text);
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

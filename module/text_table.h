@@ -4,7 +4,8 @@
 
 #include <cstddef>
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 // text_at returns the text at `index`; the caller knows that there is one.
 const char *text_at(const char *table, size_t index);
@@ -17,4 +18,5 @@ consteval size_t text_count(const char (&table)[Size]) {
     return count;
 }
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

@@ -3,7 +3,8 @@
 
 #include <cloudtunnel_module.h>
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 void totals_clear();
 
@@ -17,4 +18,5 @@ const ctm_counters &counters_of_all();
 // counter_at returns the counter at `offset` of the record: apart from its size, all of it are numbers of 64 bits.
 uint64_t counter_at(const ctm_counters &counters, size_t offset);
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

@@ -13,7 +13,8 @@
 #include "pause.h"
 #include "registry.h"
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 // What follows when a tunnel, or a close, has come to its end.
 enum class After {
@@ -29,7 +30,8 @@ struct Counters : ctm_counters {
     uint64_t round_trip_sum_us;
 };
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop
 
 struct ctm_tunnel {
     ctm_tunnel_options options = {};  // every default filled in; its texts are null
@@ -78,7 +80,8 @@ struct ctm_tunnel {
     ctm::Counters counters = {};
 };
 
-namespace [[gnu::visibility("hidden")]] ctm {
+#pragma GCC visibility push(hidden)
+namespace ctm {
 
 // How many of the caller's functions run, one inside the other.
 extern int g_callback_depth;
@@ -138,4 +141,5 @@ bool tunnels_await_answer();
 // first time: where an answer takes longer than the interval, each new ping would make the answers useless.
 void tunnel_ping(ctm_tunnel *tunnel);
 
-}  // namespace gnu::visibility("hidden")]]ctm
+}  // namespace ctm
+#pragma GCC visibility pop

@@ -114,7 +114,8 @@ std::string neutral_frame(const ModuleUnit &unit, std::string_view payload) {
 std::string describe(const ModuleUnit &unit) {
     const std::string text = compared_text(unit);
     const std::string length = cat(text.size(), text.size() == 1 ? " byte" : " bytes");
-    const std::string what = unit.kind == ModuleUnit::Kind::frame ? header_of(unit.frame) : std::string(name_of(unit.kind));
+    const std::string what =
+        unit.kind == ModuleUnit::Kind::frame ? header_of(unit.frame) : std::string(name_of(unit.kind));
     if (unit.kind == ModuleUnit::Kind::record) {
         const std::string_view name = std::string_view(text).substr(offsetof(WireRegistration, name), 32);
         return cat(what, " of module '", printable(name.substr(0, name.find('\0'))), "'");

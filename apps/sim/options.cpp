@@ -286,8 +286,8 @@ Examples:
 }  // namespace
 
 common::OptionTable option_table(Options &options) {
-    return {platform_section(options), daemon_section(options),  tunnel_data_section(options.tunnel_data),
-            faults_section(options),   web_section(options.web), steps_section(options),
+    return {platform_section(options), daemon_section(options),    tunnel_data_section(options.tunnel_data),
+            faults_section(options),   web_section(options.web),   steps_section(options),
             events_section(options),   recordings_section(options)};
 }
 

@@ -31,7 +31,7 @@ struct Entry {
     int id = 0;  // the number of the link or tunnel
     std::size_t line = 0;
     std::chrono::steady_clock::duration time{};
-    ModuleUnit unit = {};          // of module_sends
+    ModuleUnit unit = {};    // of module_sends
     std::string bytes = {};  // of simulator_sends
 };
 

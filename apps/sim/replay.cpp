@@ -15,7 +15,9 @@ namespace {
 constexpr auto kConnectTime = std::chrono::milliseconds(300);  // for a module to connect upon its tunnel data
 constexpr auto kFinishTime = std::chrono::seconds(1);          // for the peer's TLS close alert
 
-std::string handshake_key(const ModuleUnit &request) { return parse_upgrade(request.bytes).header("Sec-WebSocket-Key"); }
+std::string handshake_key(const ModuleUnit &request) {
+    return parse_upgrade(request.bytes).header("Sec-WebSocket-Key");
+}
 
 void replace_once(std::string &text, std::string_view from, std::string_view to) {
     if (from.empty()) return;

@@ -42,7 +42,7 @@ class Server {
     uint16_t port() const { return listener_.port(); }
     std::string port_text() const { return listener_.port_text(); }
     void stop_listening() { listener_.close(); }
-    void set_receive_room(int bytes);  // of the connections that come
+    void set_receive_room(int bytes);           // of the connections that come
     int accepted() const { return accepted_; }  // connections so far
 
     // Does what can be done without waiting: accepts, goes on with the handshake, sends what is still to be sent, reads

@@ -68,8 +68,9 @@ const std::string kConnected = R"({"time":1,"id":1,"kind":"connected"})"
                                "\n";
 
 std::string upgrade_answer(std::string_view accept) {
-    return cat("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: ",
-               accept, "\r\n\r\n");
+    return cat(
+        "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: ",
+        accept, "\r\n\r\n");
 }
 
 }  // namespace
@@ -179,7 +180,8 @@ TEST(sim_recording, units_are_put_together_from_any_pieces) {
             in.add(piece);
             while (const auto unit = in.next()) kinds.push_back(unit->kind);
         }
-        EXPECT_EQ(kinds, (std::vector{ModuleUnit::Kind::request, ModuleUnit::Kind::frame, ModuleUnit::Kind::frame})) << cut;
+        EXPECT_EQ(kinds, (std::vector{ModuleUnit::Kind::request, ModuleUnit::Kind::frame, ModuleUnit::Kind::frame}))
+            << cut;
     }
     ModuleBytes link(Of::link);
     link.add(simtest::registration("a", "b") + simtest::registration("c", "d").substr(0, 3));
