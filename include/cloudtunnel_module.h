@@ -335,9 +335,6 @@ CTM_EXPORT const char *ctm_tunnel_host(const ctm_tunnel *tunnel);
 CTM_EXPORT const char *ctm_tunnel_path(const ctm_tunnel *tunnel);
 CTM_EXPORT uint16_t ctm_tunnel_port(const ctm_tunnel *tunnel);
 
-/* ctm_tunnel_user returns the caller's pointer, null for a handle that is none. */
-CTM_EXPORT void *ctm_tunnel_user(const ctm_tunnel *tunnel);
-
 /* ctm_tunnel_wait_ms returns how long the pause before the next attempt still lasts, 0 in other states. */
 CTM_EXPORT uint32_t ctm_tunnel_wait_ms(const ctm_tunnel *tunnel);
 

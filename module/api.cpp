@@ -190,10 +190,6 @@ uint16_t ctm_tunnel_port(const ctm_tunnel *tunnel) {
     return node ? node->port : uint16_t{0};
 }
 
-void *ctm_tunnel_user(const ctm_tunnel *tunnel) {
-    return judge_handle(tunnel) == CTM_OK ? tunnel->options.user : nullptr;
-}
-
 uint32_t ctm_tunnel_wait_ms(const ctm_tunnel *tunnel) {
     if (judge_handle(tunnel) != CTM_OK || tunnel->state != CTM_PAUSING) return 0;
     const int64_t left = (tunnel->due_us - ctm::now_us()) / ctm::kMillisecond;

@@ -36,7 +36,7 @@ struct KnownMessage {
 };
 constexpr KnownMessage kKnownMessages[] = {
     {"Set Addr error, ret =%d.", "the name does not resolve", CTM_CAUSE_NOT_RESOLVED, Says::resolver, 0},
-    {"Failed to connect for model [%s] because no addrinfo.", "no address is known", CTM_CAUSE_NOT_RESOLVED},
+    {"Failed to connect for model [%s] because no addrinfo.", "no address", CTM_CAUSE_NOT_RESOLVED},
     {"[Model %s][Socket %d]Failed to connect, errno %d [%s].", "", CTM_CAUSE_REFUSED, Says::connect_errno, 2},
     {"Connect proc failed, event %d, ret %d iErr %d msg %s.", "", CTM_CAUSE_REFUSED, Says::connect_errno, 2},
     {"[Model %s][Socket %d]connect time out process.", "no connection within 120 s", CTM_CAUSE_TIMED_OUT},

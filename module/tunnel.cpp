@@ -295,7 +295,7 @@ int on_connected(int sock) {
 
 // set_logged_cause sets the reason that its log has given.
 void set_logged_cause(ctm_tunnel *tunnel) {
-    set_cause(tunnel, CTM_CAUSE_NO_MEMORY, "libcloudtunnel logs every other reason");
+    set_cause(tunnel, CTM_CAUSE_NO_MEMORY, "no reason was logged");
     const ctm_cause_info &found = evidence_found();
     if (found.cause != CTM_CAUSE_NONE) tunnel->cause = found;
     if (found.cause == CTM_CAUSE_NOT_RESOLVED && found.resolver_error == 0)

@@ -164,14 +164,12 @@ TEST_F(ProcessTest, null_and_freed_handles_are_noticed) {
         EXPECT_STREQ(ctm_tunnel_host(handle), "");
         EXPECT_STREQ(ctm_tunnel_path(handle), "");
         EXPECT_EQ(ctm_tunnel_port(handle), 0);
-        EXPECT_EQ(ctm_tunnel_user(handle), nullptr);
         EXPECT_EQ(ctm_tunnel_wait_ms(handle), 0U);
     }
 }
 
 TEST_F(ProcessTest, calls_out_of_place_change_nothing) {
     Guest &guest = make("model", [](auto &options) { options.longest_message = 100; });
-    EXPECT_EQ(ctm_tunnel_user(guest.tunnel), &guest);
     EXPECT_EQ(ctm_tunnel_send_text(guest.tunnel, "too early"), CTM_NOT_OPEN);
     EXPECT_EQ(ctm_tunnel_ping(guest.tunnel), CTM_NOT_OPEN);
     EXPECT_EQ(ctm_tunnel_close(guest.tunnel, 1000, nullptr, 0), CTM_NOT_OPEN);
