@@ -451,9 +451,10 @@ ctm_tunnel *tunnel_of_model(const char *model) {
 }
 
 ctm_tunnel *tunnel_make(const ctm_tunnel_options &options, ModelRow *row) {
-    void *memory = calloc(1, sizeof(ctm_tunnel));  // most of a new tunnel is 0: the compiler sets the rest alone
-    if (!memory) return nullptr;
-    auto *tunnel = ::new (memory) ctm_tunnel{};
+    // Most of a new tunnel is 0: the compiler sets the rest alone.
+    auto *tunnel = static_cast<ctm_tunnel *>(calloc(1, sizeof(ctm_tunnel)));
+    if (!tunnel) return nullptr;
+    ::new (tunnel) ctm_tunnel{};
     tunnel->options = options;
     snprintf(tunnel->model, sizeof tunnel->model, "%s", options.model);
     snprintf(tunnel->device_model, sizeof tunnel->device_model, "%s", options.device_model);
