@@ -30,6 +30,12 @@ TEST(Request, a_text_is_sent_as_it_is_written_with_its_escapes) {
     EXPECT_EQ(request.model, "base");
 }
 
+TEST(Request, a_line_that_is_no_utf_8_is_skipped) {
+    for (const char *text : {"\xff", "\xc3", "\xc0\x80", "\xed\xa0\x80", "\xf4\x90\x80\x80"})
+        EXPECT_EQ(fault(std::string(R"({"send":")") + text + "\"}"), "not JSON: not UTF-8");
+    EXPECT_EQ(fault("{\"send\":\"\xf4\x8f\xbf\xbf\"}"), "");
+}
+
 TEST(Request, bytes_are_sent_from_base64_as_binary) {
     const Request request = read_request(R"({"send_base64":"AP8="})");
     EXPECT_EQ(request.kind, Request::Kind::send);
