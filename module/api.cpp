@@ -43,6 +43,12 @@ void fill_in(uint32_t &option, uint32_t otherwise) {
     if (option == 0) option = otherwise;
 }
 
+// default_dead_ms returns three times ping_ms where that is longer, but never CTM_NEVER or what has wrapped around.
+uint32_t default_dead_ms(uint32_t ping_ms) {
+    if (ping_ms == CTM_NEVER) return kDead;
+    return static_cast<uint32_t>(std::clamp<uint64_t>(uint64_t{ping_ms} * 3, kDead, CTM_NEVER - 1));
+}
+
 void fill_defaults(ctm_tunnel_options &options) {
     if (!options.sub_name) options.sub_name = options.model;
     if (!options.device_model) options.device_model = options.model;
@@ -52,7 +58,7 @@ void fill_defaults(ctm_tunnel_options &options) {
     if (options.jitter_percent == CTM_NEVER) options.jitter_percent = 0;
     fill_in(options.stable_ms, kStable);
     fill_in(options.ping_ms, kPing);
-    fill_in(options.dead_ms, std::max(kDead, options.ping_ms == CTM_NEVER ? 0 : options.ping_ms / 2 * 6));
+    fill_in(options.dead_ms, default_dead_ms(options.ping_ms));
     fill_in(options.close_ms, kClose);
     fill_in(options.longest_message, kLongest);
     fill_in(options.fragment, kFragment);

@@ -94,6 +94,7 @@ TEST_F(ProcessTest, options_out_of_range_are_named) {
         {[](auto &o) { o.pause_first_ms = 2000, o.pause_longest_ms = 1000; }, CTM_BAD_PAUSE},
         {[](auto &o) { o.jitter_percent = 101; }, CTM_BAD_JITTER},
         {[](auto &o) { o.ping_ms = o.dead_ms = 1000; }, CTM_BAD_PING},
+        {[](auto &o) { o.ping_ms = CTM_NEVER - 1; }, CTM_BAD_PING},
         {[](auto &o) { o.longest_message = CTM_MESSAGE_MAX + 1U; }, CTM_BAD_LONGEST},
         {[](auto &o) { o.fragment = 124; }, CTM_BAD_FRAGMENT},
         {[](auto &o) { o.fragment = 65536; }, CTM_BAD_FRAGMENT},
@@ -109,6 +110,16 @@ TEST_F(ProcessTest, options_out_of_range_are_named) {
     }
     EXPECT_TRUE(daemon.registrations().empty());
     EXPECT_EQ(ctm_tunnel_new(nullptr, nullptr), CTM_NULL);
+}
+
+TEST_F(ProcessTest, the_default_of_dead_ms_is_behind_a_ping_ms_of_any_length) {
+    for (const uint32_t ping_ms : {1U, 1431655764U, 1431655766U, 2147483647U, 2863311532U, CTM_NEVER - 2, CTM_NEVER}) {
+        ctm_tunnel_options options = sound();
+        options.ping_ms = ping_ms;
+        ctm_tunnel *tunnel = nullptr;
+        EXPECT_EQ(ctm_tunnel_new(&options, &tunnel), CTM_OK) << ping_ms;
+        EXPECT_EQ(ctm_tunnel_free(tunnel), CTM_OK);
+    }
 }
 
 TEST_F(ProcessTest, a_record_of_an_older_release_has_defaults_for_what_it_lacks) {
