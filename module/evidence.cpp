@@ -25,7 +25,7 @@ constexpr int kSslSyscall = 5;
 
 constexpr int kOpcodeClose = 8;
 
-// What the messages have told since it was cleared.
+// What the messages have shown since it was cleared.
 struct {
     ctm_cause_info found;
     int tls_write;          // the code of the last TLS write that failed

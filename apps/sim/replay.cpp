@@ -166,7 +166,7 @@ void Replay::take_link(DaemonLink::Socket socket) {
     simulator_.changed.notify();
 }
 
-// What a link has sent before it was told apart has not been shown yet.
+// What a link has sent before it was identified has not been shown yet.
 void Replay::bind_link(const Entry &entry, const std::shared_ptr<Peer> &peer) {
     const std::shared_ptr<Peer> link = peer;
     std::erase(new_links_, link);

@@ -73,7 +73,7 @@ class Replay {
     std::chrono::seconds patience_;
     std::map<int, ModuleUnit> first_records_;  // of the links
     std::size_t links_to_come_ = 0;
-    std::vector<std::shared_ptr<Peer>> new_links_;  // not yet told apart
+    std::vector<std::shared_ptr<Peer>> new_links_;  // not yet identified
     std::deque<int> tunnels_to_come_;
     std::string notified_model_;  // its tunnel data were sent, and it has not connected yet
     std::map<std::pair<Of, int>, std::shared_ptr<Peer>> peers_;

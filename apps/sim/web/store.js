@@ -90,7 +90,7 @@ class Store {
     this.#changed();
   }
 
-  // A new connection begins with everything: what an earlier one told is dropped.
+  // A new connection begins with everything: what an earlier one sent is dropped.
   #begin(hello) {
     this.hello = hello;
     this.connection = 'open';
