@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
+#include <cstring>
 
 #include "json_text.h"
 #include "text.h"
@@ -11,6 +13,14 @@ namespace sim {
 namespace {
 
 constexpr std::size_t kShortest = 4;
+
+// prefix_of is a number that texts with the same first kShortest bytes have in common.
+std::uint16_t prefix_of(const char *text) {
+    std::uint32_t front = 0;
+    static_assert(sizeof front == kShortest);
+    std::memcpy(&front, text, sizeof front);
+    return static_cast<std::uint16_t>((front * 2654435761U) >> 16);  // Knuth's multiplicative hash
+}
 
 // json-c, which writes the module's JSON, escapes the slash too.
 std::string json_escaped(std::string_view text) {
@@ -58,11 +68,16 @@ void Secrets::add(std::string_view secret, std::string shown) {
     const auto place =
         std::ranges::find_if(pairs_, [secret](const Pair &p) { return p.secret.size() < secret.size(); });
     pairs_.insert(place, {std::string(secret), std::move(shown)});
+    prefixes_.set(prefix_of(secret.data()));
 }
 
 std::string Secrets::replace(std::string_view text) const {
     std::string out(text);
-    for (std::size_t at = 0; at < out.size();) {
+    for (std::size_t at = 0; at + kShortest <= out.size();) {
+        if (!prefixes_.test(prefix_of(out.data() + at))) {
+            at++;
+            continue;
+        }
         const auto starts_here = [&](const Pair &pair) {
             return out.compare(at, pair.secret.size(), pair.secret) == 0;
         };

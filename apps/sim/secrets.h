@@ -4,6 +4,7 @@
 // and records around it, and JSON escapes the text as it would escape the secret.
 #pragma once
 
+#include <bitset>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,6 +31,9 @@ class Secrets {
     [[nodiscard]] std::string shown_for(std::string_view secret) const;
 
     std::vector<Pair> pairs_;  // the longest first: a token can be a part of the cookie
+
+    // Whether a secret begins with a prefix: with hundreds of tunnels there are too many to compare at every byte.
+    std::bitset<1 << 16> prefixes_;
 };
 
 }  // namespace sim
