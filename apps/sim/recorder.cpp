@@ -50,6 +50,10 @@ void Recorder::read(const Event &event) {
 
 // The daemon's record is learned before its bytes are written, a request where its last byte arrives.
 void Recorder::learn(const Event &event) {
+    if (event.kind == Kind::page_served) {
+        const std::string_view address = event.text_of("address");
+        secrets_.learn(address.substr(address.find('=') + 1));  // the token, behind "?token="
+    }
     const std::string_view record = event.bytes_of("payload");
     if (event.kind != Kind::record_sent || record.size() != sizeof(WireNotification)) return;
     secrets_.learn(wire_text(record, offsetof(WireNotification, cookie), sizeof WireNotification::cookie));

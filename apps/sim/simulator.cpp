@@ -24,7 +24,11 @@ Simulator::Simulator(const Options &options)
     }
     if (options.web.wanted) {
         web_state.emplace(events);
-        web.emplace(io, options.web, [this] { return std::make_unique<SimulatorPage>(*this, *web_state); });
+        web_recording.emplace(events, tunnel_data, [this](const std::string &why) {
+            asio::post(io, [this, why] { end_web_recording(why); });
+        });
+        web.emplace(
+            io, options.web, [this] { return std::make_unique<SimulatorPage>(*this, *web_state); }, *web_recording);
     }
 }
 
@@ -65,6 +69,11 @@ void Simulator::hold_behaviour() {
 void Simulator::give_port(const std::string &model) {
     if (!platform || model.empty() || tunnel_data.own_ports.contains(model)) return;
     tunnel_data.own_ports[model] = platform->start_for(model);
+}
+
+void Simulator::end_web_recording(const std::string &why) {
+    web_recording->stop();
+    events.emit({.kind = Kind::recording_cut, .source = Source::page, .cause = why});
 }
 
 void Simulator::stop() {

@@ -6,6 +6,7 @@
 #include "daemon.h"
 #include "options.h"
 #include "platform.h"
+#include "web_recording.h"
 #include "web_server.h"
 #include "web_state.h"
 
@@ -43,13 +44,15 @@ struct Simulator {
     TunnelData tunnel_data;
     FaultSet faults;
     Behaviour behaviour;
-    std::optional<Platform> platform;   // left out by --no-platform
-    std::optional<Daemon> daemon;       // left out by --no-daemon
-    std::optional<WebState> web_state;  // what the page shows, with --web
-    std::optional<WebServer> web;       // serves it
+    std::optional<Platform> platform;           // left out by --no-platform
+    std::optional<Daemon> daemon;               // left out by --no-daemon
+    std::optional<WebState> web_state;          // what the page shows, with --web
+    std::optional<WebRecording> web_recording;  // what it has for download
+    std::optional<WebServer> web;               // serves both
 
   private:
     void give_port(const std::string &model);
+    void end_web_recording(const std::string &why);
 
     std::vector<Fault> first_faults_;
     std::string chaos_;                      // the steps that were drawn, to be shown

@@ -32,7 +32,10 @@ constexpr auto kAcceptPause = 1s;             // for descriptors to become free 
 constexpr std::uint32_t kHeaderMax = 8192;    // bytes of a request
 constexpr std::size_t kMessageMax = 1 << 20;  // bytes of a browser's message
 constexpr std::size_t kConnectionMax = 64;    // a browser keeps six for the files and one for each open page
+constexpr std::size_t kPieceMax = 64 << 10;   // bytes of the recording that are in memory at a time
 constexpr std::string_view kEventsPath = "/events";
+constexpr std::string_view kRecordingPath = "/recording";
+constexpr const char *kNoContent = "default-src 'none'";  // the policy of what is no page
 
 using Request = http::request<http::empty_body>;
 using Response = http::response<http::string_body>;
@@ -68,7 +71,7 @@ Response answer(const Request &request, http::status status, std::string_view ty
 Response refusal(const Request &request, http::status status, std::string_view why) {
     Response response = answer(request, status, "text/plain; charset=utf-8", cat(why, "\n"));
     if (status == http::status::method_not_allowed) response.set(http::field::allow, "GET, HEAD");
-    response.set("Content-Security-Policy", "default-src 'none'");
+    response.set("Content-Security-Policy", kNoContent);
     return response;
 }
 
@@ -89,6 +92,7 @@ class WebServer::Connection : public std::enable_shared_from_this<WebServer::Con
 
     awaitable<void> serve();
     awaitable<void> serve_page(Request request);
+    awaitable<void> serve_recording(const Request &request);
     awaitable<void> read_messages();
     awaitable<void> write_updates();
     [[nodiscard]] std::optional<Response> refuse(const Request &request) const;
@@ -133,8 +137,12 @@ awaitable<void> WebServer::Connection::serve() {
         tcp_layer.expires_never();
         co_return co_await serve_page(parser.release());
     }
-    if (!response) response = serve_file(request);
-    co_await http::async_write(tcp_layer, *response, use_awaitable);
+    if (!response && target_path(view(request.target())) == kRecordingPath) {
+        co_await serve_recording(request);
+    } else {
+        if (!response) response = serve_file(request);
+        co_await http::async_write(tcp_layer, *response, use_awaitable);
+    }
     tcp_layer.socket().shutdown(tcp::socket::shutdown_send, error);
 }
 
@@ -143,7 +151,8 @@ std::optional<Response> WebServer::Connection::refuse(const Request &request) co
     const WebAccess &access = *server_.access_;
     const std::string_view host = only(request, http::field::host);
     const std::string_view target = view(request.target());
-    const bool events = target_path(target) == kEventsPath;
+    const std::string_view path = target_path(target);
+    const bool events = path == kEventsPath;
     if (request.method() != http::verb::get && request.method() != http::verb::head) {
         return refusal(request, http::status::method_not_allowed, "only GET and HEAD are served");
     }
@@ -154,7 +163,7 @@ std::optional<Response> WebServer::Connection::refuse(const Request &request) co
     if ((with_origin || events) && !access.origin_allowed(only(request, http::field::origin), host)) {
         return refusal(request, http::status::forbidden, "the Origin is not this server's");
     }
-    const bool secret = events || target_path(target) == "/";
+    const bool secret = events || path == kRecordingPath || path == "/";
     if (secret && !access.token_valid(target)) {
         return refusal(request, http::status::forbidden,
                        "The token is missing or wrong: open the address that the simulator printed at its start.");
@@ -176,6 +185,25 @@ Response WebServer::Connection::serve_file(const Request &request) const {
             only(request, http::field::host), "; base-uri 'none'; form-action 'none'; frame-ancestors 'none'");
     response.set("Content-Security-Policy", policy);
     return response;
+}
+
+// serve_recording sends what there is of the recording now.
+awaitable<void> WebServer::Connection::serve_recording(const Request &request) {
+    beast::tcp_stream &tcp_layer = stream_.next_layer();
+    const std::size_t size = server_.recording_.size();
+    Response header = answer(request, http::status::ok, "application/x-ndjson", "");
+    header.set(http::field::content_disposition, "attachment; filename=\"session.jsonl\"");
+    header.set("Content-Security-Policy", kNoContent);
+    header.content_length(size);
+    co_await http::async_write(tcp_layer, header, use_awaitable);
+    const std::size_t wanted = request.method() == http::verb::head ? 0 : size;
+    for (std::size_t sent = 0; sent < wanted;) {
+        const std::string piece = server_.recording_.read(sent, std::min(kPieceMax, wanted - sent));
+        if (piece.empty()) co_return;  // the browser sees that bytes are missing
+        tcp_layer.expires_after(kRequestTime);
+        co_await asio::async_write(tcp_layer, asio::buffer(piece), use_awaitable);
+        sent += piece.size();
+    }
 }
 
 awaitable<void> WebServer::Connection::serve_page(Request request) {
@@ -225,8 +253,8 @@ awaitable<void> WebServer::Connection::write_updates() {
     }
 }
 
-WebServer::WebServer(asio::io_context &io, WebOptions options, MakePage make_page)
-    : io_(io), options_(std::move(options)), make_page_(std::move(make_page)), acceptor_(io) {}
+WebServer::WebServer(asio::io_context &io, WebOptions options, MakePage make_page, WebRecording &recording)
+    : io_(io), options_(std::move(options)), make_page_(std::move(make_page)), recording_(recording), acceptor_(io) {}
 
 std::string WebServer::start() {
     error_code error;

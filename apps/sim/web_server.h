@@ -1,4 +1,5 @@
-// The HTTP server of the page: the files of the page, and one WebSocket for each browser that has it open.
+// The HTTP server of the page: the files of the page, the recording for download, and one WebSocket for each browser
+// that has the page open.
 //
 // A page gets one message at a time. While a browser takes its time over one, what happens meanwhile goes into the next
 // one, so a slow browser gets fewer and larger updates and the server queues none for it.
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "web_access.h"
+#include "web_recording.h"
 
 namespace sim {
 
@@ -32,7 +34,8 @@ class WebServer {
   public:
     using MakePage = std::function<std::unique_ptr<WebPage>()>;
 
-    WebServer(asio::io_context &io, WebOptions options, MakePage make_page);
+    // `recording` outlives the server.
+    WebServer(asio::io_context &io, WebOptions options, MakePage make_page, WebRecording &recording);
 
     // start listens and returns the page's address. Throws std::runtime_error when it cannot listen.
     std::string start();
@@ -51,6 +54,7 @@ class WebServer {
     asio::io_context &io_;
     WebOptions options_;
     MakePage make_page_;
+    WebRecording &recording_;
     tcp::acceptor acceptor_;
     std::unique_ptr<WebAccess> access_;  // from start on
     std::vector<std::shared_ptr<Connection>> connections_;

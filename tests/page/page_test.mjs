@@ -237,10 +237,13 @@ test('the timeline is filtered, paused and downloaded', async () => {
   await page.getByRole('button', { name: 'Go on' }).click();
   await page.getByText('while paused').waitFor();
   await page.getByLabel('Filter').fill('first message');
-  const [download] = await Promise.all([page.waitForEvent('download'), page.getByRole('button', { name: /Download/ }).click()]);
+  await page.getByText('while paused').waitFor({ state: 'detached' });
+  const [download] = await Promise.all([page.waitForEvent('download'), page.getByRole('link', { name: /Download/ }).click()]);
+  assert.equal(download.suggestedFilename(), 'session.jsonl');
   const lines = readFileSync(await download.path(), 'utf8').trim().split('\n').map(JSON.parse);
-  assert.equal(lines.length, 1);
-  assert.match(lines[0].text, /first message/);
+  assert.equal(lines[0].format, 'cloudtunnel-sim-recording');
+  const texts = lines.filter(({ kind }) => kind === 'message-received').map(({ fields }) => fields.payload);
+  assert.deepEqual(texts, ['first message', 'while paused']);
   assert.deepEqual(page.problems, []);
 });
 

@@ -6,15 +6,6 @@ import { store } from './store.js';
 
 const HEIGHT = 26;
 
-function download(events) {
-  const lines = events.map(([time, source, text]) => JSON.stringify({ time, source, text }));
-  const link = document.createElement('a');
-  link.href = URL.createObjectURL(new Blob([lines.join('\n'), '\n'], { type: 'application/x-ndjson' }));
-  link.download = 'cloudtunnel-sim-events.jsonl';
-  link.click();
-  setTimeout(() => URL.revokeObjectURL(link.href), 1000);
-}
-
 export function Timeline() {
   const { events, eventsSkipped } = useStore(5);
   const [filter, setFilter] = useState('');
@@ -36,10 +27,10 @@ export function Timeline() {
           <option value="">all</option>${sources.map((name) => html`<option value=${name}>${name}</option>`)}
         </select>
       </label>
-      <button disabled=${!shown.length} onClick=${() => download(shown)}>Download what is shown</button>
+      <a href=${`/recording${location.search}`} download>Download the session as a recording</a>
       <span class="faint">${held ? 'paused; ' : ''}${count(shown.length, 'event')}${eventsSkipped > 0 ? `, ${eventsSkipped.toLocaleString('en')} left out` : ''}</span>
     </div>
-    <p class="faint">Messages of open tunnels are written down from the moment on that this view is open, everything else from the start.</p>
+    <p class="faint">Messages of open tunnels are written down from the moment on that this view is open, everything else from the start. The recording has the whole session up to now, whatever is shown here: <code>cloudtunnel-sim --replay</code> plays it.</p>
     ${shown.length === 0
       ? html`<${Empty}>${all.length ? 'No event matches.' : 'Nothing has happened yet.'}<//>`
       : html`<${VirtualRows} role="log" aria-live="off" tabindex="0" aria-label="Events" className="events" rows=${shown} height=${HEIGHT} follow=${!held}

@@ -1,6 +1,11 @@
 // The server of the page: who gets in, what is refused, and what a browser's nonsense does.
-#include <gtest/gtest.h>
+#include <fstream>
+#include <sstream>
 
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "sim/recording.h"
 #include "tests/apps/sim/raw_module.h"
 #include "tests/apps/sim/sim_process.h"
 
@@ -51,6 +56,12 @@ std::string upgrade_headers(const std::string &host, const std::string &origin) 
     return host_header(host) + (origin.empty() ? "" : "Origin: " + origin + "\r\n") +
            "Upgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
            "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n";
+}
+
+std::string recording_of(const WebSim &sim) {
+    const std::string answer = ask(sim, request_for(with_token("/recording"), host_header(sim.host)));
+    const std::string end = "\r\n\r\n";
+    return answer.substr(answer.find(end) + end.size());
 }
 
 int status_of(const std::string &answer) {
@@ -244,6 +255,69 @@ TEST(sim_web, what_cannot_be_done_is_answered_with_the_reason) {
     Browser browser(sim);
     ASSERT_TRUE(browser.say("{\"id\":3,\"do\":\"send\",\"tunnel\":99,\"text\":\"x\"}"));
     EXPECT_TRUE(browser.hears("{\"id\":3,\"error\":\"tunnel 99 is not open\"}"));
+}
+
+TEST(sim_web, the_recording_is_the_session_so_far_without_its_secrets) {
+    WebSim sim;
+    Wire module;
+    ASSERT_TRUE(simtest::open_tunnel(module, sim.platform_port, "base"));
+    ASSERT_TRUE(module.write(simtest::library_frame(1, "a message")));
+    ASSERT_TRUE(sim.wait_for("received text: a message"));
+    const std::string answer = ask(sim, request_for(with_token("/recording"), host_header(sim.host)));
+    EXPECT_EQ(status_of(answer), 200);
+    for (const std::string header :
+         {"Content-Type: application/x-ndjson\r\n", "Content-Disposition: attachment; filename=\"session.jsonl\"\r\n",
+          "Content-Security-Policy: default-src 'none'\r\n", "X-Content-Type-Options: nosniff\r\n"}) {
+        EXPECT_NE(answer.find(header), std::string::npos) << header << answer.substr(0, 800);
+    }
+    std::istringstream text(recording_of(sim));
+    EXPECT_EQ(text.str().find(kToken), std::string::npos);
+    EXPECT_EQ(text.str().find("desk-token"), std::string::npos);
+    const sim::Recording recording = sim::read_recording(text, "session");
+    EXPECT_TRUE(recording.has_platform && recording.has_daemon);
+    ASSERT_EQ(recording.tunnel_models.size(), 1u);
+    EXPECT_EQ(recording.entries.back().unit.frame.payload, "a message");
+    EXPECT_NE(recording.cut, "");  // the session goes on
+}
+
+TEST(sim_web, a_recording_from_the_page_is_replayed_as_far_as_it_goes) {
+    const std::string path = simtest::fresh_path(".session");
+    {
+        const WebSim sim;
+        Wire module;
+        ASSERT_TRUE(simtest::open_tunnel(module, sim.platform_port, "base"));
+        std::ofstream(path) << recording_of(sim);
+    }
+    SimProcess replay({"--replay", path});
+    Wire module;
+    ASSERT_TRUE(module.connect_tcp(replay.port()) && module.start_tls(0));
+    for (const sim::Entry &entry : sim::read_recording_file(path).entries) {
+        if (entry.act == sim::Act::module_sends) {
+            EXPECT_TRUE(module.write(entry.unit.bytes));
+        } else if (entry.act == sim::Act::simulator_sends) {
+            EXPECT_EQ(module.read_once(entry.bytes.size()).size(), entry.bytes.size());
+        }
+    }
+    EXPECT_EQ(replay.finish(), 0);
+    EXPECT_TRUE(replay.errors().starts_with("cloudtunnel-sim: the recording is cut behind line ")) << replay.errors();
+    EXPECT_EQ(simtest::lines(replay.errors()), 1u);
+    unlink(path.c_str());
+}
+
+TEST(sim_web, the_recording_needs_the_token_and_head_has_its_length_only) {
+    const WebSim sim;
+    for (const char *target : {"/recording", "/recording?token=", "/recording?token=a-token-of-a-tesT"}) {
+        EXPECT_EQ(status_of(ask(sim, request_for(target, host_header(sim.host)))), 403) << target;
+    }
+    const std::string recording = with_token("/recording");
+    EXPECT_EQ(status_of(ask(sim, request_for(recording, host_header("evil.example")))), 421);
+    const std::string origin = "Origin: http://evil.example\r\n";
+    EXPECT_EQ(status_of(ask(sim, request_for(recording, host_header(sim.host) + origin))), 403);
+    EXPECT_EQ(status_of(ask(sim, request_for(recording, host_header(sim.host), "POST"))), 405);
+    const std::string head = ask(sim, request_for(recording, host_header(sim.host), "HEAD"));
+    EXPECT_EQ(status_of(head), 200);
+    EXPECT_EQ(head.find("Content-Length: 0\r\n"), std::string::npos);
+    EXPECT_TRUE(head.ends_with("\r\n\r\n"));
 }
 
 TEST(sim_web, a_wrong_command_line_gets_one_line_and_status_2) {
