@@ -141,7 +141,8 @@ void Lines::reap(Clock::time_point now) {
 
 bool Lines::finished() {
     const auto all = peers();
-    return !(handler_ && handler_->runs()) && std::ranges::none_of(all, [](const Peer *peer) { return peer->waits(); });
+    return !(handler_ && handler_->runs()) &&
+           std::none_of(all.begin(), all.end(), [](const Peer *peer) { return peer->waits(); });
 }
 
 void Lines::finish() {

@@ -168,7 +168,7 @@ void Module::check_end() {
 }
 
 bool Module::ended() const {
-    return ending_ && std::ranges::all_of(tunnels_, [](const auto &tunnel) { return tunnel->ended(); });
+    return ending_ && std::all_of(tunnels_.begin(), tunnels_.end(), [](const auto &tunnel) { return tunnel->ended(); });
 }
 
 // ---------------------------------------------------------------------------------------------------------- sums

@@ -26,7 +26,7 @@ common::Setter set_models(std::vector<std::string> &models) {
         std::string model;
         common::set_filled_text(model, CTM_NAME_MAX)(text);
         if (calls++ == 1) models.clear();
-        if (std::ranges::find(models, model) != models.end())
+        if (std::find(models.begin(), models.end(), model) != models.end())
             throw common::BadInput(cat("'", common::printable(model), "' is given twice"));
         if (models.size() == CTM_TUNNEL_MAX) throw common::BadInput(cat("at most ", CTM_TUNNEL_MAX, " are possible"));
         models.push_back(model);
