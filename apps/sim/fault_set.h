@@ -44,7 +44,7 @@ class FaultSet {
 
 class ConnectionFaults {
   public:
-    // Told of each fault that the connection meets, once.
+    // Called once for each fault that the connection meets.
     using Applied = std::function<void(const Fault &)>;
 
     // `id` is the connection's number and `model` the model it is known to be of, or empty. `all` outlives it.
