@@ -7,6 +7,7 @@
 #include "base/list.h"
 #include "base/log.h"
 #include "base/os.h"
+#include "loop/event.h"
 
 static_assert(offsetof(CLOUDMGR_ELOOP_SOCK, link) == 0 && offsetof(CLOUDMGR_ELOOP_SOCK, fd) == 16 &&
               offsetof(CLOUDMGR_ELOOP_SOCK, handler) == 24 && offsetof(CLOUDMGR_ELOOP_SOCK, event) == 32 &&
@@ -81,6 +82,12 @@ int node_refused(CLOUDMGR_ELOOP_SOCK *node, int result) {
 }
 
 }  // namespace
+
+CLOUDMGR_ELOOP_SOCK *loop_socket(int fd) {
+    const IndexSlot *slot = index_slot(fd);
+    CLOUDMGR_ELOOP_SOCK *socket = slot ? slot->socket.load(std::memory_order_acquire) : nullptr;
+    return socket && socket->fd == fd ? socket : cloudmgr_eloop_get_sock(fd);
+}
 
 int CLOUDMGR_eloop_init(void) {
     // Nothing is freed and no descriptor closed: callers may still hold nodes, what hangs on them, and the old epoll
@@ -184,6 +191,6 @@ int CLOUDTUNNEL_EPOLL_HandleMsg(int epfd) {
     struct epoll_event event = {};
     const int ready = epoll_wait(epfd, &event, 1, 0);
     if (ready <= 0) return ready;
-    const CLOUDMGR_ELOOP_SOCK *node = cloudmgr_eloop_get_sock(event.data.fd);
+    const CLOUDMGR_ELOOP_SOCK *node = loop_socket(event.data.fd);
     return node ? node->handler(&event, node->fd) : 0;
 }

@@ -1,6 +1,7 @@
-// The events that a socket is registered for in the event loop.
+// The sockets of the event loop, and the events that they are registered for.
 #pragma once
 
+#include <cloudtunnel.h>
 #include <sys/epoll.h>
 
 #include <cstdint>
@@ -13,3 +14,7 @@ inline struct epoll_event loop_event(int fd, uint32_t events) {
     event.data.fd = fd;
     return event;
 }
+
+// loop_socket returns what cloudmgr_eloop_get_sock returns, to the thread that runs the loop. That thread uses what it
+// gets without the lock of the table anyway, so it needs none to read the index: only the walk does.
+CLOUDMGR_ELOOP_SOCK *loop_socket(int fd);

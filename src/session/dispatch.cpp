@@ -26,7 +26,7 @@ using OwnedResp = std::unique_ptr<cloudtunnel_http_resp, RespFree>;
 // watched returns what the loop holds of a socket while its events come here; null when they do not, since a module may
 // have registered a handler of its own.
 const CLOUDMGR_ELOOP_SOCK *watched(int sock) {
-    const CLOUDMGR_ELOOP_SOCK *registered = cloudmgr_eloop_get_sock(sock);
+    const CLOUDMGR_ELOOP_SOCK *registered = loop_socket(sock);
     return registered && registered->handler == cloudtunnel_socket_dataProc ? registered : nullptr;
 }
 
@@ -40,11 +40,13 @@ int watch_for(int sock, uint32_t events) {
     return CLOUDMGR_eloop_sock_modify(sock, &event, cloudtunnel_socket_dataProc);
 }
 
-// drain asks the loop to call again at once if the TLS session holds bytes.
-int drain(const cloudtunnel_connect_node *conn) {
-    if (!holds_bytes(conn)) return 0;
+// drain asks the loop to call again at once if the TLS session holds bytes. An event that reports writability says that
+// it was asked already, unless a callback changed that: the session itself need not be asked then.
+int drain(const cloudtunnel_connect_node *conn, uint32_t events) {
+    if (!(events & EPOLLOUT) && !holds_bytes(conn)) return 0;
     const CLOUDMGR_ELOOP_SOCK *registered = watched(conn->sock);
-    return !registered || draining(registered) ? 0 : watch_for(conn->sock, EPOLLIN | EPOLLOUT);
+    if (!registered || draining(registered) || !holds_bytes(conn)) return 0;
+    return watch_for(conn->sock, EPOLLIN | EPOLLOUT);
 }
 
 // dispatch_http reads one HTTP response and passes it on. The connection may be gone afterwards. 0, or -1 or what the
@@ -104,7 +106,7 @@ int cloudtunnel_socket_dataProc(const struct epoll_event *event, int sock) {
     ConnGuard guard(conn);
     const uint32_t events = event->events;
     int result = dispatch_event(conn, events);
-    if (result == 0 && guard.node()) result = drain(guard.node());
+    if (result == 0 && guard.node()) result = drain(guard.node(), events);
     if (!(events & (EPOLLERR | EPOLLHUP)) && result == 0) return 0;
 
     LOG(error, "Socket data proc error,[model %s][sock %d][event %d][ret %d]", guard.model(), sock,

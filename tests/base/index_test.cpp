@@ -134,6 +134,23 @@ TEST_F(IndexTest, a_socket_that_leaves_the_loop_is_not_found_any_more) {
     EXPECT_EQ(cloudmgr_eloop_get_sock(fd), nullptr);
 }
 
+TEST_F(IndexTest, a_socket_whose_descriptor_is_changed_gets_no_events_of_the_old_one) {
+    const support::Pair pair = support::unix_pair();
+    const int fd = pair.a.get();
+    struct epoll_event event = {};
+    event.events = EPOLLOUT;
+    event.data.fd = fd;
+    const auto writable = [](const struct epoll_event *, int) { return 7; };
+    ASSERT_EQ(CLOUDMGR_eloop_sock_add(fd, &event, writable), 0);
+    ASSERT_EQ(CLOUDTUNNEL_EPOLL_HandleMsg(epfd), 7);
+    CLOUDMGR_ELOOP_SOCK *const socket = cloudmgr_eloop_get_sock(fd);
+    socket->fd = fd + 1000;
+    EXPECT_EQ(CLOUDTUNNEL_EPOLL_HandleMsg(epfd), 0);
+    EXPECT_EQ(cloudmgr_eloop_get_sock(fd + 1000), socket);
+    socket->fd = fd;
+    CLOUDMGR_eloop_sock_del(fd);
+}
+
 TEST_F(IndexTest, of_two_sockets_with_one_descriptor_the_older_is_found_until_it_is_deleted) {
     struct epoll_event event = {};
     support::Pair one = support::unix_pair();

@@ -157,6 +157,19 @@ TEST_F(DispatchTest, a_handler_that_a_data_callback_registers_is_not_replaced_wh
     EXPECT_EQ(bodies(), std::vector<std::string>{"one"});
 }
 
+TEST_F(DispatchTest, a_callback_that_watches_for_reading_alone_does_not_leave_held_bytes_behind) {
+    const support::Connection conn = connect(Wire::tls);
+    callbacks.during_data = [&conn](int) {
+        struct epoll_event event = {};
+        event.events = EPOLLIN;
+        event.data.fd = conn.sock;
+        EXPECT_EQ(CLOUDMGR_eloop_sock_modify(conn.sock, &event, cloudtunnel_socket_dataProc), 0);
+    };
+    conn.server->send(frame(kText, "one") + frame(kText, "two") + frame(kText, "three"));
+    for (int i = 0; i < 3; i++) ASSERT_TRUE(turn(kWaitMs));
+    EXPECT_EQ(bodies(), (std::vector<std::string>{"one", "two", "three"}));
+}
+
 TEST_F(DispatchTest, bytes_in_a_session_that_is_no_longer_read_through_do_not_keep_the_loop_busy) {
     const support::Connection conn = connect(Wire::tls);
     conn.server->send(frame(kText, "one") + frame(kText, "two"));
