@@ -60,6 +60,15 @@ int receive_tls(const cloudtunnel_connect_node *conn, uint8_t *dst, uint32_t len
     return kReadBad;
 }
 
+// receive_once makes one read of the connection's socket, with the results of CLOUDMGR_socket_rcvData.
+int receive_once(const cloudtunnel_connect_node *conn, uint8_t *dst, uint32_t len) {
+    if (log_wanted(LogLevel::package))
+        LOG(package, "Need rcv frome socket %d len %d.", conn->sock, static_cast<int>(len));
+    if (!dst) return kReadBad;
+    if (len == 0) return kReadIncomplete;  // a read of nothing is not the end of the stream
+    return conn_is_plain(conn) ? receive_plain(conn, dst, len) : receive_tls(conn, dst, len);
+}
+
 // read_result turns the result of one read of the socket, `got`, into the result of a reader that wanted `need` bytes.
 int read_result(int sock, int got, int need) {
     if (incomplete(got)) return got;
@@ -67,6 +76,28 @@ int read_result(int sock, int got, int need) {
     if (got >= need) return kReadDone;
     LOG(package, "Socket %d msg rcv length %d not enough %d.", sock, got, need);
     return kReadIncomplete;
+}
+
+// get_data does what CLOUDMGR_socket_getData does with sound arguments. `found` is the connection with the socket if it
+// is in hand; null to have it looked up for the read.
+int get_data(int sock, const cloudtunnel_connect_node *found, uint8_t *dst, const cloudtunnel_connect_node *conn,
+             int need, int offset, uint32_t *from_buf, uint32_t *from_sock) {
+    if (!conn->buf && conn->bufLen != 0) return kReadBad;  // callers may fill the record
+    *from_buf = *from_sock = 0;
+    const int buffered = conn->bufLen > offset ? conn->bufLen - offset : 0;
+    const int taken = std::min(buffered, need);
+    if (taken) memcpy(dst, conn->buf + offset, static_cast<size_t>(taken));
+    *from_buf = static_cast<uint32_t>(taken);
+    if (taken == need) return kReadDone;
+
+    const int missing = need - taken;
+    const auto size = static_cast<uint32_t>(missing);
+    const int got = found ? receive_once(found, dst + taken, size) : CLOUDMGR_socket_rcvData(sock, dst + taken, size);
+    const int result = read_result(sock, got, missing);
+    // When both sources took part and all bytes are there, the whole count is reported as the socket's: callers rely on
+    // it.
+    *from_sock = static_cast<uint32_t>(result == kReadDone && taken ? need : std::max(got, 0));
+    return result;
 }
 
 void log_buffer(const cloudtunnel_connect_node *conn) {
@@ -82,35 +113,23 @@ int CLOUDMGR_socket_rcvData(int sock, uint8_t *dst, uint32_t len) {
         LOG(error, "Get model name by socket %d error.", sock);
         return kReadBad;
     }
-    if (log_wanted(LogLevel::package)) LOG(package, "Need rcv frome socket %d len %d.", sock, static_cast<int>(len));
-    if (!dst) return kReadBad;
-    if (len == 0) return kReadIncomplete;  // a read of nothing is not the end of the stream
-    return conn_is_plain(conn) ? receive_plain(conn, dst, len) : receive_tls(conn, dst, len);
+    return receive_once(conn, dst, len);
 }
 
 int CLOUDMGR_socket_getData(int sock, uint8_t *dst, cloudtunnel_connect_node *conn, int need, int offset,
                             uint32_t *fromBuf, uint32_t *fromSock) {
     if (!dst || !conn || !fromBuf || !fromSock || need < 0 || offset < 0) return kReadBad;
-    if (!conn->buf && conn->bufLen != 0) return kReadBad;
-    *fromBuf = *fromSock = 0;
-    const int buffered = conn->bufLen > offset ? conn->bufLen - offset : 0;
-    const int taken = std::min(buffered, need);
-    if (taken) memcpy(dst, conn->buf + offset, static_cast<size_t>(taken));
-    *fromBuf = static_cast<uint32_t>(taken);
-    if (taken == need) return kReadDone;
-
-    const int missing = need - taken;
-    const int got = CLOUDMGR_socket_rcvData(sock, dst + taken, static_cast<uint32_t>(missing));
-    const int result = read_result(sock, got, missing);
-    // When both sources took part and all bytes are there, the whole count is reported as the socket's: callers rely on
-    // it.
-    *fromSock = static_cast<uint32_t>(result == kReadDone && taken ? need : std::max(got, 0));
-    return result;
+    return get_data(sock, nullptr, dst, conn, need, offset, fromBuf, fromSock);
 }
 
 uint8_t *CLOUDMGR_socket_mergeBuf(const uint8_t *a, const uint8_t *b, uint32_t lenA, uint32_t lenB) {
     if ((!a && lenA) || (!b && lenB)) return nullptr;
     return os_memcat(a, lenA, b, lenB);
+}
+
+int receive_data(const cloudtunnel_connect_node *conn, uint8_t *dst, int need, int offset, uint32_t *from_buf,
+                 uint32_t *from_sock) {
+    return get_data(conn->sock, conn, dst, conn, need, offset, from_buf, from_sock);
 }
 
 void receive_buffer_set(cloudtunnel_connect_node *conn, uint8_t *block, int32_t len) {
@@ -120,7 +139,7 @@ void receive_buffer_set(cloudtunnel_connect_node *conn, uint8_t *block, int32_t 
     log_buffer(conn);
 }
 
-int receive_buffer_fill(int sock, cloudtunnel_connect_node *conn, int total) {
+int receive_buffer_fill(cloudtunnel_connect_node *conn, int total) {
     // The allocator knows how large the block is. The record, which callers may fill, has no field for it.
     const size_t size = static_cast<size_t>(total) + 1;
     if (malloc_usable_size(conn->buf) < size) {
@@ -129,9 +148,9 @@ int receive_buffer_fill(int sock, cloudtunnel_connect_node *conn, int total) {
         conn->buf = larger;
     }
     const int missing = total - conn->bufLen;
-    const int got = CLOUDMGR_socket_rcvData(sock, conn->buf + conn->bufLen, static_cast<uint32_t>(missing));
+    const int got = receive_once(conn, conn->buf + conn->bufLen, static_cast<uint32_t>(missing));
     conn->bufLen += std::max(got, 0);
-    const int result = read_result(sock, got, missing);
+    const int result = read_result(conn->sock, got, missing);
     if (incomplete(result)) log_buffer(conn);
     return result;
 }

@@ -14,12 +14,16 @@ inline bool incomplete(int result) {
     return result == CLOUDTUNNEL_READ_INCOMPLETE || result == CLOUDTUNNEL_READ_INCOMPLETE_TOO;
 }
 
+// receive_data does what CLOUDMGR_socket_getData does, for a connection that was found by its socket already.
+[[nodiscard]] int receive_data(const cloudtunnel_connect_node *conn, uint8_t *dst, int need, int offset,
+                               uint32_t *from_buf, uint32_t *from_sock);
+
 // receive_buffer_set makes `block`, from malloc, of which `len` bytes count, the receive buffer. The old one is freed.
 void receive_buffer_set(cloudtunnel_connect_node *conn, uint8_t *block, int32_t len);
 
 // receive_buffer_fill reads the socket once for the bytes that are missing to `total` in the receive buffer, and
 // appends them. Room for `total` bytes and a zero byte is made at once. Results as CLOUDMGR_socket_getData.
-[[nodiscard]] int receive_buffer_fill(int sock, cloudtunnel_connect_node *conn, int total);
+[[nodiscard]] int receive_buffer_fill(cloudtunnel_connect_node *conn, int total);
 
 // receive_buffer_take returns the block of the receive buffer, for the caller to free, and leaves the buffer empty.
 [[nodiscard]] uint8_t *receive_buffer_take(cloudtunnel_connect_node *conn);

@@ -13,7 +13,6 @@ namespace {
 
 // A frame while it is read.
 struct Incoming {
-    int sock;
     cloudtunnel_connect_node *conn;
     cloudmgr_ws_msg *msg;
     uint8_t header[16] = {};
@@ -25,7 +24,7 @@ struct Incoming {
 
 // read_next reads the next `need` bytes of the frame, those behind what was read of the header.
 int read_next(Incoming &in, uint8_t *to, int need) {
-    return CLOUDMGR_socket_getData(in.sock, to, in.conn, need, in.header_len, &in.from_buf, &in.from_sock);
+    return receive_data(in.conn, to, need, in.header_len, &in.from_buf, &in.from_sock);
 }
 
 // read_header reads the next `need` bytes of the header. If some are missing, what there is goes into the receive
@@ -90,7 +89,7 @@ int read_first(Incoming &in, int total, Owned<uint8_t> *body) {
 // read_more reads on where the receive buffer has the header at least. When the payload is complete, the block of the
 // buffer becomes the body: the header in front of it gives way.
 int read_more(const Incoming &in, int total, Owned<uint8_t> *body) {
-    const int result = receive_buffer_fill(in.sock, in.conn, total);
+    const int result = receive_buffer_fill(in.conn, total);
     if (result != kReadDone) return result;
     body->reset(receive_buffer_take(in.conn));
     memmove(body->get(), body->get() + in.header_len, static_cast<size_t>(in.length));
@@ -126,7 +125,7 @@ int read_frame(Incoming &in) {
 }  // namespace
 
 int CLOUDMGR_ws_rcv(int sock, cloudmgr_ws_msg *msg) {
-    Incoming in = {.sock = sock, .conn = CLOUDMGR_socket_getCnctBySock(sock), .msg = msg};
+    Incoming in = {.conn = CLOUDMGR_socket_getCnctBySock(sock), .msg = msg};
     if (!msg || !in.conn) return kReadBad;
     const int result = read_frame(in);
     if (incomplete(result)) return result;

@@ -212,7 +212,7 @@ TEST_F(ReceiveTest, the_end_of_the_stream_where_bytes_are_missing_is_an_error) {
         EXPECT_EQ(got.result, -1);
         EXPECT_EQ(got.from_buf, 2U);
         EXPECT_EQ(got.from_sock, 0U);
-        EXPECT_EQ(receive_buffer_fill(conn.sock, conn.node(), 10), -1);
+        EXPECT_EQ(receive_buffer_fill(conn.node(), 10), -1);
         EXPECT_EQ(buffered(conn), "ab");
     }
 }
@@ -303,12 +303,12 @@ TEST_F(ReceiveTest, a_buffer_that_is_filled_in_pieces_grows_once) {
     const support::Calls rooms("realloc");
     for (const char *piece : {"cd", "ef", "gh"}) {
         arrive(conn, piece);
-        EXPECT_EQ(receive_buffer_fill(conn.sock, conn.node(), 1000), -2);
+        EXPECT_EQ(receive_buffer_fill(conn.node(), 1000), -2);
     }
     EXPECT_EQ(rooms(), 1);
     EXPECT_EQ(buffered(conn), "abcdefgh");
     arrive(conn, "ijkl");
-    EXPECT_EQ(receive_buffer_fill(conn.sock, conn.node(), 10), 0);
+    EXPECT_EQ(receive_buffer_fill(conn.node(), 10), 0);
     EXPECT_EQ(buffered(conn), "abcdefghij");
 }
 
@@ -316,7 +316,7 @@ TEST_F(ReceiveTest, a_buffer_that_cannot_grow_is_an_error) {
     const support::Connection conn = connect(Wire::plain);
     update(conn, "ab");
     const support::FailAlloc fail(0);
-    EXPECT_EQ(receive_buffer_fill(conn.sock, conn.node(), 1000), -1);
+    EXPECT_EQ(receive_buffer_fill(conn.node(), 1000), -1);
     EXPECT_EQ(buffered(conn), "ab");
 }
 
