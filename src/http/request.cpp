@@ -27,9 +27,12 @@ bool text_reserve(cloudtunnel_http_text *text, uint64_t length) {
     return true;
 }
 
-// text_append adds a formatted piece. 0; kCannotGrow; or -1 or vsnprintf's negative result, the text as it was.
-int text_append(cloudtunnel_http_text *text, const char *format, va_list &args) {
-    const Owned<char> piece(static_cast<char *>(malloc(kPieceSize)));
+// piece_make returns room for one formatted piece, null without memory.
+Owned<char> piece_make() { return Owned<char>(static_cast<char *>(malloc(kPieceSize))); }
+
+// text_append adds a piece, which it formats in `piece`. 0; kCannotGrow; or -1 or vsnprintf's negative result, the text
+// as it was.
+int text_append(cloudtunnel_http_text *text, const Owned<char> &piece, const char *format, va_list &args) {
     if (!piece) return -1;
     const int formatted = vsnprintf(piece.get(), kPieceSize, format, args);
     if (formatted < 0) return formatted;
@@ -58,7 +61,7 @@ class Writer {
         if (!ok_) return;
         va_list args;
         va_start(args, format);
-        ok_ = text_append(&text_, format, args) == 0;
+        ok_ = text_append(&text_, piece_, format, args) == 0;
         va_end(args);
     }
 
@@ -73,6 +76,7 @@ class Writer {
 
   private:
     cloudtunnel_http_text text_ = {};
+    Owned<char> piece_ = piece_make();  // one for all pieces
     bool ok_ = true;
 };
 
@@ -120,7 +124,7 @@ int cloudtunnel_http_strcat(cloudtunnel_http_text *text, const char *format, ...
     if (!text || !format) return -1;
     va_list args;
     va_start(args, format);
-    const int result = text_append(text, format, args);
+    const int result = text_append(text, piece_make(), format, args);
     va_end(args);
     if (result != kCannotGrow) return result;
     os_free(text);

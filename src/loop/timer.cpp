@@ -77,6 +77,7 @@ cloudtunnel_timer_node *find_locked(uint32_t id) {
 }
 
 void dump_pool_locked() {
+    if (!log_wanted(LogLevel::timer_detail)) return;
     for (size_t i = 0; i < g_pool.size(); i++)
         LOG(timer_detail, " DynamicTest: pool[%d] = 0x%02x", static_cast<int>(i), static_cast<unsigned>(g_pool[i]));
 }

@@ -140,7 +140,7 @@ TEST_F(RequestTest, a_piece_that_fails_stops_the_writer_and_nothing_is_sent) {
         EXPECT_EQ(result, fail.hit() ? -1 : 0);
         EXPECT_EQ(sends(), fail.hit() ? 0 : 1);
     });
-    EXPECT_GE(failed, 18);
+    EXPECT_GE(failed, 7);  // the room for a piece, and the text each time it grows
     const support::Fault format("vsnprintf", {.after = 3, .result = -7});
     EXPECT_EQ(cloudtunnel_http_send(conn.sock, req), -1);
 }
