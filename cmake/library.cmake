@@ -67,13 +67,22 @@ endfunction()
 set_source_files_properties(src/lifecycle/lifecycle.cpp PROPERTIES
   COMPILE_DEFINITIONS CLOUDTUNNEL_VERSION="${PROJECT_VERSION}")
 
-# Both are linked from one set of objects, unless the shared one is compiled for another address model.
+# Both are linked from one set of objects, unless the shared one is compiled otherwise: in a small build for another
+# address model, in a release build to be optimized as a whole when it is linked. The static one cannot be: what links it
+# would have to use the same compiler.
 cloudtunnel_add_objects(cloudtunnel_objects)
 set(shared_objects cloudtunnel_objects)
-if(CLOUDTUNNEL_TINY_MODEL)
-  set(shared_objects cloudtunnel_tiny_objects)
-  cloudtunnel_add_objects(cloudtunnel_tiny_objects)
-  target_compile_options(cloudtunnel_tiny_objects PRIVATE -mcmodel=tiny)
+set(whole_program OFF)
+if(CMAKE_BUILD_TYPE STREQUAL "Release" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  set(whole_program ON)
+endif()
+if(CLOUDTUNNEL_TINY_MODEL OR whole_program)
+  set(shared_objects cloudtunnel_shared_objects)
+  cloudtunnel_add_objects(cloudtunnel_shared_objects)
+  # The library's calls to itself stay inside it, so they may be inlined.
+  target_compile_options(cloudtunnel_shared_objects PRIVATE
+    $<IF:$<BOOL:${CLOUDTUNNEL_TINY_MODEL}>,-mcmodel=tiny,-fno-semantic-interposition>)
+  set_target_properties(cloudtunnel_shared_objects PROPERTIES INTERPROCEDURAL_OPTIMIZATION ${whole_program})
 endif()
 
 add_library(cloudtunnel_static STATIC $<TARGET_OBJECTS:cloudtunnel_objects>)
@@ -82,6 +91,7 @@ target_include_directories(cloudtunnel_static INTERFACE $<BUILD_INTERFACE:${PROJ
 target_link_libraries(cloudtunnel_static INTERFACE OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC Threads::Threads)
 
 add_library(cloudtunnel SHARED $<TARGET_OBJECTS:${shared_objects}>)
+set_target_properties(cloudtunnel PROPERTIES INTERPROCEDURAL_OPTIMIZATION ${whole_program})
 target_include_directories(cloudtunnel INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
 target_link_libraries(cloudtunnel PRIVATE cloudtunnel_hardening cloudtunnel_small OpenSSL::SSL OpenSSL::Crypto PkgConfig::JSONC)
 cloudtunnel_link_shared(cloudtunnel abi/exports.txt)
