@@ -38,7 +38,7 @@ faults=(
     'opcode 3 at=registration' 'masked at=registration' 'length_form 64 at=registration'
     'fragments 10 at=registration' 'oversize at=registration' 'oversize at=open' 'ping_flood 1 at=registration'
     'ping_flood at=open' 'close_frame at=registration' 'close_frame at=open' 'close_frame 1012 at=open'
-    'close_frame body none at=open' 'close_frame body half at=open' 'no_reply' 'cut_record' 'split_record'
+    'close_frame body none at=open' 'close_frame body half at=open' 'no_reply' 'cut_record pause 5s' 'split_record'
     'merge_records' 'record_type 7' 'notice_type 9' 'repeat 2' 'repeat 2 change token' 'other_port 1'
     'other_host nowhere.invalid' 'data_after_close' 'absence 1s count=1'
 )

@@ -203,6 +203,8 @@ awaitable<void> DaemonLink::send(const Pending &pending) {
     if (const auto *cut = faults.find(FaultKind::cut_record, Stage::accept)) {
         post(record.substr(0, static_cast<std::size_t>(cut->fault.values[0])), notice_name(pending.notice),
              pending.model);
+        asio::steady_timer pause(io_, std::chrono::milliseconds(cut->fault.values[1]));
+        co_await pause.async_wait(use_awaitable);
         hangs_up_ = true;
         outbox_.close();
         co_return;

@@ -43,6 +43,13 @@ TEST(sim_daemon_fault, a_record_is_cut_with_its_link) {
     EXPECT_EQ(module.link.read_all(1000).size(), kReply + 300);
 }
 
+TEST(sim_daemon_fault, a_cut_record_is_there_for_a_time_before_its_link_ends) {
+    Linked module("cut_record 300 pause 1s");
+    EXPECT_EQ(module.link.read_all(kReply + 300).size(), kReply + 300);
+    EXPECT_TRUE(module.link.is_quiet(100ms));
+    EXPECT_EQ(module.link.read_once(1), "");
+}
+
 TEST(sim_daemon_fault, a_record_comes_in_two_parts) {
     Linked module("split_record 300 pause 150ms");
     EXPECT_EQ(module.link.read_all(kReply + 300).size(), kReply + 300);
