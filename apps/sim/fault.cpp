@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <charconv>
 #include <cmath>
+#include <cstdlib>
 
 #include "common/options.h"
 #include "text.h"
@@ -90,11 +90,11 @@ const char *kind_of_value(Unit unit) {
 
 // in_unit reads a number with one of the unit's suffixes; nothing when it is anything else. A fraction is for times.
 std::optional<double> in_unit(Unit unit, std::string_view text) {
-    double number = 0;
-    const auto format = std::chars_format::fixed;
-    const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), number, format);
-    if (error != std::errc() || !std::isfinite(number)) return std::nullopt;
-    const auto suffix = text.substr(static_cast<std::size_t>(stop - text.data()));
+    const std::string digits(text.substr(0, text.find_first_not_of("-.0123456789")));
+    char *stop = nullptr;
+    const double number = std::strtod(digits.c_str(), &stop);  // the device's C++ library has no from_chars for it
+    if (stop == digits.c_str() || !std::isfinite(number)) return std::nullopt;
+    const auto suffix = text.substr(static_cast<std::size_t>(stop - digits.c_str()));
     if (number == 0 && suffix.empty()) return 0;
     if (unit != Unit::time && number != std::floor(number)) return std::nullopt;
     for (const UnitSuffix &known : suffixes_of(unit)) {
@@ -123,7 +123,7 @@ std::string choices_of(const Parameter &parameter) {
 
 long read_value(const Parameter &parameter, std::string_view text) {
     if (parameter.unit == Unit::word) {
-        const auto found = std::ranges::find(parameter.choices, text);
+        const auto found = std::find(parameter.choices.begin(), parameter.choices.end(), text);
         if (found == parameter.choices.end()) {
             throw BadInput(cat(parameter.name, " '", printable(text), "' is none of ", choices_of(parameter)));
         }
@@ -184,12 +184,13 @@ class FaultReader {
     }
 
     [[nodiscard]] bool is_parameter(std::string_view name) const {
-        return std::ranges::find(fault_.row->used_parameters(), name, &Parameter::name) !=
-               fault_.row->used_parameters().end();
+        const auto all = fault_.row->used_parameters();
+        return std::any_of(all.begin(), all.end(), [&](const Parameter &one) { return one.name == name; });
     }
 
     static bool is_scope(std::string_view name) {
-        return std::ranges::any_of(kScopes, [&](const ScopeRow &row) { return row.parameter.name == name; });
+        return std::any_of(std::begin(kScopes), std::end(kScopes),
+                           [&](const ScopeRow &row) { return row.parameter.name == name; });
     }
 
     void set_next(std::string_view value) {
@@ -277,7 +278,8 @@ class FaultReader {
 
 std::string upper_case(std::string_view name) {
     std::string out(name);
-    std::ranges::transform(out, out.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    std::transform(out.begin(), out.end(), out.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
     return out;
 }
 
@@ -308,16 +310,17 @@ std::string_view Fault::word(std::size_t place) const {
 }
 
 std::span<const Parameter> FaultRow::used_parameters() const {
-    const auto end = std::ranges::find_if(parameters, [](const Parameter &one) { return one.name.empty(); });
+    const auto *const end =
+        std::find_if(parameters.begin(), parameters.end(), [](const Parameter &one) { return one.name.empty(); });
     return {parameters.begin(), end};
 }
 
-bool FaultRow::staged() const { return std::ranges::count(stages, true) > 0; }
+bool FaultRow::staged() const { return std::count(stages.begin(), stages.end(), true) > 0; }
 
 const FaultRow &find_fault(std::string_view name) {
-    const auto found = std::ranges::find(fault_table(), name, &FaultRow::name);
-    if (found == fault_table().end())
-        throw BadInput(cat("no fault is called '", printable(name), "'; --help lists all"));
+    const auto rows = fault_table();
+    const auto found = std::find_if(rows.begin(), rows.end(), [&](const FaultRow &row) { return row.name == name; });
+    if (found == rows.end()) throw BadInput(cat("no fault is called '", printable(name), "'; --help lists all"));
     return *found;
 }
 
@@ -395,7 +398,8 @@ std::string bounds_of(const FaultRow &row) {
         const std::string initial = parameter.initial ? cat(" (", show_value(parameter, *parameter.initial), ")") : "";
         add(cat(parameter.name, ", ", parameter.help, ": ", value_range(parameter), initial));
     }
-    if (row.staged()) add(cat("at: ", std::ranges::count(row.stages, false) == 0 ? "every stage" : stages_of(row)));
+    const bool everywhere = std::count(row.stages.begin(), row.stages.end(), false) == 0;
+    if (row.staged()) add(cat("at: ", everywhere ? "every stage" : stages_of(row)));
     if (row.directed) add("takes to=");
     return out;
 }

@@ -28,7 +28,7 @@ enum class Family { network, tls, upgrade, registration, websocket, daemon };
 enum class FaultKind {
     latency, jitter, bandwidth, slicer, limit_data, timeout, reset_peer, slow_close, half_close,
     tls_version, tls_alert, tls_garbage, certificate, rekey, no_close_notify,
-    status, redirect, retry_after, informational, header, large_headers, content_length, no_http, cut_answer,
+    status, redirect, retry_after, informational, other_status, header, large_headers, content_length, no_http, cut_answer,
     early_frame, silence, hang_up,
     ret_code, opt_type, json, answer_as, twice, late,
     reserved_bits, opcode, masked, length_form, fragments, oversize, ping_flood, close_frame, data_after_close,

@@ -82,6 +82,10 @@ RegistrationReply registration_reply(ConnectionFaults &faults, bool refused) {
         out.opcode = opcode_of(as->fault.word(0));
         out.accepted = false;
     }
+    if (const auto *cut = find(FaultKind::cut_answer)) {
+        out.cut = static_cast<std::size_t>(cut->fault.values[0]);
+        out.accepted = false;
+    }
     return out;
 }
 

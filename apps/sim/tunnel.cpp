@@ -354,6 +354,14 @@ void Tunnel::answer_registration(bool refused) {
 }
 
 void Tunnel::send_registration_reply(const RegistrationReply &reply) {
+    if (reply.cut) {
+        const std::string bytes = encode({.opcode = reply.opcode, .payload = reply.body}).substr(0, *reply.cut);
+        outbox_.post(bytes);
+        emit(Kind::registration_answered,
+             {{"json", Bytes{reply.body}}, {"fault", cat("cut behind ", bytes.size(), " bytes")}});
+        ending_ = "connection closed by the platform";
+        return outbox_.close();
+    }
     const auto *twice = faults_.find(FaultKind::twice, Stage::registration);
     for (long times = twice ? twice->fault.values[0] : 1; times > 0; times--) {
         post({.opcode = reply.opcode, .payload = reply.body});

@@ -20,7 +20,8 @@ constexpr std::string_view kAccepted = R"({"optType":1,"retCode":0})";
 std::string status_line(long status) { return cat("HTTP/1.1 ", status_text(static_cast<int>(status)), "\r\n"); }
 
 std::string lower_case(std::string text) {
-    std::ranges::transform(text, text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return text;
 }
 
@@ -129,7 +130,11 @@ UpgradeReply right_reply(ConnectionFaults &faults, const UpgradeRequest &request
     const auto *length = find(FaultKind::content_length);
     if (length) headers += cat("Content-Length: ", length->fault.values[0], "\r\n");
 
-    UpgradeReply out = answer_of(101, cat(headers, "\r\n"), Next::registration);
+    const auto *other = find(FaultKind::other_status);
+    const long status = other ? other->fault.values[0] : 101;
+    UpgradeReply out =
+        answer_of(status, cat(headers, "\r\n"), status == 101 ? Next::registration : Next::module_closes);
+    if (status != 101) add_fault(out, "in place of 101");
     if (header) add_fault(out, cat(header->fault.word(0), " ", header->fault.word(1)));
     if (large) add_fault(out, cat("filler of ", large->fault.values[0], " bytes"));
     if (length) add_fault(out, cat("Content-Length of ", length->fault.values[0]));

@@ -69,6 +69,13 @@ TEST(sim_upgrade_fault, an_informational_answer_comes_first) {
     expect_upgrade_answer("informational 103", "HTTP/1.1 103 Early Hints\r\n\r\n" + kUpgradeAnswer);
 }
 
+TEST(sim_upgrade_fault, the_right_answer_can_have_any_status) {
+    const std::string behind = kUpgradeAnswer.substr(kUpgradeAnswer.find("\r\n"));
+    expect_upgrade_answer("other_status 200", "HTTP/1.1 200 OK" + behind);
+    expect_upgrade_answer("other_status 404", "HTTP/1.1 404 Not Found" + behind);
+    expect_upgrade_answer("other_status 101", kUpgradeAnswer);
+}
+
 TEST(sim_upgrade_fault, each_header_can_be_wrong_missing_doubled_folded_or_respelled) {
     const std::string accept = "Sec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\n";
     expect_upgrade_answer("header wrong upgrade", replaced(kUpgradeAnswer, "Upgrade: websocket", "Upgrade: h2c"));
@@ -107,6 +114,7 @@ TEST(sim_upgrade_fault, bytes_that_are_no_http) {
 
 TEST(sim_upgrade_fault, a_cut_answer_ends_with_its_connection) {
     EXPECT_EQ(upgrade_answer("cut_answer 17", 1000), "HTTP/1.1 101 Swit");
+    EXPECT_EQ(upgrade_answer("cut_answer 17 at=upgrade", 1000), "HTTP/1.1 101 Swit");
 }
 
 TEST(sim_upgrade_fault, an_early_frame_shares_the_segment_of_the_answer) {
@@ -171,6 +179,13 @@ TEST(sim_registration_fault, json_of_every_kind) {
     };
     for (const auto &[how, body] : cases) EXPECT_EQ(registration_answer("json " + how)->payload, body) << how;
     EXPECT_EQ(registration_answer("json huge 1000000")->payload.size(), 1000000u + 35u);
+}
+
+TEST(sim_registration_fault, a_cut_answer_ends_with_its_connection) {
+    Plain module({"cut_answer 10 at=registration"});
+    ASSERT_TRUE(module.upgrade() && module.wire.write(library_frame(kText, opt1())));
+    EXPECT_EQ(module.wire.read_all(1000), "\x81\x19" + kAccepted.substr(0, 8));
+    EXPECT_TRUE(module.sim.wait_for("cut behind 10 bytes"));
 }
 
 TEST(sim_registration_fault, the_answer_comes_in_another_frame) {

@@ -51,7 +51,7 @@ TEST(sim_daemon_fault, a_cut_record_is_there_for_a_time_before_its_link_ends) {
 }
 
 TEST(sim_daemon_fault, a_record_comes_in_two_parts) {
-    Linked module("split_record 300 pause 150ms");
+    Linked module("split_record 300 pause 1s");
     EXPECT_EQ(module.link.read_all(kReply + 300).size(), kReply + 300);
     EXPECT_TRUE(module.link.is_quiet(100ms));
     EXPECT_EQ(module.link.read_all(kNotification - 300).size(), kNotification - 300);

@@ -76,6 +76,9 @@ TEST(sim_websocket_fault, an_oversize_frame_is_announced_and_does_not_come) {
     ASSERT_TRUE(module.up());
     EXPECT_EQ(module.wire.read_all(10), "\x81\x7f\x7f\xff\xff\xff\xff\xff\xff\xff");
     EXPECT_TRUE(module.wire.is_quiet(50ms));
+    Plain longest({"oversize -1 at=open"});
+    ASSERT_TRUE(longest.up());
+    EXPECT_EQ(longest.wire.read_all(10), "\x81\x7f\xff\xff\xff\xff\xff\xff\xff\xff");
 }
 
 TEST(sim_websocket_fault, pings_come_at_once_and_once) {
