@@ -92,7 +92,12 @@ struct Bytes {
     std::string_view bytes;
 };
 
-using Value = std::variant<std::int64_t, bool, std::string_view, Bytes, const Status *>;
+// A value that is JSON already: the state of an event that was kept.
+struct JsonText {
+    std::string_view text;
+};
+
+using Value = std::variant<std::int64_t, bool, std::string_view, Bytes, JsonText, const Status *>;
 
 struct Field {
     Field(std::string_view field_name, bool truth) : name(field_name), value(truth) {}
@@ -102,8 +107,9 @@ struct Field {
         : name(field_name), value(std::string_view(text)) {}
     Field(std::string_view field_name, Bytes bytes) : name(field_name), value(bytes) {}
     Field(std::string_view field_name, const Status *status) : name(field_name), value(status) {}
+    Field(std::string_view field_name, const Value &field_value) : name(field_name), value(field_value) {}
 
-    std::string_view name;
+    std::string_view name;  // a literal: it lasts when the event is over
     Value value;
 };
 
@@ -115,11 +121,12 @@ struct Event {
     std::span<const Field> fields = {};             // what else there is to say, in the order of docs/simulator.md
     std::string_view cause = {};                    // why it happened, where something is to blame
     std::chrono::steady_clock::duration time = {};  // since the stream began; the stream sets it
+    std::uint64_t serial = 0;                       // counts the events of the stream from 1; the stream sets it
 
     // field returns the value of the field with that name, null when the event has none.
     [[nodiscard]] const Value *field(std::string_view name) const {
         for (const Field &one : fields) {
-            if (one.name == name) return &one.value;
+            if (one.name.data() == name.data() || one.name == name) return &one.value;
         }
         return nullptr;
     }

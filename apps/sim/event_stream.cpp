@@ -15,7 +15,10 @@ void EventStream::remove(Reader *gone) {
 }
 
 void EventStream::deliver(Event event) const {
-    event.time = now();
+    if (!has_time_) time_ = now();
+    has_time_ = in_moment_;
+    event.time = time_;
+    event.serial = ++count_;
     for (const auto &reader : readers_) {
         if (reader->kinds.has(event.kind)) reader->call(event);
     }

@@ -43,6 +43,24 @@ class EventStream {
         std::unique_ptr<Reader, End> reader_;
     };
 
+    // As long as a Moment lives, events have the time of the first of them: what one read brings happens at once, and
+    // to read the clock takes longer than to count a frame. Nothing waits in a moment.
+    class Moment {
+      public:
+        explicit Moment(const EventStream &stream) : stream_(stream), inner_(stream.in_moment_) {
+            stream_.in_moment_ = true;
+        }
+        ~Moment() {
+            if (!inner_) stream_.in_moment_ = stream_.has_time_ = false;
+        }
+        Moment(const Moment &) = delete;
+        Moment &operator=(const Moment &) = delete;
+
+      private:
+        const EventStream &stream_;
+        bool inner_;  // it is a part of another one
+    };
+
     EventStream() = default;
     EventStream(const EventStream &) = delete;
     EventStream &operator=(const EventStream &) = delete;
@@ -51,7 +69,7 @@ class EventStream {
 
     [[nodiscard]] bool wants(Kind kind) const { return wanted_.has(kind); }
 
-    // emit sets the event's time and calls the readers.
+    // emit sets the event's time and serial, and calls the readers.
     void emit(const Event &event) const {
         if (wants(event.kind)) deliver(event);
     }
@@ -67,7 +85,11 @@ class EventStream {
     std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
     std::chrono::system_clock::time_point began_ = std::chrono::system_clock::now();
     std::vector<std::unique_ptr<Reader>> readers_;
-    KindSet wanted_;  // by any of them
+    KindSet wanted_;                   // by any of them
+    mutable std::uint64_t count_ = 0;  // of the events that were wanted
+    mutable std::chrono::steady_clock::duration time_{};
+    mutable bool in_moment_ = false;
+    mutable bool has_time_ = false;  // the moment's
 };
 
 using Subscription = EventStream::Subscription;

@@ -37,6 +37,8 @@ void append_field(std::string &out, const Field &field) {
         out += std::to_string(*number);
     } else if (const bool *truth = std::get_if<bool>(&field.value)) {
         out += *truth ? "true" : "false";
+    } else if (const JsonText *json = std::get_if<JsonText>(&field.value)) {
+        out += json->text;
     } else {
         out += status_json(*std::get<const Status *>(field.value));
     }

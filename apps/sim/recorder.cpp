@@ -16,21 +16,20 @@ static std::string_view wire_text(std::string_view record, std::size_t offset, s
     return field.substr(0, field.find('\0'));
 }
 
-Recorder::Recorder(EventStream &events, const TunnelData &tunnel_data, With with, Sink sink)
+RecordingWriter::RecordingWriter(const EventStream &events, const TunnelData &tunnel_data, With with, Sink sink)
     : sink_(std::move(sink)), replacing_(with == With::replaced_secrets) {
     secrets_.learn(tunnel_data.token);
     secrets_.learn(tunnel_data.cookie);
     sink_(json_header(events, kRecordingFormat, kRecordingVersion));
-    subscription_ = events.subscribe(kinds_up_to(Detail::bytes), [this](const Event &event) { read(event); });
 }
 
-void Recorder::finish() {
+void RecordingWriter::finish() {
     if (finished_) return;
     finished_ = true;
     sink_(R"({"end":true})");
 }
 
-void Recorder::read(const Event &event) {
+void RecordingWriter::write(const Event &event) {
     if (finished_) return;
     if (!replacing_) return sink_(event_json(event));
     learn(event);
@@ -39,17 +38,17 @@ void Recorder::read(const Event &event) {
             return hold(event);
         case Kind::frame_received:
             if (event.is_set("keyless")) release(event, Key::left_out);
-            return write(event);
+            return write_replaced(event);
         case Kind::tunnel_ended:
             release_rest(event);
-            return write(event);
+            return write_replaced(event);
         default:
-            return write(event);
+            return write_replaced(event);
     }
 }
 
 // The daemon's record is learned before its bytes are written, a request where its last byte arrives.
-void Recorder::learn(const Event &event) {
+void RecordingWriter::learn(const Event &event) {
     if (event.kind == Kind::page_served) {
         const std::string_view address = event.text_of("address");
         secrets_.learn(address.substr(address.find('=') + 1));  // the token, behind "?token="
@@ -60,7 +59,7 @@ void Recorder::learn(const Event &event) {
     secrets_.learn(wire_text(record, offsetof(WireNotification, token), sizeof WireNotification::token));
 }
 
-void Recorder::learn_request(const std::string &text) {
+void RecordingWriter::learn_request(const std::string &text) {
     constexpr std::string_view kSession = "JSESSIONID=";
     const UpgradeRequest request = parse_upgrade(text);
     secrets_.learn_key(request.header("Sec-WebSocket-Key"));
@@ -72,12 +71,12 @@ void Recorder::learn_request(const std::string &text) {
 }
 
 // A secret is masked and can arrive in pieces, so bytes wait until the request or the frame is whole.
-void Recorder::hold(const Event &event) {
+void RecordingWriter::hold(const Event &event) {
     tunnels_.try_emplace(event.id, ModuleBytes::Of::tunnel).first->second.add(event.bytes_of("bytes"));
     release(event, Key::follows);
 }
 
-void Recorder::release(const Event &event, Key key) {
+void RecordingWriter::release(const Event &event, Key key) {
     const auto held = tunnels_.find(event.id);
     if (held == tunnels_.end()) return;
     std::string bytes;
@@ -95,7 +94,7 @@ void Recorder::release(const Event &event, Key key) {
     if (!bytes.empty()) write_bytes(event, bytes);
 }
 
-void Recorder::release_rest(const Event &event) {
+void RecordingWriter::release_rest(const Event &event) {
     release(event, Key::left_out);
     const auto held = tunnels_.find(event.id);
     if (held == tunnels_.end()) return;
@@ -103,7 +102,7 @@ void Recorder::release_rest(const Event &event) {
     tunnels_.erase(held);
 }
 
-void Recorder::write_bytes(const Event &event, std::string_view bytes) {
+void RecordingWriter::write_bytes(const Event &event, std::string_view bytes) {
     const std::array fields = {Field("bytes", Bytes{bytes})};
     Event read_event = event;
     read_event.kind = Kind::bytes_received;
@@ -112,7 +111,7 @@ void Recorder::write_bytes(const Event &event, std::string_view bytes) {
     sink_(event_json(read_event));
 }
 
-void Recorder::write(const Event &event) {
+void RecordingWriter::write_replaced(const Event &event) {
     std::list<std::string> texts;  // what the fields refer to
     std::vector<Field> fields;
     for (const Field &field : event.fields) {

@@ -23,8 +23,8 @@ Simulator::Simulator(const Options &options)
                        options.socket_path);
     }
     if (options.web.wanted) {
-        web_state.emplace(events);
-        web_recording.emplace(events, tunnel_data, [this](const std::string &why) {
+        web_state.emplace(events, web_packer);
+        web_recording.emplace(events, tunnel_data, web_packer, [this](const std::string &why) {
             asio::post(io, [this, why] { end_web_recording(why); });
         });
         web.emplace(

@@ -46,6 +46,7 @@ struct Simulator {
     Behaviour behaviour;
     std::optional<Platform> platform;           // left out by --no-platform
     std::optional<Daemon> daemon;               // left out by --no-daemon
+    EventPacker web_packer;                     // of the two that follow
     std::optional<WebState> web_state;          // what the page shows, with --web
     std::optional<WebRecording> web_recording;  // what it has for download
     std::optional<WebServer> web;               // serves both

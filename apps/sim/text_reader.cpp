@@ -31,6 +31,7 @@ std::string show(const Value &value, std::size_t limit) {
                           [](bool truth) { return std::string(truth ? "yes" : "no"); },
                           [](std::string_view text) { return std::string(text); },
                           [limit](Bytes bytes) { return printable(bytes.bytes, limit); },
+                          [](JsonText json) { return std::string(json.text); },
                           [](const Status *status) { return status_text(*status); },
                       },
                       value);

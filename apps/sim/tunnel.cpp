@@ -186,12 +186,11 @@ awaitable<std::string> Tunnel::read_request() {
             report_check("upgrade request", {cat("no end within ", kRequestMax, " bytes")});
             throw system_error(asio::error::message_size);
         }
-        co_await read_more();
+        take(co_await stream_.read());
     }
 }
 
-awaitable<void> Tunnel::read_more() {
-    const std::string bytes = co_await stream_.read();
+void Tunnel::take(const std::string &bytes) {
     emit(Kind::bytes_received, {{"bytes", Bytes{bytes}}});
     in_ += bytes;
 }
@@ -254,7 +253,9 @@ void Tunnel::answer_upgrade(const std::string &text) {
 
 awaitable<void> Tunnel::read_frames() {
     for (;;) {
-        co_await read_more();
+        const std::string bytes = co_await stream_.read();
+        const EventStream::Moment moment(context_.events);
+        take(bytes);
         key_timer_.cancel();
         if (state_ == State::connecting) {
             emit(Kind::bytes_unexpected, {{"length", in_.size()}});
@@ -514,6 +515,7 @@ void Tunnel::send_unasked() {
 }
 
 void Tunnel::send_message(Opcode opcode, const std::string &body) {
+    const EventStream::Moment moment(context_.events);
     post({.opcode = opcode, .payload = body});
     emit(Kind::message_sent, {{"opcode", opcode_name(opcode)}, {"length", body.size()}, {"payload", Bytes{body}}});
 }

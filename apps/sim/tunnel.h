@@ -89,7 +89,7 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     awaitable<void> open();
     awaitable<void> write(std::string_view bytes);
     awaitable<std::string> read_request();
-    awaitable<void> read_more();
+    void take(const std::string &bytes);
     awaitable<void> read_frames();
     bool report_check(std::string_view what, const std::vector<std::string> &problems) const;
     void answer_by_closing(std::string_view what);

@@ -184,10 +184,6 @@ constexpr SimulatorPage::Row SimulatorPage::kRows[] = {
 
 SimulatorPage::SimulatorPage(Simulator &simulator, WebState &state) : simulator_(simulator), state_(state) {}
 
-SimulatorPage::~SimulatorPage() {
-    if (follows_) state_.unfollow_messages();
-}
-
 // Commands.
 
 void SimulatorPage::receive(std::string_view message) {
@@ -214,14 +210,8 @@ void SimulatorPage::watch(json_object *arguments) {
 }
 
 void SimulatorPage::timeline(json_object *arguments) {
-    const bool on = json_object_get_boolean(argument(arguments, "on", json_type_boolean)) != 0;
-    if (on == follows_) return;
-    follows_ = on;
-    if (on) {
-        state_.follow_messages();
-    } else {
-        state_.unfollow_messages();
-    }
+    follows_ = json_object_get_boolean(argument(arguments, "on", json_type_boolean)) != 0;
+    lines_fresh_ = true;
 }
 
 void SimulatorPage::send(json_object *arguments) {
@@ -389,10 +379,10 @@ void SimulatorPage::write_watched(JsonWriter &out) {
     const std::uint64_t written = std::min({news, most, std::uint64_t{tunnel.frames.size()}});
     out.member("skipped", news - written);
     out.key("frames").begin_array();
-    for (auto frame = tunnel.frames.end() - static_cast<std::ptrdiff_t>(written); frame != tunnel.frames.end();
-         ++frame) {
-        out.begin_array().value(frame->number).value(frame->time_ms).value(frame->sent).value(frame->code);
-        out.value(frame->fin).value(frame->size).base64(frame->shown).end_array();
+    for (std::size_t i = tunnel.frames.size() - written; i < tunnel.frames.size(); i++) {
+        const WebFrame &frame = tunnel.frames[i];
+        out.begin_array().value(frame.number).value(frame.time_ms).value(frame.sent).value(frame.code);
+        out.value(frame.fin).value(frame.size).base64(frame.shown).end_array();
     }
     out.end_array().end_object();
     steps_seen_ = tunnel.steps_changed;
@@ -401,18 +391,19 @@ void SimulatorPage::write_watched(JsonWriter &out) {
 }
 
 void SimulatorPage::write_lines(JsonWriter &out) {
-    const auto &lines = state_.lines();
-    const std::uint64_t last = lines.empty() ? 0 : lines.back().number;
-    if (last == line_seen_) return;
-    const std::uint64_t news = last - line_seen_;
-    const std::uint64_t most = line_seen_ == 0 ? lines.size() : kLinesAtOnce;
-    const std::uint64_t written = std::min({news, most, std::uint64_t{lines.size()}});
+    const std::uint64_t count = state_.line_count();
+    if (count == line_seen_) return;
+    const std::uint64_t news = count - line_seen_;
+    const std::uint64_t most = lines_fresh_ ? state_.lines_kept() : kLinesAtOnce;
+    const std::uint64_t written = std::min({news, most, std::uint64_t{state_.lines_kept()}});
     out.key("events").begin_object().member("skipped", news - written).key("lines").begin_array();
-    for (auto line = lines.end() - static_cast<std::ptrdiff_t>(written); line != lines.end(); ++line) {
-        out.begin_array().value(line->time_ms).value(line->source).value(line->text).end_array();
+    for (std::uint64_t number = count - written + 1; number <= count; number++) {
+        const WebLine line = state_.line(number);
+        out.begin_array().value(line.time_ms).value(line.source).value(line.text).end_array();
     }
     out.end_array().end_object();
-    line_seen_ = last;
+    line_seen_ = count;
+    lines_fresh_ = false;
 }
 
 void SimulatorPage::write_replies(JsonWriter &out) {

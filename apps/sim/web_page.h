@@ -25,7 +25,6 @@ struct Simulator;
 class SimulatorPage : public WebPage {
   public:
     SimulatorPage(Simulator &simulator, WebState &state);
-    ~SimulatorPage() override;
 
     void receive(std::string_view message) override;
     std::string next() override;
@@ -70,7 +69,8 @@ class SimulatorPage : public WebPage {
     std::uint64_t frame_seen_ = 0;
     std::uint64_t steps_seen_ = 0;
     bool watch_fresh_ = false;  // the browser has nothing yet of the tunnel it looks at
-    bool follows_ = false;
+    bool follows_ = false;      // it shows the timeline
+    bool lines_fresh_ = false;  // it was just opened, and shows all that there is
     std::uint64_t line_seen_ = 0;
     std::vector<Reply> replies_;
 };

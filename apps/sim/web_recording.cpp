@@ -1,8 +1,10 @@
 #include "web_recording.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 #include <unistd.h>
 
@@ -11,33 +13,30 @@
 namespace sim {
 
 constexpr std::size_t kUnwrittenMax = 64 << 10;
+constexpr std::size_t kPieceSize = 64 << 10;  // of the file, and of lines: one event more, and it is enough
 
-WebRecording::WebRecording(EventStream &events, const TunnelData &tunnel_data, Cut cut, std::size_t size_max)
-    : cut_(std::move(cut)), size_max_(size_max), file_(std::tmpfile()) {
+using PackedSize = std::uint32_t;  // stands in front of each event
+
+WebRecording::WebRecording(EventStream &events, const TunnelData &tunnel_data, EventPacker &packer, Cut cut,
+                           std::size_t size_max)
+    : events_(events),
+      tunnel_data_(tunnel_data),
+      packer_(packer),
+      cut_(std::move(cut)),
+      size_max_(size_max),
+      file_(std::tmpfile()) {
     if (!file_) throw std::runtime_error(cat("no temporary file for the page's recording: ", std::strerror(errno)));
-    recorder_.emplace(events, tunnel_data, Recorder::With::replaced_secrets,
-                      [this](std::string_view line) { write_line(line); });
+    subscription_ = events.subscribe(kinds_up_to(Detail::bytes), [this](const Event &event) { keep(event); });
 }
 
-std::size_t WebRecording::size() {
-    write_out();
-    return written_;
-}
-
-std::string WebRecording::read(std::size_t begin, std::size_t count) const {
-    std::string out(count, '\0');
-    const ssize_t got = ::pread(::fileno(file_.get()), out.data(), count, static_cast<off_t>(begin));
-    out.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
-    return out;
-}
-
-void WebRecording::write_line(std::string_view line) {
+void WebRecording::keep(const Event &event) {
     if (is_cut_) return;
-    if (written_ + unwritten_.size() + line.size() + 1 > size_max_) {
+    const std::string_view packed = packer_.pack(event);
+    const auto size = static_cast<PackedSize>(packed.size());
+    if (written_ + unwritten_.size() + sizeof size + size > size_max_) {
         return cut(cat("the page's recording is cut: more than ", size_max_, " bytes are not kept"));
     }
-    unwritten_ += line;
-    unwritten_ += '\n';
+    unwritten_.append(reinterpret_cast<const char *>(&size), sizeof size).append(packed);
     if (unwritten_.size() >= kUnwrittenMax) write_out();
 }
 
@@ -56,6 +55,46 @@ void WebRecording::cut(const std::string &why) {
     if (is_cut_) return;
     is_cut_ = true;
     cut_(why);
+}
+
+WebRecording::Lines::Lines(WebRecording &recording)
+    : recording_(recording),
+      writer_(recording.events_, recording.tunnel_data_, RecordingWriter::With::replaced_secrets,
+              [this](std::string_view line) { piece_.append(line) += '\n'; }) {
+    recording.write_out();
+    end_ = recording.written_;
+}
+
+// An event that a full disk has cut is not whole, and is left out.
+std::string WebRecording::Lines::next() {
+    std::string_view rest = unread_;
+    while (piece_.size() < kPieceSize) {
+        PackedSize size = 0;
+        if (rest.size() >= sizeof size) std::memcpy(&size, rest.data(), sizeof size);
+        if (rest.size() < sizeof size || rest.size() - sizeof size < size) {
+            unread_.erase(0, unread_.size() - rest.size());
+            if (!read_more()) break;
+            rest = unread_;
+            continue;
+        }
+        std::string_view packed = rest.substr(sizeof size, size);
+        rest.remove_prefix(sizeof size + size);
+        writer_.write(recording_.packer_.unpack(packed, fields_));
+    }
+    unread_.erase(0, unread_.size() - rest.size());
+    return std::exchange(piece_, {});
+}
+
+bool WebRecording::Lines::read_more() {
+    const std::size_t before = unread_.size();
+    const std::size_t wanted = std::min(kPieceSize, end_ - at_);
+    unread_.resize(before + wanted);
+    const ssize_t got =
+        ::pread(::fileno(recording_.file_.get()), unread_.data() + before, wanted, static_cast<off_t>(at_));
+    const std::size_t read = got < 0 ? 0 : static_cast<std::size_t>(got);
+    unread_.resize(before + read);
+    at_ += read;
+    return read > 0;
 }
 
 }  // namespace sim

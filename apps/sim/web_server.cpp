@@ -8,9 +8,11 @@
 
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http/chunk_encode.hpp>
 #include <boost/beast/http/empty_body.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/read.hpp>
+#include <boost/beast/http/serializer.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/http/write.hpp>
 #include <boost/beast/websocket.hpp>
@@ -32,7 +34,6 @@ constexpr auto kAcceptPause = 1s;             // for descriptors to become free 
 constexpr std::uint32_t kHeaderMax = 8192;    // bytes of a request
 constexpr std::size_t kMessageMax = 1 << 20;  // bytes of a browser's message
 constexpr std::size_t kConnectionMax = 64;    // a browser keeps six for the files and one for each open page
-constexpr std::size_t kPieceMax = 64 << 10;   // bytes of the recording that are in memory at a time
 constexpr std::string_view kEventsPath = "/events";
 constexpr std::string_view kRecordingPath = "/recording";
 constexpr const char *kNoContent = "default-src 'none'";  // the policy of what is no page
@@ -187,23 +188,29 @@ Response WebServer::Connection::serve_file(const Request &request) const {
     return response;
 }
 
-// serve_recording sends what there is of the recording now.
+// serve_recording sends what there is of the recording now, in chunks: how long its lines are is known behind the last.
 awaitable<void> WebServer::Connection::serve_recording(const Request &request) {
+    constexpr unsigned kHttp11 = 11;
     beast::tcp_stream &tcp_layer = stream_.next_layer();
-    const std::size_t size = server_.recording_.size();
+    WebRecording::Lines lines(server_.recording_);
     Response header = answer(request, http::status::ok, "application/x-ndjson", "");
     header.set(http::field::content_disposition, "attachment; filename=\"session.jsonl\"");
     header.set("Content-Security-Policy", kNoContent);
-    header.content_length(size);
-    co_await http::async_write(tcp_layer, header, use_awaitable);
-    const std::size_t wanted = request.method() == http::verb::head ? 0 : size;
-    for (std::size_t sent = 0; sent < wanted;) {
-        const std::string piece = server_.recording_.read(sent, std::min(kPieceMax, wanted - sent));
-        if (piece.empty()) co_return;  // the browser sees that bytes are missing
+    header.content_length(boost::none);
+    const bool chunked = request.version() >= kHttp11;  // else the recording ends where the connection does
+    if (chunked) header.chunked(true);
+    http::response_serializer<http::string_body> serializer(header);
+    co_await http::async_write_header(tcp_layer, serializer, use_awaitable);
+    if (request.method() == http::verb::head) co_return;
+    for (std::string piece = lines.next(); !piece.empty(); piece = lines.next()) {
         tcp_layer.expires_after(kRequestTime);
-        co_await asio::async_write(tcp_layer, asio::buffer(piece), use_awaitable);
-        sent += piece.size();
+        if (chunked) {
+            co_await asio::async_write(tcp_layer, http::make_chunk(asio::buffer(piece)), use_awaitable);
+        } else {
+            co_await asio::async_write(tcp_layer, asio::buffer(piece), use_awaitable);
+        }
     }
+    if (chunked) co_await asio::async_write(tcp_layer, http::make_chunk_last(), use_awaitable);
 }
 
 awaitable<void> WebServer::Connection::serve_page(Request request) {

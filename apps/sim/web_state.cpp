@@ -10,13 +10,18 @@ namespace sim {
 namespace {
 
 constexpr std::size_t kEndedMax = 100;             // tunnels that are shown after their end
-constexpr std::size_t kFramesMax = 500;            // of a tunnel
 constexpr std::size_t kShownMax = 4096;            // bytes of one payload
 constexpr std::size_t kShownOfTunnel = 256 << 10;  // bytes of all its payloads
 constexpr std::size_t kTripsMax = 60;
 constexpr std::size_t kPingsMax = 64;
-constexpr std::size_t kLinesMax = 5000;
+constexpr std::size_t kLineEventMax = 512;  // bytes of a packed event that a line is kept as
+constexpr std::size_t kReusedMax = 256;     // bytes of a payload whose memory is kept for the next
 constexpr std::size_t kSpansMax = 60;
+
+void drop_frame(WebTunnel &tunnel) {
+    tunnel.shown_bytes -= tunnel.frames[0].shown.size();
+    tunnel.frames.pop_front();
+}
 
 double ms(std::chrono::steady_clock::duration time) { return std::chrono::duration<double, std::milli>(time).count(); }
 
@@ -24,36 +29,26 @@ bool shown_in_timeline(const KindRow &row) { return !row.text.empty() && !row.as
 
 }  // namespace
 
-// A message of an open tunnel has a line of its own as long as a page follows; everything else always has.
-WebState::WebState(EventStream &events) : events_(events) {
-    KindSet kinds = kinds_where([](const KindRow &row) { return row.detail == Detail::states && !row.asked_for; });
-    for (const Kind kind : {Kind::frame_received, Kind::frame_sent, Kind::ping_sent, Kind::pong_received}) {
-        kinds.add(kind);
-    }
+WebState::WebState(EventStream &events, EventPacker &packer) : events_(events), packer_(packer) {
+    KindSet kinds = kinds_where(
+        [](const KindRow &row) { return shown_in_timeline(row) || (row.detail == Detail::states && !row.asked_for); });
+    kinds.add(Kind::frame_received);
+    kinds.add(Kind::frame_sent);
     subscription_ = events.subscribe(kinds, [this](const Event &event) { read(event); });
 }
 
 double WebState::now_ms() const { return ms(events_.now()); }
 
-void WebState::follow_messages() {
-    if (followers_++ > 0) return;
-    const auto messages =
-        kinds_where([](const KindRow &row) { return row.detail == Detail::messages && shown_in_timeline(row); });
-    messages_ = events_.subscribe(messages, [this](const Event &event) { add_line(event); });
-}
-
-void WebState::unfollow_messages() {
-    if (--followers_ == 0) messages_ = {};
-}
-
 void WebState::read(const Event &event) {
     const KindRow &row = kind_row(event.kind);
-    if (row.detail == Detail::states && shown_in_timeline(row)) add_line(event);
+    if (shown_in_timeline(row)) add_line(event);
     if (event.kind == Kind::notice_sent && event.field("host")) {
         const double now = ms(event.time);
         words_.insert_or_assign(std::string(event.model), WebStep{"daemon's word", now, now, event_text(event)});
     }
-    if (event.source != Source::tunnel) return;
+    const bool only_a_line =
+        row.detail == Detail::messages && event.kind != Kind::ping_sent && event.kind != Kind::pong_received;
+    if (event.source != Source::tunnel || only_a_line) return;
     WebTunnel &tunnel = tunnels_[event.id];
     read_tunnel(event, tunnel);
     tunnel.changed = ++version_;
@@ -173,30 +168,48 @@ void WebState::forget_oldest() {
 
 void WebState::add_frame(const Event &event, WebTunnel &tunnel) {
     const bool sent = event.kind == Kind::frame_sent;
-    const std::string_view payload = event.bytes_of("payload");
+    const bool fin = event.is_set("fin");
+    const std::int64_t size = event.number_of("length");
     const auto opcode = static_cast<common::Opcode>(event.number_of("code"));
     WebTraffic &traffic = sent ? tunnel.sent : tunnel.received;
     if (opcode == common::Opcode::continuation || opcode == common::Opcode::text || opcode == common::Opcode::binary) {
-        traffic.bytes += event.number_of("length");
-        if (event.is_set("fin")) traffic.messages++;
+        traffic.bytes += size;
+        if (fin) traffic.messages++;
     }
-    tunnel.frames.push_back({.number = ++tunnel.frame_count,
-                             .time_ms = ms(event.time),
-                             .sent = sent,
-                             .code = static_cast<int>(opcode),
-                             .fin = event.is_set("fin"),
-                             .size = event.number_of("length"),
-                             .shown = std::string(payload.substr(0, kShownMax))});
-    tunnel.shown_bytes += tunnel.frames.back().shown.size();
-    while (tunnel.frames.size() > kFramesMax || tunnel.shown_bytes > kShownOfTunnel) {
-        tunnel.shown_bytes -= tunnel.frames.front().shown.size();
-        tunnel.frames.pop_front();
-    }
+    if (tunnel.frames.full()) drop_frame(tunnel);
+    WebFrame &frame = tunnel.frames.push();
+    if (frame.shown.capacity() > kReusedMax) frame.shown = {};
+    frame.number = ++tunnel.frame_count;
+    frame.time_ms = ms(event.time);
+    frame.sent = sent;
+    frame.code = static_cast<int>(opcode);
+    frame.fin = fin;
+    frame.size = size;
+    frame.shown = event.bytes_of("payload").substr(0, kShownMax);
+    tunnel.shown_bytes += frame.shown.size();
+    while (tunnel.shown_bytes > kShownOfTunnel) drop_frame(tunnel);
 }
 
 void WebState::add_line(const Event &event) {
-    lines_.push_back({++line_count_, ms(event.time), event_column(event), event_text(event)});
-    if (lines_.size() > kLinesMax) lines_.pop_front();
+    const std::string_view packed = packer_.pack(event);
+    KeptLine &line = lines_.push();
+    line_count_++;
+    if (packed.size() <= kLineEventMax) {
+        line.event = packed;
+        line.written.reset();
+    } else {
+        line.event.clear();
+        line.written = std::make_unique<WebLine>(WebLine{ms(event.time), event_column(event), event_text(event)});
+    }
+}
+
+WebLine WebState::line(std::uint64_t number) const {
+    const KeptLine &line = lines_[lines_.size() - 1 - (line_count_ - number)];
+    if (line.written) return *line.written;
+    std::string_view packed = line.event;
+    std::vector<Field> fields;
+    const Event event = packer_.unpack(packed, fields);
+    return {ms(event.time), event_column(event), event_text(event)};
 }
 
 const std::deque<WebCounts> &WebState::history() {

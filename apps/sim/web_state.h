@@ -8,10 +8,13 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "event_pack.h"
 #include "event_stream.h"
+#include "ring.h"
 
 namespace sim {
 
@@ -50,7 +53,7 @@ struct WebTunnel {
     std::string cause;            // of the end
     bool opened = false;
     std::vector<WebStep> steps;
-    std::deque<WebFrame> frames;      // the newest
+    Ring<WebFrame> frames{500};       // the newest
     std::uint64_t frame_count = 0;    // of all
     std::uint64_t changed = 0;        // the number of its last change
     std::uint64_t steps_changed = 0;  // that of its set-up's
@@ -61,7 +64,6 @@ struct WebTunnel {
 
 // A line of the timeline.
 struct WebLine {
-    std::uint64_t number = 0;
     double time_ms = 0;
     std::string source;
     std::string text;
@@ -75,10 +77,10 @@ struct WebCounts {
 
 class WebState {
   public:
-    explicit WebState(EventStream &events);
+    // `packer` outlives the state.
+    WebState(EventStream &events, EventPacker &packer);
 
     [[nodiscard]] const std::map<int, WebTunnel> &tunnels() const { return tunnels_; }
-    [[nodiscard]] const std::deque<WebLine> &lines() const { return lines_; }
     [[nodiscard]] std::uint64_t version() const { return version_; }
     [[nodiscard]] double now_ms() const;
 
@@ -87,12 +89,19 @@ class WebState {
     [[nodiscard]] const std::deque<WebCounts> &history();
     static constexpr double kSpanMs = 10000;
 
-    // follow_messages and unfollow_messages count the pages that show messages in the timeline. Without one, the
-    // timeline is kept without them: writing lines that nobody reads would take the time of the tunnels.
-    void follow_messages();
-    void unfollow_messages();
+    // line_count is the number of lines that the timeline has had, lines_kept that of the newest, which it still has;
+    // the first line of all has the number 1.
+    [[nodiscard]] std::uint64_t line_count() const { return line_count_; }
+    [[nodiscard]] std::size_t lines_kept() const { return lines_.size(); }
+    [[nodiscard]] WebLine line(std::uint64_t number) const;
 
   private:
+    // A line is written when a page shows it: most are never shown.
+    struct KeptLine {
+        std::string event;                 // packed
+        std::unique_ptr<WebLine> written;  // in place of an event that takes much more room
+    };
+
     void read(const Event &event);
     void read_tunnel(const Event &event, WebTunnel &tunnel);
     void add_line(const Event &event);
@@ -102,19 +111,18 @@ class WebState {
     void forget_oldest();
     WebCounts &span();
 
-    EventStream &events_;
+    const EventStream &events_;
     std::map<int, WebTunnel> tunnels_;
     std::deque<int> ended_;                              // the oldest first
     std::map<std::string, WebStep, std::less<>> words_;  // of the daemon: the newest tunnel data sent, by model
-    std::deque<WebLine> lines_;
+    EventPacker &packer_;
+    Ring<KeptLine> lines_{5000};
     std::deque<WebCounts> history_ = {{}};
     double span_end_ms_ = kSpanMs;
     WebCounts totals_;
     std::uint64_t version_ = 0;
     std::uint64_t line_count_ = 0;
-    int followers_ = 0;
     Subscription subscription_;
-    Subscription messages_;
 };
 
 }  // namespace sim

@@ -30,7 +30,7 @@ export function Timeline() {
       <a href=${`/recording${location.search}`} download>Download the session as a recording</a>
       <span class="faint">${held ? 'paused; ' : ''}${count(shown.length, 'event')}${eventsSkipped > 0 ? `, ${eventsSkipped.toLocaleString('en')} left out` : ''}</span>
     </div>
-    <p class="faint">Messages of open tunnels are written down from the moment on that this view is open, everything else from the start. The recording has the whole session up to now, whatever is shown here: <code>cloudtunnel-sim --replay</code> plays it.</p>
+    <p class="faint">These are the newest events. The recording has the whole session up to now, whatever is shown here: <code>cloudtunnel-sim --replay</code> plays it.</p>
     ${shown.length === 0
       ? html`<${Empty}>${all.length ? 'No event matches.' : 'Nothing has happened yet.'}<//>`
       : html`<${VirtualRows} role="log" aria-live="off" tabindex="0" aria-label="Events" className="events" rows=${shown} height=${HEIGHT} follow=${!held}

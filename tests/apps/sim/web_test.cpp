@@ -58,10 +58,23 @@ std::string upgrade_headers(const std::string &host, const std::string &origin) 
            "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n";
 }
 
-std::string recording_of(const WebSim &sim) {
-    const std::string answer = ask(sim, request_for(with_token("/recording"), host_header(sim.host)));
+std::string body_of(const std::string &answer) {
     const std::string end = "\r\n\r\n";
     return answer.substr(answer.find(end) + end.size());
+}
+
+// recording_of is empty when the last chunk is missing.
+std::string recording_of(const WebSim &sim) {
+    std::string chunks = body_of(ask(sim, request_for(with_token("/recording"), host_header(sim.host))));
+    std::string out;
+    for (size_t size = 1; size > 0;) {
+        const size_t end = chunks.find("\r\n");
+        if (end == std::string::npos) return "";
+        size = std::stoul(chunks.substr(0, end), nullptr, 16);
+        out += chunks.substr(end + 2, size);
+        chunks.erase(0, end + 2 + size + 2);
+    }
+    return out;
 }
 
 int status_of(const std::string &answer) {
@@ -304,7 +317,7 @@ TEST(sim_web, a_recording_from_the_page_is_replayed_as_far_as_it_goes) {
     unlink(path.c_str());
 }
 
-TEST(sim_web, the_recording_needs_the_token_and_head_has_its_length_only) {
+TEST(sim_web, the_recording_needs_the_token_and_head_has_no_body) {
     const WebSim sim;
     for (const char *target : {"/recording", "/recording?token=", "/recording?token=a-token-of-a-tesT"}) {
         EXPECT_EQ(status_of(ask(sim, request_for(target, host_header(sim.host)))), 403) << target;
@@ -316,8 +329,16 @@ TEST(sim_web, the_recording_needs_the_token_and_head_has_its_length_only) {
     EXPECT_EQ(status_of(ask(sim, request_for(recording, host_header(sim.host), "POST"))), 405);
     const std::string head = ask(sim, request_for(recording, host_header(sim.host), "HEAD"));
     EXPECT_EQ(status_of(head), 200);
-    EXPECT_EQ(head.find("Content-Length: 0\r\n"), std::string::npos);
+    EXPECT_NE(head.find("Transfer-Encoding: chunked\r\n"), std::string::npos);
     EXPECT_TRUE(head.ends_with("\r\n\r\n"));
+}
+
+TEST(sim_web, a_client_without_chunks_gets_the_recording_up_to_the_end_of_the_connection) {
+    const WebSim sim;
+    const std::string request = "GET " + with_token("/recording") + " HTTP/1.0\r\n" + host_header(sim.host) + "\r\n";
+    const std::string answer = ask(sim, request);
+    EXPECT_EQ(answer.find("Transfer-Encoding"), std::string::npos);
+    EXPECT_EQ(body_of(answer), recording_of(sim));
 }
 
 TEST(sim_web, a_wrong_command_line_gets_one_line_and_status_2) {
@@ -423,6 +444,35 @@ TEST(sim_web, tunnel_data_that_an_option_would_refuse_is_refused) {
     ASSERT_TRUE(change(3, "/other"));
     EXPECT_TRUE(browser.hears(
         R"("data":{"host":"localhost","port":1,"path":"/other","token":"t","cookie":"","tunnelValue":7})"));
+}
+
+TEST(sim_web, a_timeline_that_is_opened_late_has_the_messages_before_and_no_line_twice) {
+    WebSim sim;
+    Browser browser(sim);
+    Wire module;
+    ASSERT_TRUE(simtest::open_tunnel(module, sim.platform_port, "base"));
+    const std::string long_message(3000, 'y');
+    ASSERT_TRUE(module.write(simtest::library_frame(1, "the first one")));
+    ASSERT_TRUE(module.write(simtest::library_frame(1, long_message)));
+    ASSERT_TRUE(sim.wait_for("received text: yyy"));
+    ASSERT_TRUE(browser.say(R"({"id":1,"do":"timeline","on":true})"));
+    EXPECT_TRUE(browser.hears(R"("skipped":0,"lines":[[)"));
+    ASSERT_TRUE(browser.say(R"({"id":2,"do":"timeline","on":false})"));
+    ASSERT_TRUE(browser.hears(R"({"id":2})"));
+    for (int i = 0; i < 400; i++) ASSERT_TRUE(module.write(simtest::library_frame(1, "while it is closed")));
+    ASSERT_TRUE(module.write(simtest::library_frame(1, "the last one")));
+    ASSERT_TRUE(sim.wait_for("received text: the last one"));
+    ASSERT_TRUE(browser.say(R"({"id":3,"do":"timeline","on":true})"));
+    std::string lines;
+    for (auto frame = simtest::read_frame(browser); frame; frame = simtest::read_frame(browser)) {
+        if (frame->payload.find("\"events\"") == std::string::npos) continue;
+        lines = frame->payload;
+        break;
+    }
+    EXPECT_NE(lines.find("\"skipped\":0"), std::string::npos);
+    EXPECT_EQ(lines.find("the first one"), std::string::npos);
+    EXPECT_NE(lines.find("while it is closed"), std::string::npos);
+    EXPECT_NE(lines.find("received text: the last one"), std::string::npos);
 }
 
 TEST(sim_web, a_browser_that_reads_nothing_holds_nobody_up) {

@@ -1,0 +1,89 @@
+// Events that are kept: that they come back as they were, and that keeping them takes no memory of its own.
+#include <array>
+#include <cstdlib>
+#include <new>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "sim/event_pack.h"
+#include "sim/json_reader.h"
+
+using namespace sim;
+
+namespace {
+
+std::size_t allocations = 0;
+
+}  // namespace
+
+void *operator new(std::size_t size) {
+    allocations++;
+    if (void *const out = std::malloc(size > 0 ? size : 1)) return out;
+    throw std::bad_alloc();
+}
+void operator delete(void *memory) noexcept { std::free(memory); }
+void operator delete(void *memory, std::size_t) noexcept { std::free(memory); }
+
+TEST(sim_event_pack, an_event_comes_back_as_it_was) {
+    const std::string long_text(300, 'x');
+    const std::array fields = {Field("a", Bytes{std::string_view("\0\xff", 2)}),
+                               Field("b", true),
+                               Field("c", -1),
+                               Field("d", "words"),
+                               Field("e", Bytes{long_text}),
+                               Field("f", "")};
+    const Event event = {.kind = Kind::frame_sent,
+                         .source = Source::tunnel,
+                         .id = 4711,
+                         .model = "base",
+                         .fields = fields,
+                         .cause = long_text,
+                         .time = std::chrono::nanoseconds(123456789012)};
+    EventPacker packer;
+    std::string both(packer.pack(event));
+    both += packer.pack({.kind = Kind::frame_sent, .source = Source::link});
+    std::string_view bytes = both;
+    std::vector<Field> area;
+    EXPECT_EQ(event_json(packer.unpack(bytes, area)), event_json(event));
+    EXPECT_EQ(event_json(packer.unpack(bytes, area)), event_json({.kind = Kind::frame_sent, .source = Source::link}));
+    EXPECT_TRUE(bytes.empty());
+}
+
+TEST(sim_event_pack, events_of_one_kind_may_have_other_fields_and_types) {
+    EventPacker packer;
+    std::vector<Field> area;
+    for (int round = 0; round < 2; round++) {
+        for (const Field &field : {Field("a", 1), Field("b", 1), Field("a", true), Field("a", "text")}) {
+            const std::array fields = {field};
+            const Event event = {.kind = Kind::frame_sent, .fields = fields};
+            std::string_view bytes = packer.pack(event);
+            EXPECT_EQ(event_json(packer.unpack(bytes, area)), event_json(event));
+        }
+    }
+}
+
+TEST(sim_event_pack, an_event_of_the_stream_is_packed_once_and_others_each_time) {
+    EventPacker packer;
+    const std::string first(packer.pack({.id = 1, .serial = 1}));
+    EXPECT_EQ(packer.pack({.id = 2, .serial = 1}), first);
+    EXPECT_NE(packer.pack({.id = 2, .serial = 2}), first);
+    const std::string alone(packer.pack({.id = 3}));
+    EXPECT_NE(packer.pack({.id = 4}), alone);
+}
+
+TEST(sim_event_pack, packing_takes_no_memory_once_its_like_was_packed) {
+    EventPacker packer;
+    const auto pack = [&](int number) {
+        const std::array fields = {Field("opcode", "text"), Field("length", number),
+                                   Field("payload", Bytes{"a message"})};
+        return packer.pack({.kind = Kind::message_received, .source = Source::tunnel, .id = number, .fields = fields})
+            .size();
+    };
+    const std::size_t size = pack(0);
+    const std::size_t before = allocations;
+    std::size_t sum = 0;
+    for (int i = 1; i <= 1000; i++) sum += pack(i);
+    EXPECT_EQ(allocations, before);
+    EXPECT_EQ(sum, 1000 * size);
+}
