@@ -357,6 +357,12 @@ std::string show_fault(const Fault &fault) {
 
 const char *stage_name(Stage stage) { return kStageNames[static_cast<std::size_t>(stage)].data(); }
 
+void check_transport(const Fault &fault, bool plain) {
+    if (plain && fault.row->needs_tls()) {
+        throw BadInput(cat("the fault '", fault.row->name, "' needs a platform with TLS, and --plain has none"));
+    }
+}
+
 const char *family_name(Family family) {
     switch (family) {
         case Family::network:

@@ -70,6 +70,7 @@ struct FaultRow {
 
     [[nodiscard]] std::span<const Parameter> used_parameters() const;
     [[nodiscard]] bool staged() const;
+    [[nodiscard]] bool needs_tls() const { return family == Family::tls; }
 };
 
 std::span<const FaultRow> fault_table();
@@ -113,6 +114,9 @@ std::string stages_of(const FaultRow &row);
 
 // bounds_of says what its parameters may be, their values when they are left out, and where it applies.
 std::string bounds_of(const FaultRow &row);
+
+// check_transport throws BadInput for a fault that a plain platform has no place for.
+void check_transport(const Fault &fault, bool plain);
 
 // fault_help explains all faults, one a line, and what every fault takes besides its own parameters.
 std::string fault_help();

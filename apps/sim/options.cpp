@@ -320,6 +320,13 @@ void check_options(const Options &options) {
     if (!options.keylog.empty() && (options.platform.plain || !options.with_platform)) {
         throw BadInput("--keylog needs a platform with TLS");
     }
+    if (!options.chaos.empty() && options.platform.plain) {
+        throw BadInput("--chaos draws faults of TLS too, and --plain has none");
+    }
+    for (const Fault &fault : options.faults) check_transport(fault, options.platform.plain);
+    for (const Step &step : options.steps) {
+        if (step.fault) check_transport(*step.fault, options.platform.plain);
+    }
 }
 
 std::string help_text() {

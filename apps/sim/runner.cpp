@@ -361,10 +361,14 @@ awaitable<void> Runner::set(const Step &step) {
 }
 
 awaitable<void> Runner::fault(const Step &step) {
-    if (step.fault) {
-        simulator_.switch_on(*step.fault);
-    } else {
-        simulator_.switch_off(step.text);
+    try {
+        if (step.fault) {
+            simulator_.switch_on(*step.fault);
+        } else {
+            simulator_.switch_off(step.text);
+        }
+    } catch (const BadInput &bad) {
+        throw StepFailed(bad.what());
     }
     co_return;
 }

@@ -9,6 +9,7 @@ namespace sim {
 Simulator::Simulator(const Options &options)
     : tunnel_data(options.tunnel_data),
       behaviour(options.behaviour),
+      plain_(options.platform.plain),
       first_faults_(options.faults),
       chaos_(options.chaos) {
     for (const Step &step : options.steps) {
@@ -46,6 +47,7 @@ void Simulator::start() {
 }
 
 void Simulator::switch_on(const Fault &fault) {
+    check_transport(fault, plain_);
     const std::string line = show_fault(fault);
     events.emit({.kind = Kind::fault_on, .model = fault.model, .fields = std::array{Field("fault", Bytes{line})}});
     faults.add(fault);

@@ -29,7 +29,8 @@ struct Simulator {
     // status is the state of everything, now.
     [[nodiscard]] Status status() const;
 
-    // switch_on and switch_off change the faults, for tunnels that are up too. A model that a fault names gets a port
+    // switch_on and switch_off change the faults, for tunnels that are up too. A fault that can do nothing on a plain
+    // platform is refused with BadInput. A model that a fault names gets a port
     // to itself, which its next tunnel data tells it: by that its connections are known before they have registered.
     void switch_on(const Fault &fault);
     void switch_off(std::string_view name);
@@ -55,6 +56,7 @@ struct Simulator {
     void give_port(const std::string &model);
     void end_web_recording(const std::string &why);
 
+    bool plain_;  // the platform is to be plain
     std::vector<Fault> first_faults_;
     std::string chaos_;                      // the steps that were drawn, to be shown
     std::vector<std::string> named_models_;  // by the faults of later steps: they get their ports at the start too

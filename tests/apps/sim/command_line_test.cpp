@@ -122,6 +122,10 @@ TEST(sim_command_line, a_wrong_command_line_gets_one_line_and_status_2) {
         {"--chaos", "x"},
         {"--chaos", "-1"},
         {"--fault", "thunder"},
+        {"--plain", "--fault", "tls_garbage"},
+        {"--fault", "certificate expired model=base", "--plain"},
+        {"--plain", "--do", "fault no_close_notify"},
+        {"--chaos", "7", "--plain"},
         {"--do", "status xml"},
         {"--json", ""},
         {"--json-detail", "all"},
@@ -160,6 +164,19 @@ TEST(sim_command_line, a_step_that_waits_in_vain_ends_the_program_with_one_line)
     EXPECT_EQ(sim.errors(),
               "cloudtunnel-sim: step 'wait-module base' failed: waited 1 s for a module of model 'base'\n");
     EXPECT_EQ(sim.output().find("sleep 0"), std::string::npos);
+}
+
+TEST(sim_command_line, a_fault_of_tls_on_a_plain_platform_is_refused_with_its_name) {
+    const std::string reason = "the fault 'rekey' needs a platform with TLS, and --plain has none\n";
+    SimProcess given({"--plain", "--fault", "rekey"});
+    EXPECT_EQ(given.finish(), 2);
+    EXPECT_EQ(given.errors(), "cloudtunnel-sim: " + reason);
+    SimProcess others({"--plain", "--fault", "latency 1ms", "--do", "fault silence", "--do", "fault off rekey"});
+    EXPECT_EQ(others.finish(), 0) << others.errors();
+    SimProcess typed({"--plain"});
+    typed.type("fault rekey");
+    EXPECT_EQ(typed.finish(), 1);
+    EXPECT_EQ(typed.errors(), "cloudtunnel-sim: step 'fault rekey' failed: " + reason);
 }
 
 TEST(sim_command_line, steps_without_their_object_fail) {

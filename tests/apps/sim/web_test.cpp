@@ -18,13 +18,17 @@ constexpr const char *kToken = "a-token-of-a-test";
 
 // A simulator that serves its page under kToken.
 struct WebSim : SimProcess {
-    WebSim() : SimProcess({"--web", "0", "--web-token", kToken}) {
+    explicit WebSim(std::vector<std::string> more = {}) : SimProcess(with_page(std::move(more))) {
         const std::string words = "http://127.0.0.1:";
         if (!wait_for(words)) return;
         port = static_cast<uint16_t>(std::atoi(output().c_str() + output().find(words) + words.size()));
         host = "127.0.0.1:" + std::to_string(port);
         const std::string platform = "listening on 127.0.0.1:";
         platform_port = static_cast<uint16_t>(std::atoi(output().c_str() + output().find(platform) + platform.size()));
+    }
+    static std::vector<std::string> with_page(std::vector<std::string> options) {
+        options.insert(options.end(), {"--web", "0", "--web-token", kToken});
+        return options;
     }
     uint16_t port = 0;
     uint16_t platform_port = 0;
@@ -426,6 +430,14 @@ TEST(sim_web, a_fault_is_switched_on_and_off_and_a_wrong_one_is_answered_with_th
     EXPECT_TRUE(browser.hears(R"("faults":[{"line":"latency 20ms model=base","name":"latency","applied":0)"));
     ASSERT_TRUE(browser.say(R"({"id":3,"do":"fault-off","name":"latency"})"));
     EXPECT_TRUE(browser.hears(R"("faults":[])"));
+}
+
+TEST(sim_web, a_fault_of_tls_on_a_plain_platform_is_answered_with_the_reason) {
+    const WebSim sim({"--plain"});
+    Browser browser(sim);
+    ASSERT_TRUE(browser.say(R"({"id":1,"do":"fault","line":"rekey"})"));
+    EXPECT_TRUE(
+        browser.hears(R"({"id":1,"error":"the fault 'rekey' needs a platform with TLS, and --plain has none"})"));
 }
 
 TEST(sim_web, tunnel_data_that_an_option_would_refuse_is_refused) {
