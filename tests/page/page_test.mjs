@@ -26,13 +26,18 @@ async function picture(page, name) {
 
 // A simulator with its own socket, and one tunnel of each model, made in the test.
 async function simulatorWith(models, options = []) {
-  const socket = ownSocket();
-  keep({ end: socket.remove });
-  const sim = keep(await Simulator.start(['--socket', socket.path, ...options]));
-  keep(registerWithDaemon(socket.path, models));
+  const path = keepSocket();
+  const sim = keep(await Simulator.start(['--socket', path, ...options]));
+  keep(registerWithDaemon(path, models));
   const tunnels = [];
   for (const model of models) tunnels.push(keep(await RawModule.open(sim.port, model)));
   return { sim, tunnels };
+}
+
+function keepSocket() {
+  const socket = ownSocket();
+  keep({ end: socket.remove });
+  return socket.path;
 }
 
 async function open(address, options) {
@@ -167,6 +172,41 @@ describe('for everyone', () => {
   }
 });
 
+test('the page is light or dark as the system is, or as chosen by the keyboard, and the choice is kept', async () => {
+  const { sim } = await simulatorWith(['base']);
+  const page = await open(sim.address, { scheme: 'dark' });
+  const colours = page.getByRole('combobox', { name: 'Colours' });
+  const DARK = 'rgb(18, 23, 26)';
+  const dark = () => page.evaluate((colour) => getComputedStyle(document.documentElement).backgroundColor === colour, DARK);
+  await colours.waitFor();
+  assert.equal(await colours.inputValue(), 'system');
+  assert.equal(await dark(), true);
+  await page.emulateMedia({ colorScheme: 'light' });
+  assert.equal(await dark(), false);
+  await colours.focus();
+  await page.keyboard.press('d');
+  assert.equal(await colours.inputValue(), 'dark');
+  assert.equal(await dark(), true);
+  await page.reload();
+  await colours.waitFor();
+  assert.equal(await colours.inputValue(), 'dark');
+  assert.equal(await dark(), true);
+  await colours.selectOption('light');
+  await page.emulateMedia({ colorScheme: 'dark' });
+  assert.equal(await dark(), false);
+  assert.deepEqual(page.problems, []);
+});
+
+test('a fault of TLS is refused with the reason where the platform is plain', async () => {
+  const sim = keep(await Simulator.start(['--plain', '--socket', keepSocket()]));
+  const page = await open(`${sim.address}#faults`);
+  await page.getByRole('button', { name: 'no_close_notify' }).click();
+  await page.getByRole('button', { name: 'Switch on' }).click();
+  await page.getByText("the fault 'no_close_notify' needs a platform with TLS, and --plain has none").waitFor();
+  await page.getByText('No fault is switched on.').waitFor();
+  assert.deepEqual(page.problems, []);
+});
+
 test('what a module sends is shown as text, whatever it is', async () => {
   const hostile = ['<img src=x onerror="document.title=1">', '</script><script>alert(1)</script>', '<svg/onload=alert(1)>',
     '"><iframe src=javascript:alert(1)>', '{"__proto__": {"polluted": 1}}', '\u202Egnp.exe', '&lt;b&gt;', '${alert(1)}', 'javascript:alert(1)'];
@@ -194,15 +234,14 @@ test('what a module sends is shown as text, whatever it is', async () => {
 });
 
 test('a lost simulator is shown, and the page goes on when it is back', async () => {
-  const socket = ownSocket();
-  keep({ end: socket.remove });
+  const path = keepSocket();
   const token = 'the-token-of-this-test';
-  const first = keep(await Simulator.start(['--socket', socket.path, '--web-token', token]));
+  const first = keep(await Simulator.start(['--socket', path, '--web-token', token]));
   const page = await open(first.address);
   await page.getByText('Connected').waitFor();
   await first.end();
   await page.getByText('Connection lost').waitFor();
-  keep(await Simulator.start(['--socket', socket.path, '--web-token', token, '--web', new URL(first.address).port]));
+  keep(await Simulator.start(['--socket', path, '--web-token', token, '--web', new URL(first.address).port]));
   await page.getByText('Connected').waitFor();
 });
 
@@ -226,8 +265,11 @@ test('the daemon\'s tunnel data is edited, and a mistake in it is explained', as
 
 test('the timeline is filtered, paused and downloaded', async () => {
   const { sim, tunnels } = await simulatorWith(['base']);
+  tunnels[0].send('before it is open');
+  await sim.waitFor(/received text: before it is open/);
   const page = await open(`${sim.address}#timeline`);
   await page.getByText('registration accepted').waitFor();
+  await page.getByText('received text: before it is open').waitFor();
   tunnels[0].send('first message');
   await page.getByText('received text: first message').waitFor();
   await page.getByRole('button', { name: 'Pause' }).click();
@@ -243,7 +285,7 @@ test('the timeline is filtered, paused and downloaded', async () => {
   const lines = readFileSync(await download.path(), 'utf8').trim().split('\n').map(JSON.parse);
   assert.equal(lines[0].format, 'cloudtunnel-sim-recording');
   const texts = lines.filter(({ kind }) => kind === 'message-received').map(({ fields }) => fields.payload);
-  assert.deepEqual(texts, ['first message', 'while paused']);
+  assert.deepEqual(texts, ['before it is open', 'first message', 'while paused']);
   assert.deepEqual(page.problems, []);
 });
 

@@ -5,6 +5,7 @@ import { Empty, useStore } from './parts.js';
 import { Faults } from './faults.js';
 import { Overview } from './overview.js';
 import { store } from './store.js';
+import { Theme } from './theme.js';
 import { Timeline } from './timeline.js';
 import { Tunnel } from './tunnel.js';
 
@@ -54,6 +55,7 @@ function App() {
           <a href=${`#${path}`} aria-current=${path === current.path ? 'page' : undefined}>${title}</a>`)}
       </nav>
       <${Connection} />
+      <${Theme} />
     </header>
     <main id="main" tabindex="-1" class=${connection === 'lost' ? 'stale' : ''}>
       <h1>${current.title}</h1>
