@@ -3,7 +3,7 @@ import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
 import { createRequire } from 'node:module';
 import { after, afterEach, before, describe, test } from 'node:test';
-import { freePort, openPage, ownSocket, pause, PATIENCE, RawModule, registerWithDaemon, Simulator, startBrowser, startModule, view } from './support.mjs';
+import { freePort, Load, openPage, ownSocket, pause, PATIENCE, RawModule, registerWithDaemon, Simulator, startBrowser, startModule, view } from './support.mjs';
 
 const AXE = readFileSync(createRequire(import.meta.url).resolve('axe-core/axe.min.js'), 'utf8');
 const VIEWS = ['overview', 'tunnel/1', 'faults', 'daemon', 'timeline'];
@@ -289,18 +289,22 @@ test('the timeline is filtered, paused and downloaded', async () => {
   assert.deepEqual(page.problems, []);
 });
 
-test('under 200 tunnels with 50 messages a second each, a click is answered within 100 ms and memory stays under 150 MB', { timeout: 120_000 }, async (t) => {
+test('200 tunnels with 50 messages a second each keep their rate with the page open, a click is answered within 100 ms and memory stays under 150 MB', { timeout: 180_000 }, async (t) => {
   const TUNNELS = 200;
+  const RATE = 50;
   const models = Array.from({ length: TUNNELS }, (_, i) => `model-${i + 1}`);
   const { sim, tunnels } = await simulatorWith(models, ['--quiet', '--port', String(await freePort())]);
+  keep(new Load(tunnels, RATE));
+  await pause(1000);
+  const alone = await sim.rate(4000);
   const page = await open(sim.address);
   await rowOf(page, /^model-1 /).waitFor();
-  let sent = 0;
-  const load = setInterval(() => {  // a message of each tunnel every 20 ms
-    for (const tunnel of tunnels) tunnel.send(`message ${++sent} of the load`);
-  }, 20);
-  keep({ end: () => clearInterval(load) });
-  await pause(5000);
+
+  // A machine that does other things too may be short of time for a while: the page is judged by the best of some.
+  const WINDOWS = 5;
+  const enough = 0.9 * Math.min(alone, TUNNELS * RATE);
+  let shown = 0;
+  for (let i = 0; i < WINDOWS && shown < enough; i++) shown = Math.max(shown, await sim.rate(4000));
 
   // From the browser's event to the picture that shows its effect.
   const times = { Tunnel: [], Faults: [], Daemon: [], Timeline: [], Overview: [] };
@@ -340,7 +344,8 @@ test('under 200 tunnels with 50 messages a second each, a click is answered with
   const own = (pid) => [...readFileSync(`/proc/${pid}/smaps_rollup`, 'utf8').matchAll(/^Private_\w+: +(\d+) kB/gm)].reduce((sum, [, size]) => sum + Number(size) / 1000, 0);
   const renderers = processInfo.filter(({ type }) => type === 'renderer').map(({ id }) => own(id));
   const memory = Math.max(...renderers);
-  t.diagnostic(`clicks: ${clicks.map((time) => time.toFixed(0)).join(', ')} ms; ${sent} messages; page's process ${memory.toFixed(0)} MB, of it heap ${heap.toFixed(0)} MB`);
+  t.diagnostic(`clicks: ${clicks.map((time) => time.toFixed(0)).join(', ')} ms; ${alone.toFixed(0)} messages a second without the page, ${shown.toFixed(0)} with it; page's process ${memory.toFixed(0)} MB, of it heap ${heap.toFixed(0)} MB`);
+  assert.ok(shown >= enough, `${shown} messages a second with the page, ${alone} without it`);
   assert.ok(Math.max(...clicks) < 100, `clicks took ${clicks} ms`);
   assert.ok(memory < 150, `the page's process has ${memory} MB`);
   assert.deepEqual(page.problems, []);

@@ -50,6 +50,27 @@ export class Simulator extends Program {
     sim.port = Number(given < 0 ? (await sim.waitFor(/platform +listening on 127\.0\.0\.1:(\d+)/))[1] : options[given + 1]);
     return sim;
   }
+
+  // status is the simulator's state now.
+  async status() {
+    const before = this.output.length;
+    this.type('status json');
+    for (let waited = 0; waited < PATIENCE; waited += 20) {
+      const line = this.output.slice(before).match(/^\{.*\}$/m);
+      if (line) return JSON.parse(line[0]);
+      await pause(20);
+    }
+    throw new Error('the simulator does not say its state');
+  }
+
+  // rate is how many messages of the modules it reads a second, counted by itself over so many milliseconds.
+  async rate(time) {
+    const count = ({ platform }) => platform.tunnels.reduce((sum, { received }) => sum + received.messages, 0);
+    const first = await this.status();
+    await pause(time);
+    const last = await this.status();
+    return (count(last) - count(first)) / (last.time - first.time);
+  }
 }
 
 // freePort is a port that nothing listens on, for a simulator that prints none.
@@ -93,6 +114,33 @@ export async function view(page, hash) {
   await page.evaluate((to) => { location.hash = to; }, hash);
 }
 
+// frame is a frame as the library writes it.
+function frame(text, opcode) {
+  const payload = Buffer.from(text);
+  const key = Buffer.from([0x11, 0x22, 0x33, 0x44]);
+  const head = payload.length < 126
+    ? Buffer.from([0x80 | opcode, 0x80 | payload.length])
+    : Buffer.from([0x80 | opcode, 0xfe, payload.length >> 8, payload.length & 0xff]);
+  return Buffer.concat([head, key, payload.map((byte, i) => byte ^ key[i % 4])]);
+}
+
+// Each tunnel sends `rate` messages a second. Those that are due go in one write: the test's own work for a write each
+// would leave the simulator and the browser too little of a small machine.
+export class Load {
+  constructor(tunnels, rate) {
+    const start = performance.now();
+    let sent = 0;
+    this.timer = setInterval(() => {
+      const due = Math.floor((performance.now() - start) * rate / 1000);
+      const bytes = Buffer.concat(Array.from({ length: due - sent }, (_, i) => frame(`message ${sent + i + 1} of the load`, 1)));
+      sent = due;
+      for (const tunnel of tunnels) tunnel.sendBytes(bytes);
+    }, 100);
+  }
+
+  end() { clearInterval(this.timer); }
+}
+
 // A module that speaks as the test wants: over TLS, straight to the platform.
 export class RawModule {
   static async open(port, model) {
@@ -115,14 +163,10 @@ export class RawModule {
 
   messages = 0;
 
-  send(text, opcode = 1) {
-    const payload = Buffer.from(text);
-    const key = Buffer.from([0x11, 0x22, 0x33, 0x44]);
-    const head = payload.length < 126
-      ? Buffer.from([0x80 | opcode, 0x80 | payload.length])
-      : Buffer.from([0x80 | opcode, 0xfe, payload.length >> 8, payload.length & 0xff]);
-    this.socket.write(Buffer.concat([head, key, payload.map((byte, i) => byte ^ key[i % 4])]));
-  }
+  send(text, opcode = 1) { this.socket.write(frame(text, opcode)); }
+
+  // sendBytes leaves out what the simulator is too slow to read.
+  sendBytes(bytes) { if (!this.socket.writableNeedDrain) this.socket.write(bytes); }
 
   close() { this.socket.destroy(); }
 
