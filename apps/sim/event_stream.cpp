@@ -14,7 +14,7 @@ void EventStream::remove(Reader *gone) {
     for (const auto &reader : readers_) wanted_.add(reader->kinds);
 }
 
-void EventStream::deliver(Event event) const {
+void EventStream::deliver(Event &event) const {
     if (!has_time_) time_ = now();
     has_time_ = in_moment_;
     event.time = time_;

@@ -70,7 +70,7 @@ class EventStream {
     [[nodiscard]] bool wants(Kind kind) const { return wanted_.has(kind); }
 
     // emit sets the event's time and serial, and calls the readers.
-    void emit(const Event &event) const {
+    void emit(Event event) const {
         if (wants(event.kind)) deliver(event);
     }
 
@@ -79,7 +79,7 @@ class EventStream {
     [[nodiscard]] std::chrono::system_clock::time_point began() const { return began_; }
 
   private:
-    void deliver(Event event) const;
+    void deliver(Event &event) const;
     void remove(Reader *reader);
 
     std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
