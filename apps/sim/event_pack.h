@@ -2,8 +2,8 @@
 //
 // Most of an event is the same whenever its kind comes: the source, and the names and types of its fields. That is kept
 // once, as a shape; the bytes of an event have the number of its shape, the values, and nothing that refers to memory
-// of somebody else. To pack an event takes a tenth of the time of writing it as JSON, and no memory once its shape and
-// its size have come before.
+// of somebody else. To pack an event takes a small part of the time of writing it as JSON, and no memory once its shape
+// and its size have come before.
 #pragma once
 
 #include <array>

@@ -17,9 +17,12 @@ std::size_t allocations = 0;
 
 }  // namespace
 
-void *operator new(std::size_t size) {
+void *operator new(std::size_t size, const std::nothrow_t & /*tag*/) noexcept {
     allocations++;
-    if (void *const out = std::malloc(size > 0 ? size : 1)) return out;
+    return std::malloc(size > 0 ? size : 1);
+}
+void *operator new(std::size_t size) {
+    if (void *const out = operator new(size, std::nothrow)) return out;
     throw std::bad_alloc();
 }
 void operator delete(void *memory) noexcept { std::free(memory); }
