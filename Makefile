@@ -20,9 +20,9 @@ PACKAGES_package-test := debootstrap
 PACKAGES_cost := valgrind
 # Beside which the library is measured: what is not installed is left out.
 PACKAGES_peers := libboost-dev libwebsockets-dev libwslay-dev
-# The servers that the module is tried against.
+# The servers that the module is tried against, and the packet analyser that reads the simulator's key log.
 PACKAGES_interop := nginx haproxy caddy websocketd nodejs node-ws perl libmojolicious-perl libio-socket-ssl-perl \
-    python3-websockets python3-aiohttp python3-tornado python3-hypercorn python3-uvicorn python3-wsproto
+    python3-websockets python3-aiohttp python3-tornado python3-hypercorn python3-uvicorn python3-wsproto tshark
 PACKAGES_page := chromium nodejs npm fonts-dejavu-core
 PACKAGES_fuzz := clang libclang-rt-dev llvm
 

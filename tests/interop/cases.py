@@ -3,12 +3,14 @@
 import http.client
 import os
 import ssl
+import tempfile
 import time
 from collections import namedtuple
 
+from capture import Capture, expect_in_order, read_capture
 from fixture import (ACCEPT_WRONG, LOST, NO_101, NO_NAME, NO_REGISTRATION, REFUSED, UP, close_by_module, exchange,
                   expect_refusal, tunnel_up)
-from processes import PATIENCE, Failure, Process, Relay, free_port, wait_until_served
+from processes import PATIENCE, TOKEN, Failure, Process, Relay, free_port, wait_until_served
 from servers import PLATFORMS, PYTHON, Direct, wait_for_workers
 
 LARGE = 1 << 20
@@ -294,6 +296,44 @@ def chunked_answer(fixture):
         module.wait_for(REFUSED)
 
 
+# -------------------------------------------------------------------------------------------------- the packet analyser
+def decrypted(version, new_keys):
+    """The simulator's key log; `new_keys` is what its fault `rekey` is in this version of TLS."""
+    def run(fixture):
+        port = free_port()
+        folder = tempfile.mkdtemp(dir=fixture.work)
+        keys, packets, empty = (os.path.join(folder, name) for name in ("tls.keys", "packets.pcap", "empty.keys"))
+        capture = fixture.own(Capture(port, packets))
+        platform = fixture.simulator(port, "--tls", version, "--keylog", keys)
+        begin = ["GET /tunnel HTTP/1.1", "HTTP/1.1 101 Switching Protocols", '"tokenID":"' + TOKEN,
+                 '{"optType":1,"retCode":0}', "answer: with the first keys"]
+        end = ["answer: with other keys", "answer: and still"]
+        module = fixture.module(capture.port)
+        module.wait_for(UP)
+        request(platform, "with the first keys")
+        with fixture.case(f"TLS {version}: the upgrade, the registration and a text are decrypted by the key log"):
+            expect_in_order(read_capture(packets, keys), begin)
+        platform.write("fault rekey")
+        for text in ("with other keys", "and still"):
+            request(platform, text)
+        with fixture.case(f"TLS {version}: so are the texts behind a {new_keys}"):
+            expect_in_order(read_capture(packets, keys), begin + end)
+        with fixture.case(f"TLS {version}: without the key log, none is"):
+            open(empty, "w", encoding="ascii").close()
+            shown = read_capture(packets, empty)
+            expect_in_order(shown, [f"TLSv{version} Record Layer"])
+            for text in begin + end:
+                if text in shown:
+                    raise Failure(f"tshark shows '{text}'")
+
+    return run
+
+
+def request(platform, text):
+    platform.write(f"request {text}")
+    platform.wait_for(f"received text: answer: {text}")
+
+
 # ------------------------------------------------------------------------------------------------------- the groups
 Group = namedtuple("Group", "name needs run")  # `needs` names rows of servers.NEEDS
 
@@ -330,4 +370,6 @@ GROUPS = [
     Group("websocketd", ["websocketd"], websocketd),
     Group("early frames", ["websockets"], early_frames),
     Group("chunked answer", ["aiohttp", "nginx"], chunked_answer),
+    Group("tshark, TLS 1.3", ["tshark"], decrypted("1.3", "KeyUpdate")),
+    Group("tshark, TLS 1.2", ["tshark"], decrypted("1.2", "renegotiation")),
 ]

@@ -65,6 +65,13 @@ class Fixture:
     def front(self, name, site, upstream="ws", changes=()):
         return self.own(Front(name, site, upstream, self.work, self.certificate, changes))
 
+    def simulator(self, port, *options):
+        """Starts the simulator as the platform; it reads its steps."""
+        platform = self.own(Process("the simulator", [
+            self.programs["sim"], "--no-daemon", "--port", port, "--token", TOKEN, "--seconds", LIFE, *options]))
+        platform.wait_for("listening on")
+        return platform
+
     def with_tunnel_data(self, command, port, path):
         """Starts a module process. Its daemon sends it the address and is gone then: the tunnel does not need it."""
         with Fixture.daemon_turn:

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Tries the module program against servers of other hands, on loopback.
+"""Tries the module program against servers of other hands, on loopback, and the simulator's key log against tshark.
 
 interop.py BUILD [--only REGEX]
 

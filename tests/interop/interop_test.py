@@ -5,11 +5,13 @@ interop_test.py PAGE SITES: docs/platforms.md, and the folder of the configurati
 
 import os
 import re
+import struct
 import sys
 import tempfile
 import unittest
 from unittest import mock
 
+import capture
 import interop
 import processes
 import servers
@@ -71,6 +73,36 @@ class Run(unittest.TestCase):
                 relay._count(waiting)
             relay.stop()
             self.assertEqual(relay.records, 2, f"in pieces of {size}")
+
+    def test_a_capture_holds_every_byte_at_its_place_in_its_direction(self):
+        device = mock.Mock(getpeername=lambda: ("127.0.0.1", 50000))
+        large = bytes(range(256)) * 100
+        with tempfile.TemporaryDirectory() as work:
+            path = os.path.join(work, "packets")
+            relay = capture.Capture(0, path)
+            of_device, of_server = relay._observers(device)
+            for observer, data in ((of_device, b"hello"), (of_server, large), (of_device, b", again")):
+                observer(data)
+            relay.stop()
+            of_device(b"what is left of a relay that is stopped")
+            with open(path, "rb") as file:
+                packets = file.read()[24:]
+        found = {50000: [b"", 0], 443: [b"", 0]}  # by the port that sends: its bytes, and what it has acknowledged
+        while packets:
+            size, = struct.unpack("=8xI", packets[:12])
+            port, sequence, acknowledged = struct.unpack(">H2xII", packets[36:48])
+            self.assertEqual(sequence, 1 + len(found[port][0]))
+            self.assertLessEqual(acknowledged, 1 + len(found[50000 if port == 443 else 443][0]))
+            found[port] = [found[port][0] + packets[56:16 + size], acknowledged]
+            packets = packets[16 + size:]
+        self.assertEqual(found, {50000: [b"hello, again", 1 + len(large)], 443: [large, 6]})
+
+    def test_what_is_shown_in_another_order_is_a_failure(self):
+        capture.expect_in_order("one two three", ["one", "three"])
+        with self.assertRaisesRegex(processes.Failure, "tshark shows 'one' too early"):
+            capture.expect_in_order("one two three", ["three", "one"])
+        with self.assertRaisesRegex(processes.Failure, "tshark shows 'four' nowhere"):
+            capture.expect_in_order("one two three", ["one", "four"])
 
     def test_a_change_that_a_configuration_does_not_hold_is_an_error(self):
         with tempfile.TemporaryDirectory() as work:

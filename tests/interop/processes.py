@@ -48,15 +48,24 @@ class Relay:
                     device.close()
                     continue
                 self.open |= {device, server}
-                threading.Thread(target=self._pass, args=(device, server, None), daemon=True).start()
-                threading.Thread(target=self._pass, args=(server, device, bytearray()), daemon=True).start()
+                of_device, of_server = self._observers(device)
+                threading.Thread(target=self._pass, args=(device, server, of_device), daemon=True).start()
+                threading.Thread(target=self._pass, args=(server, device, of_server), daemon=True).start()
 
-    def _pass(self, source, sink, records):
+    def _observers(self, device):
+        """What is called with each piece of a connection's bytes before they pass: the device's, the server's."""
+        waiting = bytearray()
+
+        def count(data):
+            waiting.extend(data)
+            self._count(waiting)
+
+        return lambda data: None, count
+
+    def _pass(self, source, sink, observer):
         with contextlib.suppress(OSError):
             while data := source.recv(1 << 16):
-                if records is not None:
-                    records += data
-                    self._count(records)
+                observer(data)
                 sink.sendall(data)
         for end in (source, sink):
             with contextlib.suppress(OSError):

@@ -44,7 +44,7 @@ def is_there(kind, name):
     return subprocess.run(language, capture_output=True, check=False).returncode == 0
 
 
-# What serves, by name, and what must be there for it.
+# What serves or reads, by name, and what must be there for it.
 NEEDS = {
     "websockets": [("python", "websockets")],
     "aiohttp": [("python", "aiohttp")],
@@ -58,6 +58,7 @@ NEEDS = {
     "haproxy": [("file", HAPROXY)],
     "caddy": [("program", "caddy")],
     "websocketd": [("program", "websocketd")],
+    "tshark": [("program", "tshark")],
 }
 
 # How each platform is started; its port, certificate and TLS version follow.
