@@ -164,7 +164,7 @@ def deepest(tree):
         return best[name]
 
     total, path = max(walk(name) for name in size)
-    return total, [(names.get(name, name), size[name]) for name in path], size, names
+    return total, [(plain(name), size[name]) for name in path], size
 
 
 def test_log(tree):
@@ -198,14 +198,14 @@ def measure(small, fast):
         raise Failure(f"the stripped library at -Os has {file} bytes; was it linked for the tiny model (cmake/small.cmake)?")
     if module_file(small) > LARGEST_MODULE_FILE:
         raise Failure(f"the stripped library for modules at -Os has {module_file(small)} bytes, more than {LARGEST_MODULE_FILE}")
-    total, path, size, names = deepest(small)
+    total, path, size = deepest(small)
     figures.append(("stack of the deepest path", total, "bytes"))
     largest = max(size, key=lambda name: size[name])
     figures.append(("largest stack frame", size[largest], "bytes"))
     if size[largest] > LARGEST_FRAME or total > DEEPEST_PATH:
         raise Failure(f"the frame of {largest} has {size[largest]} bytes, the deepest path {total}")
-    largest_frames = sorted(((bytes_, names.get(name, name)) for name, bytes_ in size.items()), reverse=True)[:8]
-    return figures, path, largest_frames
+    largest_frames = sorted(((bytes_, name) for name, bytes_ in size.items()), reverse=True)[:8]
+    return figures, path, [(bytes_, plain(name)) for bytes_, name in largest_frames]
 
 
 def page(figures, path, largest, entries):
