@@ -116,7 +116,7 @@ int run_to_end(Simulator &simulator, const Options &options, asio::signal_set &s
     life.async_wait([&](error_code cancelled) {
         if (!cancelled) cut_short("--seconds");
     });
-    co_spawn(simulator.io, work.run(), [&](std::exception_ptr failure, int with) {
+    co_spawn(simulator.io, work.run(), [&](const std::exception_ptr &failure, int with) {
         if (failure) std::rethrow_exception(failure);
         end(with);
     });

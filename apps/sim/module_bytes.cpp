@@ -128,8 +128,9 @@ std::string describe(const ModuleUnit &unit) {
 std::string difference(const ModuleUnit &wanted, const ModuleUnit &came) {
     const bool same_kind = wanted.kind == came.kind;
     if (same_kind && is_left_out(wanted) && wanted.bytes.size() == came.bytes.size()) return {};
-    const std::string whole = cat("expected ", describe(wanted), ", came ", describe(came));
-    if (!same_kind || header_of(wanted.frame) != header_of(came.frame)) return whole;
+    if (!same_kind || header_of(wanted.frame) != header_of(came.frame)) {
+        return cat("expected ", describe(wanted), ", came ", describe(came));
+    }
 
     const std::string a = compared_text(wanted);
     const std::string b = compared_text(came);
