@@ -110,7 +110,7 @@ device-tested: packages packages-tests packages-device
 	cmake --build --preset device-fast
 	ctest --preset device
 
-torture: packages packages-tests ## Every call that can fail, fails once: under the sanitizers, in a few minutes
+torture: packages packages-tests ## Every call that can fail, fails once: under the sanitizers, in less than an hour
 	cmake --preset sanitize
 	cmake --build --preset sanitize --target torture
 	build/sanitize/tests/torture/torture
