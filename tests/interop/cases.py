@@ -82,7 +82,6 @@ def dialect(fixture, server):
         module = fixture.dialect(server.port, 65536)
         server.platform.event("open")
         server.platform.accept_registration()
-        module.wait_for("frame sent")
         line = module.wait_for("close received", "connection ended", "text received")
         if line != "close received: status 1009":
             raise Failure(line)
