@@ -78,10 +78,11 @@ int read_result(int sock, int got, int need) {
     return kReadIncomplete;
 }
 
-// get_data does what CLOUDMGR_socket_getData does with sound arguments. `found` is the connection with the socket if it
-// is in hand; null to have it looked up for the read.
+// get_data does what CLOUDMGR_socket_getData does, with pointers that are sound. `found` is the connection with the
+// socket if it is in hand; null to have it looked up for the read.
 int get_data(int sock, const cloudtunnel_connect_node *found, uint8_t *dst, const cloudtunnel_connect_node *conn,
              int need, int offset, uint32_t *from_buf, uint32_t *from_sock) {
+    if (need < 0 || offset < 0) return kReadBad;
     if (!conn->buf && conn->bufLen != 0) return kReadBad;  // callers may fill the record
     *from_buf = *from_sock = 0;
     const int buffered = conn->bufLen > offset ? conn->bufLen - offset : 0;
@@ -118,7 +119,7 @@ int CLOUDMGR_socket_rcvData(int sock, uint8_t *dst, uint32_t len) {
 
 int CLOUDMGR_socket_getData(int sock, uint8_t *dst, cloudtunnel_connect_node *conn, int need, int offset,
                             uint32_t *fromBuf, uint32_t *fromSock) {
-    if (!dst || !conn || !fromBuf || !fromSock || need < 0 || offset < 0) return kReadBad;
+    if (!dst || !conn || !fromBuf || !fromSock) return kReadBad;
     return get_data(sock, nullptr, dst, conn, need, offset, fromBuf, fromSock);
 }
 
