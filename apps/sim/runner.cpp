@@ -228,7 +228,15 @@ awaitable<void> Runner::use(const Step &step) {
 awaitable<void> Runner::wait_tunnel(const Step &step) {
     const Platform &all = platform();
     const std::string what = cat("a tunnel", of_model(step.text));
-    co_await wait_for([&] { return all.newest_open(step.text) != nullptr; }, what);
+    std::shared_ptr<Tunnel> open;
+    co_await wait_for(
+        [&] {
+            open = all.newest_open(step.text);
+            return open != nullptr;
+        },
+        what);
+    // The module has a tunnel when it has the answer to its registration.
+    co_await wait_for([&] { return open->written() || open->state() == Tunnel::State::ended; }, what);
 }
 
 awaitable<void> Runner::wait_close(const Step &) {
