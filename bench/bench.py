@@ -51,5 +51,3 @@ if __name__ == "__main__":
         main()
     except processes.Failure as failure:
         sys.exit(f"bench: {failure}")
-    except KeyboardInterrupt:
-        sys.exit(130)

@@ -12,14 +12,19 @@ class Failure(Exception):
     """What ends the bench: its text is the one line that is written."""
 
 
+ENDING = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
+
+
 def end_on_signals():
-    """Has SIGTERM and SIGHUP leave through the same clean-up as an interrupt."""
+    """Has the signals that end a program leave through the clean-up; once is enough, the next ones do not disturb it."""
 
     def leave(number, _frame):
+        for ending in ENDING:
+            signal.signal(ending, signal.SIG_IGN)
         raise SystemExit(128 + number)
 
-    signal.signal(signal.SIGTERM, leave)
-    signal.signal(signal.SIGHUP, leave)
+    for ending in ENDING:
+        signal.signal(ending, leave)
 
 
 def raise_descriptor_limit(wanted):
@@ -40,8 +45,16 @@ def program(path):
 @contextlib.contextmanager
 def running(*command, **options):
     """A process that is killed at the end of the block."""
-    process = subprocess.Popen(command, text=True, **{"stdin": subprocess.DEVNULL, **options})
+    # A signal that arrives while the process starts waits until there is something to clean up.
+    mask = signal.pthread_sigmask(signal.SIG_BLOCK, ENDING)
     try:
+        process = subprocess.Popen(command, text=True, preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_SETMASK, mask),
+                                   **{"stdin": subprocess.DEVNULL, **options})
+    except BaseException:
+        signal.pthread_sigmask(signal.SIG_SETMASK, mask)
+        raise
+    try:
+        signal.pthread_sigmask(signal.SIG_SETMASK, mask)
         yield process
     finally:
         process.kill()

@@ -64,6 +64,34 @@ class Refusals(unittest.TestCase):
             self.assertEqual(bench.wait(timeout=20), 128 + signal.SIGTERM)
             self.assertEqual([pid for pid in started if os.path.exists(f"/proc/{pid}")], [])
 
+    def test_a_process_that_was_starting_at_the_interrupt_is_ended(self):
+        program = """if True:
+            import os, signal, subprocess
+            import processes
+
+            class Interrupted(subprocess.Popen):
+                def _execute_child(self, *arguments):
+                    super()._execute_child(*arguments)
+                    print(self.pid, flush=True)
+                    os.kill(os.getpid(), signal.SIGTERM)
+
+            subprocess.Popen = Interrupted
+            processes.end_on_signals()
+            with processes.running("sleep", "60"):
+                print("running", flush=True)
+        """
+        ended = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True, timeout=60, check=False)
+        self.assertEqual(ended.returncode, 128 + signal.SIGTERM, ended.stderr)
+        pid, *more = ended.stdout.split()
+        self.assertEqual(more, [])
+        self.assertFalse(os.path.exists(f"/proc/{pid}"))
+
+    def test_a_started_process_takes_the_signals_that_its_parent_takes(self):
+        own = signal.pthread_sigmask(signal.SIG_BLOCK, ())
+        program = "import signal; print(*map(int, signal.pthread_sigmask(signal.SIG_BLOCK, ())))"
+        blocked = processes.run(sys.executable, "-c", program, limit_s=60)
+        self.assertEqual(blocked.split(), [str(int(number)) for number in own])
+
 
 if __name__ == "__main__":
     unittest.main()
