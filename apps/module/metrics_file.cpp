@@ -5,7 +5,15 @@
 #include <cstdio>
 #include <fstream>
 
+#include <sys/stat.h>
+
 namespace module_program {
+
+// What stands there is replaced, and a device must not be: nobody would find /dev/null again.
+static bool replaceable(const std::string &path) {
+    struct stat found = {};
+    return ::lstat(path.c_str(), &found) != 0 || S_ISREG(found.st_mode);
+}
 
 std::string metrics_text(std::string_view own) {
     constexpr std::string_view kEnd = "# EOF\n";
@@ -19,6 +27,7 @@ std::string metrics_text(std::string_view own) {
 
 bool MetricsFile::write(Clock::time_point now, std::string_view own) {
     due_ = now + std::chrono::seconds(5);
+    if (!replaceable(path_)) return false;
     const std::string fresh = path_ + ".new";
     std::ofstream file(fresh, std::ios::binary | std::ios::trunc);
     file << metrics_text(own);

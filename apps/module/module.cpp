@@ -42,7 +42,7 @@ Module::Module(const Options &options)
 
 int Module::run() {
     if (!log_.open()) {
-        fail("the log file cannot be opened");
+        fail(cat("the log file ", options_.log, " cannot be opened"));
         return 1;
     }
     lines_.begin();
@@ -137,7 +137,7 @@ void Module::handle_signals() {
 void Module::write_metrics() {
     if (!metrics_) return;
     const bool failed = !metrics_->write(Clock::now(), lines_.metrics());
-    if (failed && !metrics_failed_) fail("the metrics file cannot be written");
+    if (failed && !metrics_failed_) fail(cat("the metrics file ", options_.metrics, " cannot be written"));
     metrics_failed_ = failed;
 }
 

@@ -42,5 +42,5 @@ check 2 '--exec: the text is empty' --exec ''
 check 2 '--lines takes no argument' --lines=yes
 check 2 'has 108 bytes, at most 107 fit' --socket "$(printf '%0108d' 0)"
 check 1 'the socket /nowhere/socket cannot be made: No such file' --socket /nowhere/socket
-check 1 'the log file cannot be opened' --log /nowhere/module.log
+check 1 'the log file /nowhere/module.log cannot be opened' --log /nowhere/module.log
 [ $failures -eq 0 ]

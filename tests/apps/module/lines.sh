@@ -346,9 +346,13 @@ metrics() {
     python3 "$here/openmetrics.py" "$work/metrics" 'cloudtunnel_messages_out_total{model="desk"}=4' \
         'cloudtunnel_state{model="desk",cloudtunnel_state="closed"}=1' || fail 'not written at the end'
     [ ! -e "$work/metrics.new" ] || fail 'a half file was left behind'
-    "$module" --metrics /nowhere/metrics >"$work/second" 2>"$work/second.errors" </dev/null
-    [ $? -eq 1 ] || fail 'a file that cannot be written is no failure'
-    grep -q 'the metrics file cannot be written$' "$work/second.errors" || fail 'the reason is missing'
+    mkfifo "$work/.pipe"
+    for name in /nowhere/metrics "$work/.pipe"; do
+        "$module" --metrics "$name" >"$work/second" 2>"$work/second.errors" </dev/null
+        [ $? -eq 1 ] || fail "$name: a file that cannot be written is no failure"
+        grep -q "the metrics file $name cannot be written$" "$work/second.errors" || fail 'the reason is missing'
+    done
+    [ -p "$work/.pipe" ] || fail 'what is no file was replaced'
 }
 
 log_opened_anew() {
