@@ -14,6 +14,7 @@ namespace {
 
 constexpr std::size_t kTextMax = 127;  // a text in a notification, without its zero byte
 constexpr std::size_t kFileNameMax = 4095;
+constexpr std::size_t kScriptMax = 16 << 20;  // a device or a pipe may have no end
 constexpr std::size_t kPathMax = sizeof(sockaddr_un::sun_path) - 1;
 
 std::vector<std::string> split(std::string_view list) {
@@ -30,6 +31,12 @@ int tls_version(std::string_view name) {
     if (name == "1.2") return TLS1_2_VERSION;
     if (name == "1.3") return TLS1_3_VERSION;
     throw BadInput(cat("'", printable(name), "' is not 1.2, 1.3 or 1.2-1.3"));
+}
+
+void set_address(PlatformOptions &platform, std::string_view text) {
+    error_code error;
+    platform.address = asio::ip::make_address(std::string(text), error);
+    if (error) throw BadInput(cat("'", printable(text), "' is not an IP address"));
 }
 
 void set_tls_versions(PlatformOptions &platform, std::string_view text) {
@@ -57,10 +64,15 @@ void set_last_down(LastDown &last_down, std::string_view text) {
 
 void add_script_file(std::vector<Step> &steps, const std::string &name) {
     std::ifstream file(name);
-    if (!file) throw BadInput(cat("cannot read ", name));
-    const std::string script{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    if (file.bad()) throw BadInput(cat("cannot read ", name));
-    for (Step &step : parse_script(script)) steps.push_back(std::move(step));
+    std::string script(kScriptMax + 1, '\0');
+    if (!file || file.read(script.data(), std::ssize(script)).bad()) throw BadInput(cat("cannot read ", name));
+    script.resize(static_cast<std::size_t>(file.gcount()));
+    if (script.size() > kScriptMax) throw BadInput(cat(name, " is longer than ", kScriptMax, " bytes"));
+    try {
+        for (Step &step : parse_script(script)) steps.push_back(std::move(step));
+    } catch (const BadInput &bad) {
+        throw BadInput(cat(name, ": ", bad.what()));
+    }
 }
 
 Detail detail_of(std::string_view name) {
@@ -100,7 +112,8 @@ common::OptionSection platform_section(Options &options) {
     common::OptionSection section = {
         "The platform",
         {
-            {"--address", "IP", "127.0.0.1", "listen on this address", set_filled_text(platform.address, kTextMax)},
+            {"--address", "IP", "127.0.0.1", "listen on this address",
+             [&platform](std::string_view text) { set_address(platform, text); }},
             {"--port", "N", "0", "listen on this port; 0 takes any free one", set_number(platform.port, 0, 65535)},
             {"--plain", "", "", "speak plain TCP. The library does so on port 80 only, and TLS on every other port",
              set_flag(platform.plain)},
@@ -189,6 +202,14 @@ common::OptionSection steps_section(Options &options) {
             }};
 }
 
+// "-" is standard output for --json only: another file would stand in the timeline there.
+common::Setter set_file(std::string &field) {
+    return [set = common::set_filled_text(field, kFileNameMax)](std::string_view name) {
+        if (name == "-") throw BadInput("it needs a file");
+        set(name);
+    };
+}
+
 common::OptionSection events_section(Options &options) {
     using common::set_filled_text;
     return {
@@ -199,7 +220,7 @@ common::OptionSection events_section(Options &options) {
             {"--json-detail", "DETAIL", "messages", "how much of them: states, messages, frames or bytes",
              [&options](std::string_view text) { options.json_detail = detail_of(text); }},
             {"--junit", "FILE", "", "write the steps as test cases, in JUnit's XML, when the program ends",
-             set_filled_text(options.junit, kFileNameMax)},
+             set_file(options.junit)},
         }};
 }
 
@@ -207,14 +228,6 @@ ReplayPace pace_of(std::string_view name) {
     if (name == "answers") return ReplayPace::answers;
     if (name == "recorded") return ReplayPace::recorded;
     throw BadInput(cat("'", printable(name), "' is none of answers, recorded"));
-}
-
-// "-" is standard output elsewhere; a recording there would stand in the timeline.
-common::Setter set_file(std::string &field) {
-    return [set = common::set_filled_text(field, kFileNameMax)](std::string_view name) {
-        if (name == "-") throw BadInput("it needs a file");
-        set(name);
-    };
 }
 
 common::OptionSection recordings_section(Options &options) {

@@ -54,9 +54,7 @@ std::uint16_t Platform::start_for(const std::string &model) {
 
 Platform::Listener &Platform::listen(std::uint16_t port, const std::string &model) {
     error_code error;
-    const auto address = asio::ip::make_address(options_.address, error);
-    if (error) throw std::runtime_error(cat("'", options_.address, "' is not an IP address"));
-    const tcp::endpoint end(address, port);
+    const tcp::endpoint end(options_.address, port);
     tcp::acceptor acceptor(context_.io);
     acceptor.open(end.protocol(), error);
     if (!error) acceptor.set_option(asio::socket_base::reuse_address(true), error);

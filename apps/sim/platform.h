@@ -9,7 +9,7 @@
 namespace sim {
 
 struct PlatformOptions {
-    std::string address;
+    asio::ip::address address;
     std::uint16_t port = 0;  // 0: any free one
     bool plain = false;
     int tls_min = 0;  // as OpenSSL numbers them
