@@ -4,14 +4,19 @@
 
 namespace common {
 
+static int show(const std::string &text) {
+    if (std::fputs(text.c_str(), stdout) == EOF || std::fflush(stdout) != 0) {
+        throw std::runtime_error("cannot write standard output");
+    }
+    return 0;
+}
+
 int run_program(const Program &program, std::span<const char *const> arguments) try {
     switch (read_options(program.options, arguments)) {
         case Request::help:
-            std::fputs(program.help().c_str(), stdout);
-            return 0;
+            return show(program.help());
         case Request::version:
-            std::puts(cat(program.name, " ", program.version).c_str());
-            return 0;
+            return show(cat(program.name, " ", program.version, "\n"));
         case Request::run:
             break;
     }

@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 
 #include <csignal>
+#include <cstdio>
 #include <exception>
 #include <fstream>
 #include <optional>
@@ -71,6 +72,7 @@ class Readers {
 
     // finish writes what is written at the end. It returns `status`, or 1 when a reader could not write.
     int finish(int status) {
+        if (text_ && std::ferror(stdout) != 0) status = failed("-");
         if (json_ && !json_->good()) status = failed(options_.json);
         if (record_ && !record_->finish()) status = failed(options_.record);
         if (keylog_ && !keylog_->good()) status = failed(options_.keylog);
@@ -80,7 +82,7 @@ class Readers {
 
   private:
     static int failed(const std::string &file) {
-        common::complain(kProgramName, cat("cannot write ", file));
+        common::complain(kProgramName, cat("cannot write ", file == "-" ? "standard output" : file));
         return 1;
     }
 
@@ -109,8 +111,8 @@ int run_to_end(Simulator &simulator, const Options &options, asio::signal_set &s
         end(work.running() ? 1 : 0);
     };
 
-    signals.async_wait([&](error_code cancelled, int) {
-        if (!cancelled) cut_short("a signal");
+    signals.async_wait([&](error_code cancelled, int number) {
+        if (!cancelled) cut_short(number == SIGPIPE ? "a pipe that nobody reads" : "a signal");
     });
     asio::steady_timer life(simulator.io, options.life);
     life.async_wait([&](error_code cancelled) {
@@ -143,7 +145,7 @@ int serve(const Options &options) {
     allow_descriptors();
     Simulator simulator(options);
     Readers readers(simulator, options);
-    asio::signal_set signals(simulator.io, SIGINT, SIGTERM);  // first: a signal must never leave the socket file behind
+    asio::signal_set signals(simulator.io, SIGINT, SIGTERM, SIGPIPE);  // first: none must leave the socket file behind
     simulator.start();
     Runner runner(simulator, options);
     return readers.finish(run_to_end(simulator, options, signals, runner));
@@ -155,7 +157,7 @@ int replay(const Options &given) {
     check_options(options);
     Simulator simulator(options);
     Readers readers(simulator, options);
-    asio::signal_set signals(simulator.io, SIGINT, SIGTERM);
+    asio::signal_set signals(simulator.io, SIGINT, SIGTERM, SIGPIPE);
     Replay work(simulator, recording, options);
     simulator.start();
     return readers.finish(run_to_end(simulator, options, signals, work));

@@ -1,10 +1,12 @@
 // The program's command line, its steps and its ways to end.
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "tests/apps/sim/raw_module.h"
@@ -300,5 +302,28 @@ TEST(sim_command_line, a_file_without_a_certificate_is_reported_in_one_line) {
         SimProcess sim({"--certificate", name});
         EXPECT_EQ(sim.finish(), 1) << name;
         EXPECT_EQ(sim.errors(), "cloudtunnel-sim: '" + name + "' is no PEM file with a certificate and its key\n");
+    }
+}
+
+TEST(sim_command_line, a_timeline_that_nobody_reads_any_more_ends_it_and_leaves_no_socket) {
+    SimProcess sim({});
+    ASSERT_TRUE(sim.wait_for("daemon    listening on"));
+    sim.stop_reading();
+    sim.type("status");
+    EXPECT_EQ(sim.finish(), 1);
+    EXPECT_EQ(sim.errors(), "cloudtunnel-sim: cannot write standard output\n");
+    EXPECT_NE(access(sim.socket_path().c_str(), F_OK), 0);
+}
+
+TEST(sim_command_line, an_output_that_cannot_be_written_is_a_failure) {
+    for (const char *options : {"--help", "--version", "--do status", "--quiet --do status", "--json - --do status"}) {
+        const std::string errors = fresh_path(".errors");
+        const std::string command = std::string(CLOUDTUNNEL_SIM_PATH) + " --socket " + fresh_path(".sock") + " " +
+                                    options + " >/dev/full 2>" + errors;
+        EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), 1) << options;
+        std::string said;
+        std::getline(std::ifstream(errors), said, '\0');
+        EXPECT_EQ(said, "cloudtunnel-sim: cannot write standard output\n") << options;
+        unlink(errors.c_str());
     }
 }

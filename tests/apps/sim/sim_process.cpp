@@ -116,11 +116,16 @@ void SimProcess::type(const std::string &step) {
 
 void SimProcess::signal(int number) { kill(pid_, number); }
 
+void SimProcess::stop_reading() {
+    close(out_);
+    out_ = -1;
+}
+
 int SimProcess::finish() {
     if (pid_ < 0) return status_;
     while (read_some()) {
     }
-    if (out_ >= 0) kill(pid_, SIGKILL);  // patience is over
+    if (out_ >= 0 || err_ >= 0) kill(pid_, SIGKILL);  // patience is over
     int status = 0;
     waitpid(pid_, &status, 0);
     pid_ = -1;

@@ -29,6 +29,9 @@ class SimProcess {
 
     void signal(int number);
 
+    // stop_reading closes the pipe that the program's timeline goes to.
+    void stop_reading();
+
     // finish waits for the program's end and returns its exit status, or -1 when it has none.
     int finish();
 
