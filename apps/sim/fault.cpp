@@ -88,6 +88,23 @@ const char *kind_of_value(Unit unit) {
     return "number";
 }
 
+// How such a value is written, as the end of a sentence about it.
+const char *way_to_write(Unit unit) {
+    switch (unit) {
+        case Unit::time:
+            return ", in ms, s or m";
+        case Unit::size:
+        case Unit::rate:
+            return ", in bytes, k or M";
+        case Unit::percent:
+        case Unit::number:
+        case Unit::word:
+        case Unit::text:
+            break;
+    }
+    return "";
+}
+
 // in_unit reads a number with one of the unit's suffixes; nothing when it is anything else. A fraction is for times.
 std::optional<double> in_unit(Unit unit, std::string_view text) {
     const std::string digits(text.substr(0, text.find_first_not_of("-.0123456789")));
@@ -136,7 +153,7 @@ long read_value(const Parameter &parameter, std::string_view text) {
     const auto value = parameter.unit == Unit::number ? std::nullopt : in_unit(parameter.unit, text);
     if (!value || *value < static_cast<double>(parameter.min) || *value > static_cast<double>(parameter.max)) {
         throw BadInput(cat(parameter.name, " '", printable(text), "' is no ", kind_of_value(parameter.unit), " from ",
-                           value_range(parameter)));
+                           value_range(parameter), way_to_write(parameter.unit)));
     }
     return std::lround(*value);
 }
@@ -146,6 +163,20 @@ std::vector<std::string_view> words_of(std::string_view line) {
     std::vector<std::string_view> out;
     while (!trim(line).empty()) out.push_back(first_word(line));
     return out;
+}
+
+// takes is true for the name of something that the fault takes.
+bool takes(const FaultRow &row, std::string_view name) {
+    const auto parameters = row.used_parameters();
+    return std::ranges::find(parameters, name, &Parameter::name) != parameters.end() ||
+           std::ranges::any_of(kScopes, [&](const ScopeRow &scope) { return scope.parameter.name == name; });
+}
+
+// is_pair is true for NAME=VALUE. An address with a '=' in its query is none: a name has small letters and '_' only.
+bool is_pair(std::string_view word) {
+    const auto in_name = [](char c) { return (c >= 'a' && c <= 'z') || c == '_'; };
+    const auto equals = word.find('=');
+    return equals != std::string_view::npos && std::ranges::all_of(word.substr(0, equals), in_name);
 }
 
 class FaultReader {
@@ -169,28 +200,17 @@ class FaultReader {
     // A word is NAME=VALUE, NAME before its VALUE, or the value of the next parameter that was not given.
     void read_word() {
         const std::string_view word = words_[next_++];
-        const auto equals = word.find('=');
-        const std::string_view name = word.substr(0, equals);
-        const bool named = is_parameter(name) || is_scope(name);
-        if (equals != std::string_view::npos) {
-            if (!named) throw BadInput(cat(fault_.row->name, " takes no '", printable(name), "'"));
+        if (is_pair(word)) {
+            const auto equals = word.find('=');
+            const std::string_view name = word.substr(0, equals);
+            if (!takes(*fault_.row, name)) throw BadInput(cat(fault_.row->name, " takes no '", name, "'"));
             set(name, word.substr(equals + 1));
-        } else if (named) {
-            if (next_ == words_.size()) throw BadInput(cat("'", name, "' has no value"));
-            set(name, words_[next_++]);
+        } else if (takes(*fault_.row, word)) {
+            if (next_ == words_.size()) throw BadInput(cat("'", word, "' has no value"));
+            set(word, words_[next_++]);
         } else {
             set_next(word);
         }
-    }
-
-    [[nodiscard]] bool is_parameter(std::string_view name) const {
-        const auto all = fault_.row->used_parameters();
-        return std::any_of(all.begin(), all.end(), [&](const Parameter &one) { return one.name == name; });
-    }
-
-    static bool is_scope(std::string_view name) {
-        return std::any_of(std::begin(kScopes), std::end(kScopes),
-                           [&](const ScopeRow &row) { return row.parameter.name == name; });
     }
 
     void set_next(std::string_view value) {
@@ -339,7 +359,8 @@ std::string show_fault(const Fault &fault) {
     for (std::size_t i = 0; i < parameters.size(); i++) {
         const Parameter &parameter = parameters[i];
         if (parameter.unit == Unit::text) {
-            out += cat(" ", fault.text);
+            const bool as_name = is_pair(fault.text) || takes(row, fault.text);
+            out += cat(" ", as_name ? cat(parameter.name, "=") : "", fault.text);
             continue;
         }
         if (parameter.initial == fault.values[i]) continue;

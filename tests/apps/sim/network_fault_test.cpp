@@ -310,8 +310,9 @@ TEST(sim_network_fault, status_shows_the_faults_and_how_many_connections_met_the
 TEST(sim_network_fault, a_wrong_fault_gets_one_line_that_names_place_and_reason) {
     SimProcess option({"--fault", "latency 200"});
     EXPECT_EQ(option.finish(), 2);
-    EXPECT_EQ(option.errors(),
-              "cloudtunnel-sim: --fault: bad fault 'latency 200': time '200' is no time from 0 to 60m\n");
+    EXPECT_EQ(
+        option.errors(),
+        "cloudtunnel-sim: --fault: bad fault 'latency 200': time '200' is no time from 0 to 60m, in ms, s or m\n");
     SimProcess step({"--do", "fault off thunder"});
     EXPECT_EQ(step.finish(), 2);
     EXPECT_EQ(step.errors(),
