@@ -43,6 +43,12 @@ json_object *member(json_object *object, const char *key) {
     return json_object_object_get_ex(object, key, &value) ? value : nullptr;
 }
 
+// is_end is true for {"end":true}; in an event "end" is a field as any other.
+bool is_end(json_object *object) {
+    json_object *const end = member(object, "end");
+    return json_object_is_type(end, json_type_boolean) && json_object_get_boolean(end) && !member(object, "kind");
+}
+
 // text_of is an empty text when there is no such member.
 std::string text_of(json_object *object, const char *key) {
     json_object *const value = member(object, key);
@@ -124,7 +130,7 @@ bool Reader::take_line(const std::string &text) {
         check_header(object.get());
         return true;
     }
-    whole_ = member(object.get(), "end") != nullptr;
+    whole_ = is_end(object.get());
     if (!whole_) take_event(object.get());
     return !whole_;
 }

@@ -229,6 +229,9 @@ TEST(sim_recording, a_wrong_one_is_refused_with_the_line_and_the_reason) {
         {start + "{\"time\":\n" + kConnected, "file: line 4: no JSON object"},
         {start + "{} {}\n", "file: line 4: no JSON object"},
         {start + "{}\n", "file: line 4: it has no 'kind'"},
+        {start + R"({"end":false})"
+                 "\n",
+         "file: line 4: it has no 'kind'"},
         {start + R"({"time":"1","kind":"dropped"})"
                  "\n",
          "file: line 4: 'time' is no number of seconds"},
@@ -282,6 +285,13 @@ TEST(sim_recording, a_wrong_one_is_refused_with_the_line_and_the_reason) {
          "file: line 2: 'address' has no port"},
     };
     for (const auto &[text, wanted] : cases) EXPECT_EQ(fault_of(text), wanted) << text;
+}
+
+TEST(sim_recording, an_event_that_has_an_end_of_its_own_is_not_the_last_line) {
+    std::istringstream in(kHeader + kPlatform + R"({"time":0,"kind":"x","end":true})" + "\n" + kConnected);
+    const Recording recording = read_recording(in, "file");
+    EXPECT_NE(recording.cut, "");
+    EXPECT_EQ(recording.entries.size(), 1u);
 }
 
 TEST(sim_recording, one_that_is_cut_anywhere_is_read_as_far_as_it_goes) {
