@@ -1,5 +1,6 @@
 #include "recording.h"
 
+#include <array>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -15,7 +16,8 @@ namespace {
 
 using Of = ModuleBytes::Of;
 
-constexpr double kLongest = 1e8;  // seconds; a time behind that is none
+constexpr double kLongest = 1e8;             // seconds; a time behind that is none
+constexpr std::size_t kLineMax = 400 << 20;  // the largest frame fits, each of its bytes as \u0000
 
 struct Put {
     void operator()(json_object *object) const { json_object_put(object); }
@@ -31,7 +33,8 @@ class BadLine : public std::runtime_error {
 // parse_line is null when the line is not one whole JSON object.
 Json parse_line(const std::string &line) {
     const std::unique_ptr<json_tokener, decltype(&json_tokener_free)> tokener(json_tokener_new(), json_tokener_free);
-    if (line.size() >= INT32_MAX || line.find('\0') != std::string::npos) return nullptr;
+    static_assert(kLineMax < INT32_MAX);
+    if (line.find('\0') != std::string::npos) return nullptr;
     json_tokener_set_flags(tokener.get(), JSON_TOKENER_STRICT);
     Json object(json_tokener_parse_ex(tokener.get(), line.c_str(), static_cast<int>(line.size()) + 1));
     if (json_tokener_get_error(tokener.get()) != json_tokener_success) return nullptr;
@@ -259,14 +262,36 @@ Recording Reader::finish() {
 
 }  // namespace
 
+// read_line is std::getline with a bound: a device or a pipe may have no end. False when the bound is passed, too.
+static bool read_line(std::istream &in, std::string &line) {
+    std::array<char, 65536> piece;
+    line.clear();
+    for (;;) {
+        in.getline(piece.data(), piece.size());
+        const auto size = static_cast<std::size_t>(in.gcount());
+        if (in.good()) {
+            line.append(piece.data(), size - 1);  // the line end counts, and is not kept
+            return true;
+        }
+        line.append(piece.data(), size);
+        if (in.eof() || in.bad()) return !line.empty();
+        if (line.size() > kLineMax) return false;
+        in.clear();  // the line is longer than the piece
+    }
+}
+
 // A last line without its end was cut while it was written, unless it is whole by chance.
 Recording read_recording(std::istream &in, const std::string &name) {
     Reader reader;
     try {
         bool more = true;
-        for (std::string line; more && std::getline(in, line);) {
+        std::string line;
+        while (more && read_line(in, line)) {
             if (in.eof() && reader.line() > 0 && !parse_line(line)) break;
             more = reader.take_line(line);
+        }
+        if (line.size() > kLineMax) {
+            throw BadInput(cat(name, ": line ", reader.line() + 1, " is longer than ", kLineMax, " bytes"));
         }
         if (in.bad()) throw BadInput(cat("cannot read ", name));
         if (reader.line() == 0) throw BadInput(cat(name, ": not a recording: it is empty"));

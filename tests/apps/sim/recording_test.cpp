@@ -8,6 +8,7 @@
 #include "sim/text.h"
 #include "sim/upgrade.h"
 #include "tests/apps/sim/raw_module.h"
+#include "tests/apps/sim/sim_process.h"
 
 using namespace sim;
 
@@ -292,6 +293,18 @@ TEST(sim_recording, an_event_that_has_an_end_of_its_own_is_not_the_last_line) {
     const Recording recording = read_recording(in, "file");
     EXPECT_NE(recording.cut, "");
     EXPECT_EQ(recording.entries.size(), 1u);
+}
+
+TEST(sim_recording, a_line_of_any_length_is_read_and_one_without_end_is_refused) {
+    for (const size_t size : {65500, 65534, 65535, 65536, 200000}) {
+        const std::string open = R"({"time":0,"kind":"x","a":")", close = "\"}";
+        const std::string line = open + std::string(size - open.size() - close.size(), 'a') + close + "\n";
+        std::istringstream in(kHeader + kPlatform + line + kConnected);
+        EXPECT_EQ(read_recording(in, "file").entries.size(), 1u) << size;
+    }
+    simtest::SimProcess sim({"--replay", "/dev/zero"});
+    EXPECT_EQ(sim.finish(), 2);
+    EXPECT_EQ(sim.errors(), "cloudtunnel-sim: /dev/zero: line 1 is longer than 419430400 bytes\n");
 }
 
 TEST(sim_recording, one_that_is_cut_anywhere_is_read_as_far_as_it_goes) {
