@@ -153,6 +153,9 @@ int serve(const Options &options) {
 
 int replay(const Options &given) {
     const Recording recording = read_recording_file(given.replay);
+    if (!recording.has_platform && given.platform.port == 0) {
+        throw BadInput("a recording without a platform needs --port: the daemon must hand one out");
+    }
     const Options options = as_recorded(recording, given);
     check_options(options);
     Simulator simulator(options);

@@ -148,8 +148,12 @@ TEST(sim_replay, a_cut_recording_is_played_as_far_as_it_goes_and_said_to_be_cut)
 
 TEST(sim_replay, a_wrong_recording_is_reported_in_one_line_and_nothing_is_left_behind) {
     const File broken("{\"format\":\"cloudtunnel-sim-recording\",\"version\":1}\nbroken\n");
+    const File daemon_only(
+        "{\"format\":\"cloudtunnel-sim-recording\",\"version\":1}\n"
+        "{\"time\":0,\"kind\":\"daemon-listening\"}\n");
     const std::pair<std::string, std::string> cases[] = {
         {broken.path, broken.path + ": line 2: no JSON object"},
+        {daemon_only.path, "a recording without a platform needs --port: the daemon must hand one out"},
         {"/nonexistent/session", "cannot read /nonexistent/session"},
         {"/tmp", "cannot read /tmp"},
     };
