@@ -3,6 +3,9 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
+# In a private prefix the second library finds the first one beside itself, when it is linked with and when it is loaded;
+# a system prefix needs no path (CMAKE_SKIP_INSTALL_RPATH).
+set_target_properties(cloudtunnel_module PROPERTIES INSTALL_RPATH "$ORIGIN")
 install(TARGETS cloudtunnel cloudtunnel_module EXPORT cloudtunnel-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
@@ -35,8 +38,7 @@ install(FILES
 
 # ---------------------------------------------------------------------------------------------------------- programs
 if(CLOUDTUNNEL_BUILD_TOOLS)
-  # In a private prefix the program finds the library by a relative path; a system prefix needs none
-  # (CMAKE_SKIP_INSTALL_RPATH).
+  # The program finds the libraries by a relative path, likewise.
   file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(cloudtunnel-module PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
   install(TARGETS cloudtunnel-module RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)

@@ -33,11 +33,10 @@ files() {
     done
 }
 
-# with_prefix PREFIX LIBDIR: pkg-config and the dynamic linker look into the prefix.
+# with_prefix PREFIX LIBDIR: pkg-config looks into the prefix. The linkers are not helped.
 with_prefix() {
     PKG_CONFIG_PATH=$1/$2/pkgconfig
-    LD_LIBRARY_PATH=$1/$2${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
-    export PKG_CONFIG_PATH LD_LIBRARY_PATH
+    export PKG_CONFIG_PATH
 }
 
 # runs PROGRAM NEEDED: the dynamic linker finds everything the program needs, and NEEDED is among it.
@@ -47,12 +46,15 @@ runs() {
     [ -z "$2" ] || grep -q "$2" "$work/needs" || fail "$1 does not use $2: $(cat "$work/needs")"
 }
 
-# pkg_config PREFIX LIBDIR CC SOURCE OUT [LIBRARY]: the source is built with what pkg-config says of the library, into OUT.
+# pkg_config PREFIX LIBDIR CC SOURCE OUT [LIBRARY]: the source is built with what pkg-config says of the library, into OUT,
+# which finds it where LD_LIBRARY_PATH says.
 pkg_config() {
     with_prefix "$1" "$2"
     library=${6:-cloudtunnel}
     # shellcheck disable=SC2046 # options, one word each
     "$3" -o "$5" "$4" $(pkg-config --cflags --libs "$library") || fail 'the shared library does not link'
+    LD_LIBRARY_PATH=$1/$2${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
+    export LD_LIBRARY_PATH
     runs "$5" "$1/$2/lib$library.so.1"
 }
 
