@@ -13,6 +13,9 @@
 #pragma GCC visibility push(hidden)
 namespace ctm {
 
+// The most bytes that the line of a message takes, unless its number begins with zeros.
+constexpr size_t kLengthLineMax = sizeof "length:1073741824\n" - 1;
+
 enum class Taken {
     message,      // `data`, `length`, `announced`, `fragments` and `type` are a message; they hold until the next call
     more,         // fragments are missing, or the frame was the empty end of a message

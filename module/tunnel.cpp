@@ -408,8 +408,8 @@ void step(ctm_tunnel *tunnel, int64_t now) {
     if (stands(tunnel)) drop(tunnel);
 }
 
-// look_at judges a frame that has not come whole: it may be longer than the longest message, and as long as it grows
-// the peer is alive.
+// look_at judges a frame that has not come whole: it may be longer than the longest message with its length line, and
+// as long as it grows the peer is alive.
 void look_at(ctm_tunnel *tunnel, int64_t now) {
     if (tunnel->state != CTM_OPEN) return;
     const cloudtunnel_connect_node *connection = CLOUDMGR_socket_getCnctBySock(tunnel->sock);
@@ -417,7 +417,8 @@ void look_at(ctm_tunnel *tunnel, int64_t now) {
     const int32_t partial = connection->buf ? connection->bufLen : 0;
     if (partial > tunnel->partial_seen) tunnel->heard_us = now;
     tunnel->partial_seen = partial;
-    if (partial > 0 && frame_announced(connection->buf, static_cast<size_t>(partial)) > tunnel->options.longest_message)
+    const size_t longest = tunnel->options.longest_message + kLengthLineMax;
+    if (frame_announced(connection->buf, static_cast<size_t>(partial)) > longest)
         refuse(tunnel, kTooBig, CTM_CAUSE_TOO_LONG, "message too long");
 }
 

@@ -279,6 +279,20 @@ TEST_F(CauseTest, a_frame_that_is_too_long_is_noticed_before_it_has_come) {
     EXPECT_EQ(guest.states.back(), "closing too_long");
 }
 
+TEST_F(CauseTest, the_length_line_does_not_count_where_the_longest_message_comes_slowly) {
+    Guest &guest = make("model", [](auto &options) { options.longest_message = 1000; });
+    Platform platform = offer_open(guest);
+    const std::string message(1000, 'x');
+    const std::string whole = frame(support::kText, "length:1000\n" + message);
+    platform.server->send(whole.substr(0, 500));
+    settle(platform.server.get());
+    pass_time(1);
+    EXPECT_EQ(guest.state(), "open");
+    platform.server->send(whole.substr(500));
+    settle(platform.server.get());
+    EXPECT_EQ(guest.messages, (Texts{"text " + message}));
+}
+
 TEST_F(CauseTest, a_frame_that_comes_slowly_is_a_sign_of_life) {
     Guest &guest = make("model", [](auto &options) { options.ping_ms = CTM_NEVER; });
     Platform platform = offer_open(guest);
