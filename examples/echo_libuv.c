@@ -1,5 +1,6 @@
 /* A module in a loop of libuv's: it answers each message with the message. Usage: echo_libuv [MODEL]. SIGINT or SIGTERM
  * closes the tunnel and ends the program; a second one does not wait for the platform's answer. */
+#define _POSIX_C_SOURCE 200809L
 #include <cloudtunnel_module.h>
 #include <signal.h>
 #include <stdio.h>

@@ -1,5 +1,6 @@
 /* A module around poll: it answers each message with the message. Usage: echo_poll [MODEL]. SIGINT or SIGTERM closes
  * the tunnel and ends the program; a second one does not wait for the platform's answer. */
+#define _POSIX_C_SOURCE 200809L
 #include <cloudtunnel_module.h>
 #include <poll.h>
 #include <signal.h>

@@ -1,5 +1,6 @@
 /* A module in a loop of sd-event's: it answers each message with the message. Usage: echo_sd_event [MODEL]. SIGINT or
  * SIGTERM closes the tunnel and ends the program; a second one does not wait for the platform's answer. */
+#define _POSIX_C_SOURCE 200809L
 #include <cloudtunnel_module.h>
 #include <signal.h>
 #include <stdio.h>
@@ -29,8 +30,7 @@ static int before_wait(sd_event_source *source, void *due) {
     return sd_event_source_set_enabled(due, SD_EVENT_ONESHOT);
 }
 static int on_signal(sd_event_source *source, const struct signalfd_siginfo *info, void *tunnel) {
-    (void)source, (void)info, ctm_tunnel_close(tunnel, 1000, NULL, 0);
-    return 0;
+    return (void)source, (void)info, (void)ctm_tunnel_close(tunnel, 1000, NULL, 0), 0;
 }
 
 int main(int argc, char **argv) {
