@@ -141,7 +141,7 @@ void find(const Row &row, const char *text, const Arguments &all, int last_errno
         case Says::tls_read:
             return found_tls_read(number, argument[1].text, argument[2].number);
         case Says::http_status:
-            if (number == 101) detail("the status line is not \"101 Switching Protocols\"");
+            if (number == 101 || number == 0) detail("the status line is not \"101 Switching Protocols\"");
             return;
         case Says::accept:
             return found_accept();

@@ -114,6 +114,14 @@ TEST_F(CauseTest, an_upgrade_that_is_refused_has_the_http_status) {
     }
 }
 
+TEST_F(CauseTest, an_answer_that_is_no_http_has_no_status) {
+    Guest &guest = make();
+    answer_upgrade(guest, Wire::tls, [](const std::string &) { return std::string("SSH-2.0-OpenSSH_9.2\r\n\r\n"); });
+    EXPECT_EQ(guest.states.back(), "pausing upgrade_refused");
+    EXPECT_EQ(guest.cause.http_status, 0);
+    EXPECT_STREQ(guest.cause.detail, "the status line is not \"101 Switching Protocols\"");
+}
+
 TEST_F(CauseTest, a_respelled_status_line_is_named) {
     Guest &guest = make();
     answer_upgrade(guest, Wire::tls, [](const std::string &good) {
