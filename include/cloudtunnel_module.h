@@ -5,6 +5,7 @@
  * from a queue, notices a dead peer, and knows why a tunnel ended.
  *
  *     static void message(ctm_tunnel *tunnel, const ctm_message *got, void *user) {
+ *         (void)user;
  *         ctm_tunnel_send(tunnel, got->type, got->data, got->length);
  *     }
  *     int main(void) {
@@ -30,9 +31,11 @@
  * - Callbacks run inside ctm_dispatch (or ctm_run), and inside ctm_tunnel_open, _close and _new where a call has its
  *   effect at once. They may call every function here, may open, close and free any tunnel, their own included;
  *   ctm_end, ctm_dispatch and ctm_run return CTM_IN_CALLBACK there. The log callback is the exception: it may call
- *   nothing but ctm_stop and the functions that return a text.
+ *   nothing but ctm_stop and the functions that return a text. Every callback returns, or ends the process: neither an
+ *   exception nor longjmp leaves it.
  * - The process. ctm_init ignores SIGPIPE where the process has left it at its default. Registering a module blocks
- *   until the daemon answers, and resolving a name as long as the resolver does.
+ *   until the daemon answers, and resolving a name as long as the resolver does. The sockets of libcloudtunnel and its
+ *   epoll instance are not close-on-exec: a child that executes another program closes them first.
  * - cloudtunnel.h may be used beside this header. Leave the print callback, the debug level, and the connections and
  *   registrations of the models that are open here to this library.
  */
@@ -132,7 +135,8 @@ CTM_EXPORT ctm_result ctm_end(void);
 CTM_EXPORT ctm_result ctm_log_level(uint32_t level);
 
 /* ctm_fd returns a descriptor that is readable when ctm_dispatch has something to do: put it into your loop, for
- * reading alone. It stays the same until ctm_end. -1 without init. */
+ * reading alone, and not edge-triggered: one dispatch may leave something to do. It stays the same until ctm_end. -1
+ * without init. */
 CTM_EXPORT int ctm_fd(void);
 
 /* ctm_timeout_ms returns how long a loop may wait for that descriptor, 0 to 60000: ask before each wait. */
@@ -185,11 +189,11 @@ typedef enum ctm_cause {
     CTM_CAUSE_ACCEPT_WRONG,         /* it is 101, but its accept value is wrong, missing, or its header respelled */
     CTM_CAUSE_REGISTRATION_REFUSED, /* the platform refused the registration: ret_code; or its answer is none */
     CTM_CAUSE_NO_ANSWER,            /* no answer in time, to the upgrade or to the registration */
-    CTM_CAUSE_CLOSED_BY_PEER,       /* close_status where it sent a close frame; system_error, tls_error */
+    CTM_CAUSE_CLOSED_BY_PEER,       /* close_status where it sent a close frame; else system_error, or 0 */
     CTM_CAUSE_DEAD,                 /* no sign of life from the peer */
-    CTM_CAUSE_PROTOCOL,             /* the peer broke the protocol; the tunnel was closed with close_status */
-    CTM_CAUSE_TOO_LONG,             /* a message longer than the longest */
-    CTM_CAUSE_NO_MEMORY,            /* memory is short */
+    CTM_CAUSE_PROTOCOL,             /* the peer broke the protocol, or TLS: close_status that was sent, tls_error */
+    CTM_CAUSE_TOO_LONG,             /* a message longer than the longest: close_status that was sent */
+    CTM_CAUSE_NO_MEMORY,            /* memory is short: close_status where one was sent */
     CTM_CAUSE_SYSTEM,               /* a call of the system failed, or a table is full: system_error */
     CTM_CAUSE_CLOSED_BY_US,         /* ctm_tunnel_close, the daemon, or new tunnel data: close_status */
     CTM_CAUSES
@@ -284,9 +288,9 @@ typedef struct ctm_tunnel_options {
     uint32_t close_ms;         /* how long a close waits for its answer, or for the line to move; 0: 5000 */
     uint32_t longest_message;  /* bytes, in and out; 0: 1 MiB */
     uint32_t fragment;         /* bytes of payload that go out in one frame; 0: 16000 */
-    uint32_t queue;            /* bytes that may wait to be sent; 0: 4 MiB, or the longest message */
-    uint32_t without_data;     /* a ctm_without_data */
-    ctm_pinged_fn *pinged;     /* null: not called, as the callbacks above */
+    uint32_t queue; /* bytes that may wait, some 40 for each message included; 0: 4 MiB, or the longest message */
+    uint32_t without_data; /* a ctm_without_data */
+    ctm_pinged_fn *pinged; /* null: not called, as the callbacks above */
 } ctm_tunnel_options;
 
 /* ------------------------------------------------------------------------------------------------ tunnels: calls */
@@ -303,6 +307,7 @@ CTM_EXPORT ctm_result ctm_tunnel_open(ctm_tunnel *tunnel);
 /* ctm_tunnel_close ends it: what waits in the queue is sent, then a close frame with `status` and `length` bytes of
  * `reason` (null and 0 for none); the state is CTM_CLOSED once the peer has answered, at the latest after close_ms
  * without progress. A tunnel that is not open is closed at once, without a frame; so is one that is closing already.
+ * The reason is not checked to be UTF-8.
  * CTM_BAD_STATUS, CTM_BAD_REASON, CTM_NOT_OPEN for a closed one. */
 CTM_EXPORT ctm_result ctm_tunnel_close(ctm_tunnel *tunnel, uint16_t status, const char *reason, size_t length);
 
@@ -311,8 +316,9 @@ CTM_EXPORT ctm_result ctm_tunnel_close(ctm_tunnel *tunnel, uint16_t status, cons
 CTM_EXPORT ctm_result ctm_tunnel_free(ctm_tunnel *tunnel);
 
 /* ctm_tunnel_send puts a message into the queue and sends what the line takes now. A message that was taken is sent
- * whole, or the tunnel ends. CTM_BAD_TYPE, CTM_NOT_OPEN, CTM_TOO_LONG, CTM_FULL, CTM_NO_MEMORY. Text and binary by
- * name: ctm_tunnel_send_text sends up to a zero byte. */
+ * whole, or the tunnel ends. Text is not checked to be UTF-8. One that is longer than a fragment goes out in several,
+ * of which the last has FIN; a length line is the caller's, where the peer wants one. CTM_BAD_TYPE, CTM_NOT_OPEN,
+ * CTM_TOO_LONG, CTM_FULL, CTM_NO_MEMORY. Text and binary by name: ctm_tunnel_send_text sends up to a zero byte. */
 CTM_EXPORT ctm_result ctm_tunnel_send(ctm_tunnel *tunnel, ctm_type type, const void *data, size_t length);
 CTM_EXPORT ctm_result ctm_tunnel_send_text(ctm_tunnel *tunnel, const char *text);
 CTM_EXPORT ctm_result ctm_tunnel_send_binary(ctm_tunnel *tunnel, const void *data, size_t length);
@@ -366,9 +372,9 @@ typedef struct ctm_counters {
 CTM_EXPORT ctm_result ctm_tunnel_counters(const ctm_tunnel *tunnel, ctm_counters *out);
 CTM_EXPORT ctm_result ctm_counters_all(ctm_counters *out);
 
-/* ctm_metrics writes the counters of the process and of each tunnel in the OpenMetrics text format, at most `size`
- * bytes with a zero byte at the end, and returns how long the text is without that byte: as snprintf does. A null
- * `text` and a `size` of 0 ask for the length alone. 0 without init. */
+/* ctm_metrics writes whether the daemon is connected and the counters of each tunnel in the OpenMetrics text format, at
+ * most `size` bytes with a zero byte at the end, and returns how long the text is without that byte: as snprintf does.
+ * A null `text` and a `size` of 0 ask for the length alone; the times grow meanwhile. 0 without init. */
 CTM_EXPORT size_t ctm_metrics(char *text, size_t size);
 
 /* Whether the daemon is connected: 1, or 0. */
