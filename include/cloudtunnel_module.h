@@ -288,9 +288,9 @@ typedef struct ctm_tunnel_options {
     uint32_t close_ms;         /* how long a close waits for its answer, or for the line to move; 0: 5000 */
     uint32_t longest_message;  /* bytes, in and out; 0: 1 MiB */
     uint32_t fragment;         /* bytes of payload that go out in one frame; 0: 16000 */
-    uint32_t queue; /* bytes that may wait, some 40 for each message included; 0: 4 MiB, or the longest message */
-    uint32_t without_data; /* a ctm_without_data */
-    ctm_pinged_fn *pinged; /* null: not called, as the callbacks above */
+    uint32_t queue;            /* bytes that may wait, some 40 a message included; 0: 4 MiB, or the longest message */
+    uint32_t without_data;     /* a ctm_without_data */
+    ctm_pinged_fn *pinged;     /* null: not called, as the callbacks above */
 } ctm_tunnel_options;
 
 /* ------------------------------------------------------------------------------------------------ tunnels: calls */
