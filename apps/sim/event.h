@@ -99,17 +99,23 @@ struct JsonText {
 
 using Value = std::variant<std::int64_t, bool, std::string_view, Bytes, JsonText, const Status *>;
 
-struct Field {
-    Field(std::string_view field_name, bool truth) : name(field_name), value(truth) {}
-    Field(std::string_view field_name, std::integral auto number)
-        : name(field_name), value(static_cast<std::int64_t>(number)) {}
-    Field(std::string_view field_name, std::convertible_to<std::string_view> auto const &text)
-        : name(field_name), value(std::string_view(text)) {}
-    Field(std::string_view field_name, Bytes bytes) : name(field_name), value(bytes) {}
-    Field(std::string_view field_name, const Status *status) : name(field_name), value(status) {}
-    Field(std::string_view field_name, const Value &field_value) : name(field_name), value(field_value) {}
+// The name of a field. Only a literal becomes one, so it lasts when the event is over, and two names at one address are
+// the same name.
+struct FieldName : std::string_view {
+    consteval FieldName(const char *literal) : std::string_view(literal) {}
+};
 
-    std::string_view name;  // a literal: it lasts when the event is over
+struct Field {
+    Field(FieldName field_name, bool truth) : name(field_name), value(truth) {}
+    Field(FieldName field_name, std::integral auto number)
+        : name(field_name), value(static_cast<std::int64_t>(number)) {}
+    Field(FieldName field_name, std::convertible_to<std::string_view> auto const &text)
+        : name(field_name), value(std::string_view(text)) {}
+    Field(FieldName field_name, Bytes bytes) : name(field_name), value(bytes) {}
+    Field(FieldName field_name, const Status *status) : name(field_name), value(status) {}
+    Field(FieldName field_name, const Value &field_value) : name(field_name), value(field_value) {}
+
+    FieldName name;
     Value value;
 };
 
@@ -123,10 +129,14 @@ struct Event {
     std::chrono::steady_clock::duration time = {};  // since the stream began; the stream sets it
     std::uint64_t serial = 0;                       // counts the events of the stream from 1; the stream sets it
 
-    // field returns the value of the field with that name, null when the event has none.
+    // field returns the value of the field with that name, null when the event has none. Most often the name is a
+    // literal too, and the compiler has put both at one address.
     [[nodiscard]] const Value *field(std::string_view name) const {
         for (const Field &one : fields) {
-            if (one.name.data() == name.data() || one.name == name) return &one.value;
+            if (one.name.data() == name.data()) return &one.value;
+        }
+        for (const Field &one : fields) {
+            if (one.name == name) return &one.value;
         }
         return nullptr;
     }

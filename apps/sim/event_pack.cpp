@@ -1,5 +1,6 @@
 #include "event_pack.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "status.h"
@@ -7,17 +8,19 @@
 namespace sim {
 namespace {
 
-// What stands in front of the texts and values.
+// What stands in front of the texts and numbers.
 struct [[gnu::packed]] Head {
-    std::int64_t time = 0;
-    std::int32_t id = 0;
-    std::uint16_t shape = 0;
-    Kind kind = Kind::prompt;
+    std::uint32_t size;  // of the event, this head included
+    std::int32_t id;
+    std::int64_t time;
+    std::uint16_t shape;
+    Kind kind;
 };
 
-// A text has its size in front: one byte, or, for a long text, kLong and four more.
+// A number under kLong takes one byte, every other one kLong and eight more. A text has its size in front.
 constexpr std::uint8_t kLong = 255;
-constexpr std::size_t kSizeRoom = 1 + sizeof(std::uint32_t);
+constexpr std::size_t kNumberMax = 1 + sizeof(std::uint64_t);
+constexpr std::size_t kShortMax = kLong;  // bytes that a value takes at most when it is no long text
 
 // kIndex is the index of a type in Value.
 template <class Type>
@@ -25,66 +28,37 @@ constexpr std::size_t kIndex = Value(Type{}).index();
 
 // The text of a value that is one.
 std::string_view text_in(const Value &value) {
-    switch (value.index()) {
-        case kIndex<Bytes>:
-            return std::get_if<Bytes>(&value)->bytes;
-        case kIndex<JsonText>:
-            return std::get_if<JsonText>(&value)->text;
-        default:
-            return *std::get_if<std::string_view>(&value);
-    }
+    if (const Bytes *bytes = std::get_if<Bytes>(&value)) return bytes->bytes;
+    if (const std::string_view *text = std::get_if<std::string_view>(&value)) return *text;
+    const JsonText *json = std::get_if<JsonText>(&value);
+    return json ? json->text : std::string_view();
 }
 
-// room_for is the number of bytes that a value takes at most.
-std::size_t room_for(const Value &value) {
-    switch (value.index()) {
-        case kIndex<std::int64_t>:
-            return sizeof(std::int64_t);
-        case kIndex<bool>:
-            return sizeof(bool);
-        default:
-            return kSizeRoom + text_in(value).size();
+char *put(char *at, std::uint64_t number) {
+    if (number < kLong) {
+        *at = static_cast<char>(number);
+        return at + 1;
     }
-}
-
-template <class Number>
-char *put(char *at, Number number) {
+    *at++ = static_cast<char>(kLong);
     std::memcpy(at, &number, sizeof number);
     return at + sizeof number;
 }
 
-char *put(char *at, std::string_view text) {
-    if (text.size() < kLong) {
-        *at++ = static_cast<char>(text.size());
-    } else {
-        at = put(put(at, kLong), static_cast<std::uint32_t>(text.size()));
-    }
-    if (!text.empty()) std::memcpy(at, text.data(), text.size());
-    return at + text.size();
-}
-
-char *put_value(char *at, const Value &value) {
-    switch (value.index()) {
-        case kIndex<std::int64_t>:
-            return put(at, *std::get_if<std::int64_t>(&value));
-        case kIndex<bool>:
-            return put(at, *std::get_if<bool>(&value));
-        default:
-            return put(at, text_in(value));
-    }
-}
-
-template <class Number>
-Number take(std::string_view &bytes) {
-    Number out;
-    std::memcpy(&out, bytes.data(), sizeof out);
+template <class Plain>
+Plain take(std::string_view &bytes) {
+    Plain out{};
+    bytes.copy(reinterpret_cast<char *>(&out), sizeof out);
     bytes.remove_prefix(sizeof out);
     return out;
 }
 
+std::uint64_t take_number(std::string_view &bytes) {
+    const auto number = take<std::uint8_t>(bytes);
+    return number == kLong ? take<std::uint64_t>(bytes) : number;
+}
+
 std::string_view take_text(std::string_view &bytes) {
-    std::size_t size = take<std::uint8_t>(bytes);
-    if (size == kLong) size = take<std::uint32_t>(bytes);
+    const std::size_t size = take_number(bytes);
     const std::string_view out = bytes.substr(0, size);
     bytes.remove_prefix(size);
     return out;
@@ -93,9 +67,9 @@ std::string_view take_text(std::string_view &bytes) {
 Value take_value(std::string_view &bytes, std::size_t type) {
     switch (type) {
         case kIndex<std::int64_t>:
-            return take<std::int64_t>(bytes);
+            return static_cast<std::int64_t>(take_number(bytes));
         case kIndex<bool>:
-            return take<bool>(bytes);
+            return take_number(bytes) != 0;
         case kIndex<Bytes>:
             return Bytes{take_text(bytes)};
         case kIndex<JsonText>:
@@ -107,25 +81,31 @@ Value take_value(std::string_view &bytes, std::size_t type) {
 
 }  // namespace
 
-// Names are compared by where they stand: they are literals.
-bool EventPacker::Shape::fits(const Event &event) const {
+inline bool EventPacker::Shape::fits(const Event &event) const {
     if (source != event.source || members.size() != event.fields.size()) return false;
-    for (std::size_t i = 0; i < members.size(); i++) {
-        const Field &field = event.fields[i];
-        if (members[i].name.data() != field.name.data() || members[i].type != field.value.index()) return false;
+    const Member *member = members.data();
+    for (const Field &field : event.fields) {
+        if (member->name.data() != field.name.data() || member->type != field.value.index()) return false;
+        member++;
     }
     return true;
 }
 
-std::uint16_t EventPacker::shape_of(const Event &event) {
-    std::vector<Shape> &shapes = shapes_[static_cast<std::size_t>(event.kind)];
-    std::size_t number = 0;
-    while (number < shapes.size() && !shapes[number].fits(event)) number++;
-    if (number == shapes.size()) {
-        Shape &shape = shapes.emplace_back(Shape{event.source, {}});
-        for (const Field &field : event.fields) shape.members.push_back({field.name, field.value.index()});
+void EventPacker::pack_anew(const Event &event) {
+    for (const Shape &shape : shapes_[static_cast<std::size_t>(event.kind)]) {
+        if (shape.fits(event)) return pack_as(shape, event);
     }
-    return static_cast<std::uint16_t>(number);
+    const auto is_state = [](const Field &field) { return std::holds_alternative<const Status *>(field.value); };
+    if (std::ranges::any_of(event.fields, is_state)) return pack_state(event);
+    pack_as(add_shape(event), event);
+}
+
+const EventPacker::Shape &EventPacker::add_shape(const Event &event) {
+    std::vector<Shape> &shapes = shapes_[static_cast<std::size_t>(event.kind)];
+    const auto number = static_cast<std::uint16_t>(shapes.size());
+    Shape &fresh = shapes.emplace_back(Shape{.source = event.source, .number = number, .members = {}});
+    for (const Field &field : event.fields) fresh.members.push_back({field.name, field.value.index()});
+    return fresh;
 }
 
 // An event has one state at most.
@@ -143,18 +123,51 @@ void EventPacker::pack_state(const Event &event) {
     pack_anew(packable);
 }
 
-void EventPacker::pack_anew(const Event &event) {
-    std::size_t room = sizeof(Head) + 2 * kSizeRoom + event.model.size() + event.cause.size();
+void EventPacker::pack_as(const Shape &shape, const Event &event) {
+    short_room_ = sizeof(Head) + (2 + event.fields.size()) * kShortMax;
+    if (area_.size() - kept_size_ < short_room_) area_.resize(2 * (kept_size_ + short_room_));
+    char *at = area_.data() + kept_size_ + sizeof(Head);
+    at = put_text(at, event.model);
+    at = put_text(at, event.cause);
     for (const Field &field : event.fields) {
-        if (field.value.index() == kIndex<const Status *>) return pack_state(event);
-        room += room_for(field.value);
+        if (const std::int64_t *number = std::get_if<std::int64_t>(&field.value)) {
+            at = put(at, static_cast<std::uint64_t>(*number));
+        } else if (const bool *truth = std::get_if<bool>(&field.value)) {
+            at = put(at, std::uint64_t{*truth});
+        } else {
+            at = put_text(at, text_in(field.value));
+        }
     }
-    if (area_.size() < room) area_.resize(room);
-    const Head head = {.time = event.time.count(), .id = event.id, .shape = shape_of(event), .kind = event.kind};
-    char *at = put(put(put(area_.data(), head), event.model), event.cause);
-    for (const Field &field : event.fields) at = put_value(at, field.value);
-    packed_size_ = static_cast<std::size_t>(at - area_.data());
+    char *const front = area_.data() + kept_size_;
+    packed_size_ = static_cast<std::size_t>(at - front);
     packed_serial_ = event.serial;
+    const Head head = {.size = static_cast<std::uint32_t>(packed_size_),
+                       .id = event.id,
+                       .time = event.time.count(),
+                       .shape = shape.number,
+                       .kind = event.kind};
+    std::memcpy(front, &head, sizeof head);
+}
+
+inline char *EventPacker::put_text(char *at, std::string_view text) {
+    if (text.size() >= kLong) return put_long(at, text);
+    *at++ = static_cast<char>(text.size());
+    if (!text.empty()) std::memcpy(at, text.data(), text.size());
+    return at + text.size();
+}
+
+// put_long makes the room that the text takes. The area may move.
+char *EventPacker::put_long(char *at, std::string_view text) {
+    const auto before = static_cast<std::size_t>(at - area_.data());
+    const std::size_t after = before + kNumberMax + text.size();
+    if (area_.size() < after + short_room_) area_.resize(2 * (after + short_room_));
+    at = put(area_.data() + before, text.size());
+    std::memcpy(at, text.data(), text.size());
+    return at + text.size();
+}
+
+std::size_t EventPacker::size_of(std::string_view bytes) {
+    return bytes.size() < sizeof(Head) ? sizeof(Head) : take<Head>(bytes).size;
 }
 
 Event EventPacker::unpack(std::string_view &bytes, std::vector<Field> &fields) const {

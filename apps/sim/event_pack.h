@@ -8,6 +8,7 @@
 
 #include <array>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "event.h"
@@ -20,8 +21,20 @@ class EventPacker {
     // the stream packed once. A state in it becomes its JSON.
     std::string_view pack(const Event &event) {
         if (event.serial == 0 || event.serial != packed_serial_) pack_anew(event);
-        return {area_.data(), packed_size_};
+        return {area_.data() + kept_size_, packed_size_};
     }
+
+    // keep lets the packed event stay: the next one goes behind it. kept is all that stay, one behind the other, until
+    // they are dropped.
+    void keep() {
+        kept_size_ += std::exchange(packed_size_, 0);
+        packed_serial_ = 0;
+    }
+    [[nodiscard]] std::string_view kept() const { return {area_.data(), kept_size_}; }
+    void drop_kept() { kept_size_ = packed_size_ = packed_serial_ = 0; }
+
+    // size_of is the size of the packed event at the front of bytes; more than they are when the event is not whole.
+    static std::size_t size_of(std::string_view bytes);
 
     // unpack takes the event at the front of packed bytes, and removes it from them. The event refers to the bytes and
     // to `fields`, which it fills.
@@ -29,22 +42,28 @@ class EventPacker {
 
   private:
     struct Member {
-        std::string_view name;
-        std::size_t type = 0;  // of the value: its index in Value
+        FieldName name;
+        std::size_t type;  // of the value: its index in Value
     };
     struct Shape {
         Source source;
+        std::uint16_t number;  // among those of its kind
         std::vector<Member> members;
         [[nodiscard]] bool fits(const Event &event) const;
     };
-    std::uint16_t shape_of(const Event &event);
     void pack_anew(const Event &event);
+    const Shape &add_shape(const Event &event);
+    void pack_as(const Shape &shape, const Event &event);
+    char *put_text(char *at, std::string_view text);
+    char *put_long(char *at, std::string_view text);
     void pack_state(const Event &event);
 
     std::array<std::vector<Shape>, kKinds> shapes_;
-    std::vector<char> area_;
+    std::vector<char> area_;  // what is kept, and behind it what was packed
+    std::size_t kept_size_ = 0;
     std::size_t packed_size_ = 0;
     std::uint64_t packed_serial_ = 0;
+    std::size_t short_room_ = 0;  // that the event takes at most, without its long texts
 };
 
 }  // namespace sim

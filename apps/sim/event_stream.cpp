@@ -2,16 +2,16 @@
 
 namespace sim {
 
-Subscription EventStream::subscribe(const KindSet &kinds, std::function<void(const Event &)> call) {
-    readers_.push_back(std::make_unique<Reader>(Reader{kinds, std::move(call)}));
-    wanted_.add(kinds);
-    return {*this, readers_.back().get()};
+Subscription EventStream::subscribe(const KindSet &kinds, Reader reader) {
+    Subscription out(*this, new Reader(std::move(reader)));
+    for (std::size_t i = 0; i < kKinds; i++) {
+        if (kinds.has(static_cast<Kind>(i))) readers_[i].push_back(out.reader_.get());
+    }
+    return out;
 }
 
 void EventStream::remove(Reader *gone) {
-    std::erase_if(readers_, [gone](const auto &reader) { return reader.get() == gone; });
-    wanted_ = {};
-    for (const auto &reader : readers_) wanted_.add(reader->kinds);
+    for (Readers &readers : readers_) std::erase(readers, gone);
 }
 
 void EventStream::deliver(Event &event) const {
@@ -19,9 +19,7 @@ void EventStream::deliver(Event &event) const {
     has_time_ = in_moment_;
     event.time = time_;
     event.serial = ++count_;
-    for (const auto &reader : readers_) {
-        if (reader->kinds.has(event.kind)) reader->call(event);
-    }
+    for (const Reader *reader : readers_of(event.kind)) (*reader)(event);
 }
 
 }  // namespace sim

@@ -9,9 +9,10 @@
 // emit events of its own, and must not subscribe or end a subscription inside its call: it posts that to the io
 // context. The stream outlives its subscriptions.
 //
-// An event that nobody wants costs one test of a bit. Where its fields take work, the emitter asks wants() first.
+// An event that nobody wants costs one test. Where its fields take work, the emitter asks wants() first.
 #pragma once
 
+#include <array>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -21,12 +22,9 @@
 namespace sim {
 
 class EventStream {
-    struct Reader {
-        KindSet kinds;
-        std::function<void(const Event &)> call;
-    };
-
   public:
+    using Reader = std::function<void(const Event &)>;
+
     // Subscription ends its reader's calls when it is destroyed. It can be moved, not copied.
     class Subscription {
       public:
@@ -36,7 +34,10 @@ class EventStream {
         friend class EventStream;
         struct End {
             EventStream *stream;
-            void operator()(Reader *reader) const { stream->remove(reader); }
+            void operator()(Reader *reader) const {
+                stream->remove(reader);
+                delete reader;
+            }
         };
         Subscription(EventStream &stream, Reader *reader) : reader_(reader, End{&stream}) {}
 
@@ -65,9 +66,9 @@ class EventStream {
     EventStream(const EventStream &) = delete;
     EventStream &operator=(const EventStream &) = delete;
 
-    [[nodiscard]] Subscription subscribe(const KindSet &kinds, std::function<void(const Event &)> call);
+    [[nodiscard]] Subscription subscribe(const KindSet &kinds, Reader reader);
 
-    [[nodiscard]] bool wants(Kind kind) const { return wanted_.has(kind); }
+    [[nodiscard]] bool wants(Kind kind) const { return !readers_of(kind).empty(); }
 
     // emit sets the event's time and serial, and calls the readers.
     void emit(Event event) const {
@@ -79,14 +80,16 @@ class EventStream {
     [[nodiscard]] std::chrono::system_clock::time_point began() const { return began_; }
 
   private:
+    using Readers = std::vector<Reader *>;
+
+    [[nodiscard]] const Readers &readers_of(Kind kind) const { return readers_[static_cast<std::size_t>(kind)]; }
     void deliver(Event &event) const;
     void remove(Reader *reader);
 
     std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
     std::chrono::system_clock::time_point began_ = std::chrono::system_clock::now();
-    std::vector<std::unique_ptr<Reader>> readers_;
-    KindSet wanted_;                   // by any of them
-    mutable std::uint64_t count_ = 0;  // of the events that were wanted
+    std::array<Readers, kKinds> readers_;  // of each kind
+    mutable std::uint64_t count_ = 0;      // of the events that were wanted
     mutable std::chrono::steady_clock::duration time_{};
     mutable bool in_moment_ = false;
     mutable bool has_time_ = false;  // the moment's

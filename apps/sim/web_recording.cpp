@@ -12,10 +12,8 @@
 
 namespace sim {
 
-constexpr std::size_t kUnwrittenMax = 64 << 10;
+constexpr std::size_t kUnwrittenMax = 128 << 10;
 constexpr std::size_t kPieceSize = 64 << 10;  // of the file, and of lines: one event more, and it is enough
-
-using PackedSize = std::uint32_t;  // stands in front of each event
 
 WebRecording::WebRecording(EventStream &events, const TunnelData &tunnel_data, EventPacker &packer, Cut cut,
                            std::size_t size_max)
@@ -31,24 +29,20 @@ WebRecording::WebRecording(EventStream &events, const TunnelData &tunnel_data, E
 
 void WebRecording::keep(const Event &event) {
     if (is_cut_) return;
-    const std::string_view packed = packer_.pack(event);
-    const auto size = static_cast<PackedSize>(packed.size());
-    if (written_ + unwritten_.size() + sizeof size + size > size_max_) {
+    if (written_ + packer_.kept().size() + packer_.pack(event).size() > size_max_) {
         return cut(cat("the page's recording is cut: more than ", size_max_, " bytes are not kept"));
     }
-    unwritten_.append(reinterpret_cast<const char *>(&size), sizeof size).append(packed);
-    if (unwritten_.size() >= kUnwrittenMax) write_out();
+    packer_.keep();
+    if (packer_.kept().size() >= kUnwrittenMax) write_out();
 }
 
 void WebRecording::write_out() {
-    if (unwritten_.empty()) return;
-    const ssize_t wrote =
-        ::pwrite(::fileno(file_.get()), unwritten_.data(), unwritten_.size(), static_cast<off_t>(written_));
+    const std::string_view bytes = packer_.kept();
+    const ssize_t wrote = ::pwrite(::fileno(file_.get()), bytes.data(), bytes.size(), static_cast<off_t>(written_));
     const int error = wrote < 0 ? errno : ENOSPC;  // what a short write to a file means
-    const bool whole = wrote == static_cast<ssize_t>(unwritten_.size());
     if (wrote > 0) written_ += static_cast<std::size_t>(wrote);
-    unwritten_.clear();
-    if (!whole) cut(cat("the page's recording is cut: ", std::strerror(error)));
+    packer_.drop_kept();
+    if (wrote != static_cast<ssize_t>(bytes.size())) cut(cat("the page's recording is cut: ", std::strerror(error)));
 }
 
 void WebRecording::cut(const std::string &why) {
@@ -69,17 +63,13 @@ WebRecording::Lines::Lines(WebRecording &recording)
 std::string WebRecording::Lines::next() {
     std::string_view rest = unread_;
     while (piece_.size() < kPieceSize) {
-        PackedSize size = 0;
-        if (rest.size() >= sizeof size) std::memcpy(&size, rest.data(), sizeof size);
-        if (rest.size() < sizeof size || rest.size() - sizeof size < size) {
+        if (rest.size() < EventPacker::size_of(rest)) {
             unread_.erase(0, unread_.size() - rest.size());
             if (!read_more()) break;
             rest = unread_;
             continue;
         }
-        std::string_view packed = rest.substr(sizeof size, size);
-        rest.remove_prefix(sizeof size + size);
-        writer_.write(recording_.packer_.unpack(packed, fields_));
+        writer_.write(recording_.packer_.unpack(rest, fields_));
     }
     unread_.erase(0, unread_.size() - rest.size());
     return std::exchange(piece_, {});

@@ -22,12 +22,13 @@ namespace sim {
 
 class WebRecording {
   public:
-    static constexpr std::size_t kSizeMax = 64 << 20;  // bytes of packed events, their sizes included
+    static constexpr std::size_t kSizeMax = 64 << 20;  // bytes of packed events
 
     // Takes the reason why nothing more is recorded. It is called once, inside a reader of the events.
     using Cut = std::function<void(const std::string &why)>;
 
-    // `packer` outlives the recording. Throws std::runtime_error when there is no temporary file.
+    // `packer` outlives the recording, and keeps events for it alone. Other readers that share the packer subscribe
+    // before it: what they have packed is kept as it is. Throws std::runtime_error when there is no temporary file.
     WebRecording(EventStream &events, const TunnelData &tunnel_data, EventPacker &packer, Cut cut,
                  std::size_t size_max = kSizeMax);
 
@@ -65,13 +66,12 @@ class WebRecording {
 
     const EventStream &events_;
     TunnelData tunnel_data_;  // at the start: its secrets are replaced from the first line on
-    EventPacker &packer_;
+    EventPacker &packer_;  // keeps what is not written yet: a call to the system for each event would cost more than it
     Cut cut_;
     std::size_t size_max_;
     bool is_cut_ = false;
     std::unique_ptr<std::FILE, Close> file_;
     std::size_t written_ = 0;  // bytes of the file
-    std::string unwritten_;    // whole events: a call to the system for each would cost more than the event
     Subscription subscription_;
 };
 

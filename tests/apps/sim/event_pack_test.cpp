@@ -75,11 +75,54 @@ TEST(sim_event_pack, an_event_of_the_stream_is_packed_once_and_others_each_time)
     EXPECT_NE(packer.pack({.id = 4}), alone);
 }
 
+TEST(sim_event_pack, texts_of_every_size_come_back_behind_events_that_are_kept) {
+    EventPacker packer;
+    std::string expected;
+    for (const std::size_t size : {0, 1, 254, 255, 256, 70000, 3}) {
+        const std::string text(size, 'x');
+        const std::array fields = {Field("before", Bytes{text}), Field("length", size), Field("behind", text)};
+        const Event event = {.kind = Kind::raw_sent, .model = text, .fields = fields, .cause = text};
+        expected += event_json(event);
+        packer.pack(event);
+        packer.keep();
+    }
+    std::string_view kept = packer.kept();
+    std::vector<Field> area;
+    std::string got;
+    while (!kept.empty()) got += event_json(packer.unpack(kept, area));
+    EXPECT_EQ(got, expected);
+    packer.drop_kept();
+    EXPECT_TRUE(packer.kept().empty());
+}
+
+TEST(sim_event_pack, numbers_of_every_size_come_back) {
+    EventPacker packer;
+    std::vector<Field> area;
+    for (const std::int64_t number : {std::int64_t{0}, std::int64_t{254}, std::int64_t{255}, std::int64_t{65536},
+                                      std::int64_t{-1}, INT64_MAX, INT64_MIN}) {
+        const std::array fields = {Field("number", number)};
+        std::string_view bytes = packer.pack({.id = -1, .fields = fields});
+        const Event event = packer.unpack(bytes, area);
+        EXPECT_EQ(event.number_of("number"), number);
+        EXPECT_EQ(event.id, -1);
+    }
+}
+
+TEST(sim_event_pack, an_event_that_is_cut_has_a_size_beyond_its_bytes) {
+    EventPacker packer;
+    const std::array fields = {Field("payload", Bytes{"a message"})};
+    const std::string packed(packer.pack({.kind = Kind::message_sent, .fields = fields}));
+    EXPECT_EQ(EventPacker::size_of(packed), packed.size());
+    EXPECT_EQ(EventPacker::size_of(packed + "and more"), packed.size());
+    for (std::size_t size = 0; size < packed.size(); size++) {
+        EXPECT_GT(EventPacker::size_of(std::string_view(packed).substr(0, size)), size);
+    }
+}
+
 TEST(sim_event_pack, packing_takes_no_memory_once_its_like_was_packed) {
     EventPacker packer;
     const auto pack = [&](int number) {
-        const std::array fields = {Field("opcode", "text"), Field("length", number),
-                                   Field("payload", Bytes{"a message"})};
+        const std::array fields = {Field("opcode", "text"), Field("length", 9), Field("payload", Bytes{"a message"})};
         return packer.pack({.kind = Kind::message_received, .source = Source::tunnel, .id = number, .fields = fields})
             .size();
     };
