@@ -27,7 +27,8 @@ class Ring {
     [[nodiscard]] std::size_t size() const { return size_; }
     [[nodiscard]] bool full() const { return size_ == size_max_; }
 
-    // The first element, which is the oldest, has the index 0.
+    // The first element, which is the oldest, has the index 0; back is the newest.
+    Element &back() { return places_[place_of(size_ - 1)]; }
     [[nodiscard]] const Element &operator[](std::size_t index) const { return places_[place_of(index)]; }
 
   private:

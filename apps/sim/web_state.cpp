@@ -30,63 +30,65 @@ bool shown_in_timeline(const KindRow &row) { return !row.text.empty() && !row.as
 }  // namespace
 
 WebState::WebState(EventStream &events, EventPacker &packer) : events_(events), packer_(packer) {
-    KindSet kinds = kinds_where(
-        [](const KindRow &row) { return shown_in_timeline(row) || (row.detail == Detail::states && !row.asked_for); });
-    kinds.add(Kind::frame_received);
-    kinds.add(Kind::frame_sent);
-    subscription_ = events.subscribe(kinds, [this](const Event &event) { read(event); });
+    KindSet frames;
+    frames.add(Kind::frame_received);
+    frames.add(Kind::frame_sent);
+    KindSet others = kinds_where([](const KindRow &row) { return row.detail == Detail::states && !row.asked_for; });
+    others.add(Kind::ping_sent);
+    others.add(Kind::pong_received);
+    subscriptions_ = {
+        events.subscribe(kinds_where(shown_in_timeline), [this](const Event &event) { add_line(event); }),
+        events.subscribe(frames, [this](const Event &event) { add_frame(event); }),
+        events.subscribe(others, [this](const Event &event) { read(event); }),
+    };
 }
 
 double WebState::now_ms() const { return ms(events_.now()); }
 
 void WebState::read(const Event &event) {
-    const KindRow &row = kind_row(event.kind);
-    if (shown_in_timeline(row)) add_line(event);
     if (event.kind == Kind::notice_sent && event.field("host")) {
         const double now = ms(event.time);
         words_.insert_or_assign(std::string(event.model), WebStep{"daemon's word", now, now, event_text(event)});
     }
-    const bool only_a_line =
-        row.detail == Detail::messages && event.kind != Kind::ping_sent && event.kind != Kind::pong_received;
-    if (event.source != Source::tunnel || only_a_line) return;
-    WebTunnel &tunnel = tunnels_[event.id];
-    read_tunnel(event, tunnel);
-    tunnel.changed = ++version_;
-    if (event.kind == Kind::tunnel_ended) forget_oldest();
-}
-
-void WebState::read_tunnel(const Event &event, WebTunnel &tunnel) {
-    const double now = ms(event.time);
-    tunnel.id = event.id;
-    if (tunnel.model != event.model) tunnel.model = event.model;
+    if (event.source != Source::tunnel) return;
+    WebTunnel &tunnel = changed_by(event);
     switch (event.kind) {
         case Kind::tunnel_state:
             tunnel.state = event.text_of("to");
-            tunnel.since_ms = now;
+            tunnel.since_ms = ms(event.time);
             break;
         case Kind::tunnel_ended:
             end(event, tunnel);
-            break;
-        case Kind::frame_received:
-        case Kind::frame_sent:
-            add_frame(event, tunnel);
+            forget_oldest();
             break;
         case Kind::ping_sent:
-            tunnel.pings_ms.emplace_back(event.bytes_of("payload"), now);
+            tunnel.pings_ms.emplace_back(event.bytes_of("payload"), ms(event.time));
             if (tunnel.pings_ms.size() > kPingsMax) tunnel.pings_ms.pop_front();
             break;
-        case Kind::pong_received: {
-            const auto ping = std::ranges::find(tunnel.pings_ms, event.bytes_of("payload"),
-                                                [](const auto &sent) { return std::string_view(sent.first); });
-            if (ping == tunnel.pings_ms.end()) break;
-            tunnel.trips_ms.push_back(now - ping->second);
-            if (tunnel.trips_ms.size() > kTripsMax) tunnel.trips_ms.pop_front();
-            tunnel.pings_ms.erase(ping);
+        case Kind::pong_received:
+            add_trip(event, tunnel);
             break;
-        }
         default:
             set_up(event, tunnel);
     }
+}
+
+// changed_by is the tunnel of an event, with what every event says about it.
+WebTunnel &WebState::changed_by(const Event &event) {
+    WebTunnel &tunnel = tunnels_[event.id];
+    tunnel.id = event.id;
+    if (tunnel.model != event.model) tunnel.model = event.model;
+    tunnel.changed = ++version_;
+    return tunnel;
+}
+
+void WebState::add_trip(const Event &event, WebTunnel &tunnel) {
+    const auto ping = std::ranges::find(tunnel.pings_ms, event.bytes_of("payload"),
+                                        [](const auto &sent) { return std::string_view(sent.first); });
+    if (ping == tunnel.pings_ms.end()) return;
+    tunnel.trips_ms.push_back(ms(event.time) - ping->second);
+    if (tunnel.trips_ms.size() > kTripsMax) tunnel.trips_ms.pop_front();
+    tunnel.pings_ms.erase(ping);
 }
 
 // set_up extends the waterfall: each step begins where the one before ended.
@@ -143,7 +145,7 @@ void WebState::set_up(const Event &event, WebTunnel &tunnel) {
             say(steps.back(), event_text(event));
             steps.back().end_ms = now;
     }
-    tunnel.steps_changed = version_ + 1;
+    tunnel.steps_changed = version_;
 }
 
 void WebState::end(const Event &event, WebTunnel &tunnel) {
@@ -156,7 +158,7 @@ void WebState::end(const Event &event, WebTunnel &tunnel) {
     span().failed++;
     if (tunnel.steps.empty()) return;
     tunnel.steps.push_back({"end", tunnel.steps.back().end_ms, tunnel.since_ms, tunnel.cause});
-    tunnel.steps_changed = version_ + 1;
+    tunnel.steps_changed = version_;
 }
 
 void WebState::forget_oldest() {
@@ -166,7 +168,10 @@ void WebState::forget_oldest() {
     }
 }
 
-void WebState::add_frame(const Event &event, WebTunnel &tunnel) {
+// The number and the model of a tunnel come with its other events.
+void WebState::add_frame(const Event &event) {
+    WebTunnel &tunnel = tunnels_[event.id];
+    tunnel.changed = ++version_;
     const bool sent = event.kind == Kind::frame_sent;
     const bool fin = event.is_set("fin");
     const std::int64_t size = event.number_of("length");
@@ -192,21 +197,15 @@ void WebState::add_frame(const Event &event, WebTunnel &tunnel) {
 
 void WebState::add_line(const Event &event) {
     const std::string_view packed = packer_.pack(event);
-    KeptLine &line = lines_.push();
-    line_count_++;
-    if (packed.size() <= kLineEventMax) {
-        line.event = packed;
-        line.written.reset();
-    } else {
-        line.event.clear();
-        line.written = std::make_unique<WebLine>(WebLine{ms(event.time), event_column(event), event_text(event)});
-    }
+    const bool is_long = packed.size() > kLineEventMax;
+    lines_.push(is_long ? std::string_view() : packed);
+    while (!written_.empty() && written_.begin()->first + kLinesMax <= line_count()) written_.erase(written_.begin());
+    if (is_long) written_[line_count()] = {ms(event.time), event_column(event), event_text(event)};
 }
 
 WebLine WebState::line(std::uint64_t number) const {
-    const KeptLine &line = lines_[lines_.size() - 1 - (line_count_ - number)];
-    if (line.written) return *line.written;
-    std::string_view packed = line.event;
+    if (const auto written = written_.find(number); written != written_.end()) return written->second;
+    std::string_view packed = lines_.at(number - 1);
     std::vector<Field> fields;
     const Event event = packer_.unpack(packed, fields);
     return {ms(event.time), event_column(event), event_text(event)};
@@ -219,9 +218,11 @@ const std::deque<WebCounts> &WebState::history() {
 
 // span is the count of the time that now is in.
 WebCounts &WebState::span() {
-    for (const double now = now_ms(); span_end_ms_ <= now; span_end_ms_ += kSpanMs) {
+    const double now = now_ms();
+    while (span_end_ms_ <= now) {
         history_.push_back({});
         if (history_.size() > kSpansMax) history_.pop_front();
+        span_end_ms_ += kSpanMs;
     }
     return history_.back();
 }

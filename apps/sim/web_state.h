@@ -5,15 +5,17 @@
 // what has a higher one.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "event_pack.h"
 #include "event_stream.h"
+#include "event_tail.h"
 #include "ring.h"
 
 namespace sim {
@@ -91,21 +93,18 @@ class WebState {
 
     // line_count is the number of lines that the timeline has had, lines_kept that of the newest, which it still has;
     // the first line of all has the number 1.
-    [[nodiscard]] std::uint64_t line_count() const { return line_count_; }
-    [[nodiscard]] std::size_t lines_kept() const { return lines_.size(); }
+    [[nodiscard]] std::uint64_t line_count() const { return lines_.count(); }
+    [[nodiscard]] std::uint64_t lines_kept() const { return std::min<std::uint64_t>(lines_.count(), kLinesMax); }
     [[nodiscard]] WebLine line(std::uint64_t number) const;
 
   private:
-    // A line is written when a page shows it: most are never shown.
-    struct KeptLine {
-        std::string event;                 // packed
-        std::unique_ptr<WebLine> written;  // in place of an event that takes much more room
-    };
+    static constexpr std::size_t kLinesMax = 5000;
 
-    void read(const Event &event);
-    void read_tunnel(const Event &event, WebTunnel &tunnel);
     void add_line(const Event &event);
-    void add_frame(const Event &event, WebTunnel &tunnel);
+    void add_frame(const Event &event);
+    void read(const Event &event);
+    WebTunnel &changed_by(const Event &event);
+    void add_trip(const Event &event, WebTunnel &tunnel);
     void set_up(const Event &event, WebTunnel &tunnel);
     void end(const Event &event, WebTunnel &tunnel);
     void forget_oldest();
@@ -116,13 +115,13 @@ class WebState {
     std::deque<int> ended_;                              // the oldest first
     std::map<std::string, WebStep, std::less<>> words_;  // of the daemon: the newest tunnel data sent, by model
     EventPacker &packer_;
-    Ring<KeptLine> lines_{5000};
+    EventTail lines_{kLinesMax};                // a line is written when a page shows it: most are never shown
+    std::map<std::uint64_t, WebLine> written_;  // by its number: in place of an event that takes much more room
     std::deque<WebCounts> history_ = {{}};
     double span_end_ms_ = kSpanMs;
     WebCounts totals_;
     std::uint64_t version_ = 0;
-    std::uint64_t line_count_ = 0;
-    Subscription subscription_;
+    std::array<Subscription, 3> subscriptions_;
 };
 
 }  // namespace sim

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "sim/event_pack.h"
+#include "sim/event_tail.h"
 #include "sim/json_reader.h"
 
 using namespace sim;
@@ -132,4 +133,28 @@ TEST(sim_event_pack, packing_takes_no_memory_once_its_like_was_packed) {
     for (int i = 1; i <= 1000; i++) sum += pack(i);
     EXPECT_EQ(allocations, before);
     EXPECT_EQ(sum, 1000 * size);
+}
+
+TEST(sim_event_tail, the_newest_events_stay) {
+    constexpr std::uint64_t kStay = 1000;
+    EventTail tail(kStay);
+    for (std::uint64_t number = 0; number < 5000; number++) {
+        tail.push(std::to_string(number) + ";");
+        ASSERT_EQ(tail.count(), number + 1);
+        const std::uint64_t oldest = number < kStay ? 0 : number - kStay + 1;
+        for (const std::uint64_t one : {oldest, (oldest + number) / 2, number}) {
+            ASSERT_TRUE(tail.at(one).starts_with(std::to_string(one) + ";")) << one << " of " << number;
+        }
+    }
+}
+
+TEST(sim_event_tail, keeping_an_event_takes_no_memory_once_as_many_were_kept) {
+    EventTail tail(1000);
+    const auto push_many = [&] {
+        for (int i = 0; i < 3000; i++) tail.push("an event");
+    };
+    push_many();
+    const std::size_t before = allocations;
+    push_many();
+    EXPECT_EQ(allocations, before);
 }
