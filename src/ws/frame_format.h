@@ -24,5 +24,6 @@ constexpr uint8_t kOpcodeClose = 8;
 // The longest payload: sizes are ints where bytes are sent and received.
 constexpr int64_t kPayloadMax = INT32_MAX;
 
-// cloudmgr_ws_maskData applies the mask key to `len` bytes. Applied twice it restores them.
-void cloudmgr_ws_maskData(uint8_t *data, size_t len, const uint8_t (&key)[kMaskSize]);
+// cloudmgr_ws_maskData writes the `len` bytes at `from` to `to`, with the mask key applied. The two may be the same
+// place. Applied twice the key restores the bytes.
+void cloudmgr_ws_maskData(uint8_t *to, const uint8_t *from, size_t len, const uint8_t (&key)[kMaskSize]);

@@ -48,7 +48,7 @@ int CLOUDMGR_ws_setbody(cloudmgr_ws_msg *msg, const void *data, int64_t size) {
     return 0;
 }
 
-void cloudmgr_ws_maskData(uint8_t *data, size_t len, const uint8_t (&key)[kMaskSize]) {
+void cloudmgr_ws_maskData(uint8_t *to, const uint8_t *from, size_t len, const uint8_t (&key)[kMaskSize]) {
     uint32_t word = 0;
     memcpy(&word, key, sizeof word);
     using Block = uint32_t __attribute__((vector_size(16)));
@@ -56,9 +56,9 @@ void cloudmgr_ws_maskData(uint8_t *data, size_t len, const uint8_t (&key)[kMaskS
     const size_t blocks = len - len % sizeof keys;
     for (size_t i = 0; i < blocks; i += sizeof keys) {
         Block block;
-        memcpy(&block, data + i, sizeof block);
+        memcpy(&block, from + i, sizeof block);
         block ^= keys;
-        memcpy(data + i, &block, sizeof block);
+        memcpy(to + i, &block, sizeof block);
     }
-    for (size_t i = blocks; i < len; i++) data[i] = static_cast<uint8_t>(data[i] ^ key[i % kMaskSize]);
+    for (size_t i = blocks; i < len; i++) to[i] = static_cast<uint8_t>(from[i] ^ key[i % kMaskSize]);
 }

@@ -134,7 +134,7 @@ int CLOUDMGR_ws_rcv(int sock, cloudmgr_ws_msg *msg) {
         return kReadBad;
     }
     msg->length = in.length;
-    if (msg->mask_set == 1) cloudmgr_ws_maskData(msg->body, static_cast<size_t>(in.length), msg->mask);
+    if (msg->mask_set == 1) cloudmgr_ws_maskData(msg->body, msg->body, static_cast<size_t>(in.length), msg->mask);
     CLOUDMGR_debug_PrintPkt(msg->body, static_cast<size_t>(in.length));
     CLOUDMGR_socket_bufClean(in.conn, static_cast<uint32_t>(in.header_len) + static_cast<uint32_t>(in.length));
     return kReadDone;

@@ -15,10 +15,10 @@ constexpr int64_t kFragment = 8192;
 constexpr int64_t kLargeFragment = 16000;
 constexpr int kSendAgain = -2;  // of CLOUDMGR_socket_sendData: a plain send ended on EINTR or EAGAIN
 
-// Bytes that are allocated beyond the payload: for the header, which takes 14 at most, and a zero byte that ends the
-// log.
-constexpr size_t kFrameSlack = 17;
-static_assert(kHeaderMax < kFrameSlack);
+// The payload stands where the block is aligned, which makes masking faster, and the header right in front of it.
+constexpr size_t kPayloadAt = 16;
+static_assert(kHeaderMax <= kPayloadAt);
+constexpr size_t kFrameSlack = kPayloadAt + 1;  // bytes that are allocated beyond the payload
 constexpr int64_t kSendMax = kPayloadMax - static_cast<int64_t>(kFrameSlack);
 
 bool body_is_sound(const cloudmgr_ws_msg *msg) {
@@ -60,32 +60,42 @@ size_t put_rest(uint8_t *header, const cloudmgr_ws_msg *msg, int64_t length) {
 
 // A frame on its way out.
 struct Frame {
-    Owned<uint8_t> bytes;  // null when memory is short
-    size_t header = 0;
-    size_t payload = 0;
+    Owned<uint8_t> block;  // null when memory is short
+    size_t header_len = 0;
+    size_t payload_len = 0;
+    bool masked = false;
 
-    [[nodiscard]] size_t size() const { return header + payload; }
+    [[nodiscard]] uint8_t *payload() const { return block.get() + kPayloadAt; }
+    [[nodiscard]] uint8_t *bytes() const { return payload() - header_len; }
+    [[nodiscard]] size_t size() const { return header_len + payload_len; }
 };
 
-// frame_make builds a frame with the `length` bytes of the body at `offset`, not masked yet.
+// frame_make builds a frame with the `length` bytes of the body at `offset`. The log shows them before they are masked;
+// where it shows nothing, they are masked while they are copied.
 Frame frame_make(const cloudmgr_ws_msg *msg, Fragment position, int64_t offset, int64_t length) {
     Frame frame;
-    frame.payload = static_cast<size_t>(length);
-    frame.bytes.reset(static_cast<uint8_t *>(os_alloc_bytes(frame.payload + kFrameSlack)));
-    uint8_t *to = frame.bytes.get();
-    if (!to) return frame;
-    frame.header = bigEndian == 1 ? cloudmgr_ws_setHeadBigEndian(to, msg, position, length)
-                                  : cloudmgr_ws_setHead(to, msg, position, length);
-    if (length) memcpy(to + frame.header, msg->body + offset, frame.payload);
+    frame.payload_len = static_cast<size_t>(length);
+    frame.block.reset(static_cast<uint8_t *>(os_alloc_bytes(frame.payload_len + kFrameSlack)));
+    if (!frame.block) return frame;
+    uint8_t header[kHeaderMax];
+    frame.header_len = bigEndian == 1 ? cloudmgr_ws_setHeadBigEndian(header, msg, position, length)
+                                      : cloudmgr_ws_setHead(header, msg, position, length);
+    memcpy(frame.bytes(), header, frame.header_len);
+    const uint8_t *body = msg->body + offset;
+    frame.masked = cloudmgr_debug_level < static_cast<int32_t>(LogLevel::package);
+    if (frame.masked)
+        cloudmgr_ws_maskData(frame.payload(), body, frame.payload_len, msg->mask);
+    else if (length)
+        memcpy(frame.payload(), body, frame.payload_len);
     return frame;
 }
 
-void frame_mask(Frame &frame, const cloudmgr_ws_msg *msg) {
-    cloudmgr_ws_maskData(frame.bytes.get() + frame.header, frame.payload, msg->mask);
+void frame_mask(const Frame &frame, const cloudmgr_ws_msg *msg) {
+    if (!frame.masked) cloudmgr_ws_maskData(frame.payload(), frame.payload(), frame.payload_len, msg->mask);
 }
 
 int frame_send(int sock, const Frame &frame, int attempts, uint32_t delay_us) {
-    return CLOUDMGR_socket_sendData(sock, frame.bytes.get(), static_cast<int>(frame.size()), attempts, delay_us);
+    return CLOUDMGR_socket_sendData(sock, frame.bytes(), static_cast<int>(frame.size()), attempts, delay_us);
 }
 
 // fragment_length returns how many bytes of the body a fragment carries, -1 when the fragment does not lie within it.
@@ -110,10 +120,10 @@ int send_fragment(int sock, const cloudmgr_ws_msg *msg, int position, int index,
     const int64_t length = fragment_length(msg, position, index, fragment);
     if (length < 0) return -1;
     LOG(package, "WEB: [Socket %d]Send ws msg len %d.", sock, static_cast<int>(length));
-    Frame frame = frame_make(msg, static_cast<Fragment>(position), index * fragment, length);
-    if (!frame.bytes) return -1;
+    const Frame frame = frame_make(msg, static_cast<Fragment>(position), index * fragment, length);
+    if (!frame.block) return -1;
     LOG(package, "WEB: [Socket %d]Send websocket message before mask.", sock);
-    CLOUDMGR_debug_PrintPkt(frame.bytes.get(), frame.size());
+    CLOUDMGR_debug_PrintPkt(frame.bytes(), frame.size());
     frame_mask(frame, msg);
     LOG(package, "WEB: [Socket %d]Send websocket mask 0x%x 0x%x 0x%x 0x%x.", sock, +msg->mask[0], +msg->mask[1],
         +msg->mask[2], +msg->mask[3]);
@@ -170,10 +180,10 @@ int CLOUDMGR_ws_send(int sock, const cloudmgr_ws_msg *msg, int attempts) {
     }
     LOG(package, "[Socket %d]Send ws msg len %lld.", sock, static_cast<long long>(msg->length));
     if (!body_is_sound(msg)) return -1;
-    Frame frame = frame_make(msg, Fragment::whole, 0, msg->length);
-    if (!frame.bytes) return -1;
+    const Frame frame = frame_make(msg, Fragment::whole, 0, msg->length);
+    if (!frame.block) return -1;
     LOG(package, "[Socket %d]Send websocket message before mask.", sock);
-    CLOUDMGR_debug_PrintPkt(frame.bytes.get(), frame.size());
+    CLOUDMGR_debug_PrintPkt(frame.bytes(), frame.size());
     frame_mask(frame, msg);
     // The bytes of the key go as ints, as every other number of the log: one instance of log_print for all.
     LOG(package, "[Socket %d]Send websocket mask 0x%x 0x%x 0x%x 0x%x.", sock, +msg->mask[0], +msg->mask[1],

@@ -87,11 +87,26 @@ TEST_F(MessageTest, masking_runs_over_the_four_bytes_of_the_key_and_back) {
     const uint8_t key[4] = {0x0f, 0xf0, 0xff, 0x01};
     uint8_t data[] = {0, 0, 0, 0, 0xff, 0xff};
     const uint8_t masked[] = {0x0f, 0xf0, 0xff, 0x01, 0xf0, 0x0f};
-    cloudmgr_ws_maskData(data, sizeof data, key);
+    cloudmgr_ws_maskData(data, data, sizeof data, key);
     EXPECT_EQ(std::memcmp(data, masked, sizeof data), 0);
-    cloudmgr_ws_maskData(data, sizeof data, key);
+    cloudmgr_ws_maskData(data, data, sizeof data, key);
     EXPECT_EQ(data[4], 0xff);
-    cloudmgr_ws_maskData(nullptr, 0, key);
+    cloudmgr_ws_maskData(nullptr, nullptr, 0, key);
+}
+
+TEST_F(MessageTest, masking_from_one_place_to_another_copies_any_length_from_any_place) {
+    const uint8_t key[4] = {0x0f, 0xf0, 0xff, 0x01};
+    uint8_t from[80];
+    for (size_t i = 0; i < sizeof from; i++) from[i] = static_cast<uint8_t>(i * 7);
+    for (size_t at = 0; at < 16; at++) {
+        for (size_t len = 0; len <= 64; len++) {
+            uint8_t to[65];
+            std::memset(to, 0xee, sizeof to);
+            cloudmgr_ws_maskData(to, from + at, len, key);
+            for (size_t i = 0; i < len; i++) ASSERT_EQ(to[i], from[at + i] ^ key[i % 4]);
+            EXPECT_EQ(to[len], 0xee);
+        }
+    }
 }
 
 }  // namespace

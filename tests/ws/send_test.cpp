@@ -179,6 +179,24 @@ TEST_F(WsSendTest, a_send_logs_each_step) {
                               {kPackage, "WEB: " + on + "Send websocket mask 0x11 0x22 0x33 0x44."}}));
 }
 
+TEST_F(WsSendTest, what_is_sent_is_the_same_with_a_log_and_without_one) {
+    const support::Connection conn = connect(Wire::plain);
+    fill(payload(17000));
+    const auto sent = [&](int32_t level) {
+        cloudmgr_debug_level = level;
+        EXPECT_EQ(CLOUDMGR_ws_send(conn.sock, msg, 1), 0);
+        EXPECT_EQ(kyrcloud_ws_send_oneFrag(conn.sock, msg, 2, 1, 1, 0), 0);
+        return conn.server->take(2 * (msg->mask_set ? 8 : 4) + 17000 + 8192);
+    };
+    for (const int mirrored : {0, 1}) {
+        for (const uint8_t *key : {static_cast<const uint8_t *>(nullptr), kKey}) {
+            bigEndian = mirrored;
+            CLOUDMGR_ws_setmask(msg, key);
+            EXPECT_EQ(sent(0), sent(support::kPackageDetail));
+        }
+    }
+}
+
 TEST_F(WsSendTest, bad_sockets_and_null_messages_are_logged) {
     fill("x");
     EXPECT_EQ(CLOUDMGR_ws_send(-1, msg, 1), -1);
