@@ -42,7 +42,7 @@ int receive_plain(const cloudtunnel_connect_node *conn, uint8_t *dst, uint32_t l
 int receive_tls(const cloudtunnel_connect_node *conn, uint8_t *dst, uint32_t len) {
     SSL *ssl = conn->ssl ? conn->ssl->ssl : nullptr;
     if (!ssl) return kReadBad;
-    tls_clear_errors();
+    if (SSL_pending(ssl) == 0) tls_clear_errors();  // what the session holds it hands out: that does not fail
     const int got = SSL_read(ssl, dst, static_cast<int>(std::min<uint32_t>(len, INT_MAX)));
     if (got > 0) return got;
     const int error = errno;

@@ -320,6 +320,12 @@ TEST_F(TlsTest, an_error_that_was_left_in_the_queue_does_not_break_a_read_or_a_w
     EXPECT_EQ(CLOUDMGR_socket_rcvData(conn.sock, &byte, 1), -2);
     leave_an_error();
     EXPECT_EQ(CLOUDMGR_socket_sendData(conn.sock, Connection::bytes("abc"), 3, 1, 0), 3);
+    conn.server->send("abc");
+    ASSERT_TRUE(support::wait_readable(conn.sock));
+    for (const int result : {1, 1, 1, -2}) {  // the second and the third byte are held by the session
+        leave_an_error();
+        EXPECT_EQ(CLOUDMGR_socket_rcvData(conn.sock, &byte, 1), result);
+    }
     EXPECT_FALSE(log.contains("bad length"));
     ERR_clear_error();
 }
