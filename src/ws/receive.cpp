@@ -11,6 +11,8 @@
 
 namespace {
 
+constexpr int64_t kTlsRecordMax = 16384;  // bytes: a read over TLS gets no more
+
 // A frame while it is read.
 struct Incoming {
     cloudtunnel_connect_node *conn;
@@ -70,18 +72,23 @@ int read_mask(Incoming &in) {
     return result;
 }
 
-// read_first reads a payload of which the receive buffer has nothing, straight to the start of the block that becomes
-// the body. The block has room for the header as well: if bytes are missing, what there is moves behind the header, and
-// the block becomes the receive buffer.
+// read_first reads a payload of which the receive buffer has nothing. The block has room for the header as well: it
+// becomes the body, with the payload at its start, or, if bytes are missing, the receive buffer, with what there is
+// behind the header. The payload is read to where it probably stays.
 int read_first(Incoming &in, int total, Owned<uint8_t> *body) {
     body->reset(static_cast<uint8_t *>(os_alloc_bytes(static_cast<size_t>(total) + 1)));
-    if (!*body) return kReadBad;
-    const int result = read_next(in, body->get(), static_cast<int>(in.length));
-    if (!incomplete(result)) return result;
+    uint8_t *block = body->get();
+    if (!block) return kReadBad;
     const auto header_len = static_cast<size_t>(in.header_len);
+    const size_t guess = in.conn->ssl && in.length >= kTlsRecordMax ? header_len : 0;
+    const int result = read_next(in, block + guess, static_cast<int>(in.length));
     const size_t part = in.from_buf + in.from_sock;
-    memmove(body->get() + header_len, body->get(), part);
-    memcpy(body->get(), in.header, header_len);
+    if (!incomplete(result)) {
+        if (guess) memmove(block, block + guess, part);
+        return result;
+    }
+    if (!guess) memmove(block + header_len, block, part);
+    memcpy(block, in.header, header_len);
     receive_buffer_set(in.conn, body->release(), static_cast<int32_t>(header_len + part));
     return result;
 }

@@ -308,6 +308,34 @@ TEST_F(WsReceiveTest, a_large_frame_in_small_pieces_allocates_once_and_copies_no
     EXPECT_EQ(body(), text);
 }
 
+TEST_F(WsReceiveTest, a_payload_as_long_as_a_tls_record_is_whole_wherever_the_records_end) {
+    support::Connection conn = connect(Wire::tls);
+    for (const char *mask : {"", kMask}) {
+        for (const size_t size : {16383U, 16384U, 16385U, 40000U}) {
+            const std::string bytes = frame(kText, payload(size), true, mask);
+            const size_t header = bytes.size() - size;
+            for (const size_t cut : {size_t{1}, header, header + 1, size_t{5000}, size_t{16384}}) {
+                arrive(conn, bytes.substr(0, cut));
+                arrive(conn, bytes.substr(cut));
+                int result = receive(conn);
+                if (cut == header) {
+                    EXPECT_EQ(result, size <= 16384 ? 0 : -2);  // the payload may be a record of its own
+                }
+                for (int turn = 0; turn < 10 && result == -2; turn++) {
+                    ASSERT_EQ(buffered(conn), bytes.substr(0, static_cast<size_t>(conn.node()->bufLen)));
+                    result = receive(conn);
+                }
+                ASSERT_EQ(result, 0) << size << " bytes cut at " << cut;
+                ASSERT_EQ(body(), payload(size));
+                ASSERT_EQ(buffered(conn), "");
+            }
+            save(conn, bytes);
+            ASSERT_EQ(receive(conn), 0);
+            ASSERT_EQ(body(), payload(size));
+        }
+    }
+}
+
 TEST_F(WsReceiveTest, a_receive_buffer_that_a_caller_filled_grows_as_needed) {
     support::Connection conn = connect(Wire::plain);
     const std::string bytes = frame(kText, payload(100));
