@@ -65,9 +65,9 @@ int write_some(int sock, SSL *ssl, const uint8_t *data, int len, int total, int 
     errno = 0;
     const int written = SSL_write(ssl, data + total, len - total);
     const int error = errno;
+    if (written > 0) return written;
     // The code is asked for the total so far, not for this write: the logged code depends on it.
     const int code = SSL_get_error(ssl, total);
-    if (written > 0) return written;
     LOG(error,
         "[Socket %d]Send https message write error, result %d, errno = %d, message [%s],ssl error code = %d "
         "[%s],loop count = %d.",
