@@ -42,11 +42,11 @@ int main(int argc, char **argv) try {
     options.user = &loop, options.state = on_state, options.message = on_message;
     ctm_result result = ctm_init(nullptr);
     if (result == CTM_OK) result = ctm_tunnel_new(&options, &tunnel);
+    asio::signal_set ends(loop, SIGINT, SIGTERM);
     if (result == CTM_OK) result = ctm_tunnel_open(tunnel);
     if (result != CTM_OK) return std::fprintf(stderr, "not started: %s\n", ctm_result_text(result)), 1;
 
     asio::posix::stream_descriptor ready(loop, ctm_fd());
-    asio::signal_set ends(loop, SIGINT, SIGTERM);
     dispatch_when_readable(ready), close_on_signal(ends, tunnel);
     // One handler at a time: each may have changed how long the next wait may be.
     while (!loop.stopped())

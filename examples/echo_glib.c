@@ -41,13 +41,13 @@ int main(int argc, char **argv) {
     options.user = loop, options.state = on_state, options.message = on_message;
     ctm_result result = ctm_init(NULL);
     if (result == CTM_OK) result = ctm_tunnel_new(&options, &tunnel);
+    g_unix_signal_add(SIGINT, on_signal, tunnel), g_unix_signal_add(SIGTERM, on_signal, tunnel);
     if (result == CTM_OK) result = ctm_tunnel_open(tunnel);
     if (result != CTM_OK) return g_printerr("not started: %s\n", ctm_result_text(result)), 1;
 
     GSource *source = g_source_new(&functions, sizeof *source);
     readable = g_source_add_unix_fd(source, ctm_fd(), G_IO_IN);
     g_source_attach(source, NULL);
-    g_unix_signal_add(SIGINT, on_signal, tunnel), g_unix_signal_add(SIGTERM, on_signal, tunnel);
     g_main_loop_run(loop);
     g_source_destroy(source), g_source_unref(source), g_main_loop_unref(loop);
     return ctm_end() == CTM_OK ? 0 : 1;

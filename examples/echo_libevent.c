@@ -34,14 +34,14 @@ int main(int argc, char **argv) {
     options.user = &running, options.state = on_state, options.message = on_message;
     ctm_result result = ctm_init(NULL);
     if (result == CTM_OK) result = ctm_tunnel_new(&options, &tunnel);
-    if (result == CTM_OK) result = ctm_tunnel_open(tunnel);
-    if (result != CTM_OK) return fprintf(stderr, "not started: %s\n", ctm_result_text(result)), 1;
-
     struct event_base *base = event_base_new();
-    struct event *ready = event_new(base, ctm_fd(), EV_READ | EV_PERSIST, on_ready_or_due, NULL);
     struct event *interrupt = evsignal_new(base, SIGINT, on_signal, tunnel);
     struct event *terminate = evsignal_new(base, SIGTERM, on_signal, tunnel);
     event_add(interrupt, NULL), event_add(terminate, NULL);
+    if (result == CTM_OK) result = ctm_tunnel_open(tunnel);
+    if (result != CTM_OK) return fprintf(stderr, "not started: %s\n", ctm_result_text(result)), 1;
+
+    struct event *ready = event_new(base, ctm_fd(), EV_READ | EV_PERSIST, on_ready_or_due, NULL);
     while (running) { /* one round at a time: each may have changed how long the next wait may be */
         const long wait = ctm_timeout_ms();
         const struct timeval due = {wait / 1000, wait % 1000 * 1000};

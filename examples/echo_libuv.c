@@ -44,14 +44,14 @@ int main(int argc, char **argv) {
     options.user = loop, options.state = on_state, options.message = on_message;
     ctm_result result = ctm_init(NULL);
     if (result == CTM_OK) result = ctm_tunnel_new(&options, &tunnel);
+    uv_signal_init(loop, &interrupt), uv_signal_start(&interrupt, on_signal, SIGINT);
+    uv_signal_init(loop, &terminate), uv_signal_start(&terminate, on_signal, SIGTERM);
     if (result == CTM_OK) result = ctm_tunnel_open(tunnel);
     if (result != CTM_OK) return fprintf(stderr, "not started: %s\n", ctm_result_text(result)), 1;
 
     uv_prepare_init(loop, &wait_begins), uv_prepare_start(&wait_begins, before_wait);
     uv_timer_init(loop, &due);
     uv_poll_init(loop, &ready, ctm_fd()), uv_poll_start(&ready, UV_READABLE, on_ready);
-    uv_signal_init(loop, &interrupt), uv_signal_start(&interrupt, on_signal, SIGINT);
-    uv_signal_init(loop, &terminate), uv_signal_start(&terminate, on_signal, SIGTERM);
     uv_run(loop, UV_RUN_DEFAULT);
     uv_loop_close(loop);
     return ctm_end() == CTM_OK ? 0 : 1;

@@ -27,12 +27,12 @@ int main(int argc, char **argv) {
     options.user = &running, options.state = on_state, options.message = on_message;
     ctm_result result = ctm_init(NULL);
     if (result == CTM_OK) result = ctm_tunnel_new(&options, &tunnel);
+    sigset_t ends; /* before the tunnel shows a state: signals may follow it */
+    sigemptyset(&ends), sigaddset(&ends, SIGINT), sigaddset(&ends, SIGTERM);
+    sigprocmask(SIG_BLOCK, &ends, NULL);
     if (result == CTM_OK) result = ctm_tunnel_open(tunnel);
     if (result != CTM_OK) return fprintf(stderr, "not started: %s\n", ctm_result_text(result)), 1;
 
-    sigset_t ends;
-    sigemptyset(&ends), sigaddset(&ends, SIGINT), sigaddset(&ends, SIGTERM);
-    sigprocmask(SIG_BLOCK, &ends, NULL);
     struct pollfd ready[] = {{ctm_fd(), POLLIN, 0}, {signalfd(-1, &ends, SFD_NONBLOCK), POLLIN, 0}};
     while (running) {
         struct signalfd_siginfo end;

@@ -41,12 +41,12 @@ int main(int argc, char **argv) {
     options.user = loop, options.state = on_state, options.message = on_message;
     ctm_result result = ctm_init(NULL);
     if (result == CTM_OK) result = ctm_tunnel_new(&options, &tunnel);
+    sigset_t ends; /* before the tunnel shows a state: signals may follow it */
+    sigemptyset(&ends), sigaddset(&ends, SIGINT), sigaddset(&ends, SIGTERM);
+    sigprocmask(SIG_BLOCK, &ends, NULL);
     if (result == CTM_OK) result = ctm_tunnel_open(tunnel);
     if (result != CTM_OK) return fprintf(stderr, "not started: %s\n", ctm_result_text(result)), 1;
 
-    sigset_t ends;
-    sigemptyset(&ends), sigaddset(&ends, SIGINT), sigaddset(&ends, SIGTERM);
-    sigprocmask(SIG_BLOCK, &ends, NULL);
     sd_event_add_signal(loop, NULL, SIGINT, on_signal, tunnel),
         sd_event_add_signal(loop, NULL, SIGTERM, on_signal, tunnel);
     sd_event_source *ready = NULL, *due = NULL;
