@@ -5,6 +5,7 @@ set -u
 scenario=$1 sim=$2 module=$3 explain=$4
 work=$(mktemp -d)
 sim_pid='' module_pid='' level=5
+patience=40 # seconds that anything expected may take on a busy machine
 
 clean_up() {
     for pid in $module_pid $sim_pid; do kill -KILL "$pid" 2>/dev/null; done
@@ -26,13 +27,13 @@ fail() {
 exec 9>/tmp/cloudmgr_subconn.lock
 flock -w 100 9 || fail 'another demo or test holds /tmp/cloudmgr_subconn.lock'
 
-# wait_for FILE TEXT: until the text stands in the file, ten seconds at most.
+# wait_for FILE TEXT: until the text stands in the file, `patience` seconds at most.
 wait_for() {
-    for _ in $(seq 200); do
-        grep -q -a -e "$2" "$work/$1" 2>/dev/null && return
+    local end=$((SECONDS + patience))
+    until grep -q -a -e "$2" "$work/$1" 2>/dev/null; do
+        [ $SECONDS -lt $end ] || fail "'$2' did not appear in $1"
         sleep 0.05
     done
-    fail "'$2' did not appear in $1"
 }
 
 # run TEXT ARGUMENT...: a simulator with these arguments, those without a dash are steps, and a module until the text
@@ -44,7 +45,7 @@ run() {
         [[ $argument == -* ]] || arguments+=(--do)
         arguments+=("$argument")
     done
-    "$sim" --seconds 60 --stay "${arguments[@]}" </dev/null >"$work/sim" 2>&1 9>&- &
+    "$sim" --seconds 60 --timeout $patience --stay "${arguments[@]}" </dev/null >"$work/sim" 2>&1 9>&- &
     sim_pid=$!
     wait_for sim 'daemon .* listening on '
     start_module "$awaited"

@@ -1,7 +1,7 @@
-"""A program on the socket of cloudtunnel-module: line_client.py SOCKET watch|answer|lazy|say LINE...
+"""A program on the socket of cloudtunnel-module: line_client.py SOCKET watch|answer|lazy|say [TEXT LINE...]
 
 watch prints the lines that come; answer does so too, and answers each message; lazy never reads, and prints when it is
-disconnected; say writes lines and prints those that come back, until nothing more has come for a moment."""
+disconnected; say writes lines and prints those that come back, up to the first that holds the text."""
 
 import json
 import select
@@ -9,11 +9,10 @@ import socket
 import sys
 
 LIFE_S = 60
-MOMENT_S = 0.5
 
-path, what, lines = sys.argv[1], sys.argv[2], sys.argv[3:]
+path, what, last, lines = sys.argv[1], sys.argv[2], sys.argv[3:4], sys.argv[4:]
 connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-connection.settimeout(MOMENT_S if what == "say" else LIFE_S)
+connection.settimeout(LIFE_S)
 connection.connect(path)
 print("connected", flush=True)
 if what == "lazy":
@@ -32,6 +31,8 @@ try:
         if what == "answer" and event["event"] == "message":
             answer = {"send": "answer: " + event["text"], "model": event["model"]}
             connection.sendall(json.dumps(answer).encode() + b"\n")
+        if last and last[0] in line.decode():
+            sys.exit()
     print("disconnected", flush=True)
 except TimeoutError:
     pass

@@ -252,12 +252,13 @@ socket_clients_come_and_go() {
     [ "$(stat -c '%a %F' "$work/.socket")" = '600 socket' ] || fail 'the socket is not for one user alone'
     client watcher watch
     client answerer answer
-    client sayer say '{"send":"from the third"}' nonsense '{"close":1}'
+    client sayer say '"event":"refused"' '{"send":"from the third"}' nonsense '{"close":1}'
     type_step 'expect from the third'
     type_step 'request hello'
     wait_for watcher '"text":"hello"'
     await_timeline 'client 1 connected' 'client 2 connected' 'client 3 connected' 'client 3 gone'
-    client late say
+    client late say '"state":"open"'
+    wait_for late '"state":"open"'
     type_step 'request still there'
     type_step quit
     sim_ends

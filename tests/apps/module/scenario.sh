@@ -5,6 +5,7 @@ set -u
 scenario=$1 sim=$2 module=$3 example=$4
 work=$(mktemp -d)
 sim_pid='' program_pid=''
+patience=40 # seconds that anything expected may take on a busy machine
 
 # Both processes are ended here whatever happened; KILL also ends a stopped one.
 clean_up() {
@@ -27,13 +28,13 @@ fail() {
 exec 9>/tmp/cloudmgr_subconn.lock
 flock -w 100 9 || fail 'another demo or test holds /tmp/cloudmgr_subconn.lock'
 
-# wait_for FILE TEXT: until the text stands in the file, ten seconds at most.
+# wait_for FILE TEXT: until the text stands in the file, `patience` seconds at most.
 wait_for() {
-    for _ in $(seq 200); do
-        grep -q -e "$2" "$work/$1" 2>/dev/null && return
+    local end=$((SECONDS + patience))
+    until grep -q -e "$2" "$work/$1" 2>/dev/null; do
+        [ $SECONDS -lt $end ] || fail "'$2' did not appear in $1"
         sleep 0.05
     done
-    fail "'$2' did not appear in $1"
 }
 
 # start_sim ARGUMENT...: arguments that begin with a dash are options, each other one is a step. `type_step` adds a step
@@ -46,7 +47,7 @@ start_sim() {
     done
     [ -p "$work/.typed" ] || mkfifo "$work/.typed"
     exec 8<>"$work/.typed"
-    "$sim" --seconds 60 "${arguments[@]}" <"$work/.typed" >"$work/sim" 2>"$work/sim.errors" 8>&- 9>&- &
+    "$sim" --seconds 60 --timeout $patience "${arguments[@]}" <"$work/.typed" >"$work/sim" 2>"$work/sim.errors" 8>&- 9>&- &
     sim_pid=$!
     wait_for sim 'daemon .* listening on '
 }
@@ -93,12 +94,10 @@ expect_timeline() {
     text=$(missing "$@")
     [ -z "$text" ] || fail "'$text' is missing in the timeline, or not in its place"
 }
-# await_timeline TEXT...: waits for that, ten seconds at most.
+# await_timeline TEXT...: waits for that, `patience` seconds at most.
 await_timeline() {
-    for _ in $(seq 200); do
-        [ -n "$(missing "$@")" ] || return
-        sleep 0.05
-    done
+    local end=$((SECONDS + patience))
+    while [ -n "$(missing "$@")" ] && [ $SECONDS -lt $end ]; do sleep 0.05; done
     expect_timeline "$@"
 }
 

@@ -29,10 +29,7 @@ flock -w 100 9 || fail 'another demo or test holds /tmp/cloudmgr_subconn.lock'
 run_sim() {
     "$sim" --seconds 100 --timeout 30 "$@" </dev/null >"$work/sim" 2>"$work/sim.errors" 9>&- &
     sim_pid=$!
-    for _ in $(seq 200); do
-        grep -q 'daemon .* listening on ' "$work/sim" && break
-        sleep 0.05
-    done
+    until grep -q 'daemon .* listening on ' "$work/sim" || ! kill -0 "$sim_pid" 2>/dev/null; do sleep 0.05; done
     "$module" --seconds 100 "${module_options[@]}" </dev/null >"$work/module" 2>&1 9>&- &
     module_pid=$!
     wait "$sim_pid"
