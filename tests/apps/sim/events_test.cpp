@@ -1,4 +1,5 @@
 // What other programs get of a run: events as JSON, the state as JSON, and the steps as a JUnit report.
+#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -47,6 +48,13 @@ testing::AssertionResult in_order(const std::string &text, const std::vector<std
         at += part.size();
     }
     return testing::AssertionSuccess();
+}
+
+// time_of returns how many seconds a step took in a JUnit report.
+double time_of(const std::string &report, const std::string &step) {
+    const std::string before = "name=\"" + step + "\" time=\"";
+    const size_t at = report.find(before);
+    return at == std::string::npos ? -1 : std::strtod(report.c_str() + at + before.size(), nullptr);
 }
 
 // run_one_tunnel runs a whole tunnel with one request and a reset, and returns what went to the file.
@@ -154,14 +162,16 @@ TEST(sim_events, the_state_counts_the_traffic_of_a_tunnel) {
 
 TEST(sim_events, the_junit_report_has_every_step_with_its_result) {
     const OutputFile file;
-    SimProcess sim({"--junit", file.path, "--timeout", "1", "--do", "sleep 1", "--do", "wait-module base", "--do",
+    SimProcess sim({"--junit", file.path, "--timeout", "1", "--do", "sleep 500", "--do", "wait-module base", "--do",
                     "request hello"});
     EXPECT_EQ(sim.finish(), 1);
     EXPECT_TRUE(in_order(
         file.text(),
-        {"tests=\"3\" failures=\"1\" errors=\"0\" skipped=\"1\"", "name=\"1 sleep 1\" time=\"0.",
-         "name=\"2 wait-module base\" time=\"1.", "<failure message=\"waited 1 s for a module of model 'base'\"/>",
+        {"tests=\"3\" failures=\"1\" errors=\"0\" skipped=\"1\"", "name=\"1 sleep 500\" time=\"",
+         "name=\"2 wait-module base\" time=\"", "<failure message=\"waited 1 s for a module of model 'base'\"/>",
          "name=\"3 request hello\" time=\"0.000000\"><skipped/></testcase>", "</testsuite>"}));
+    EXPECT_GE(time_of(file.text(), "1 sleep 500"), 0.49);
+    EXPECT_GE(time_of(file.text(), "2 wait-module base"), 0.99);
 }
 
 TEST(sim_events, the_junit_report_is_whole_after_a_signal_too) {

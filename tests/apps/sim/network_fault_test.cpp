@@ -21,38 +21,45 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr unsigned kText = 1;
+constexpr unsigned kPing = 9;
 
 }  // namespace
 
 TEST(sim_network_fault, latency_delays_the_answers_and_keeps_every_byte) {
     Plain module({"latency 150ms to=module"});
-    ASSERT_TRUE(module.wire.write(upgrade_request()));
     const auto start = Clock::now();
+    ASSERT_TRUE(module.wire.write(upgrade_request()));
     EXPECT_EQ(module.wire.read_all(kUpgradeAnswer.size()), kUpgradeAnswer);
     EXPECT_GE(Clock::now() - start, 140ms);
     EXPECT_TRUE(module.sim.wait_for("tunnel 1  fault applied: latency 150ms to=module"));
 }
 
+// One delay passes, whatever the number of messages: as many as there are messages would be 20 seconds.
 TEST(sim_network_fault, latency_holds_up_the_bytes_and_not_their_sender) {
-    Plain module({"latency 150ms at=open to=module"}, {"--any-answer"});
+    constexpr size_t kMessages = 40;
+    Plain module({"latency 500ms at=open to=module"}, {"--any-answer"});
     ASSERT_TRUE(module.up());
     const auto start = Clock::now();
-    module.sim.type("raw 01");
-    module.sim.type("raw 02");
-    module.sim.type("raw 03");
-    EXPECT_EQ(module.wire.read_all(3), "\x01\x02\x03");
-    EXPECT_GE(Clock::now() - start, 140ms);
-    EXPECT_LT(Clock::now() - start, 400ms);
+    std::string steps;
+    for (size_t i = 0; i < kMessages; i++) steps += "raw 01\n";
+    module.sim.type(steps);
+    EXPECT_EQ(module.wire.read_all(kMessages), std::string(kMessages, '\x01'));
+    EXPECT_GE(Clock::now() - start, 490ms);
+    EXPECT_LT(Clock::now() - start, kMessages * 500ms);
 }
 
 TEST(sim_network_fault, latency_of_the_accept_delays_the_first_answer_only) {
-    Plain module({"latency 150ms at=accept"});
+    constexpr int kOthers = 40;
     const auto start = Clock::now();
+    Plain module({"latency 500ms at=accept"});
     ASSERT_TRUE(module.upgrade());
-    EXPECT_GE(Clock::now() - start, 140ms);
-    const auto registered = Clock::now();
+    EXPECT_GE(Clock::now() - start, 490ms);
+    const auto upgraded = Clock::now();
     ASSERT_TRUE(module.wire.write(library_frame(kText, opt1())) && read_frame(module.wire));
-    EXPECT_LT(Clock::now() - registered, 140ms);
+    for (int i = 0; i < kOthers; i++) {
+        ASSERT_TRUE(module.wire.write(library_frame(kPing, "")) && read_frame(module.wire));
+    }
+    EXPECT_LT(Clock::now() - upgraded, kOthers * 500ms);
 }
 
 TEST(sim_network_fault, latency_to_the_platform_delays_what_it_reads) {
@@ -89,8 +96,8 @@ TEST(sim_network_fault, bandwidth_bounds_the_bytes_of_a_second) {
 
 TEST(sim_network_fault, slicer_cuts_what_it_sends_into_pieces) {
     Plain module({"slicer 10 10ms at=upgrade to=module"});
-    ASSERT_TRUE(module.wire.write(upgrade_request()));
     const auto start = Clock::now();
+    ASSERT_TRUE(module.wire.write(upgrade_request()));
     std::string answer;
     while (answer.size() < kUpgradeAnswer.size()) {
         const std::string piece = module.wire.read_once(1000);
@@ -156,13 +163,11 @@ TEST(sim_network_fault, timeout_of_an_open_tunnel_holds_its_messages) {
 
 TEST(sim_network_fault, timeout_ends_the_connection_after_its_time) {
     for (const char *fault : {"timeout 150ms", "timeout 150ms at=accept", "timeout 150ms at=upgrade"}) {
-        Plain module({fault});
         const auto start = Clock::now();
+        Plain module({fault});
         ASSERT_TRUE(module.wire.write(upgrade_request()));
-        EXPECT_TRUE(module.wire.is_quiet(100ms)) << fault;
-        EXPECT_FALSE(module.wire.is_quiet(10s)) << fault;
-        EXPECT_EQ(module.wire.read_once(1), "");
-        EXPECT_GE(Clock::now() - start, 140ms);
+        EXPECT_EQ(module.wire.read_once(1), "") << fault;
+        EXPECT_GE(Clock::now() - start, 140ms) << fault;
     }
 }
 
@@ -197,7 +202,8 @@ TEST(sim_network_fault, reset_peer_resets_in_every_stage) {
         EXPECT_EQ(module.sim.output().find("OPT1 answered"), std::string::npos);
     }
     {
-        Plain module({"reset_peer 100ms at=open"});
+        // A reset discards what the module has not read: the time is long enough for the set-up on a slow machine.
+        Plain module({"reset_peer 2s at=open"});
         ASSERT_TRUE(module.up());
         EXPECT_EQ(module.wire.read_once(1), "");
         EXPECT_TRUE(module.wire.was_reset());
@@ -215,9 +221,8 @@ TEST(sim_network_fault, a_fault_that_is_switched_on_meets_the_tunnels_that_are_u
 TEST(sim_network_fault, a_fault_that_is_off_before_its_time_does_nothing) {
     Plain module({});
     ASSERT_TRUE(module.up());
-    module.sim.type("fault reset_peer 100ms");
-    module.sim.type("fault off reset_peer");
-    EXPECT_TRUE(module.wire.is_quiet(200ms));
+    module.sim.type("fault reset_peer 2s\nfault off reset_peer");
+    EXPECT_TRUE(module.wire.is_quiet(2200ms));
 }
 
 TEST(sim_network_fault, slow_close_delays_the_end_and_nothing_else) {
