@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 #include <json.h>
 
-#include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -306,16 +306,16 @@ TEST_F(LogTest, json_is_one_document) {
     EXPECT_EQ(json_object_array_length(json_object_object_get(short_root.get(), "events")), 0U);
 }
 
-// The bound for a gigabyte is a minute, which is 60 ms for a megabyte. What instruments the program, or another program
-// on the machine, makes it slower.
+// The bound for a gigabyte is a minute, which is 60 ms for a megabyte. What instruments the program makes it slower.
+// The time is the processor's, so that other programs do not count.
 TEST_F(LogTest, a_megabyte_takes_no_more_than_two_seconds) {
     std::string log;
     const std::string bulk =
         " DynamicTest: pool[3] = 0x00\n[Model desk]Rcv websocket msg.\nNeed rcv frome socket 6 len 2.\n";
     while (log.size() < 1U << 20) log += kUp + bulk + bulk + kGone;
-    const auto start = std::chrono::steady_clock::now();
+    const std::clock_t start = std::clock();
     explain(log, {.summary = true});
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_LT(std::clock() - start, 2 * CLOCKS_PER_SEC);
 }
 
 TEST_F(LogTest, an_unreadable_file_is_named) {
