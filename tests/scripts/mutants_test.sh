@@ -89,13 +89,16 @@ cp printed first
 mutants 1
 diff <(grep -v '^[0-9]' first) <(grep -v '^[0-9]' printed) || fail 'the same seed did not try the same faults'
 
-# Interrupted as soon as the first verdict is there, and run once more.
+# Interrupted as soon as the first verdict is there, and run once more. The pipe stays open: the second verdict may come
+# before the signal.
 mkfifo lines
 "$script" --count 1000 --jobs 1 toy made >lines 2>printed &
-read -r _ <lines
+exec 3<lines
+read -r _ <&3
 kill -TERM $!
 status=0
 wait $! || status=$?
+exec 3<&-
 [ $status -eq 130 ] || fail "interrupted, the script ended with $status"
 mutants 1
 diff <(grep '^survived' first) <(grep '^survived' printed) || fail 'an interruption changed what the next run finds'
