@@ -6,8 +6,8 @@ set -u
 
 lock=/tmp/cloudmgr_subconn.lock # the library looks for its daemon in one place only, so there is one demo at a time
 lock_time=120                   # seconds to wait for it
-start_time=10                   # seconds for the platform and the daemon to listen
-life=30                         # seconds that no process outlives
+start_time=40                   # seconds for the platform and the daemon to listen
+life=100                        # seconds that no process outlives
 
 fail() {
     echo "demo: $1" >&2
@@ -31,10 +31,10 @@ reason() {
     grep '^cloudtunnel-' "$work/$1" | tail -n 1 | grep . || echo 'it gave no reason'
 }
 
-# end PID: TERM, and KILL when the process has not ended within two seconds.
+# end PID: TERM, and KILL when the process has not ended within twenty seconds.
 end() {
     kill "$1" 2>/dev/null || return
-    for _ in $(seq 40); do
+    for _ in $(seq 400); do
         kill -0 "$1" 2>/dev/null || return
         sleep 0.05
     done
@@ -66,7 +66,7 @@ mkfifo "$work/lines"
 show_lines <"$work/lines" 9>&- &
 reader_pid=$!
 
-"$sim" --timeout 20 --seconds "$life" --stay --do wait-module --do wait-tunnel --do 'requests 5' \
+"$sim" --timeout 40 --seconds "$life" --stay --do wait-module --do wait-tunnel --do 'requests 5' \
     --do 'fragmented 20000' --do 'ping hello' --do 'close 1000 bye' --do wait-close --do 'daemon restart 1' \
     --do wait-module </dev/null >"$work/lines" 2>"$work/sim.err" 9>&- &
 sim_pid=$!
