@@ -15,7 +15,7 @@ from servers import PLATFORMS, PYTHON, Direct, wait_for_workers
 
 LARGE = 1 << 20
 BURST = 40  # requests of one TLS record
-IDLE = 2  # seconds, in place of the hour of the configurations
+IDLE = 6  # seconds, in place of the hour of the configurations
 
 
 # ------------------------------------------------------------------------------------------ all that a tunnel does

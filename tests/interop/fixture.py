@@ -8,7 +8,7 @@ import time
 from processes import TOKEN, Failure, Process
 from servers import Direct, Front
 
-LIFE = 80  # seconds that no module and no daemon outlives
+LIFE = 300  # seconds that no module and no daemon outlives
 
 MODULE = "the module"
 
