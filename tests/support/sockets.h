@@ -14,7 +14,7 @@
 
 namespace support {
 
-constexpr int kWaitMs = 2000;
+constexpr int kWaitMs = 20000;  // what is waited for comes at once, but on a busy machine
 
 class Fd {
   public:
