@@ -29,6 +29,7 @@ IGNORED = {"poll"}
 TOLERANCE = 0.15
 FLOOD_TOLERANCE = 0.5  # a stream is cut where the kernel's buffers end: that moves
 FLOOD_TOLERANCE_TLS = 1.0  # and so do the ends of runs out of the records
+FLOOD_RUNS = 4  # a server that has to wait for a processor makes runs short, which adds calls: the least of these count
 
 
 def count(folder, ports, row, messages):
@@ -42,7 +43,9 @@ def count(folder, ports, row, messages):
 
 def a_message(folder, ports, row):
     """The calls that one message makes, by name."""
-    few, many = (count(folder, ports, row, MESSAGES * times) for times in (1, 2))
+    runs = FLOOD_RUNS if ROWS[row][0] == "flood" else 1
+    few, many = (min((count(folder, ports, row, MESSAGES * times) for _ in range(runs)), key=collections.Counter.total)
+                 for times in (1, 2))
     made = {name: (many[name] - few[name]) / MESSAGES for name in many if name not in IGNORED}
     return {name: calls for name, calls in made.items() if abs(calls) > TOLERANCE}
 
