@@ -68,8 +68,11 @@ bool Wire::write(const std::string &bytes) {
 
 std::string Wire::read_once(size_t most) {
     std::string out(most, '\0');
-    errno = 0;
-    const ssize_t size = ssl_ ? SSL_read(ssl_, out.data(), static_cast<int>(most)) : recv(fd_, out.data(), most, 0);
+    ssize_t size = 0;
+    do {  // a process that was stopped and goes on gets EINTR here, since the read has a time
+        errno = 0;
+        size = ssl_ ? SSL_read(ssl_, out.data(), static_cast<int>(most)) : recv(fd_, out.data(), most, 0);
+    } while (size < 0 && errno == EINTR);
     reset_ = size < 0 && errno == ECONNRESET;
     out.resize(size > 0 ? static_cast<size_t>(size) : 0);
     return out;
