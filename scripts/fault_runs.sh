@@ -11,7 +11,7 @@ work=$(mktemp -d)
 pids=()
 
 clean_up() {
-    for pid in "${pids[@]}"; do kill -KILL "$pid" 2>/dev/null; done
+    for pid in "${pids[@]}"; do kill -KILL "$pid" && wait "$pid"; done 2>/dev/null
     rm -rf "$work"
 }
 trap clean_up EXIT

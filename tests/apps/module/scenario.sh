@@ -7,9 +7,10 @@ work=$(mktemp -d)
 sim_pid='' program_pid=''
 patience=40 # seconds that anything expected may take on a busy machine
 
-# Both processes are ended here whatever happened; KILL also ends a stopped one.
+# Both processes are ended here whatever happened; KILL also ends a stopped one. Each is waited for: the next test that
+# has the lock would find a daemon that still listens.
 clean_up() {
-    for pid in $program_pid $sim_pid; do kill -KILL "$pid" 2>/dev/null; done
+    for pid in $program_pid $sim_pid; do kill -KILL "$pid" && wait "$pid"; done 2>/dev/null
     rm -rf "$work"
 }
 trap clean_up EXIT

@@ -7,9 +7,10 @@ here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d)
 sim_pid='' module_pid=''
 
-# Both processes are ended here whatever happened.
+# Both processes are ended here whatever happened, and waited for: the next test that has the lock would find a daemon
+# that still listens.
 clean_up() {
-    for pid in $module_pid $sim_pid; do kill -KILL "$pid" 2>/dev/null; done
+    for pid in $module_pid $sim_pid; do kill -KILL "$pid" && wait "$pid"; done 2>/dev/null
     rm -rf "$work"
 }
 trap clean_up EXIT
