@@ -7,8 +7,10 @@ work=$(mktemp -d)
 sim_pid='' module_pid='' level=5
 patience=40 # seconds that anything expected may take on a busy machine
 
+# Both processes are ended here whatever happened, and waited for: the next test that has the lock would find a daemon
+# that still listens.
 clean_up() {
-    for pid in $module_pid $sim_pid; do kill -KILL "$pid" 2>/dev/null; done
+    for pid in $module_pid $sim_pid; do kill -KILL "$pid" && wait "$pid"; done 2>/dev/null
     rm -rf "$work"
 }
 trap clean_up EXIT
@@ -37,7 +39,8 @@ wait_for() {
 }
 
 # run TEXT ARGUMENT...: a simulator with these arguments, those without a dash are steps, and a module until the text
-# stands in its log. A stopped module closes an open tunnel.
+# stands in its log. A stopped module closes an open tunnel; one that is stopped late has started again. The answer to a
+# request shows that the module has the tunnel, which a reset would take from one that has not read so far.
 run() {
     local awaited=$1 arguments=() argument
     shift
@@ -72,7 +75,7 @@ tells() {
 open() {
     run 'rcv close msg' wait-tunnel 'close 1000 bye'
     tells 'desk: up: TCP to 127.0.0.1:[0-9]*, TLS, upgrade and the registration' \
-        'the platform closed the tunnel with status 1000 and the reason "bye"' '1 came up, down at the end'
+        'the platform closed the tunnel with status 1000 and the reason "bye"' '[1-9] came up, down at the end'
 }
 upgrade_refused() {
     level=6
@@ -85,7 +88,7 @@ status_hidden() {
 }
 accept_wrong() {
     run 'Rcv acception error' --upgrade=wrong-accept
-    tells 'the Sec-WebSocket-Accept of the answer 101 does not belong' 'wrong accept key 1'
+    tells 'the Sec-WebSocket-Accept of the answer 101 does not belong' 'wrong accept key [1-9]'
 }
 upgrade_closed() {
     run 'connect failed process complete' --upgrade=close
@@ -109,11 +112,11 @@ registration_closed() {
 }
 name_unknown() {
     run 'because no addrinfo' --host=nowhere.invalid
-    tells 'the name nowhere.invalid was not resolved: ' 'the name was not resolved 1'
+    tells 'the name nowhere.invalid was not resolved: ' 'the name was not resolved [1-9]'
 }
 refused() {
     run 'Connect proc failed' --no-platform --port=9
-    tells 'connecting to 127.0.0.1:9 failed: Connection refused' 'connection refused 1'
+    tells 'connecting to 127.0.0.1:9 failed: Connection refused' 'connection refused [1-9]'
 }
 # The platform speaks no TLS where the library does: on every port but 80.
 no_tls() {
@@ -121,7 +124,7 @@ no_tls() {
     tells 'the set-up failed at TLS; TCP to 127.0.0.1:8443 came up'
 }
 broken() {
-    run 'Socket data proc error' wait-tunnel 'sleep 200' drop
+    run 'Socket data proc error' wait-tunnel 'request hello' drop
     tells 'desk: the tunnel ended' 'the connection broke (Connection reset by peer)'
 }
 closed() {
@@ -129,13 +132,13 @@ closed() {
     tells 'desk: the tunnel ended' 'closed by this side 1'
 }
 daemon_closed() {
-    run 'Del socket connect node ok' wait-tunnel 'sleep 200' 'closed desk'
+    run 'Del socket connect node ok' wait-tunnel 'request hello' 'closed desk'
     tells "the daemon's notice: the tunnel is closed" "after the daemon's notice that"
 }
 errors_only() {
     level=2
     run 'error ret code 5' --ret-code=5
-    tells 'refused the registration with retCode 5' '1 set-up'
+    tells 'refused the registration with retCode 5' '[1-9] set-up'
 }
 everything() {
     level=9
