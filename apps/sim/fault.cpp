@@ -168,15 +168,18 @@ std::vector<std::string_view> words_of(std::string_view line) {
 // takes is true for the name of something that the fault takes.
 bool takes(const FaultRow &row, std::string_view name) {
     const auto parameters = row.used_parameters();
-    return std::ranges::find(parameters, name, &Parameter::name) != parameters.end() ||
-           std::ranges::any_of(kScopes, [&](const ScopeRow &scope) { return scope.parameter.name == name; });
+    const auto has_name = [&](const Parameter &parameter) { return parameter.name == name; };
+    return std::any_of(parameters.begin(), parameters.end(), has_name) ||
+           std::any_of(std::begin(kScopes), std::end(kScopes),
+                       [&](const ScopeRow &scope) { return has_name(scope.parameter); });
 }
 
 // is_pair is true for NAME=VALUE. An address with a '=' in its query is none: a name has small letters and '_' only.
 bool is_pair(std::string_view word) {
     const auto in_name = [](char c) { return (c >= 'a' && c <= 'z') || c == '_'; };
     const auto equals = word.find('=');
-    return equals != std::string_view::npos && std::ranges::all_of(word.substr(0, equals), in_name);
+    if (equals == std::string_view::npos) return false;
+    return std::all_of(word.begin(), word.begin() + static_cast<std::ptrdiff_t>(equals), in_name);
 }
 
 class FaultReader {
