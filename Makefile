@@ -142,7 +142,7 @@ bench: packages packages-tests ## The library beside bare sockets and its peers,
 	bench/bench.py build/release $(if $(QUICK),--quick) --rows '$(ROWS)'
 
 # A server that cannot be installed is left out by name; where CI is set its cases fail.
-interop: packages packages-tests ## The module against servers of other hands, on loopback, in half a minute (ONLY='nginx')
+interop: packages packages-tests ## The module against servers of other hands, on loopback, in a minute (ONLY='nginx')
 	-@$(MAKE) --no-print-directory packages-interop
 	cmake --preset release
 	cmake --build --preset release --target interop_programs
