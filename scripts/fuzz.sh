@@ -63,7 +63,7 @@ for name; do
     rm -rf "$found"
     mkdir -p "$learnt" "$found"
     dictionary=tests/fuzz/$name/words.dict
-    set -- -max_total_time="$seconds" -timeout=60 -close_fd_mask=3 -print_final_stats=1 -artifact_prefix="$found/"
+    set -- -max_total_time="$seconds" -timeout=10 -close_fd_mask=3 -print_final_stats=1 -artifact_prefix="$found/"
     [ ! -f "$dictionary" ] || set -- "$@" -dict="$dictionary"
     set -- "$@" "$learnt"
     for kept in seeds corpus crashes; do

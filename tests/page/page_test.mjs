@@ -306,7 +306,7 @@ test('200 tunnels with 50 messages a second each keep their rate with the page o
   let shown = 0;
   for (let i = 0; i < WINDOWS && shown < enough; i++) shown = Math.max(shown, await sim.rate(4000));
 
-  // From the browser's event to the picture that shows its effect; the shortest time of some, for the same reason.
+  // From the browser's event to the picture that shows its effect; the median of some: other programs run too.
   const times = { Tunnel: [], Faults: [], Daemon: [], Timeline: [], Overview: [] };
   for (let round = 0; round < WINDOWS; round++) {
     for (const title of Object.keys(times)) {
@@ -322,7 +322,7 @@ test('200 tunnels with 50 messages a second each keep their rate with the page o
       await pause(500);
     }
   }
-  const clicks = Object.values(times).map((each) => Math.min(...each));
+  const clicks = Object.values(times).map((each) => each.sort((a, b) => a - b)[(WINDOWS - 1) / 2]);
   await page.evaluate(async () => {
     const { store } = await import('/store.js');
     for (let i = 0; i < 20; i++) {

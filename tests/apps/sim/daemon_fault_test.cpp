@@ -48,15 +48,18 @@ TEST(sim_daemon_fault, a_record_is_cut_with_its_link) {
 TEST(sim_daemon_fault, a_cut_record_is_there_for_a_time_before_its_link_ends) {
     Linked module("cut_record 300 pause 60m");
     EXPECT_EQ(module.link.read_all(kReply + 300).size(), kReply + 300);
+    EXPECT_TRUE(module.link.is_quiet(100ms));
     const auto start = Clock::now();
     Linked shorter("cut_record 300 pause 200ms");
     EXPECT_EQ(shorter.link.read_all(1000).size(), kReply + 300);
+    EXPECT_FALSE(shorter.link.is_quiet(0ms));  // the link has ended: the read did not run out of its time
     EXPECT_GE(Clock::now() - start, 190ms);
 }
 
 TEST(sim_daemon_fault, a_record_comes_in_two_parts) {
     Linked module("split_record 300 pause 60m");
     EXPECT_EQ(module.link.read_all(kReply + 300).size(), kReply + 300);
+    EXPECT_TRUE(module.link.is_quiet(100ms));
     const auto start = Clock::now();
     Linked shorter("split_record 300 pause 200ms");
     EXPECT_EQ(shorter.notification().size(), kNotification);

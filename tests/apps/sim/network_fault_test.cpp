@@ -167,6 +167,7 @@ TEST(sim_network_fault, timeout_ends_the_connection_after_its_time) {
         Plain module({fault});
         ASSERT_TRUE(module.wire.write(upgrade_request()));
         EXPECT_EQ(module.wire.read_once(1), "") << fault;
+        EXPECT_FALSE(module.wire.is_quiet(0ms)) << fault;  // it has ended: the read did not run out of its time
         EXPECT_GE(Clock::now() - start, 140ms) << fault;
     }
 }
