@@ -223,6 +223,7 @@ awaitable<void> Runner::use(const Step &step) {
     const auto id = common::parse_number(step.text, 1, INT_MAX);
     pinned_ = id ? platform().find(static_cast<int>(*id)) : platform().newest_open(step.text);
     if (!pinned_) throw StepFailed("there is no such tunnel");
+    last_used_ = pinned_;
 }
 
 awaitable<void> Runner::wait_tunnel(const Step &step) {
@@ -237,6 +238,7 @@ awaitable<void> Runner::wait_tunnel(const Step &step) {
         what);
     // The module has a tunnel when it has the answer to its registration.
     co_await wait_for([&] { return open->written() || open->state() == Tunnel::State::ended; }, what);
+    last_used_ = open;  // it may have ended before the next step looks for it
 }
 
 awaitable<void> Runner::wait_close(const Step &) {

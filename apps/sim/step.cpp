@@ -53,7 +53,7 @@ constexpr Row kRows[] = {
      "wait until a module process has registered MODEL, or any model, with the daemon"},
     {Verb::wait_tunnel, "wait-tunnel", "[MODEL]", Form::maybe_text,
      "wait until a tunnel of MODEL, or any, is registered with the platform"},
-    {Verb::wait_close, "wait-close", "", Form::nothing, "wait until the tunnel last used has ended"},
+    {Verb::wait_close, "wait-close", "", Form::nothing, "wait until the tunnel last used or waited for has ended"},
     {Verb::use, "use", "N|MODEL|newest", Form::text,
      "choose the tunnel for the steps that follow; without it, the newest one"},
     {Verb::request, "request", "TEXT", Form::text, "send TEXT, expect 'answer: TEXT'"},

@@ -418,6 +418,27 @@ TEST(sim_platform, close_frame_waits_for_no_echo) {
     EXPECT_EQ(tunnel.sim.finish(), 0) << tunnel.sim.errors();
 }
 
+TEST(sim_platform, wait_close_passes_when_the_tunnel_that_was_waited_for_has_ended_before) {
+    Tunnel tunnel({"--stay", "--do", "wait-tunnel"});
+    tunnel.wire.close();
+    ASSERT_TRUE(tunnel.sim.wait_for("ended: "));
+    tunnel.sim.type("wait-close");
+    tunnel.sim.type("quit");
+    EXPECT_EQ(tunnel.sim.finish(), 0) << tunnel.sim.errors();
+}
+
+TEST(sim_platform, wait_close_waits_for_the_tunnel_that_was_chosen) {
+    SimProcess sim({"--stay", "--do", "wait-tunnel log", "--do", "use 1", "--do", "wait-close"});
+    const uint16_t port = sim.port();
+    Wire first, second;
+    ASSERT_TRUE(open_tunnel(first, port));
+    ASSERT_TRUE(open_tunnel(second, port, "log"));
+    ASSERT_TRUE(sim.wait_for("step      wait-close"));
+    first.close();
+    sim.type("quit");
+    EXPECT_EQ(sim.finish(), 0) << sim.errors();
+}
+
 TEST(sim_platform, frames_that_make_no_sense_end_the_tunnel) {
     const std::pair<std::string, std::string> cases[] = {
         {library_frame(kContinuation, "x"), "continuation without a first fragment"},
