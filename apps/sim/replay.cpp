@@ -4,6 +4,7 @@
 #include <array>
 #include <cstring>
 #include <stdexcept>
+#include <tuple>
 
 #include "common/program.h"
 #include "text.h"
@@ -115,6 +116,7 @@ awaitable<int> Replay::run() {
             last_ = entry.time;
             start_ = std::max(start_, done_ - entry.time);
         }
+        if (recording_.cut.empty()) nothing_left();
     } catch (const Differs &differs) {
         wrong = cat("the module differs from the recording at line ", differs.line, " (", seconds_of(differs.time),
                     " s), ", differs.what());
@@ -397,6 +399,22 @@ void Replay::nothing_left(const Entry &entry, const Peer &peer) {
     auto unit = rest.next();
     if (!unit) unit = rest.take(rest.left().size());
     throw Differs(entry, cat("expected nothing more, came ", describe(*unit)));
+}
+
+// nothing_left does so at the end of a whole recording, for the connections whose end is not in it: the recording
+// program ended before they did.
+void Replay::nothing_left() const {
+    for (const auto &[key, peer] : peers_) {
+        const auto ends_it = [&key](const Entry &entry) {
+            return std::pair(entry.of, entry.id) == key &&
+                   (entry.act == Act::module_ends || entry.act == Act::simulator_ends ||
+                    entry.act == Act::simulator_resets);
+        };
+        if (std::ranges::any_of(recording_.entries, ends_it)) continue;
+        Entry last = recording_.entries.back();
+        std::tie(last.of, last.id) = key;
+        nothing_left(last, *peer);
+    }
 }
 
 // On an ended connection a write is without effect, as in the recording. At the pace of answers only the notifications

@@ -63,6 +63,7 @@ class Replay {
     [[nodiscard]] std::string with_address(std::string bytes);
     awaitable<void> wait_for_notified();
     static void nothing_left(const Entry &entry, const Peer &peer);
+    void nothing_left() const;
     [[nodiscard]] const std::shared_ptr<Peer> &peer(const Entry &entry) const;
     void emit(const Peer &peer, Kind kind, std::initializer_list<Field> fields = {}, std::string_view cause = {}) const;
     void show(const Entry &entry, std::string_view what) const;
