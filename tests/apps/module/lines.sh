@@ -316,9 +316,10 @@ socket_taken() {
 
 # --------------------------------------------------------------------------------------------------------- the others
 
+# Tunnel data that come while a later model registers would be read in place of the answer, so both register first.
 several_models() {
-    start_sim wait-module wait-module 'wait-tunnel base' 'wait-tunnel wifi' 'use base' 'expect to base' 'use wifi' \
-        'expect to wifi'
+    start_sim --no-announce 'wait-module base' 'wait-module wifi' 'tunnel base' 'wait-tunnel base' 'tunnel wifi' \
+        'wait-tunnel wifi' 'use base' 'expect to base' 'use wifi' 'expect to wifi'
     start_lines --model base --model wifi --metrics "$work/metrics"
     await_timeline '\[base\] hand-off'
     await_timeline '\[wifi\] hand-off'
