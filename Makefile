@@ -49,17 +49,17 @@ test: test-release test-sanitize ## Build and run all tests, then again under th
 test-release: packages packages-tests ## The tests of what is shipped
 	cmake --preset release $(ALL_EXAMPLES)
 	cmake --build --preset release
-	ctest --preset release
+	scripts/run-tests.sh release
 
 test-sanitize: packages packages-tests ## The tests under the address and undefined-behaviour sanitizers
 	cmake --preset sanitize $(ALL_EXAMPLES)
 	cmake --build --preset sanitize
-	ctest --preset sanitize
+	scripts/run-tests.sh sanitize
 
 test-clang: packages packages-tests packages-lint ## The tests, built with clang
 	cmake --preset clang $(ALL_EXAMPLES)
 	cmake --build --preset clang
-	ctest --preset clang
+	scripts/run-tests.sh clang
 
 test-page: packages packages-page ## The simulator's page in a browser (SCREENSHOTS=folder keeps its pictures)
 	cmake --preset release
@@ -108,7 +108,7 @@ device-tested: packages packages-tests packages-device
 	cmake --build --preset device
 	cmake --preset device-fast
 	cmake --build --preset device-fast
-	ctest --preset device
+	scripts/run-tests.sh device
 
 torture: packages packages-tests ## Every call that can fail, fails once: under the sanitizers, in less than an hour
 	cmake --preset sanitize
