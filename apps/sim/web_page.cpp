@@ -294,6 +294,11 @@ void SimulatorPage::fault(json_object *arguments) {
 
 void SimulatorPage::fault_off(json_object *arguments) {
     const std::string name = text(arguments, "name");
+    try {
+        if (!name.empty()) find_fault(name);
+    } catch (const BadInput &bad) {
+        throw Refused(bad.what());
+    }
     simulator_.switch_off(name);
 }
 

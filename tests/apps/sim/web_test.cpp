@@ -432,6 +432,17 @@ TEST(sim_web, a_fault_is_switched_on_and_off_and_a_wrong_one_is_answered_with_th
     EXPECT_TRUE(browser.hears(R"("faults":[])"));
 }
 
+TEST(sim_web, a_fault_that_is_switched_off_has_a_known_name_and_need_not_be_on) {
+    const WebSim sim;
+    Browser browser(sim);
+    ASSERT_TRUE(browser.say(R"({"id":1,"do":"fault-off","name":"thunder"})"));
+    EXPECT_TRUE(browser.hears(R"({"id":1,"error":"no fault is called 'thunder'; --help lists all"})"));
+    ASSERT_TRUE(browser.say(R"({"id":2,"do":"fault-off","name":"latency"})"));
+    EXPECT_TRUE(browser.hears(R"({"id":2})"));
+    ASSERT_TRUE(browser.say(R"({"id":3,"do":"fault-off","name":""})"));
+    EXPECT_TRUE(browser.hears(R"({"id":3})"));
+}
+
 TEST(sim_web, a_fault_of_tls_on_a_plain_platform_is_answered_with_the_reason) {
     const WebSim sim({"--plain"});
     Browser browser(sim);
