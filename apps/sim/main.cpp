@@ -34,6 +34,15 @@ void allow_descriptors() {
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// catch_signals has every signal that would end the program end it in order: none must leave the socket file behind.
+// A SIGHUP that is ignored at start stays ignored: with nohup the program is to outlive its terminal.
+void catch_signals(asio::signal_set &signals) {
+    for (const int number : {SIGINT, SIGTERM, SIGPIPE}) signals.add(number);
+    struct sigaction hang_up = {};
+    ::sigaction(SIGHUP, nullptr, &hang_up);
+    if (hang_up.sa_handler != SIG_IGN) signals.add(SIGHUP);
+}
+
 // The recording and its file.
 class RecordFile {
   public:
@@ -145,7 +154,8 @@ int serve(const Options &options) {
     allow_descriptors();
     Simulator simulator(options);
     Readers readers(simulator, options);
-    asio::signal_set signals(simulator.io, SIGINT, SIGTERM, SIGPIPE);  // first: none must leave the socket file behind
+    asio::signal_set signals(simulator.io);
+    catch_signals(signals);  // before the socket file is made
     simulator.start();
     Runner runner(simulator, options);
     return readers.finish(run_to_end(simulator, options, signals, runner));
@@ -160,7 +170,8 @@ int replay(const Options &given) {
     check_options(options);
     Simulator simulator(options);
     Readers readers(simulator, options);
-    asio::signal_set signals(simulator.io, SIGINT, SIGTERM, SIGPIPE);
+    asio::signal_set signals(simulator.io);
+    catch_signals(signals);
     Replay work(simulator, recording, options);
     simulator.start();
     return readers.finish(run_to_end(simulator, options, signals, work));

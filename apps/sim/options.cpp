@@ -260,7 +260,8 @@ checks the upgrade request and the OPT1 registration, and exchanges WebSocket fr
 constexpr std::string_view kEpilogue = R"(
 A step that fails or runs out of time ends the program with status 1 and one line on stderr. After the last step of --do
 and --script the program ends with status 0. Without such steps it serves and reads steps from stdin; a failed one ends
-the program unless stdin is a terminal. At the end of stdin it goes on serving until SIGINT, SIGTERM or --seconds.
+the program unless stdin is a terminal. At the end of stdin it goes on serving until SIGINT, SIGTERM,
+SIGHUP or --seconds.
 
 A module is expected to answer each message with 'answer: ' and the same bytes, a text with a text, a binary one with
 either, a ping with a pong, and a close with its echo. The library does not show a module which fragment is the last, so a message in

@@ -237,7 +237,8 @@ TEST(sim_command_line, quiet_shows_only_what_was_asked_for) {
 }
 
 TEST(sim_command_line, a_signal_ends_it_cleanly) {
-    for (const int number : {SIGTERM, SIGINT}) {
+    std::signal(SIGHUP, SIG_DFL);  // whatever these tests were started with, the program inherits it
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
         SimProcess sim({});
         ASSERT_TRUE(sim.wait_for("daemon    listening on"));
         EXPECT_EQ(access(sim.socket_path().c_str(), F_OK), 0);
@@ -245,6 +246,19 @@ TEST(sim_command_line, a_signal_ends_it_cleanly) {
         EXPECT_EQ(sim.finish(), 0);
         EXPECT_NE(access(sim.socket_path().c_str(), F_OK), 0);
     }
+}
+
+TEST(sim_command_line, a_hang_up_that_was_ignored_at_start_stays_ignored) {
+    const auto before = std::signal(SIGHUP, SIG_IGN);  // as nohup starts it
+    SimProcess sim({});
+    std::signal(SIGHUP, before);
+    ASSERT_TRUE(sim.wait_for("daemon    listening on"));
+    sim.signal(SIGHUP);
+    sim.type("status");
+    EXPECT_TRUE(sim.wait_for("status    daemon: listening on"));
+    sim.type("quit");
+    EXPECT_EQ(sim.finish(), 0);
+    EXPECT_EQ(sim.output().find("ended by"), std::string::npos) << sim.output();
 }
 
 TEST(sim_command_line, a_signal_before_the_last_step_is_a_failure) {
