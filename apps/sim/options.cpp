@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -62,17 +63,18 @@ void set_last_down(LastDown &last_down, std::string_view text) {
     last_down = {.reason = part(0), .error_code = part(1), .socket_errno = part(2)};
 }
 
-void add_script_file(std::vector<Step> &steps, const std::string &name) {
+void add_script_file(Options &options, const std::string &name) {
     std::ifstream file(name);
     std::string script(kScriptMax + 1, '\0');
     if (!file || file.read(script.data(), std::ssize(script)).bad()) throw BadInput(cat("cannot read ", name));
     script.resize(static_cast<std::size_t>(file.gcount()));
     if (script.size() > kScriptMax) throw BadInput(cat(name, " is longer than ", kScriptMax, " bytes"));
     try {
-        for (Step &step : parse_script(script)) steps.push_back(std::move(step));
+        for (Step &step : parse_script(script)) options.steps.push_back(std::move(step));
     } catch (const BadInput &bad) {
         throw BadInput(cat(name, ": ", bad.what()));
     }
+    options.scripts.push_back(name);
 }
 
 Detail detail_of(std::string_view name) {
@@ -192,7 +194,7 @@ common::OptionSection steps_section(Options &options) {
                 {"--do", "STEP", "", "run this step; may be given many times",
                  [&options](std::string_view text) { options.steps.push_back(parse_step(text)); }},
                 {"--script", "FILE", "", "run the steps in FILE, one a line; '#' begins a comment line",
-                 [&options](std::string_view name) { add_script_file(options.steps, std::string(name)); }},
+                 [&options](std::string_view name) { add_script_file(options, std::string(name)); }},
                 {"--stay", "", "", "go on serving after the last step, with typed steps", set_flag(options.stay)},
                 {"--timeout", "SECONDS", "10", "time a step may wait for what it expects",
                  set_seconds(options.step_time, 3600)},
@@ -246,6 +248,56 @@ common::OptionSection recordings_section(Options &options) {
                 {"--keylog", "FILE", "", "append the secrets of TLS in the NSS key log format, for packet analysers",
                  set_file(options.keylog)},
             }};
+}
+
+// A file that an option names, and whether the program writes it.
+struct NamedFile {
+    std::string_view option;
+    std::string name;
+    bool written;
+};
+
+std::vector<NamedFile> named_files(const Options &options) {
+    std::vector<NamedFile> files = {
+        {"--certificate", options.platform.certificate, false},
+        {"--socket", options.with_daemon ? options.socket_path : "", true},
+        {"--json", options.json == "-" ? "/dev/stdout" : options.json, true},
+        {"--junit", options.junit, true},
+        {"--replay", options.replay, false},
+        {"--record", options.record, true},
+        {"--keylog", options.keylog, true},
+    };
+    for (const std::string &script : options.scripts) files.push_back({"--script", script, false});
+    std::erase_if(files, [](const NamedFile &file) { return file.name.empty(); });
+    return files;
+}
+
+// same_file compares files that exist, and the paths of files that are still to be made. A device keeps nothing that
+// could be written over: any number of options may name /dev/null.
+bool same_file(const std::string &a, const std::string &b) {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    if (fs::exists(a, error) && fs::exists(b, error)) {
+        return fs::equivalent(a, b, error) && !fs::is_character_file(a, error);
+    }
+    const auto whole = [&error](const fs::path &name) {
+        const fs::path path = fs::absolute(name, error);
+        const fs::path resolved = fs::weakly_canonical(path, error);
+        return error ? path.lexically_normal() : resolved;
+    };
+    return whole(a) == whole(b);
+}
+
+// A file that is written belongs to one option: a second writer would write over it, and a reader would lose it.
+void check_files(const Options &options) {
+    const std::vector<NamedFile> files = named_files(options);
+    for (auto a = files.begin(); a != files.end(); ++a) {
+        for (auto b = a + 1; b != files.end(); ++b) {
+            if ((a->written || b->written) && same_file(a->name, b->name)) {
+                throw BadInput(cat(a->option, " and ", b->option, " name the same file"));
+            }
+        }
+    }
 }
 
 constexpr std::string_view kIntroduction =
@@ -328,9 +380,7 @@ void check_options(const Options &options) {
     if (!options.replay.empty() && (!options.steps.empty() || options.stay)) {
         throw BadInput("--replay runs no steps: it plays those of the recording");
     }
-    if (!options.replay.empty() && options.replay == options.record) {
-        throw BadInput("--replay and --record name the same file");
-    }
+    check_files(options);
     if (!options.keylog.empty() && (options.platform.plain || !options.with_platform)) {
         throw BadInput("--keylog needs a platform with TLS");
     }

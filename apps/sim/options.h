@@ -45,10 +45,11 @@ struct Options {
 
     WebOptions web;
 
-    std::vector<Fault> faults;  // on from the start
-    std::string chaos;          // the steps that were drawn, one a line
-    std::vector<Step> steps;    // of --do and --script, in their order on the command line
-    bool stay = false;          // go on serving after the steps
+    std::vector<Fault> faults;         // on from the start
+    std::string chaos;                 // the steps that were drawn, one a line
+    std::vector<Step> steps;           // of --do and --script, in their order on the command line
+    std::vector<std::string> scripts;  // the files of --script
+    bool stay = false;                 // go on serving after the steps
     std::chrono::seconds step_time{};
     std::chrono::seconds life{};
 };

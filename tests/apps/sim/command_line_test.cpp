@@ -1,6 +1,7 @@
 // The program's command line, its steps and its ways to end.
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -17,6 +18,7 @@ using simtest::lines;
 using simtest::SimProcess;
 using simtest::Wire;
 using Words = std::vector<std::string>;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -144,6 +146,56 @@ TEST(sim_command_line, a_wrong_command_line_gets_one_line_and_status_2) {
         EXPECT_EQ(lines(sim.errors()), 1u) << sim.errors();
         EXPECT_EQ(sim.output(), "");
     }
+}
+
+TEST(sim_command_line, a_file_that_one_option_writes_is_named_by_no_other) {
+    const ScriptFile file("sleep 0\n"), fresh("");
+    const std::string link = fresh_path(".link"), folder = fs::path(file.path).parent_path();
+    fs::create_symlink(file.path, link);
+    fs::remove(fresh.path);  // still to be made
+    const std::string same = folder + "/./" + fs::path(fresh.path).filename().string();
+    const std::pair<Words, std::string> cases[] = {
+        {{"--json", file.path, "--record", file.path}, "--json and --record"},
+        {{"--record", link, "--json", file.path}, "--json and --record"},
+        {{"--junit", file.path, "--keylog", link}, "--junit and --keylog"},
+        {{"--json", fresh.path, "--junit", fresh.path}, "--json and --junit"},
+        {{"--record", fresh.path, "--keylog", same}, "--record and --keylog"},
+        {{"--replay", fresh.path, "--record", fresh.path}, "--replay and --record"},
+        {{"--certificate", file.path, "--keylog", file.path}, "--certificate and --keylog"},
+        {{"--script", file.path, "--junit", file.path}, "--junit and --script"},
+        {{"--socket", fresh.path, "--json", fresh.path}, "--socket and --json"},
+    };
+    for (const auto &[words, options] : cases) {
+        SimProcess sim(words);
+        EXPECT_EQ(sim.finish(), 2) << options;
+        EXPECT_EQ(sim.errors(), "cloudtunnel-sim: " + options + " name the same file\n");
+    }
+    EXPECT_EQ(fs::file_size(file.path), 8u);  // nothing was written
+    EXPECT_FALSE(fs::exists(fresh.path));
+    fs::remove(link);
+}
+
+TEST(sim_command_line, standard_output_is_a_file_like_others) {
+    const ScriptFile output(""), errors("");
+    const std::string command = std::string(CLOUDTUNNEL_SIM_PATH) + " --socket " + fresh_path(".sock") +
+                                " --do status --json - --record " + output.path + " >" + output.path + " 2>" +
+                                errors.path;
+    EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), 2);
+    std::string said;
+    std::getline(std::ifstream(errors.path), said, '\0');
+    EXPECT_EQ(said, "cloudtunnel-sim: --json and --record name the same file\n");
+    EXPECT_EQ(fs::file_size(output.path), 0u);
+}
+
+TEST(sim_command_line, files_that_lose_nothing_are_named_by_several_options) {
+    const ScriptFile script("sleep 0\n"), written("");
+    for (const Words &words : {Words{"--json", "/dev/null", "--record", "/dev/null", "--do", "sleep 0"},
+                               Words{"--script", script.path, "--script", script.path},
+                               Words{"--json", written.path, "--record", written.path + ".other", "--do", "sleep 0"}}) {
+        SimProcess sim(words);
+        EXPECT_EQ(sim.finish(), 0) << sim.errors();
+    }
+    unlink((written.path + ".other").c_str());
 }
 
 TEST(sim_command_line, a_bad_line_of_a_script_is_named_by_its_file_and_number) {
