@@ -199,7 +199,8 @@ common::OptionSection steps_section(Options &options) {
                 {"--timeout", "SECONDS", "10", "time a step may wait for what it expects",
                  set_seconds(options.step_time, 3600)},
                 {"--seconds", "SECONDS", "3600", "time after which the program ends", set_seconds(options.life, 86400)},
-                {"--quiet", "", "", "no timeline: only what 'status' and 'help' show, and failures on stderr",
+                {"--quiet", "", "",
+                 "no timeline: only what 'status' and 'help' show, the page's address, and failures on stderr",
                  set_flag(options.quiet)},
             }};
 }
@@ -379,6 +380,12 @@ void check_options(const Options &options) {
     if (options.record_secrets && options.record.empty()) throw BadInput("--record-secrets needs --record");
     if (!options.replay.empty() && (!options.steps.empty() || options.stay)) {
         throw BadInput("--replay runs no steps: it plays those of the recording");
+    }
+    if (!options.replay.empty() && !options.junit.empty()) {
+        throw BadInput("--junit reports steps, and --replay runs none");
+    }
+    if (!options.replay.empty() && !options.faults.empty()) {
+        throw BadInput("--replay injects no faults: it plays what was recorded");
     }
     check_files(options);
     if (!options.keylog.empty() && (options.platform.plain || !options.with_platform)) {

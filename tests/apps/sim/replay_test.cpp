@@ -195,6 +195,8 @@ TEST(sim_replay, the_options_are_checked_together) {
         {{"--record-secrets"}, "--record-secrets needs --record"},
         {{"--replay", "a", "--do", "status"}, "--replay runs no steps: it plays those of the recording"},
         {{"--replay", "a", "--stay"}, "--replay runs no steps: it plays those of the recording"},
+        {{"--replay", "a", "--junit", "b"}, "--junit reports steps, and --replay runs none"},
+        {{"--replay", "a", "--fault", "silence"}, "--replay injects no faults: it plays what was recorded"},
         {{"--keylog", "a", "--plain"}, "--keylog needs a platform with TLS"},
         {{"--keylog", "a", "--no-platform", "--port", "1"}, "--keylog needs a platform with TLS"},
     };
