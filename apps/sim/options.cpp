@@ -63,6 +63,11 @@ void set_last_down(LastDown &last_down, std::string_view text) {
     last_down = {.reason = part(0), .error_code = part(1), .socket_errno = part(2)};
 }
 
+void set_models(std::vector<std::string> &models, std::string_view text) {
+    models = split(text);
+    if (models.empty()) throw BadInput("no model is named");  // an empty list is that of all
+}
+
 void add_script_file(Options &options, const std::string &name) {
     std::ifstream file(name);
     std::string script(kScriptMax + 1, '\0');
@@ -144,7 +149,7 @@ common::OptionSection daemon_section(Options &options) {
                 {"--no-announce", "", "", "send tunnel data only on the step 'tunnel MODEL'",
                  set_flag(options.announce, false)},
                 {"--models", "A,B,...", "", "announce to these models only; without it, to all",
-                 [&options](std::string_view text) { options.models = split(text); }},
+                 [&options](std::string_view text) { set_models(options.models, text); }},
                 {"--no-daemon", "", "", "run the platform only", set_flag(options.with_daemon, false)},
             }};
 }

@@ -100,6 +100,8 @@ TEST(sim_command_line, a_wrong_command_line_gets_one_line_and_status_2) {
         {"--path", "no-slash"},
         {"--token", std::string(128, 'x')},
         {"--cookie", std::string(128, 'x')},
+        {"--models", ""},
+        {"--models", ","},
         {"--tunnel-value", "4294967296"},
         {"--last-down", "1,2"},
         {"--last-down", "1,2,x"},
