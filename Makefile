@@ -82,6 +82,11 @@ valgrind: packages packages-tests packages-valgrind ## The whole-tunnel tests un
 	cmake --build --preset valgrind
 	ctest --preset valgrind
 
+delays: packages packages-tests ## The tests of whole programs, with their system calls delayed at random (SEED=n)
+	cmake --preset release $(ALL_EXAMPLES)
+	cmake --build --preset release
+	scripts/run-tests.sh release $(SEED)
+
 # One run after the other, so that each has the machine to itself. SEED=n draws other random numbers.
 SEED := 1
 soak: packages packages-tests ## Load and simulated months over real sockets, under 10 minutes (SEED=n)

@@ -42,4 +42,12 @@ run "$program"$'7:ws_frame_test\n' 'wrong' 0 8 1 ''
 run "$program" 'ERROR: AddressSanitizer: heap-use-after-free' 0 8 1 ''
 run "$program" 'runtime error: shift' 0 8 1 ''
 run "$program" 'ended by SIGSEGV' 0 8 1 ''
+
+# With a seed: one run, of whole programs only, and what it says counts.
+rm "$work/calls"
+WORK=$work FAILED='' OUTPUT='' PATH=$work/bin:$PATH "$work/scripts/run-tests.sh" fake 7 >"$work/out" 2>&1
+if [ "$(wc -l <"$work/calls")" -ne 1 ] || ! grep -q -e '--preset fake -R ^(sim' "$work/calls"; then
+    echo "with a seed, ctest was called as: $(cat "$work/calls")"
+    failures=$((failures + 1))
+fi
 exit $((failures != 0))
