@@ -1,6 +1,6 @@
 # libcloudtunnel-module, the second library: what every good module does, above the first one's public header alone.
 set(module_sources
-  api.cpp assembly.cpp callbacks.cpp random.cpp clock.cpp evidence.cpp frame.cpp library_log.cpp line.cpp metrics.cpp names.cpp
+  api.cpp assembly.cpp callbacks.cpp random.cpp clock.cpp evidence.cpp frame.cpp library_log.cpp send.cpp metrics.cpp names.cpp
   outbox.cpp pause.cpp process.cpp records.cpp registry.cpp secrets.cpp totals.cpp tunnel.cpp text_table.cpp)
 list(TRANSFORM module_sources PREPEND module/)
 

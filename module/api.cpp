@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <cstring>
 
-#include "line.h"
 #include "process.h"
 #include "records.h"
 #include "registry.h"
+#include "send.h"
 #include "totals.h"
 #include "tunnel.h"
 
@@ -149,7 +149,7 @@ ctm_result ctm_tunnel_send(ctm_tunnel *tunnel, ctm_type type, const void *data, 
     }
     if (!tunnel->outbox.push(static_cast<uint8_t>(type), data, length)) return CTM_NO_MEMORY;
     tunnel->counters.queue_most = std::max(tunnel->counters.queue_most, tunnel->outbox.bytes());
-    ctm::line_pump(tunnel);
+    ctm::send_waiting(tunnel);
     return CTM_OK;
 }
 

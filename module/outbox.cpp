@@ -7,7 +7,8 @@
 namespace ctm {
 
 bool Outbox::push(uint8_t opcode, const void *data, size_t length) {
-    // The payload follows the record, the room for its header right in front of it.
+    // The payload follows the record. Its first header goes right in front of it, into `room` and the padding behind
+    // it.
     static_assert(sizeof(Item) - offsetof(Item, opcode) > kHeaderMax);
     auto *item = static_cast<Item *>(malloc(sizeof(Item) + length));
     if (!item) return false;
@@ -47,8 +48,8 @@ void Outbox::remove_first() {
 }
 
 void Outbox::drop_messages() {
-    // The frame that is under way goes out to the end: the peer is in the middle of it. So does one that the messages
-    // were dropped behind before.
+    // The frame that is under way goes out to its end, since the peer has a part of it: also when the messages behind
+    // it are dropped for the second time.
     const bool fragment_under_way = wire_left_ > 0 && wire_done_ <= Done::dropped;
     Item *kept = fragment_under_way ? first_ : nullptr;
     if (kept) first_ = kept->next;

@@ -1,8 +1,8 @@
 // What waits to be sent on one tunnel: messages in their order, and between their fragments the control frames. The
-// outbox cuts and masks; how much the line takes is the business of send.h.
+// outbox cuts messages into fragments and masks them; send.h writes them to the socket.
 //
-// A frame is made in the message's own memory: the header of a fragment stands where the end of the fragment before it
-// stood, which has gone out by then.
+// A frame is made in the message's own memory: the header of a fragment overwrites the end of the fragment before it,
+// which has gone out by then.
 #pragma once
 
 #include <cstddef>
@@ -21,36 +21,46 @@ class Outbox {
     Outbox &operator=(const Outbox &) = delete;
     ~Outbox() { clear(); }
 
-    // push puts a copy of a message at the end. False without memory.
+    // push appends a copy of a message. False if memory is short.
     [[nodiscard]] bool push(uint8_t opcode, const void *data, size_t length);
 
-    // A ping, a pong and a close wait beside the messages, one of each: a newer one replaces it. The body has at most
-    // kControlMax bytes. Behind a close nothing goes out any more; it waits for the messages, unless they are dropped.
+    // At most one ping, one pong and one close wait beside the messages: a newer one replaces an older one of its kind.
+    // The body has at most kControlMax bytes. A ping or a pong goes out before the next fragment, a close behind all
+    // messages and as the last frame.
     void ping(const void *body, size_t length) { put(ping_, body, length); }
     void pong(const void *body, size_t length) { put(pong_, body, length); }
     void close(const void *body, size_t length) { put(close_, body, length); }
     void close(uint16_t status, std::string_view reason);
 
-    // drop_messages drops what has not begun to go out; the rest of a message in fragments as well.
+    // drop_messages drops all messages, but completes the frame that is under way. clear drops that frame and the
+    // control frames, too: the connection is gone.
     void drop_messages();
     void clear();
 
-    // next cuts the next frame, of at most `fragment` bytes of payload, unless one is under way. False when nothing
-    // waits. What is under way stands at `wire`, `wire_left` bytes; sent takes `count` of them off.
+    // next cuts the next frame, with at most `fragment` bytes of payload, unless one is under way. False when nothing
+    // waits. The bytes of the frame under way that have not gone out are at `wire`, `wire_left` of them.
     bool next(size_t fragment);
     [[nodiscard]] const uint8_t *wire() const { return wire_; }
     [[nodiscard]] size_t wire_left() const { return wire_left_; }
 
-    // sent returns what the last byte completed: up to `dropped` a frame of a message, behind it a control frame.
-    enum class Done { nothing, fragment, message, dropped, ping, pong, close };
+    // sent notes that `count` bytes of the frame have gone out, and returns what they completed.
+    enum class Done {
+        nothing,   // the frame has not gone out whole
+        fragment,  // of a message, not its last
+        message,
+        dropped,  // the last frame of a message whose rest was dropped; the values above are frames of messages, too
+        ping,
+        pong,
+        close,
+    };
     struct Sent {
         Done done = Done::nothing;
         size_t message_length = 0;  // of the whole message
     };
     Sent sent(size_t count);
 
-    // has_room tells whether a message of `length` bytes fits a queue of `bound` bytes; each counts with its record,
-    // and an empty queue takes any.
+    // has_room returns whether a queue of `bound` bytes has room for a message of `length` bytes. The messages in it
+    // count with their records; an empty queue has room for any message.
     [[nodiscard]] bool has_room(size_t length, size_t bound) const {
         return messages_ == 0 || bytes_ + messages_ * sizeof(Item) + length <= bound;
     }
@@ -65,7 +75,7 @@ class Outbox {
         size_t length;  // of the message
         size_t at;      // where the next fragment begins
         uint8_t opcode;
-        uint8_t room[kHeaderMax];  // for the first fragment's header; the payload follows
+        uint8_t room[kHeaderMax];  // the first fragment's header overwrites the end of the record
     };
     struct Control {
         bool waits = false;
@@ -89,10 +99,10 @@ class Outbox {
     Control close_ = {};
     bool close_sent_ = false;
     uint8_t control_[kSmallHeader + kControlMax] = {};  // the control frame that is under way
-    const uint8_t *wire_ = nullptr;
+    const uint8_t *wire_ = nullptr;                     // in control_, or in the memory of first_
     size_t wire_left_ = 0;
-    size_t wire_payload_ = 0;  // of the fragment that is under way
-    Done wire_done_ = Done::nothing;
+    size_t wire_payload_ = 0;         // payload of the fragment that is under way
+    Done wire_done_ = Done::nothing;  // what its last byte completes
 };
 
 }  // namespace ctm

@@ -13,9 +13,9 @@
 
 #include "evidence.h"
 #include "library_log.h"
-#include "line.h"
 #include "records.h"
 #include "registry.h"
+#include "send.h"
 #include "totals.h"
 #include "tunnel.h"
 
@@ -80,8 +80,8 @@ void handle_library_events() {
 
 void handle_writable(ctm_tunnel *tunnel) {
     if (!tunnel) return;
-    line_pump(tunnel);
-    line_writable(tunnel);
+    send_waiting(tunnel);
+    send_notify_writable(tunnel);
 }
 
 void handle_events() {

@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "evidence.h"
-#include "line.h"
 #include "process.h"
+#include "send.h"
 #include "totals.h"
 
 namespace ctm {
@@ -102,7 +102,7 @@ void settle(ctm_tunnel *tunnel) {
 // finish has an attempt or a tunnel end whose connection is gone; set_cause has set why.
 void finish(ctm_tunnel *tunnel) {
     const bool was_open = tunnel->state == CTM_OPEN || tunnel->state == CTM_CLOSING;
-    line_end(tunnel);
+    send_end(tunnel);
     tunnel->assembly.clear();
     tunnel->sock = -1;
     tunnel->broken = false;
@@ -120,7 +120,7 @@ void finish(ctm_tunnel *tunnel) {
 
 // hang_up ends the connection, or the set-up. No callback of libcloudtunnel follows.
 void hang_up(ctm_tunnel *tunnel) {
-    line_end(tunnel);
+    send_end(tunnel);
     CLOUDMGR_v3wscnct_node_del(tunnel->model);
     CLOUDMGR_socket_closeByModelName(tunnel->model);
     tunnel->sock = -1;
@@ -141,7 +141,7 @@ void begin_close(ctm_tunnel *tunnel, ctm_cause cause, uint16_t status, std::stri
     tunnel_wait_on(tunnel);
     tunnel->refused = false;
     enter(tunnel, CTM_CLOSING);
-    line_pump(tunnel);
+    send_waiting(tunnel);
 }
 
 // end ends a tunnel, or an attempt, from this side: with a close frame where it is `open`, or else at once.
@@ -181,7 +181,7 @@ void take_close(ctm_tunnel *tunnel, const uint8_t *body, size_t length) {
         set_cause(tunnel, CTM_CAUSE_CLOSED_BY_PEER, tunnel->peer_reason, tunnel->peer_status);
         enter(tunnel, CTM_CLOSING);
     }
-    line_pump(tunnel);
+    send_waiting(tunnel);
 }
 
 // ---------------------------------------------------------------------------------------------------------- messages
@@ -239,7 +239,7 @@ void take_frame(ctm_tunnel *tunnel, const cloudmgr_ws_msg &frame) {
     if (frame.opcode == kPing && length <= kControlMax) {
         tunnel->outbox.pong(body, length);
         notify(tunnel, tunnel->options.pinged, reinterpret_cast<const char *>(body), length);
-        return line_pump(tunnel);
+        return send_waiting(tunnel);
     }
     if (frame.opcode == kPong) return take_pong(tunnel, body, length);
     if (tunnel->state != CTM_OPEN) return;  // it crossed the close on its way
@@ -398,8 +398,8 @@ void step(ctm_tunnel *tunnel, int64_t now) {
         }
         return drop(tunnel);
     }
-    if (tunnel->reads_first) line_pump(tunnel);
-    line_writable(tunnel);
+    if (tunnel->reads_first) send_waiting(tunnel);
+    send_notify_writable(tunnel);
     if (tunnel->freed) return;
     if (tunnel->state == CTM_OPEN) return stay_alive(tunnel, now);
     if (now < tunnel->due_us) return;
@@ -517,7 +517,7 @@ void tunnel_ping(ctm_tunnel *tunnel) {
         tunnel->ping_sent_us = 0;
     }
     tunnel->outbox.ping(&tunnel->ping_number, sizeof tunnel->ping_number);
-    line_pump(tunnel);
+    send_waiting(tunnel);
 }
 
 // ---------------------------------------------------------------------------------------------------------- the daemon

@@ -1,4 +1,4 @@
-#include "line.h"
+#include "send.h"
 
 #include <poll.h>
 
@@ -12,20 +12,20 @@
 namespace ctm {
 namespace {
 
-// Bytes in one write: a whole TLS record. A socket is writable when a third of its buffer is free, 43 KB of the 128
-// that libcloudtunnel asks for, so that such a write fits whole.
+// Bytes in one write: a whole TLS record. A socket is writable when a third of its buffer is free. Of the 128 KB that
+// libcloudtunnel asks for that is 43 KB, so such a write fits whole.
 constexpr size_t kWriteMax = 16384;
 constexpr int kWritesAtOnce = 32;  // before other tunnels get their turn
 
 enum class Written {
     some,
-    later,        // the line has no room
-    reads_first,  // TLS has to read before it can write on
-    lost,
+    later,        // the socket has no room
+    reads_first,  // TLS has to read before it can go on writing
+    lost,         // nothing more can be written
 };
 
-// write_some writes from the frame that is under way. A write that the line did not take is repeated later as it was:
-// the same bytes at the same place, as OpenSSL wants it.
+// write_some writes from the frame that is under way. A write that the socket did not take is repeated later with the
+// same bytes at the same address, as OpenSSL demands.
 Written write_some(const ctm_tunnel *tunnel, size_t *count) {
     const size_t size = std::min(tunnel->outbox.wire_left(), kWriteMax);
     evidence_clear();
@@ -57,7 +57,7 @@ void count_sent(ctm_tunnel *tunnel, const Outbox::Sent &sent) {
     }
 }
 
-// lose leaves the end to the next dispatch: the caller may be in the middle of a send.
+// lose marks the tunnel as broken. The next dispatch ends it, since the caller may be inside ctm_tunnel_send now.
 void lose(ctm_tunnel *tunnel, int error) {
     tunnel->broken = true;
     tunnel->broken_error = error;
@@ -69,12 +69,12 @@ bool has_room(const ctm_tunnel *tunnel) { return tunnel->outbox.has_room(tunnel-
 void watch(ctm_tunnel *tunnel, bool wanted) {
     if (tunnel->watched == wanted) return;
     tunnel->watched = process_watch(tunnel->sock, tunnel->row, wanted) && wanted;
-    if (wanted && !tunnel->watched) lose(tunnel, errno);  // nobody would say when to send on
+    if (wanted && !tunnel->watched) lose(tunnel, errno);  // else what waits would never be sent
 }
 
 }  // namespace
 
-void line_pump(ctm_tunnel *tunnel) {
+void send_waiting(ctm_tunnel *tunnel) {
     if (tunnel->sock < 0 || tunnel->broken) return;
     tunnel->reads_first = false;
     for (int i = 0; i < kWritesAtOnce && tunnel->outbox.next(tunnel->options.fragment); i++) {
@@ -87,18 +87,18 @@ void line_pump(ctm_tunnel *tunnel) {
         if (tunnel->state == CTM_CLOSING) tunnel_wait_on(tunnel);
         count_sent(tunnel, tunnel->outbox.sent(count));
     }
-    // What TLS has to read first, libcloudtunnel's descriptor reports: the socket has room all the time.
+    // While TLS has to read first, the socket is writable all the time; libcloudtunnel's descriptor reports the bytes.
     watch(tunnel, !tunnel->reads_first && tunnel->outbox.next(tunnel->options.fragment));
     if (tunnel->refused && has_room(tunnel)) process_wake();
 }
 
-void line_writable(ctm_tunnel *tunnel) {
+void send_notify_writable(ctm_tunnel *tunnel) {
     if (!tunnel->refused || tunnel->state != CTM_OPEN || !has_room(tunnel)) return;
     tunnel->refused = false;
     notify(tunnel, tunnel->options.writable);
 }
 
-void line_end(ctm_tunnel *tunnel) {
+void send_end(ctm_tunnel *tunnel) {
     if (tunnel->watched) process_watch(tunnel->sock, tunnel->row, false);
     tunnel->watched = false;
     tunnel->refused = false;

@@ -1,4 +1,4 @@
-// A line that is slower than the module: what does not fit waits, and the loop stays free.
+// A connection that is slower than the module: what does not fit waits, and the loop stays free.
 #include <cloudtunnel.h>
 #include <sys/socket.h>
 
@@ -6,7 +6,7 @@
 
 namespace {
 
-class LineTest : public ModuleTest {
+class SendTest : public ModuleTest {
   protected:
     // Reads the platform's end `bytes` at a time, dispatching in between, until `length` bytes of payload have come.
     std::string read_slowly(Platform &platform, size_t length) {
@@ -38,7 +38,7 @@ class LineTest : public ModuleTest {
     std::vector<size_t> controls_after;  // payload that had come before each
 };
 
-TEST_F(LineTest, a_megabyte_to_a_peer_that_does_not_read_waits_and_arrives_whole) {
+TEST_F(SendTest, a_megabyte_to_a_peer_that_does_not_read_waits_and_arrives_whole) {
     for (const Wire wire : {Wire::plain, Wire::tls12, Wire::tls13}) {
         SCOPED_TRACE(static_cast<int>(wire));
         Guest &guest = make();
@@ -64,7 +64,7 @@ constexpr int64_t kStepMs = 20;
 constexpr int64_t kPingEveryMs = 400;
 constexpr int64_t kBuffersMs = 2500;  // what the kernel's buffers of both ends hold
 
-TEST_F(LineTest, a_megabyte_over_2_mbit_s_arrives_while_pings_are_answered_and_another_tunnel_talks) {
+TEST_F(SendTest, a_megabyte_over_2_mbit_s_arrives_while_pings_are_answered_and_another_tunnel_talks) {
     for (const Wire wire : {Wire::plain, Wire::tls13}) {
         SCOPED_TRACE(static_cast<int>(wire));
         support::GoodPlatform slow(wire);
@@ -116,7 +116,7 @@ TEST_F(LineTest, a_megabyte_over_2_mbit_s_arrives_while_pings_are_answered_and_a
     }
 }
 
-TEST_F(LineTest, a_pong_goes_between_the_fragments_of_a_message) {
+TEST_F(SendTest, a_pong_goes_between_the_fragments_of_a_message) {
     Guest &guest = make();
     Platform platform = offer_open(guest);
     const std::string message = pattern(1 << 20);
@@ -127,7 +127,7 @@ TEST_F(LineTest, a_pong_goes_between_the_fragments_of_a_message) {
     EXPECT_LT(controls_after.front(), message.size());
 }
 
-TEST_F(LineTest, a_line_that_does_not_move_keeps_the_loop_asleep) {
+TEST_F(SendTest, a_line_that_does_not_move_keeps_the_loop_asleep) {
     Guest &guest = make();
     Platform platform = offer_open(guest);
     const std::string message = pattern(1 << 20);
@@ -137,7 +137,7 @@ TEST_F(LineTest, a_line_that_does_not_move_keeps_the_loop_asleep) {
     EXPECT_GT(ctm_timeout_ms(), 0);
 }
 
-TEST_F(LineTest, a_full_queue_refuses_and_says_when_there_is_room) {
+TEST_F(SendTest, a_full_queue_refuses_and_says_when_there_is_room) {
     Guest &guest = make("model", [](auto &options) { options.longest_message = options.queue = 500000; });
     Platform platform = offer_open(guest);
     const std::string message = pattern(200000);
@@ -158,7 +158,7 @@ TEST_F(LineTest, a_full_queue_refuses_and_says_when_there_is_room) {
     EXPECT_EQ(guest.writable, 1);
 }
 
-TEST_F(LineTest, empty_messages_do_not_fill_memory) {
+TEST_F(SendTest, empty_messages_do_not_fill_memory) {
     Guest &guest = make("model", [](auto &options) { options.longest_message = options.queue = 100000; });
     Platform platform = offer_open(guest);
     const std::string message = pattern(100000);
@@ -169,7 +169,7 @@ TEST_F(LineTest, empty_messages_do_not_fill_memory) {
     EXPECT_LT(taken, 100000);
 }
 
-TEST_F(LineTest, a_close_waits_for_the_queue_as_long_as_the_line_moves) {
+TEST_F(SendTest, a_close_waits_for_the_queue_as_long_as_the_line_moves) {
     Guest &guest = make();
     Platform platform = offer_open(guest);
     const std::string message = pattern(1 << 20);
@@ -187,7 +187,7 @@ TEST_F(LineTest, a_close_waits_for_the_queue_as_long_as_the_line_moves) {
     EXPECT_EQ(guest.closed, (Texts{"1000 done"}));
 }
 
-TEST_F(LineTest, a_close_behind_a_line_that_stands_still_ends_in_time) {
+TEST_F(SendTest, a_close_behind_a_line_that_stands_still_ends_in_time) {
     Guest &guest = make();
     Platform platform = offer_open(guest);
     const std::string message = pattern(1 << 20);
@@ -198,7 +198,7 @@ TEST_F(LineTest, a_close_behind_a_line_that_stands_still_ends_in_time) {
     EXPECT_EQ(guest.state(), "closed");
 }
 
-TEST_F(LineTest, a_close_of_the_peer_drops_the_queue_and_completes_the_frame) {
+TEST_F(SendTest, a_close_of_the_peer_drops_the_queue_and_completes_the_frame) {
     Guest &guest = make();
     Platform platform = offer_open(guest);
     const std::string message = pattern(1 << 20);
@@ -216,7 +216,7 @@ TEST_F(LineTest, a_close_of_the_peer_drops_the_queue_and_completes_the_frame) {
     EXPECT_EQ(guest.counters().messages_out, 0U);
 }
 
-TEST_F(LineTest, the_answer_to_a_close_has_its_second_anew_as_long_as_the_line_moves) {
+TEST_F(SendTest, the_answer_to_a_close_has_its_second_anew_as_long_as_the_line_moves) {
     Guest &guest = make("model", [](auto &options) { options.fragment = CTM_FRAGMENT_MAX; });
     // Both kernel buffers are smaller than a fragment: it is not gone before the platform reads.
     auto server = std::make_unique<support::Server>();
@@ -249,7 +249,7 @@ TEST_F(LineTest, the_answer_to_a_close_has_its_second_anew_as_long_as_the_line_m
     EXPECT_EQ(guest.states.back(), "pausing closed_by_peer");
 }
 
-TEST_F(LineTest, a_tls_write_that_has_to_read_first_keeps_the_loop_asleep_until_the_peer_has_sent) {
+TEST_F(SendTest, a_tls_write_that_has_to_read_first_keeps_the_loop_asleep_until_the_peer_has_sent) {
     Guest &guest = make();
     Platform platform = offer_open(guest, Wire::tls12);
     SSL *ssl = platform.server->ssl();
@@ -264,7 +264,7 @@ TEST_F(LineTest, a_tls_write_that_has_to_read_first_keeps_the_loop_asleep_until_
     EXPECT_EQ(guest.state(), "open");
 }
 
-TEST_F(LineTest, a_peer_that_is_gone_while_much_is_sent_ends_the_tunnel_and_not_the_process) {
+TEST_F(SendTest, a_peer_that_is_gone_while_much_is_sent_ends_the_tunnel_and_not_the_process) {
     for (const Wire wire : {Wire::plain, Wire::tls}) {
         Guest &guest = make();
         Platform platform = offer_open(guest, wire);
@@ -279,7 +279,7 @@ TEST_F(LineTest, a_peer_that_is_gone_while_much_is_sent_ends_the_tunnel_and_not_
     }
 }
 
-TEST_F(LineTest, frames_that_come_byte_by_byte_or_packed_are_the_same_messages) {
+TEST_F(SendTest, frames_that_come_byte_by_byte_or_packed_are_the_same_messages) {
     for (const Wire wire : {Wire::plain, Wire::tls}) {
         Guest &guest = make();
         Platform platform = offer_open(guest, wire);
@@ -299,7 +299,7 @@ TEST_F(LineTest, frames_that_come_byte_by_byte_or_packed_are_the_same_messages) 
     }
 }
 
-TEST_F(LineTest, a_hundred_thousand_messages_pass_a_bounded_queue_in_order) {
+TEST_F(SendTest, a_hundred_thousand_messages_pass_a_bounded_queue_in_order) {
     Guest &guest = make("model", [](auto &options) { options.longest_message = options.queue = 65536; });
     Platform platform = offer_open(guest);
     constexpr int kCount = 100000;
