@@ -8,7 +8,7 @@ namespace ctm {
 namespace {
 
 int64_t time_us(clockid_t clock) {
-    static struct timespec now;  // needs no stack guard
+    static struct timespec now;  // on the stack it would need a guard
     clock_gettime(clock, &now);
     return static_cast<int64_t>(now.tv_sec) * kSecond + now.tv_nsec / 1000;
 }
@@ -21,6 +21,6 @@ int64_t now_ms() { return now_us() / kMillisecond; }
 
 int64_t until_next_second_us() { return kMillisecond + kSecond - time_us(CLOCK_BOOTTIME) % kSecond; }
 
-int64_t after(int64_t from, uint32_t ms) { return ms == CTM_NEVER ? kNever : from + ms * kMillisecond; }
+int64_t due_after(int64_t from, uint32_t ms) { return ms == CTM_NEVER ? kNever : from + ms * kMillisecond; }
 
 }  // namespace ctm

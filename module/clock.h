@@ -17,8 +17,8 @@ int64_t now_ms();
 // libcloudtunnel counts its timers.
 int64_t until_next_second_us();
 
-// after returns the moment `ms` after `from`; kNever for CTM_NEVER.
-int64_t after(int64_t from, uint32_t ms);
+// due_after returns the moment `ms` after `from`; kNever for CTM_NEVER.
+int64_t due_after(int64_t from, uint32_t ms);
 
 }  // namespace ctm
 #pragma GCC visibility pop

@@ -38,8 +38,7 @@ void note(ctm_tunnel *tunnel, ctm_step step) {
     if (tunnel && tunnel_note_step(tunnel, step)) g_log.step_noted = true;
 }
 
-// The messages that tell a step, by the model that is their first argument, in the order of the steps from
-// CTM_STEP_TCP on.
+// The message that shows each step from CTM_STEP_TCP on, in the order of the steps. Its first argument is the model.
 constexpr uint32_t kSteps[] = {
     format_id("[model %s]Ssl connect ret %d, errcode %d [%s]"),
     format_id("[Model %s]Succeeded in connecting ssl server."),
@@ -56,7 +55,7 @@ void take_step(uint32_t id, const char *format, va_list args) {
     }
 }
 
-// take_dump reads the platform's answer from the packet dump that follows its announcement.
+// take_dump reads the platform's answer from the text of the packet dump that follows the message kResponse.
 void take_dump(uint32_t id, const char *format, va_list args) {
     if (id == kResponse) {
         g_log.response_follows = true;
@@ -78,7 +77,7 @@ CLOUDTUNNEL_PRINTF(2, 0) void show(uint32_t level, const char *format, va_list a
     g_log.log(level, text, g_log.user);
 }
 
-// is_hidden tells whether a message is not shown at all: bytes in hexadecimal may be those of a secret.
+// is_hidden returns whether a message is not shown at all: hexadecimal digits may be those of a secret.
 bool is_hidden(uint32_t level, uint32_t id) {
     return !g_log.secrets && level == kDetailLevel && id == kDumpHex && !g_log.dump_text;
 }
@@ -102,7 +101,7 @@ void log_close() {
     g_stLibInitData.pfnPrint = nullptr;
 }
 
-bool log_dumps_homeless() { return g_log.level >= kDetailLevel && !g_CloudTunnelLogFile; }
+bool log_dumps_lack_file() { return g_log.level >= kDetailLevel && !g_CloudTunnelLogFile; }
 
 bool log_step_noted() {
     const bool noted = g_log.step_noted;
@@ -111,7 +110,7 @@ bool log_step_noted() {
 }
 
 int log_print(uint32_t level, const char *format, ...) {
-    const int error = errno;  // libcloudtunnel looks at it behind a message
+    const int error = errno;  // libcloudtunnel may read it after it has logged
     const uint32_t id = format_id(format);
     va_list args;
     va_start(args, format);

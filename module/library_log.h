@@ -1,6 +1,6 @@
-// The print callback of libcloudtunnel: it formats the log for the caller, hands the messages to evidence.h, and reads
-// the steps of a set-up that have no callback. It runs inside libcloudtunnel, under its locks at times, and so calls
-// none of it.
+// The print callback of libcloudtunnel. It formats the log for the caller, hands the messages to evidence.h, and notes
+// the steps of a set-up, for which libcloudtunnel has no callbacks. It may run while libcloudtunnel holds a lock, so it
+// calls nothing of libcloudtunnel.
 #pragma once
 
 #include <cloudtunnel.h>
@@ -11,22 +11,24 @@ namespace ctm {
 
 constexpr uint32_t kLogLevelMax = 9;
 
-// log_open sets where the log goes; log_close ends it, and leaves libcloudtunnel without a print callback.
+// log_open sets where the log goes; log_level the highest level that is shown, 0 for none. log_close takes the print
+// callback away from libcloudtunnel.
 void log_open(ctm_log_fn *log, void *user, bool secrets);
 void log_level(uint32_t level);
 void log_close();
 
 int log_print(uint32_t level, const char *format, ...) CLOUDTUNNEL_PRINTF(2, 3);
 
-// log_dumps_homeless tells whether packet dumps are logged while libcloudtunnel has no log file for their first lines.
-bool log_dumps_homeless();
+// log_dumps_lack_file returns whether packet dumps are logged while libcloudtunnel has no log file: it would write
+// their first lines to standard output.
+bool log_dumps_lack_file();
 
-// log_step_noted returns whether a step was noted in a tunnel since the last call.
+// log_step_noted returns whether a step of any tunnel was noted since log_step_noted was called last.
 bool log_step_noted();
 
-// While one lives, libcloudtunnel's log holds what it receives: the platform's answer to the upgrade is read from
-// there. The packet dumps begin with a line of their own in its log file, or on standard output where there is none;
-// for this while it is the null device's.
+// While a ResponseWatch lives, and if it is `wanted`, libcloudtunnel logs what it receives, so that the platform's
+// answer to the upgrade can be read from the log. libcloudtunnel writes the first line of a packet dump to its log
+// file, or to standard output if there is none; a ResponseWatch makes /dev/null that file.
 class ResponseWatch {
   public:
     explicit ResponseWatch(bool wanted);

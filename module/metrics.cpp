@@ -153,7 +153,7 @@ void add_family(Text &text, const Family &family, const char *name) {
 size_t ctm_metrics(char *text, size_t size) {
     if (!ctm::process_up()) return 0;
     ctm::Text out(text, text ? size : 0);
-    out.add("# TYPE cloudtunnel_daemon gauge\ncloudtunnel_daemon %d\n", ctm::process_daemon());
+    out.add("# TYPE cloudtunnel_daemon gauge\ncloudtunnel_daemon %d\n", ctm::process_daemon_connected());
     const char *name = ctm::kFamilyNames;
     for (const ctm::Family &family : ctm::kFamilies) {
         ctm::add_family(out, family, name);

@@ -22,26 +22,26 @@
 namespace ctm {
 namespace {
 
-constexpr int kEventsAtOnce = 64;  // of libcloudtunnel, before the timers get their turn
-constexpr int64_t kLookEvery = kSecond;
+constexpr int kEventsAtOnce = 64;  // of libcloudtunnel in one dispatch, before its timers run
+constexpr int64_t kPartialCheckPeriod = kSecond;
 constexpr int64_t kLongestWait = 60 * kSecond;
 constexpr uint32_t kLogLevelDefault = 3;
 
 struct {
-    int epfd;
-    int library_fd;
-    bool daemon;        // it was connected when last looked at
-    int64_t looked_us;  // when incomplete frames were last looked at
+    int epfd;                    // ctm_fd: watches the two others, and sockets for writability
+    int library_fd;              // libcloudtunnel's epoll instance
+    bool daemon_connected;       // at the last check
+    int64_t partial_checked_us;  // when frames of which a part has come were checked last
 } g_process = {};
 
-// What ctm_stop reads and writes, too: it may run in a signal handler.
+// ctm_stop uses these, and may run in a signal handler.
 volatile sig_atomic_t g_up = 0;
 volatile sig_atomic_t g_stop = 0;
-volatile sig_atomic_t g_wake_fd = 0;  // of the process that is up
+volatile sig_atomic_t g_wake_fd = 0;  // valid while g_up is set
 
-// control sets what the loop's descriptor watches, and the row of the tunnel that an event belongs to: none for
-// libcloudtunnel's descriptor, and for the one that wakes the loop.
-bool control(int operation, int fd, uint32_t events, ModelRow *row) {
+// change_watch adds a descriptor to those that epfd watches, or removes it. `row` is that of the tunnel whose socket it
+// is, null for libcloudtunnel's descriptor and the one that wakes the loop.
+bool change_watch(int operation, int fd, uint32_t events, ModelRow *row) {
     static struct epoll_event event;  // the kernel copies it
     event.events = events;
     event.data.ptr = row;
@@ -62,7 +62,7 @@ void ignore_sigpipe() {
     sigaction(SIGPIPE, &action, nullptr);
 }
 
-// show_progress notifies the callers of what the last call of libcloudtunnel has noted.
+// show_progress calls the callbacks for the steps that the last call of libcloudtunnel has logged.
 void show_progress() {
     if (log_step_noted()) tunnels_show_steps();
 }
@@ -71,7 +71,7 @@ void handle_library_events() {
     for (int i = 0; i < kEventsAtOnce && process_poll(g_process.library_fd, POLLIN, 0) > 0; i++) {
         evidence_clear();
         {
-            const ResponseWatch watch(tunnels_await_answer() || log_dumps_homeless());
+            const ResponseWatch watch(tunnels_await_answer() || log_dumps_lack_file());
             CLOUDTUNNEL_EPOLL_HandleMsg(g_process.library_fd);
         }
         show_progress();
@@ -102,19 +102,19 @@ void handle_timers() {
     show_progress();
 }
 
-// look_at_daemon passes on that its link came up or broke; the library keeps it.
-void look_at_daemon() {
-    const bool daemon = process_daemon();
-    if (daemon == g_process.daemon) return;
-    g_process.daemon = daemon;
+// check_daemon notices that the link to the daemon, which libcloudtunnel keeps, came up or broke.
+void check_daemon() {
+    const bool connected = process_daemon_connected();
+    if (connected == g_process.daemon_connected) return;
+    g_process.daemon_connected = connected;
     tunnels_daemon_changed();
 }
 
-void step_tunnels() {
+void run_tunnels() {
     const int64_t now = now_us();
-    const bool look = now - g_process.looked_us >= kLookEvery;
-    if (look) g_process.looked_us = now;
-    tunnels_step(now, look);
+    const bool check_partial = now - g_process.partial_checked_us >= kPartialCheckPeriod;
+    if (check_partial) g_process.partial_checked_us = now;
+    tunnels_run_due(now, check_partial);
     show_progress();
 }
 
@@ -128,7 +128,7 @@ int64_t next_due(int64_t now) {
 
 bool process_up() { return g_up; }
 
-bool process_daemon() { return g_up && g_iCloudClientConnFd >= 0; }
+bool process_daemon_connected() { return g_up && g_iCloudClientConnFd >= 0; }
 
 void process_wake() {
     static const uint64_t kOne = 1;
@@ -136,13 +136,13 @@ void process_wake() {
 }
 
 bool process_watch(int sock, ModelRow *row, bool wanted) {
-    return control(wanted ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, sock, EPOLLOUT, row);
+    return change_watch(wanted ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, sock, EPOLLOUT, row);
 }
 
 int process_poll(int fd, short events, int timeout_ms) {
-    static struct pollfd look;  // needs no stack guard
-    look = {.fd = fd, .events = events, .revents = 0};
-    return poll(&look, 1, timeout_ms);
+    static struct pollfd polled;  // on the stack it would need a guard
+    polled = {.fd = fd, .events = events, .revents = 0};
+    return poll(&polled, 1, timeout_ms);
 }
 
 }  // namespace ctm
@@ -166,10 +166,10 @@ ctm_result ctm_init(const ctm_options *given) {
     CLOUDTUNNEL_LIB_INIT_DATA data = {};
     data.pfnPrint = ctm::log_print;
     g_process.library_fd = CLOUDTUNNEL_LIB_Init(&data);
-    // Where not even the daemon's timer could be armed, that descriptor is closed by now, and is refused here.
-    // Watched for its edges, the one that wakes the loop need not be read.
-    if (g_process.library_fd < 0 || !ctm::control(EPOLL_CTL_ADD, g_process.library_fd, EPOLLIN, nullptr) ||
-        !ctm::control(EPOLL_CTL_ADD, ctm::g_wake_fd, EPOLLIN | EPOLLET, nullptr)) {
+    // If CLOUDTUNNEL_LIB_Init could not even arm its timer for the daemon, it has closed the descriptor that it
+    // returns, and epoll refuses it here. The descriptor that wakes the loop is edge-triggered, so it need not be read.
+    if (g_process.library_fd < 0 || !ctm::change_watch(EPOLL_CTL_ADD, g_process.library_fd, EPOLLIN, nullptr) ||
+        !ctm::change_watch(EPOLL_CTL_ADD, ctm::g_wake_fd, EPOLLIN | EPOLLET, nullptr)) {
         const int error = errno;
         CLOUDTUNNEL_LIB_Fini();
         ctm::log_close();
@@ -178,7 +178,7 @@ ctm_result ctm_init(const ctm_options *given) {
         return CTM_SYSTEM;
     }
     ctm::g_up = 1;
-    g_process.daemon = ctm::process_daemon();
+    g_process.daemon_connected = ctm::process_daemon_connected();
     ctm::totals_clear();
     return CTM_OK;
 }
@@ -220,8 +220,8 @@ ctm_result ctm_dispatch(void) {
     if (ctm::g_callback_depth > 0) return CTM_IN_CALLBACK;
     ctm::handle_events();
     ctm::handle_timers();
-    ctm::look_at_daemon();
-    ctm::step_tunnels();
+    ctm::check_daemon();
+    ctm::run_tunnels();
     ctm::tunnels_reap();
     return CTM_OK;
 }
@@ -244,4 +244,4 @@ void ctm_stop(void) {
     errno = error;
 }
 
-int ctm_daemon(void) { return ctm::process_daemon(); }
+int ctm_daemon(void) { return ctm::process_daemon_connected(); }

@@ -15,8 +15,8 @@ namespace ctm {
 
 namespace {
 
-constexpr int64_t kWatchdog = 190 * kSecond;  // 120 s to connect, 30 s for each of two answers, and some
-constexpr uint32_t kLingerMs = 1000;          // for the peer to end the connection, its close being answered
+constexpr int64_t kWatchdog = 190 * kSecond;  // of an attempt: 120 s to connect, 30 s for each of two answers, 10 more
+constexpr uint32_t kLingerMs = 1000;          // for the peer to end the connection after its close was answered
 constexpr uint16_t kPlainPort = 80;
 enum : uint16_t {
     kNormal = 1000,
@@ -27,16 +27,16 @@ enum : uint16_t {
     kOurError = 1011
 };
 
-ctm_tunnel *g_freed = nullptr;  // the memory of these is still held
+ctm_tunnel *g_freed = nullptr;  // tunnels that tunnels_reap will give back
 
 bool step_done(const ctm_tunnel *tunnel, ctm_step step) { return tunnel->steps_done & 1U << step; }
 
-// stands tells whether there is a connection, or a set-up.
-bool stands(const ctm_tunnel *tunnel) {
+// has_connection returns whether there is a connection, be it of a set-up, of an open tunnel or of a closing one.
+bool has_connection(const ctm_tunnel *tunnel) {
     return tunnel->state == CTM_CONNECTING || tunnel->state == CTM_OPEN || tunnel->state == CTM_CLOSING;
 }
 
-// set_cause sets why the state that follows is entered.
+// set_cause sets the cause of the state that is entered next.
 [[gnu::noinline]] void set_cause(ctm_tunnel *tunnel, ctm_cause cause, std::string_view detail,
                                  int32_t close_status = 0) {
     ctm_cause_info &info = tunnel->cause;
@@ -50,7 +50,7 @@ void clear_cause(ctm_tunnel *tunnel) { set_cause(tunnel, CTM_CAUSE_NONE, ""); }
 
 // ---------------------------------------------------------------------------------------------------------- states
 
-// enter has the tunnel enter a state; set_cause has set why.
+// enter has the tunnel enter a state; its cause is set before.
 void enter(ctm_tunnel *tunnel, ctm_state state) {
     const uint64_t ms = tunnel_state_ms(tunnel);
     tunnel->counters.state_ms[tunnel->state] += ms;
@@ -80,7 +80,7 @@ void pause_until(ctm_tunnel *tunnel, int64_t due) {
     enter(tunnel, CTM_PAUSING);
 }
 
-// settle chooses what comes after an attempt, or a tunnel, that has ended.
+// settle enters the state that follows an attempt or a tunnel that has ended.
 void settle(ctm_tunnel *tunnel) {
     switch (tunnel->after) {
         case After::retry:
@@ -99,7 +99,7 @@ void settle(ctm_tunnel *tunnel) {
     }
 }
 
-// finish has an attempt or a tunnel end whose connection is gone; set_cause has set why.
+// finish ends an attempt or a tunnel whose connection is gone; its cause is set before.
 void finish(ctm_tunnel *tunnel) {
     const bool was_open = tunnel->state == CTM_OPEN || tunnel->state == CTM_CLOSING;
     send_end(tunnel);
@@ -118,7 +118,7 @@ void finish(ctm_tunnel *tunnel) {
     if (!tunnel->freed) settle(tunnel);
 }
 
-// hang_up ends the connection, or the set-up. No callback of libcloudtunnel follows.
+// hang_up ends the connection, or the set-up, without a close frame. libcloudtunnel calls no callback for it.
 void hang_up(ctm_tunnel *tunnel) {
     send_end(tunnel);
     CLOUDMGR_v3wscnct_node_del(tunnel->model);
@@ -126,6 +126,7 @@ void hang_up(ctm_tunnel *tunnel) {
     tunnel->sock = -1;
 }
 
+// drop ends an attempt or a tunnel at once; its cause is set before.
 void drop(ctm_tunnel *tunnel) {
     hang_up(tunnel);
     finish(tunnel);
@@ -133,7 +134,7 @@ void drop(ctm_tunnel *tunnel) {
 
 // ---------------------------------------------------------------------------------------------------------- closing
 
-// begin_close sends a close frame behind what waits, or in place of it, and waits for its answer.
+// begin_close sends a close frame behind the messages that wait, and waits for its answer.
 void begin_close(ctm_tunnel *tunnel, ctm_cause cause, uint16_t status, std::string_view reason, After next) {
     set_cause(tunnel, cause, reason, status);
     tunnel->outbox.close(status, reason);
@@ -144,21 +145,22 @@ void begin_close(ctm_tunnel *tunnel, ctm_cause cause, uint16_t status, std::stri
     send_waiting(tunnel);
 }
 
-// end ends a tunnel, or an attempt, from this side: with a close frame where it is `open`, or else at once.
-void end(ctm_tunnel *tunnel, bool open, uint16_t status, std::string_view reason, After next) {
+// close_or_drop ends a tunnel, or an attempt, from this side: with a close frame if it is `open`, else at once.
+void close_or_drop(ctm_tunnel *tunnel, bool open, uint16_t status, std::string_view reason, After next) {
     if (open) return begin_close(tunnel, CTM_CAUSE_CLOSED_BY_US, status, reason, next);
     tunnel->after = next;
     set_cause(tunnel, CTM_CAUSE_CLOSED_BY_US, reason, status);
     drop(tunnel);
 }
 
+// refuse closes a tunnel because of what the peer has sent, and drops what waits to be sent.
 void refuse(ctm_tunnel *tunnel, uint16_t status, ctm_cause cause, const char *reason) {
     tunnel->outbox.drop_messages();
     begin_close(tunnel, cause, status, reason, After::retry);
 }
 
-// take_close keeps what the peer's close frame says, answers it where it is the first, and ends the tunnel where it is
-// the answer.
+// take_close takes the peer's close frame. It ends the tunnel if the frame answers ours; else it answers the frame and
+// waits until the peer has ended the connection.
 void take_close(ctm_tunnel *tunnel, const uint8_t *body, size_t length) {
     if (tunnel->peer_closed) return;
     if (length == 1 || length > kControlMax) {
@@ -176,7 +178,7 @@ void take_close(ctm_tunnel *tunnel, const uint8_t *body, size_t length) {
     tunnel->outbox.drop_messages();
     tunnel->outbox.close(body, length);
     tunnel_wait_on(tunnel);
-    if (tunnel->state == CTM_OPEN) {  // else both have closed at once
+    if (tunnel->state == CTM_OPEN) {  // else ours waits behind messages: its cause stays
         tunnel->after = After::retry;
         set_cause(tunnel, CTM_CAUSE_CLOSED_BY_PEER, tunnel->peer_reason, tunnel->peer_status);
         enter(tunnel, CTM_CLOSING);
@@ -242,7 +244,7 @@ void take_frame(ctm_tunnel *tunnel, const cloudmgr_ws_msg &frame) {
         return send_waiting(tunnel);
     }
     if (frame.opcode == kPong) return take_pong(tunnel, body, length);
-    if (tunnel->state != CTM_OPEN) return;  // it crossed the close on its way
+    if (tunnel->state != CTM_OPEN) return;  // the peer sent it before it had our close frame
     if (frame.opcode <= kBinary) return take_data(tunnel, frame.opcode, body, length);
     refuse(tunnel, kProtocolError, CTM_CAUSE_PROTOCOL, "unexpected frame");
 }
@@ -256,7 +258,7 @@ ctm_tunnel *tunnel_of_sock(int sock) {
     return nullptr;
 }
 
-// show_steps notifies the caller of what was noted.
+// show_steps calls `step` for each step that was noted and not shown yet.
 void show_steps(ctm_tunnel *tunnel) {
     for (int step = CTM_STEP_TCP; step < CTM_STEPS; step++) {
         const uint32_t bit = 1U << step;
@@ -267,14 +269,13 @@ void show_steps(ctm_tunnel *tunnel) {
     }
 }
 
-// The callbacks that libcloudtunnel is given. They have no argument of the caller's: a socket or a name leads to the
-// tunnel.
+// The callbacks of libcloudtunnel. They get no pointer of ours: the socket or the model's name leads to the tunnel.
 
 int on_connected(int sock) {
     ctm_tunnel *tunnel = tunnel_of_sock(sock);
     if (!tunnel || tunnel->state != CTM_CONNECTING) return -1;
     show_steps(tunnel);
-    if (tunnel->freed || tunnel->state != CTM_CONNECTING) return 0;  // its connection is gone already
+    if (tunnel->freed || tunnel->state != CTM_CONNECTING) return 0;  // a callback has ended the connection
     const int64_t now = now_us();
     tunnel->due_us = kNever;
     tunnel->after = After::retry;
@@ -282,8 +283,8 @@ int on_connected(int sock) {
     tunnel->peer_status = kAbnormal;
     tunnel->peer_reason_length = 0;
     tunnel->peer_reason[0] = '\0';
-    tunnel->stable_due_us = after(now, tunnel->options.stable_ms);
-    tunnel->ping_due_us = after(now, tunnel->options.ping_ms);
+    tunnel->stable_due_us = due_after(now, tunnel->options.stable_ms);
+    tunnel->ping_due_us = due_after(now, tunnel->options.ping_ms);
     tunnel->ping_sent_us = kNever;
     tunnel->heard_us = now;
     tunnel->partial_seen = 0;
@@ -293,7 +294,7 @@ int on_connected(int sock) {
     return 0;
 }
 
-// set_logged_cause sets the reason that its log has given.
+// set_logged_cause sets the cause that libcloudtunnel's log has shown.
 void set_logged_cause(ctm_tunnel *tunnel) {
     set_cause(tunnel, CTM_CAUSE_NO_MEMORY, "no reason was logged");
     const ctm_cause_info &found = evidence_found();
@@ -305,13 +306,13 @@ void set_logged_cause(ctm_tunnel *tunnel) {
 int on_failed(const char *model) {
     ctm_tunnel *tunnel = tunnel_of_model(model);
     if (!tunnel) return 0;
-    tunnel->sock = -1;  // closed by now
+    tunnel->sock = -1;  // libcloudtunnel has closed it
     tunnel->watched = false;
-    // Before anything of the caller's runs: a send on another tunnel clears the evidence.
+    // Before a callback of the caller's runs: a send on another tunnel would clear the evidence.
     if (tunnel->state == CTM_CONNECTING || tunnel->state == CTM_OPEN) set_logged_cause(tunnel);
     evidence_clear();
     if (tunnel->state == CTM_CONNECTING) show_steps(tunnel);
-    if (!tunnel->freed && stands(tunnel)) finish(tunnel);
+    if (!tunnel->freed && has_connection(tunnel)) finish(tunnel);
     return 0;
 }
 
@@ -322,10 +323,11 @@ int on_frame(int sock, void *message) {
     return 0;
 }
 
+// fingerprint adds a text to a hash (FNV-1a), by which data that have changed are noticed without a copy of them.
 uint64_t fingerprint(uint64_t start, const char *text) {
     uint64_t hash = start;
     for (; text && *text; text++) hash = (hash ^ static_cast<uint8_t>(*text)) * 0x100000001b3U;
-    return (hash ^ 0xff) * 0x100000001b3U;  // the end of a text counts
+    return (hash ^ 0xff) * 0x100000001b3U;  // so that "a", "bc" and "ab", "c" differ
 }
 
 uint64_t target_of(const CLOUDTUNNEL_MODULE_NODE *node) {
@@ -335,7 +337,7 @@ uint64_t target_of(const CLOUDTUNNEL_MODULE_NODE *node) {
 
 uint64_t credentials_now() { return fingerprint(fingerprint(0, CLOUDMGR_TUNNEL_GetToken()), cloudmgr_v3_getCookie()); }
 
-// resolve_again resolves a host that had no address when its data came: the network may have been down then.
+// resolve_again resolves the host if it had no address when the tunnel data came: the network may have been down.
 void resolve_again(ctm_tunnel *tunnel) {
     const CLOUDTUNNEL_MODULE_NODE *node = registry_node(tunnel->model);
     if (!node || !node->url_host || cloudtunnel_socket_getAddrinfoByModelname(tunnel->model)) return;
@@ -357,40 +359,40 @@ void start(ctm_tunnel *tunnel) {
     if (tunnel->freed || tunnel->state != CTM_CONNECTING) return;
     evidence_clear();
     resolve_again(tunnel);
-    // A failure, of this very call too, comes to on_failed.
+    // on_failed is called for every failure, also inside this call.
     const int sock = CLOUDMGR_v3wscnct_start(tunnel->model, tunnel->device_model, on_connected, on_failed, on_frame);
     if (!tunnel->freed && tunnel->state == CTM_CONNECTING) tunnel->sock = sock;
 }
 
-// keep_websocket sets the model back to WebSocket: new tunnel data have set it to HTTP, and a tunnel that is up, or
-// waits for the answer to its registration, would take its next frame for an HTTP answer.
+// keep_websocket sets the model's data type back to WebSocket. New tunnel data have set it to HTTP: the next frame of a
+// tunnel that is open, or waits for the answer to its registration, would be read as an HTTP response.
 void keep_websocket(const ctm_tunnel *tunnel) {
     const bool registering = tunnel->state == CTM_CONNECTING && step_done(tunnel, CTM_STEP_UPGRADED);
     if (registering || tunnel->state == CTM_OPEN || tunnel->state == CTM_CLOSING)
         CLOUDMGR_socket_urllist_set(tunnel->model, nullptr, nullptr, CLOUDTUNNEL_DATATYPE_WS, 0);
 }
 
-// data_changed has the tunnel go where the new data lead. One whose port has become the plain one, or is no longer, can
-// not even say good-bye: libcloudtunnel reads and writes by the new port from now on.
+// data_changed ends the tunnel, which starts again with the new data. If its port has changed from TLS to plain or
+// back, no close frame can be sent: libcloudtunnel reads and writes by the new port from now on.
 void data_changed(ctm_tunnel *tunnel, bool plain) {
     const bool open = tunnel->state == CTM_OPEN && plain == tunnel->plain;
     if (open) keep_websocket(tunnel);
-    end(tunnel, open, open ? kNormal : 0, "tunnel data changed", After::restart);
+    close_or_drop(tunnel, open, open ? kNormal : 0, "tunnel data changed", After::restart);
 }
 
 void stay_alive(ctm_tunnel *tunnel, int64_t now) {
-    if (now >= after(tunnel->heard_us, tunnel->options.dead_ms)) {
+    if (now >= due_after(tunnel->heard_us, tunnel->options.dead_ms)) {
         set_cause(tunnel, CTM_CAUSE_DEAD, "no frame came in time");
         return drop(tunnel);
     }
     if (now >= tunnel->ping_due_us) {
-        tunnel->ping_due_us = after(now, tunnel->options.ping_ms);
+        tunnel->ping_due_us = due_after(now, tunnel->options.ping_ms);
         tunnel_ping(tunnel);
     }
 }
 
-// step does what is due at `now`.
-void step(ctm_tunnel *tunnel, int64_t now) {
+// run_due does what is due at `now`.
+void run_due(ctm_tunnel *tunnel, int64_t now) {
     if (tunnel->broken) {
         if (tunnel->state == CTM_OPEN) {
             set_cause(tunnel, CTM_CAUSE_CLOSED_BY_PEER, strerror(tunnel->broken_error));
@@ -405,12 +407,12 @@ void step(ctm_tunnel *tunnel, int64_t now) {
     if (now < tunnel->due_us) return;
     if (tunnel->state == CTM_PAUSING) return start(tunnel);
     if (tunnel->state == CTM_CONNECTING) set_cause(tunnel, CTM_CAUSE_NO_ANSWER, "the set-up stands still");
-    if (stands(tunnel)) drop(tunnel);
+    if (has_connection(tunnel)) drop(tunnel);
 }
 
-// look_at judges a frame that has not come whole: it may be longer than the longest message with its length line, and
-// as long as it grows the peer is alive.
-void look_at(ctm_tunnel *tunnel, int64_t now) {
+// check_partial_frame looks at a frame of which a part has come. It is refused if it is longer than the longest message
+// with its length line. If it has grown, the peer is alive.
+void check_partial_frame(ctm_tunnel *tunnel, int64_t now) {
     if (tunnel->state != CTM_OPEN) return;
     const cloudtunnel_connect_node *connection = CLOUDMGR_socket_getCnctBySock(tunnel->sock);
     if (!connection) return;
@@ -425,12 +427,12 @@ void look_at(ctm_tunnel *tunnel, int64_t now) {
 // due_of returns the next moment at which a tunnel has something to do.
 int64_t due_of(const ctm_tunnel *tunnel) {
     if (tunnel->state != CTM_OPEN) return tunnel->due_us;
-    const int64_t dead = after(tunnel->heard_us, tunnel->options.dead_ms);
+    const int64_t dead = due_after(tunnel->heard_us, tunnel->options.dead_ms);
     return std::min(tunnel->ping_due_us, dead);
 }
 
-// check_registration ends an attempt whose registration was not sent. It follows the upgrade in the same call of
-// libcloudtunnel, which only logs the failure: the set-up would stand still.
+// check_registration ends an attempt whose registration could not be sent. libcloudtunnel sends it in the call that
+// accepts the upgrade, and only logs a failure: the set-up would never end by itself.
 void check_registration(ctm_tunnel *tunnel) {
     if (tunnel->state != CTM_CONNECTING || !step_done(tunnel, CTM_STEP_UPGRADED) ||
         step_done(tunnel, CTM_STEP_REGISTERING))
@@ -452,7 +454,7 @@ ctm_tunnel *tunnel_of_model(const char *model) {
 }
 
 ctm_tunnel *tunnel_make(const ctm_tunnel_options &options, ModelRow *row) {
-    // Most of a new tunnel is 0: the compiler sets the rest alone.
+    // Of zeros, of which a new tunnel has many: the compiler writes only its other values.
     auto *tunnel = static_cast<ctm_tunnel *>(calloc(1, sizeof(ctm_tunnel)));
     if (!tunnel) return nullptr;
     ::new (tunnel) ctm_tunnel{};
@@ -469,7 +471,7 @@ ctm_tunnel *tunnel_make(const ctm_tunnel_options &options, ModelRow *row) {
 
 void tunnel_free(ctm_tunnel *tunnel) {
     tunnel->freed = true;
-    if (stands(tunnel) && !tunnel->ending) {
+    if (has_connection(tunnel) && !tunnel->ending) {
         tunnel->counters.ended[CTM_CAUSE_CLOSED_BY_US]++;
         hang_up(tunnel);
     }
@@ -505,7 +507,7 @@ void tunnel_open(ctm_tunnel *tunnel) {
 void tunnel_close(ctm_tunnel *tunnel, uint16_t status, std::string_view reason) {
     tunnel->after = After::close;
     if (tunnel->ending) return;
-    if (stands(tunnel)) return end(tunnel, tunnel->state == CTM_OPEN, status, reason, After::close);
+    if (has_connection(tunnel)) return close_or_drop(tunnel, tunnel->state == CTM_OPEN, status, reason, After::close);
     set_cause(tunnel, CTM_CAUSE_CLOSED_BY_US, reason, status);
     tunnel->due_us = kNever;
     enter(tunnel, CTM_CLOSED);
@@ -560,7 +562,7 @@ void tunnel_data_came(ctm_tunnel *tunnel) {
 void tunnel_model_closed(ctm_tunnel *tunnel) {
     const bool open = tunnel->state == CTM_OPEN;
     if (open || tunnel->state == CTM_CONNECTING) {
-        end(tunnel, open, open ? kNormal : 0, "closed by the daemon", After::wait);
+        close_or_drop(tunnel, open, open ? kNormal : 0, "closed by the daemon", After::wait);
     } else if (tunnel->state == CTM_CLOSING) {
         if (tunnel->after != After::close) tunnel->after = After::wait;
     } else if (tunnel->state == CTM_PAUSING) {
@@ -578,10 +580,10 @@ void tunnels_daemon_changed() {
 
 // ---------------------------------------------------------------------------------------------------------- time
 
-void tunnels_step(int64_t now, bool look) {
+void tunnels_run_due(int64_t now, bool check_partial) {
     for (const ModelRow &row : registry_rows()) {
-        if (look && row.tunnel) look_at(row.tunnel, now);
-        if (row.tunnel) step(row.tunnel, now);
+        if (check_partial && row.tunnel) check_partial_frame(row.tunnel, now);
+        if (row.tunnel) run_due(row.tunnel, now);
     }
 }
 
@@ -596,7 +598,7 @@ int64_t tunnels_due(int64_t latest) {
 uint64_t tunnel_state_ms(const ctm_tunnel *tunnel) { return static_cast<uint64_t>(now_ms() - tunnel->state_since_ms); }
 
 void tunnel_wait_on(ctm_tunnel *tunnel) {
-    tunnel->due_us = after(now_us(), tunnel->peer_closed ? kLingerMs : tunnel->options.close_ms);
+    tunnel->due_us = due_after(now_us(), tunnel->peer_closed ? kLingerMs : tunnel->options.close_ms);
 }
 
 // ---------------------------------------------------------------------------------------------------------- steps
