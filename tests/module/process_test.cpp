@@ -44,6 +44,7 @@ TEST_F(ProcessTest, a_second_init_and_calls_without_one_are_refused) {
     EXPECT_EQ(ctm_counters_all(&counters), CTM_NO_INIT);
     EXPECT_EQ(ctm_metrics(nullptr, 0), 0U);
     EXPECT_EQ(ctm_fd(), -1);
+    EXPECT_EQ(ctm_timeout_ms(), 0);
     EXPECT_EQ(ctm_daemon(), 0);
 }
 
@@ -92,6 +93,7 @@ TEST_F(ProcessTest, options_out_of_range_are_named) {
         {[&](auto &o) { o.sub_name = long_name.c_str(); }, CTM_BAD_SUB_NAME},
         {[&](auto &o) { o.device_model = long_name.c_str(); }, CTM_BAD_DEVICE_MODEL},
         {[](auto &o) { o.pause_first_ms = 2000, o.pause_longest_ms = 1000; }, CTM_BAD_PAUSE},
+        {[](auto &o) { o.pause_longest_ms = CTM_NEVER; }, CTM_BAD_PAUSE},
         {[](auto &o) { o.jitter_percent = 101; }, CTM_BAD_JITTER},
         {[](auto &o) { o.ping_ms = o.dead_ms = 1000; }, CTM_BAD_PING},
         {[](auto &o) { o.ping_ms = CTM_NEVER - 1; }, CTM_BAD_PING},

@@ -11,6 +11,9 @@ TEST_F(TunnelTest, it_waits_for_tunnel_data_and_comes_up_step_by_step) {
         SCOPED_TRACE(static_cast<int>(wire));
         Guest &guest = make(support::is_tls(wire) ? "secure" : "plain");
         EXPECT_EQ(guest.state(), "closed");
+        EXPECT_STREQ(ctm_tunnel_host(guest.tunnel), "");
+        EXPECT_STREQ(ctm_tunnel_path(guest.tunnel), "");
+        EXPECT_EQ(ctm_tunnel_port(guest.tunnel), 0);
         Platform platform = offer_open(guest, wire);
         EXPECT_EQ(guest.states, (Texts{"waiting no_data", "pausing", "connecting", "open"}));
         Texts steps = {"data", "tcp", "tls", "upgrade_sent", "upgraded", "registering"};
@@ -265,6 +268,7 @@ TEST_F(TunnelTest, a_close_before_the_tunnel_is_open_is_at_once_and_final) {
         ASSERT_EQ(guest.state(), where);
         EXPECT_EQ(ctm_tunnel_close(guest.tunnel, 1001, "never mind", 10), CTM_OK);
         EXPECT_EQ(guest.states.back(), "closed closed_by_us");
+        EXPECT_EQ(guest.cause.close_status, 1001);
         EXPECT_STREQ(guest.cause.detail, "never mind");
         EXPECT_EQ(ctm_tunnel_wait_ms(guest.tunnel), 0U);
         pass_time(300);
@@ -349,6 +353,7 @@ TEST_F(TunnelTest, repeated_tunnel_data_leave_an_open_tunnel_and_a_pause_alone) 
     Guest &guest = make();
     Platform platform = offer_open(guest);
     tell(data("model", port_of(*platform.server)));
+    EXPECT_EQ(guest.steps.back(), "data");
     platform.server->send(frame(support::kText, "still here"));
     EXPECT_TRUE(run_until([&] { return !guest.messages.empty(); }, platform.server.get()));
     platform.server->close();
