@@ -90,7 +90,7 @@ typedef enum ctm_result {
     CTM_BAD_STATUS,       /* a close status that may not be sent: only 1000-1003, 1007-1014 and 3000-4999 may */
     CTM_BAD_REASON,       /* the reason is longer than CTM_REASON_MAX */
     CTM_MODEL_TAKEN,      /* this process has another tunnel of that model */
-    CTM_TOO_MANY,         /* this process has had CTM_TUNNEL_MAX models */
+    CTM_TOO_MANY,         /* CTM_TUNNEL_MAX models have been registered since ctm_init */
     CTM_NO_DATA,          /* the daemon has sent no tunnel data, and without_data is CTM_REFUSE */
     CTM_NOT_OPEN,         /* the tunnel is not open; for ctm_tunnel_close: it is closed */
     CTM_OPEN_ALREADY,     /* ctm_tunnel_open was called, and ctm_tunnel_close was not called since */
@@ -107,7 +107,7 @@ CTM_EXPORT const char *ctm_result_text(ctm_result result);
 enum {
     CTM_NAME_MAX = 31,           /* characters of a name: the daemon's records hold no more */
     CTM_REASON_MAX = 123,        /* bytes of a close reason (RFC 6455, section 5.5) */
-    CTM_TUNNEL_MAX = 32,         /* models in the life of a process: a registration is never taken back */
+    CTM_TUNNEL_MAX = 32,         /* models between ctm_init and ctm_end: a registration is never taken back */
     CTM_FRAGMENT_MIN = 125,      /* bytes of a fragment's payload */
     CTM_FRAGMENT_MAX = 65535,    /* likewise: the most that a 16-bit length holds; not every server reads 64 bits */
     CTM_MESSAGE_MAX = 0x40000000 /* bytes of a message, 1 GiB */

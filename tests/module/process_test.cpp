@@ -218,6 +218,10 @@ TEST_F(ProcessTest, there_are_so_many_models_and_no_more) {
     EXPECT_EQ(ctm_tunnel_new(&options, &tunnel), CTM_TOO_MANY);
     options.model = "0";
     EXPECT_EQ(ctm_tunnel_new(&options, &tunnel), CTM_OK);
+    ctm_end();
+    EXPECT_EQ(ctm_init(nullptr), CTM_OK);
+    options.model = "another";
+    EXPECT_EQ(ctm_tunnel_new(&options, &tunnel), CTM_OK);
 }
 
 TEST_F(ProcessTest, the_loop_may_not_be_entered_from_a_callback) {
