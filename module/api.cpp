@@ -1,4 +1,4 @@
-// The caller's calls: what is asked for is judged here, and changes nothing where it is not sound.
+// The calls on a tunnel: they check handle, arguments and state, and change nothing if one of these is wrong.
 #include <cloudtunnel_module.h>
 
 #include <algorithm>
@@ -13,17 +13,19 @@
 
 namespace {
 
-constexpr uint32_t kPauseFirst = 1000;
-constexpr uint32_t kPauseLongest = 60000;
-constexpr uint32_t kJitter = 25;
-constexpr uint32_t kStable = 30000;
-constexpr uint32_t kPing = 30000;
-constexpr uint32_t kDead = 90000;
-constexpr uint32_t kClose = 5000;
-constexpr uint32_t kLongest = 1U << 20;
+// The defaults of ctm_tunnel_options.
+constexpr uint32_t kPauseFirstMs = 1000;
+constexpr uint32_t kPauseLongestMs = 60000;
+constexpr uint32_t kJitterPercent = 25;
+constexpr uint32_t kStableMs = 30000;
+constexpr uint32_t kPingMs = 30000;
+constexpr uint32_t kDeadMs = 90000;
+constexpr uint32_t kCloseMs = 5000;
+constexpr uint32_t kLongestMessage = 1U << 20;
 constexpr uint32_t kFragment = 16000;
 constexpr uint32_t kQueue = 4U << 20;
 
+// judge_handle returns CTM_OK for the handle of a tunnel, CTM_NULL or CTM_FREED for any other.
 [[gnu::noinline]] ctm_result judge_handle(const ctm_tunnel *tunnel) {
     if (!tunnel) return CTM_NULL;
     for (const ctm::ModelRow &row : ctm::registry_rows()) {
@@ -32,7 +34,7 @@ constexpr uint32_t kQueue = 4U << 20;
     return CTM_FREED;
 }
 
-// node_of returns what the daemon has said of a tunnel's model; null for a handle that is none.
+// node_of returns libcloudtunnel's record of a tunnel's model, null for a null or freed handle.
 const CLOUDTUNNEL_MODULE_NODE *node_of(const ctm_tunnel *tunnel) {
     return judge_handle(tunnel) == CTM_OK ? ctm::registry_node(tunnel->model) : nullptr;
 }
@@ -43,29 +45,30 @@ void fill_in(uint32_t &option, uint32_t otherwise) {
     if (option == 0) option = otherwise;
 }
 
-// default_dead_ms returns three times ping_ms where that is longer, but never CTM_NEVER or what has wrapped around.
+// default_dead_ms returns kDeadMs, or three times ping_ms if that is longer. The product neither overflows nor becomes
+// CTM_NEVER.
 uint32_t default_dead_ms(uint32_t ping_ms) {
-    if (ping_ms == CTM_NEVER) return kDead;
-    return static_cast<uint32_t>(std::clamp<uint64_t>(uint64_t{ping_ms} * 3, kDead, CTM_NEVER - 1));
+    if (ping_ms == CTM_NEVER) return kDeadMs;
+    return static_cast<uint32_t>(std::clamp<uint64_t>(uint64_t{ping_ms} * 3, kDeadMs, CTM_NEVER - 1));
 }
 
 void fill_defaults(ctm_tunnel_options &options) {
     if (!options.sub_name) options.sub_name = options.model;
     if (!options.device_model) options.device_model = options.model;
-    fill_in(options.pause_first_ms, kPauseFirst);
-    fill_in(options.pause_longest_ms, std::max(options.pause_first_ms, kPauseLongest));
-    fill_in(options.jitter_percent, kJitter);
+    fill_in(options.pause_first_ms, kPauseFirstMs);
+    fill_in(options.pause_longest_ms, std::max(options.pause_first_ms, kPauseLongestMs));
+    fill_in(options.jitter_percent, kJitterPercent);
     if (options.jitter_percent == CTM_NEVER) options.jitter_percent = 0;
-    fill_in(options.stable_ms, kStable);
-    fill_in(options.ping_ms, kPing);
+    fill_in(options.stable_ms, kStableMs);
+    fill_in(options.ping_ms, kPingMs);
     fill_in(options.dead_ms, default_dead_ms(options.ping_ms));
-    fill_in(options.close_ms, kClose);
-    fill_in(options.longest_message, kLongest);
+    fill_in(options.close_ms, kCloseMs);
+    fill_in(options.longest_message, kLongestMessage);
     fill_in(options.fragment, kFragment);
     fill_in(options.queue, std::max(kQueue, options.longest_message));
 }
 
-// judge_options looks at options whose defaults are filled in.
+// judge_options checks options whose defaults are filled in.
 ctm_result judge_options(const ctm_tunnel_options &options) {
     if (options.model[0] == '\0' || name_is_bad(options.model)) return CTM_BAD_MODEL;
     if (name_is_bad(options.sub_name)) return CTM_BAD_SUB_NAME;
@@ -81,7 +84,8 @@ ctm_result judge_options(const ctm_tunnel_options &options) {
     return CTM_OK;
 }
 
-// A status that an endpoint may send (RFC 6455, section 7.4, and the registry that it founds).
+// status_is_good returns whether an endpoint may send a close status (RFC 6455, section 7.4, and IANA's registry of
+// it).
 bool status_is_good(uint16_t status) {
     return (status >= 1000 && status <= 1003) || (status >= 1007 && status <= 1014) ||
            (status >= 3000 && status <= 4999);

@@ -9,10 +9,10 @@ namespace {
 
 constexpr char kAnnouncement[] = "length:";
 constexpr size_t kAnnouncementSize = sizeof kAnnouncement - 1;
-constexpr size_t kFirstRoom = 4096;  // a peer that announces much gets memory as it sends
+constexpr size_t kFirstRoom = 4096;  // memory grows with what has come, not with what is announced
 
-// announcement_size returns the bytes of the line "length:<decimal>\n" that `body` begins with, 0 when it begins with
-// none. A number that no counter holds reads as the largest one.
+// announcement_size returns the size of the length line that `body` begins with, 0 if there is none. A number that is
+// too large for *announced is read as SIZE_MAX.
 size_t announcement_size(const uint8_t *body, size_t length, size_t *announced) {
     if (length < kAnnouncementSize || memcmp(body, kAnnouncement, kAnnouncementSize) != 0) return 0;
     size_t at = kAnnouncementSize;
@@ -31,7 +31,7 @@ size_t announcement_size(const uint8_t *body, size_t length, size_t *announced) 
 Taken Assembly::take(uint8_t opcode, const uint8_t *body, size_t length, size_t limit) {
     if (opcode != 0) return open_ ? Taken::out_of_turn : begin(opcode, body, length, limit);
     if (open_) return length == 0 ? complete() : append(body, length);
-    // Behind a message that came in fragments, the empty end that some senders close it with.
+    // An empty fragment behind a message with a length line is the end that some senders give to each message.
     return was_open_ && length == 0 ? Taken::more : Taken::out_of_turn;
 }
 

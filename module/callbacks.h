@@ -1,4 +1,4 @@
-// The functions that libcloudtunnel calls for a model take no argument: each row of the registry has its own.
+// The callbacks of a model take no argument, so each row of the registry has its own three functions.
 #pragma once
 
 #include <cloudtunnel.h>
@@ -6,7 +6,7 @@
 #pragma GCC visibility push(hidden)
 namespace ctm {
 
-// callbacks_set sets the three callbacks of row `index`.
+// callbacks_set fills in the three callbacks of row `index`.
 void callbacks_set(CLOUDTUNNEL_MODULE_REG &registration, unsigned index);
 
 }  // namespace ctm

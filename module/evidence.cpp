@@ -25,18 +25,18 @@ constexpr int kSslSyscall = 5;
 
 constexpr int kOpcodeClose = 8;
 
-// What the messages have shown since it was cleared.
+// What the messages have shown since evidence_clear.
 struct {
     ctm_cause_info found;
     int tls_write;          // the code of the last TLS write that failed
     struct {                // the platform's answer to the upgrade
         int status;         // 0: none was read
-        bool accept_exact;  // the header is there, written as libcloudtunnel looks for it
-        bool accept_any;    // in whatever letters
+        bool accept_exact;  // it has the header Sec-WebSocket-Accept, spelled as libcloudtunnel expects it
+        bool accept_any;    // it has the header, in upper or lower case
     } response;
 } g_evidence = {};
 
-// What is kept of a known message: its text is read by the compiler alone.
+// A known message without its text, which only the compiler reads.
 struct Row {
     uint32_t format;
     uint8_t cause;
@@ -95,7 +95,7 @@ void found_lost(int error) {
 }
 
 void found_tls_read(int code, const char *reason, int error) {
-    const bool cut = strstr(reason, "unexpected eof") != nullptr;  // the end of the stream, to OpenSSL 3
+    const bool cut = strstr(reason, "unexpected eof") != nullptr;  // how OpenSSL 3 names a TCP end without a TLS end
     if (code != kSslError || cut) return found_lost(code == kSslSyscall ? error : 0);
     g_evidence.found.cause = CTM_CAUSE_PROTOCOL;
     found_tls(reason);
@@ -111,8 +111,9 @@ void found_accept() {
         detail("a proxy has respelled \"Sec-WebSocket-Accept: \", which is read in these letters alone");
 }
 
-// find fills g_evidence.found from a message; `text` is what its row means for a person.
-void find(const Row &row, const char *text, const Arguments &all, int last_errno) {
+// take_known fills g_evidence.found from a known message. `meaning` is the format of its detail, with at most one
+// number.
+void take_known(const Row &row, const char *meaning, const Arguments &all, int last_errno) {
     const auto *argument = all.at + row.at;
     if (row.says == Says::tls_write) {
         g_evidence.tls_write = argument->number;
@@ -122,7 +123,7 @@ void find(const Row &row, const char *text, const Arguments &all, int last_errno
     g_evidence.found.cause = static_cast<ctm_cause>(row.cause);
     int number = argument->number;
     if (row.says == Says::http_status) number = g_evidence.found.http_status = g_evidence.response.status;
-    snprintf(g_evidence.found.detail, sizeof g_evidence.found.detail, text, number);
+    snprintf(g_evidence.found.detail, sizeof g_evidence.found.detail, meaning, number);
     switch (row.says) {
         case Says::connect_errno:
             return found_connect(number);
@@ -194,7 +195,8 @@ void evidence_take(const char *format, va_list args) {
     const int error = errno;
     const uint32_t id = format_id(format);
     for (size_t i = 0; i < kKnown; i++) {
-        if (kRows[i].format == id) find(kRows[i], text_at(kMeanings.data(), i), arguments_of(format, args), error);
+        if (kRows[i].format == id)
+            take_known(kRows[i], text_at(kMeanings.data(), i), arguments_of(format, args), error);
     }
 }
 

@@ -1,6 +1,6 @@
-// Why a set-up or a connection failed. libcloudtunnel tells its failure callback no reason; its log does, in messages
-// that are interface and stay letter for letter. They are recognised by their format, so that no text of a peer can
-// pass for one; known_messages.h lists them.
+// Why a set-up or a connection failed. libcloudtunnel's failure callback gives no reason, but its log does, in messages
+// whose formats never change. They are recognised by the format, so that no text of a peer can pass for one.
+// known_messages.h lists them.
 #pragma once
 
 #include <cloudtunnel_module.h>
@@ -10,7 +10,7 @@
 #pragma GCC visibility push(hidden)
 namespace ctm {
 
-// A message's arguments, each at its place among all of them.
+// The arguments of a message: the first at 0, the next at 1 ... Each is an int or a text, as the format says.
 struct Arguments {
     union {
         int number;
@@ -19,21 +19,23 @@ struct Arguments {
 };
 Arguments arguments_of(const char *format, va_list args);
 
-// evidence_clear forgets what was found: before a call of libcloudtunnel, and once it is used.
+// evidence_clear forgets what was found. It is called before a call of libcloudtunnel, and after the evidence is
+// used.
 void evidence_clear();
 
-// evidence_found returns the reason that the messages since then have given; its cause is CTM_CAUSE_NONE where there
-// was none. The first one counts: what is logged behind it is its consequence.
+// evidence_found returns the reason in the messages since evidence_clear; its cause is CTM_CAUSE_NONE if there was
+// none. The first reason counts, since later ones follow from it.
 const ctm_cause_info &evidence_found();
 
 // evidence_take looks at one message of the log.
 void evidence_take(const char *format, va_list args);
 
-// What the last TLS write that failed was waiting for: it may be repeated as it was. False where it is lost.
+// evidence_tls_write_again returns whether the last TLS write that failed may be repeated with the same bytes;
+// evidence_tls_write_reads_first whether that is because TLS must read first.
 bool evidence_tls_write_again();
 bool evidence_tls_write_reads_first();
 
-// evidence_response reads the platform's answer to the upgrade, as the log shows it.
+// evidence_response takes the platform's answer to the upgrade, as text from the log.
 void evidence_response(const char *text);
 
 }  // namespace ctm

@@ -1,5 +1,5 @@
-// The messages of libcloudtunnel's log that tell why a set-up or a connection failed. Its texts are interface and stay
-// letter for letter.
+// The messages of libcloudtunnel's log that show why a set-up or a connection failed. Their formats are part of its
+// interface and stay letter for letter, misspellings included.
 #pragma once
 
 #include <cloudtunnel_module.h>
@@ -9,7 +9,7 @@
 #pragma GCC visibility push(hidden)
 namespace ctm {
 
-// What a message says beside its cause, and where among its arguments.
+// What a message says beside its cause, by the argument that `at` names, and for `tls_read` the next two.
 enum class Says : uint8_t {
     nothing,
     connect_errno,  // of a connection that did not come up
@@ -32,7 +32,7 @@ struct KnownMessage {
     const char *meaning;  // for a person; a number in it is the argument that `at` names
     ctm_cause cause;
     Says says = Says::nothing;
-    uint8_t at = 0;  // which argument
+    uint8_t at = 0;  // index of an argument
 };
 constexpr KnownMessage kKnownMessages[] = {
     {"Set Addr error, ret =%d.", "the name does not resolve", CTM_CAUSE_NOT_RESOLVED, Says::resolver, 0},

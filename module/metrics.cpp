@@ -1,4 +1,4 @@
-// The counters in the OpenMetrics text format: a family after the other, in each a sample for each tunnel.
+// The counters in the OpenMetrics text format: family by family, with the samples of each tunnel.
 #include <cloudtunnel.h>
 #include <cloudtunnel_module.h>
 
@@ -16,7 +16,7 @@
 namespace ctm {
 namespace {
 
-// Writes into the caller's text as far as it goes, and counts on behind it.
+// Writes into the caller's text as far as it reaches, and counts what does not fit.
 class Text {
   public:
     Text(char *to, size_t size) : to_(to), size_(size) {}
@@ -57,7 +57,7 @@ constexpr char kTypes[] = "counter\0gauge\0stateset";
 enum class Unit : uint8_t { none, bytes, milliseconds, microseconds };
 constexpr char kUnits[] = "\0bytes\0seconds\0seconds";
 
-// What tells a family's samples of one tunnel from each other.
+// The label by which a family has several samples for one tunnel.
 enum class Label : uint8_t { none, state, cause };
 
 // The names of the families, behind "cloudtunnel_".
@@ -109,7 +109,7 @@ constexpr Family kFamilies[] = {
 };
 static_assert(text_count(kFamilyNames) == std::size(kFamilies));
 
-// add_label writes the label that tells sample `index` from the tunnel's others. A state set's is named as its family.
+// add_label writes the label of sample `index`. In a state set it has the name of the family.
 void add_label(Text &text, const Family &family, int index) {
     if (family.label == Label::none) return;
     const bool cause = family.label == Label::cause;

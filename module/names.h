@@ -1,4 +1,4 @@
-// States and causes by the names that logs and metrics show; "unknown" for what is none.
+// States and causes by the names in logs and metrics; "unknown" for any other number.
 #pragma once
 
 #pragma GCC visibility push(hidden)

@@ -1,5 +1,5 @@
-// The pause before the next attempt: doubled each time up to the longest, each a little shorter or longer at random, so
-// that a thousand devices do not come back in the same moment.
+// The pause before the next attempt. It doubles each time, up to the longest, and each is shorter or longer at random,
+// so that a fleet of devices does not come back at the same moment.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ class Pause {
     Pause(uint32_t first_ms, uint32_t longest_ms, uint32_t jitter_percent)
         : first_ms_(first_ms), longest_ms_(longest_ms), jitter_percent_(jitter_percent), base_ms_(first_ms) {}
 
-    // next_ms returns the pause to make now.
+    // next_ms returns the length of the next pause, and doubles the one after it.
     uint32_t next_ms();
 
     // reset makes the next pause the first one again.
@@ -22,7 +22,7 @@ class Pause {
     uint32_t first_ms_;
     uint32_t longest_ms_;
     uint32_t jitter_percent_;
-    uint32_t base_ms_;
+    uint32_t base_ms_;  // the next pause, without jitter
 };
 
 }  // namespace ctm

@@ -13,7 +13,7 @@ constexpr size_t kBatch = 256;
 uint8_t g_bytes[kBatch];
 size_t g_left = 0;
 
-// refill falls back to libcloudtunnel's keys where the kernel has no random bytes yet: a device that has just started
+// refill falls back to libcloudtunnel's mask keys if the kernel has no random bytes yet: a device that has just started
 // must not wait for them.
 void refill() {
     if (getrandom(g_bytes, sizeof g_bytes, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof g_bytes)) {

@@ -1,5 +1,5 @@
-// Random bytes, for mask keys (RFC 6455, section 5.3, wants them unpredictable) and for the jitter of pauses. The
-// kernel is asked for many at once.
+// Random bytes of the kernel, fetched in batches: for mask keys, which must be unpredictable (RFC 6455, section 5.3),
+// and for the jitter of pauses.
 #pragma once
 
 #include <cstddef>
@@ -8,6 +8,7 @@
 #pragma GCC visibility push(hidden)
 namespace ctm {
 
+// random_fill writes `count` random bytes to `to`.
 void random_fill(uint8_t *to, size_t count);
 
 // random_below returns a number from 0 to `bound` - 1; 0 for a `bound` of 0.

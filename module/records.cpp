@@ -6,10 +6,10 @@
 namespace ctm {
 namespace {
 
-constexpr size_t kRecordMax = 4096;  // no release of a record is larger: what is, was never set
+constexpr size_t kRecordMax = 4096;  // no record gets larger: a size above was never set
 
-// copy copies a record, `size` bytes long as the caller knows it. Every release of a record ends behind a whole field,
-// so that no pointer is read, or written, in part.
+// copy copies a record whose size is `size` for the caller and `known` here. Every release of a record ends with a
+// whole field of 8 bytes, or two of 4, so other sizes are refused and no pointer is copied in part.
 ctm_result copy(void *to, const void *from, size_t size, size_t known, size_t least) {
     if (size < least || size > kRecordMax || size % alignof(size_t) != 0) return CTM_BAD_SIZE;
     memcpy(to, from, std::min(size, known));

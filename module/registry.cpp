@@ -21,8 +21,8 @@ ModelRow *registry_find(const char *model) {
 
 namespace {
 
-// data_kept tells whether libcloudtunnel has kept a model's tunnel data. It does not where memory is too short; the
-// daemon sends them again when its link comes up anew.
+// data_kept returns whether libcloudtunnel has stored a model's tunnel data. If memory was too short for them, it
+// breaks the link to the daemon: the daemon sends them again when the link is up again.
 bool data_kept(const ModelRow &row) {
     const CLOUDTUNNEL_MODULE_NODE *node = registry_node(row.model);
     if (node && node->url_host && node->url_path) return true;
@@ -43,7 +43,7 @@ ModelRow *registry_take(const char *model, const char *sub_name, ctm_result *res
     registration.pcName = model;
     registration.pcSubName = sub_name;
     callbacks_set(registration, static_cast<unsigned>(row - g_registry_rows));
-    // Registered, but without its name: libcloudtunnel takes a copy of a text that memory is too short for as none.
+    // Without the node, memory was too short for the model's name: libcloudtunnel has registered it without one.
     if (CLOUDTUNNEL_MODULE_Register(&registration) != 0 || !registry_node(model)) {
         *result = CTM_NO_MEMORY;
         return nullptr;
@@ -55,7 +55,7 @@ ModelRow *registry_take(const char *model, const char *sub_name, ctm_result *res
 int registry_report(unsigned code) {
     ModelRow &row = g_registry_rows[code / kReports];
     const auto report = static_cast<Report>(code % kReports);
-    // A broken link to the daemon is reported as closed, too, for every model; what is known of the model stands.
+    // libcloudtunnel makes the same call for every model when the link to the daemon breaks: then the data stay valid.
     if (report == Report::closed && g_iCloudClientConnFd < 0) return 0;
     if (report != Report::notice) row.data = report == Report::data && data_kept(row);
     if (!row.tunnel) return 0;

@@ -8,7 +8,7 @@
 namespace ctm {
 namespace {
 
-// Where a secret begins, and the characters that end it.
+// Pairs: the text before a secret, and the characters that end the secret.
 constexpr char kMarkers[] =
     "Cookie: \0"
     "\r\n\0"  // Set-Cookie as well

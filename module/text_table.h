@@ -1,5 +1,5 @@
-// Tables of texts without pointers, which would have to be relocated when the library is loaded: the texts stand one
-// behind the other, each ended by a zero byte.
+// Tables of texts without pointers, each of which would need a relocation when the library is loaded. The texts follow
+// one another, each with a zero byte at its end.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +7,7 @@
 #pragma GCC visibility push(hidden)
 namespace ctm {
 
-// text_at returns the text at `index`; the caller knows that there is one.
+// text_at returns the text at `index`, which must be below the table's text_count.
 const char *text_at(const char *table, size_t index);
 
 // text_count counts the texts of a table, whose last zero byte is the compiler's own.

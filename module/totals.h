@@ -1,4 +1,4 @@
-// Counters as callers get them: of one tunnel, and of all since the init, freed ones included.
+// Counters as callers get them: of one tunnel, and of all tunnels since ctm_init, freed ones included.
 #pragma once
 
 #include <cloudtunnel_module.h>
@@ -6,16 +6,17 @@
 #pragma GCC visibility push(hidden)
 namespace ctm {
 
+// totals_clear forgets the counters of freed tunnels.
 void totals_clear();
 
-// totals_keep adds the counters of a tunnel that is being freed, its queue empty, to those that stay.
+// totals_keep keeps the counters of a tunnel that is being freed. Its queue must be empty.
 void totals_keep(const ctm_tunnel *tunnel);
 
-// Both return one record of this component's, which holds until the next call.
+// Both return the same record, which is valid until the next call of either.
 const ctm_counters &counters_of(const ctm_tunnel *tunnel);
 const ctm_counters &counters_of_all();
 
-// counter_at returns the counter at `offset` of the record: apart from its size, all of it are numbers of 64 bits.
+// counter_at returns the counter at `offset` of the record. All fields behind its size are 64-bit counters.
 uint64_t counter_at(const ctm_counters &counters, size_t offset);
 
 }  // namespace ctm
