@@ -9,14 +9,13 @@ namespace ctm {
 
 enum : uint8_t { kContinuation = 0, kText = 1, kBinary = 2, kClose = 8, kPing = 9, kPong = 10 };
 
-constexpr size_t kControlMax = 125;    // payload of a control frame, and of any frame with a 7-bit length
-constexpr size_t kStatusSize = 2;      // of a close frame's payload, in front of the reason
-constexpr size_t kPayloadMax = 65535;  // of a frame with a 16-bit length
-constexpr size_t kSmallHeader = 6;     // with a 7-bit length and the mask key
-constexpr size_t kHeaderMax = 8;       // with a 16-bit length and the mask key
+constexpr size_t kControlMax = 125;  // payload of a control frame, and of any frame with a 7-bit length
+constexpr size_t kStatusSize = 2;    // of a close frame's payload, in front of the reason
+constexpr size_t kSmallHeader = 6;   // with a 7-bit length and the mask key
+constexpr size_t kHeaderMax = 8;     // with a 16-bit length and the mask key
 
-// frame_wrap makes a frame of the `length` bytes at `payload`, at most kPayloadMax: it masks them and writes the header
-// in front of them, where kHeaderMax bytes must be free. Returns the frame's first byte.
+// frame_wrap makes a frame of the `length` bytes at `payload`, at most CTM_FRAGMENT_MAX: it masks them and writes the
+// header in front of them, where kHeaderMax bytes must be free. Returns the frame's first byte.
 uint8_t *frame_wrap(uint8_t *payload, size_t length, uint8_t opcode, bool fin);
 
 // frame_announced returns the payload length in a received header, of which `length` bytes are at `data`; 0 as long as

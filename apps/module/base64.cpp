@@ -8,7 +8,7 @@ namespace {
 constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr char kPadding = '=';
 constexpr size_t kBytes = 3;       // of a group
-constexpr size_t kCharacters = 4;  // that they become
+constexpr size_t kCharacters = 4;  // for a group
 constexpr unsigned kBits = 6;      // of a character
 constexpr uint32_t kMask = (1U << kBits) - 1;
 
@@ -45,7 +45,7 @@ std::optional<std::string> base64_decode(std::string_view text) {
     std::string out;
     out.reserve(text.size() * kBytes / kCharacters);
     uint32_t bits = 0;
-    unsigned count = 0;  // of the bits that are no byte yet
+    unsigned count = 0;  // of bits that have not become a byte yet
     for (const char c : text) {
         const int value = value_of(c);
         if (value < 0) return std::nullopt;

@@ -1,4 +1,4 @@
-// Base64 (RFC 4648, section 4): how bytes that are no text stand in a line.
+// Base64 (RFC 4648, section 4), in which a line holds bytes that are not text.
 #pragma once
 
 #include <optional>
@@ -9,7 +9,8 @@ namespace module_program {
 
 std::string base64_encode(std::string_view bytes);
 
-// base64_decode takes the alphabet with its padding and nothing else: no line ends, no bits behind the last byte.
+// base64_decode returns nothing for a text that is not complete base64: it accepts no line ends, no missing padding and
+// no set bits behind the last byte.
 std::optional<std::string> base64_decode(std::string_view text);
 
 }  // namespace module_program

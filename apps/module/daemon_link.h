@@ -9,7 +9,7 @@ class DaemonLink {
   public:
     explicit DaemonLink(const Timeline &timeline) : timeline_(timeline) {}
 
-    // watch logs a change since the last call.
+    // watch logs whether the link came up or broke since the last call.
     void watch();
 
     [[nodiscard]] bool up() const { return up_; }

@@ -25,7 +25,7 @@ std::string step_line(std::string_view model, ctm_step step) {
     return line.text();
 }
 
-// A text that is not UTF-8 cannot stand in JSON: it goes as bytes, and its type stays.
+// JSON cannot hold a text that is not UTF-8, so such a text goes out in base64; its type stays "text".
 std::string message_line(std::string_view model, const ctm_message &message) {
     const std::string_view data(message.data, message.length);
     JsonObject line("message", model);

@@ -1,4 +1,4 @@
-// What happens on the tunnels, in lines for other programs: one JSON object a line.
+// Events on the tunnels, as lines for other programs: each function returns a JSON object without a line end.
 #pragma once
 
 #include <cloudtunnel_module.h>
@@ -16,7 +16,7 @@ std::string pong_line(std::string_view model, uint32_t round_trip_us);
 std::string closed_line(std::string_view model, uint16_t status, std::string_view reason);
 std::string writable_line(std::string_view model);
 
-// refused_line answers a request that was not taken: the number of its line, and why.
-std::string refused_line(std::string_view model, long line, std::string_view why);
+// refused_line answers a request that was not done, with the number of its line and the reason.
+std::string refused_line(std::string_view model, long line_number, std::string_view why);
 
 }  // namespace module_program

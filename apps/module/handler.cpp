@@ -20,9 +20,9 @@ using namespace std::chrono_literals;
 
 constexpr Clock::duration kPauseFirst = 1s;
 constexpr Clock::duration kPauseLongest = 60s;
-constexpr Clock::duration kStable = 30s;  // a run of this length is followed by the first pause
+constexpr Clock::duration kStable = 30s;  // after a run of this length the pauses start over
 
-// A pipe whose ends are closed unless they are taken.
+// A pipe. Ends that were not taken are closed.
 class Pipe {
   public:
     Pipe() { made_ = pipe2(ends_.data(), O_CLOEXEC) == 0; }
@@ -38,7 +38,7 @@ class Pipe {
     [[nodiscard]] int read_end() const { return ends_[0]; }
     [[nodiscard]] int write_end() const { return ends_[1]; }
 
-    // take returns an end of this process, which does not wait.
+    // take returns an end, now non-blocking, which the caller closes.
     int take(size_t end) {
         const int fd = std::exchange(ends_[end], -1);
         fcntl(fd, F_SETFL, O_NONBLOCK);
@@ -50,7 +50,7 @@ class Pipe {
     bool made_ = false;
 };
 
-// The sockets of the tunnels and of the daemon are not the handler's: it would keep them open.
+// The handler must not inherit the sockets of the tunnels and of the daemon: it would keep them open.
 void close_all_but_standard() {
     DIR *const open = opendir("/proc/self/fd");
     if (!open) return;
@@ -61,7 +61,7 @@ void close_all_but_standard() {
     closedir(open);
 }
 
-// In the new process: becomes the command, with signals as a shell has them.
+// In the new process: becomes the command, in a process group of its own and with SIGPIPE at its default.
 [[noreturn]] void become(const char *command, int in, int out) {
     setpgid(0, 0);
     signal(SIGPIPE, SIG_DFL);
@@ -97,8 +97,7 @@ void Handler::start(Clock::time_point now) {
         starts_++;
         timeline_.log("handler started: process %d", static_cast<int>(pid_));
     } else {
-        pause_ = std::clamp(pause_ * 2, kPauseFirst, kPauseLongest);
-        due_ = now + pause_;
+        pause(now);
         timeline_.log("handler not started: %s", std::strerror(errno));
     }
 }
@@ -110,7 +109,7 @@ bool Handler::run() {
     pid_ = fork();
     if (pid_ == 0) become(command_.c_str(), input.read_end(), output.write_end());
     if (pid_ < 0) return false;
-    setpgid(pid_, pid_);  // here, too: stop may come before the child has run
+    setpgid(pid_, pid_);  // also here, since stop may be called before the child has run
     const int in = output.take(0);
     const int out = input.take(1);
     peer_ = std::make_unique<Peer>("handler", in, out, Peer::Descriptors::own, longest_line_);
@@ -120,7 +119,7 @@ bool Handler::run() {
 void Handler::reap(Clock::time_point now, const LineReader::Take &take) {
     int status = 0;
     if (!runs() || waitpid(pid_, &status, WNOHANG) != pid_) return;
-    stop(SIGTERM);  // what it has left behind
+    stop(SIGTERM);  // processes that it has left behind
     pid_ = 0;
     peer_->receive(take);
     peer_.reset();
@@ -130,10 +129,15 @@ void Handler::reap(Clock::time_point now, const LineReader::Take &take) {
 void Handler::ended(Clock::time_point now, int status) {
     if (finishing_) return timeline_.log("handler ended: %s", how_it_ended(status).c_str());
     if (now - started_ >= kStable) pause_ = Clock::duration::zero();
-    pause_ = std::clamp(pause_ * 2, kPauseFirst, kPauseLongest);
-    due_ = now + pause_;
+    pause(now);
     timeline_.log("handler ended: %s; next start in %.1f s", how_it_ended(status).c_str(),
                   std::chrono::duration<double>(pause_).count());
+}
+
+// pause has the next run start after a pause, twice as long as the last one.
+void Handler::pause(Clock::time_point now) {
+    pause_ = std::clamp(pause_ * 2, kPauseFirst, kPauseLongest);
+    due_ = now + pause_;
 }
 
 void Handler::finish() {

@@ -1,5 +1,5 @@
-// The handler: a program that gets the lines on its standard input and answers on its standard output. One that ends is
-// started again after a pause, which grows from a second to a minute as long as its runs are short.
+// The handler: a program that reads lines on its standard input and writes lines on its standard output. When it ends
+// it is started again after a pause, which grows from a second to a minute as long as its runs are short.
 #pragma once
 
 #include <sys/types.h>
@@ -21,16 +21,17 @@ class Handler {
     Handler(const Handler &) = delete;
     Handler &operator=(const Handler &) = delete;
 
-    // start runs it, where it does not run and its pause is over.
+    // start runs the handler, unless it runs or its pause is not over.
     void start(Clock::time_point now);
 
-    // reap notices that it has ended; what it has written before is handed to `take`.
+    // reap notices that the handler has ended, and hands its last lines to `take`.
     void reap(Clock::time_point now, const LineReader::Take &take);
 
-    // stop ends a run with a signal, for it and for all that it has started.
+    // stop sends a signal to the handler and to all processes that it has started.
     void stop(int signal) const;
 
-    // finish makes this run the last one: its input ends behind what waits for it.
+    // finish makes this run the last one: the handler's input ends when all lines that wait for it are written. Call it
+    // again until the handler has ended.
     void finish();
 
     // due is when the next run is to be started.
@@ -42,6 +43,7 @@ class Handler {
   private:
     bool run();
     void ended(Clock::time_point now, int status);
+    void pause(Clock::time_point now);
 
     std::string command_;
     size_t longest_line_;
@@ -50,7 +52,7 @@ class Handler {
     std::unique_ptr<Peer> peer_;
     Clock::time_point started_;
     Clock::time_point due_ = Clock::time_point::min();
-    Clock::duration pause_ = Clock::duration::zero();  // before this run
+    Clock::duration pause_ = Clock::duration::zero();  // the last one; zero: the next is the first
     long starts_ = 0;
     bool finishing_ = false;
 };

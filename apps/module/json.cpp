@@ -5,7 +5,8 @@
 namespace module_program {
 namespace {
 
-// character_size returns how many bytes the UTF-8 character in front of a text has, 0 when it begins with none.
+// character_size returns the size of the UTF-8 character that a text begins with, 0 if it begins with none. The text is
+// not empty.
 size_t character_size(std::string_view text) {
     const auto byte = [&](size_t at) { return static_cast<uint8_t>(text[at]); };
     const uint8_t first = byte(0);
@@ -16,9 +17,9 @@ size_t character_size(std::string_view text) {
         if ((byte(i) & 0xc0) != 0x80) return 0;
     }
     const uint8_t second = byte(1);
-    const bool too_long_a_form = (first == 0xe0 && second < 0xa0) || (first == 0xf0 && second < 0x90);
-    const bool no_character = (first == 0xed && second > 0x9f) || (first == 0xf4 && second > 0x8f);
-    return too_long_a_form || no_character ? 0 : size;
+    const bool overlong = (first == 0xe0 && second < 0xa0) || (first == 0xf0 && second < 0x90);
+    const bool not_a_character = (first == 0xed && second > 0x9f) || (first == 0xf4 && second > 0x8f);
+    return overlong || not_a_character ? 0 : size;
 }
 
 std::string escaped(char c) {

@@ -1,4 +1,4 @@
-// A JSON object on one line, as it is written to other programs.
+// An event as a JSON object on one line, for other programs.
 #pragma once
 
 #include <string>
@@ -14,6 +14,7 @@ std::string json_string(std::string_view text);
 
 class JsonObject {
   public:
+    // Begins with the keys "event" and "model"; add appends a key, which is not checked to be new.
     JsonObject(std::string_view event, std::string_view model);
 
     void add(std::string_view key, std::string_view value);

@@ -15,7 +15,7 @@ constexpr size_t kLineMax = 400;  // bytes of a message that are shown
 
 LibraryLog::~LibraryLog() { use(nullptr); }
 
-// The library writes the first line of a packet dump into its own log file, by itself.
+// The library itself writes the first line of each packet dump, to g_CloudTunnelLogFile.
 void LibraryLog::use(std::FILE *file) {
     g_CloudTunnelLogFile = file;
     if (file_) std::fclose(file_);

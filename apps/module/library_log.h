@@ -1,4 +1,4 @@
-// The library's log, where the user wants it: in a file, or below the lines of the timeline.
+// The library's log, in a file or between the lines of the timeline.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace module_program {
 
-constexpr uint32_t kConnectLevel = 5;  // of the library's messages about a connection's course
+constexpr uint32_t kConnectLevel = 5;  // CONNECT, as cloudtunnel.h numbers the levels
 
 class LibraryLog {
   public:
@@ -18,13 +18,13 @@ class LibraryLog {
     LibraryLog(const LibraryLog &) = delete;
     LibraryLog &operator=(const LibraryLog &) = delete;
 
-    // open begins the file, if the log goes into one; reopen goes on in the file that has its name now. False when it
-    // cannot be opened: a file that is open stays.
+    // open begins a new file, if the log goes into one; reopen opens the file of that name again and appends to it.
+    // False if it cannot be opened: then the file that was open before stays in use.
     bool open();
     bool reopen();
     [[nodiscard]] bool has_file() const { return !options_.log.empty() && options_.log != "-"; }
 
-    // write writes one message, if its level is wanted.
+    // write writes one message, if the options want its level.
     void write(uint32_t level, const char *text) const;
 
   private:

@@ -26,7 +26,7 @@ void LineReader::add(std::string_view piece) {
 }
 
 void LineReader::complete(const Take &take) {
-    constexpr size_t kKept = 65536;  // bytes of memory, for the next line
+    constexpr size_t kKept = 65536;  // bytes of memory that stay for the next line
     number_++;
     take(number_, too_long_ ? std::nullopt : std::optional<std::string_view>(line_));
     too_long_ = false;

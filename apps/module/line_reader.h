@@ -1,4 +1,4 @@
-// Bytes that arrive in any pieces, as lines with their numbers. Of a line that is too long nothing is kept.
+// Makes lines of bytes that arrive in pieces, and numbers them. Nothing is kept of a line that is too long.
 #pragma once
 
 #include <functional>
@@ -10,15 +10,16 @@ namespace module_program {
 
 class LineReader {
   public:
-    // A line's number, from 1 on, and its text without the line end; nothing in place of a text that is too long.
+    // Gets a line's number, from 1 on, and its text without the line end; no text if the line is too long.
     using Take = std::function<void(long number, std::optional<std::string_view> line)>;
 
+    // `longest` is the size of the longest line in bytes, without its end.
     explicit LineReader(size_t longest) : longest_(longest) {}
 
-    // read hands on each line that is complete.
+    // read hands each line that is complete now to `take`.
     void read(std::string_view bytes, const Take &take);
 
-    // end hands on what stands behind the last line end.
+    // end hands what came behind the last line end to `take`.
     void end(const Take &take);
 
   private:

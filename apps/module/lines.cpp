@@ -16,8 +16,8 @@ using namespace std::chrono_literals;
 using common::cat;
 
 constexpr size_t kClientsMax = 64;
-constexpr auto kFinishTime = 2s;  // for what still waits, and for the handler to end by itself
-constexpr auto kEndTime = 1s;     // for the handler, asked to end by a signal
+constexpr auto kFinishTime = 2s;  // for lines that wait, and for the handler to end by itself
+constexpr auto kEndTime = 1s;     // for the handler to end after a SIGTERM
 
 void complain(std::string_view what) { common::complain(kProgramName, what); }
 
@@ -57,7 +57,7 @@ void Lines::greet(Peer &peer) const {
     for (const std::string &line : tunnels_.states()) peer.put(line);
 }
 
-void Lines::tell(std::string_view line) {
+void Lines::broadcast(std::string_view line) {
     for (Peer *peer : peers()) peer->put(line);
 }
 

@@ -1,5 +1,5 @@
-// The other programs that handle the tunnels' messages in lines: the handler, those on the socket, and who is at the
-// standard input and output. Each gets every event; what each asks for is done.
+// The programs that get events and send requests as lines: the handler, those that connect to the socket, and the one
+// at standard input and output. Each gets every event, and each may send requests.
 #pragma once
 
 #include <functional>
@@ -19,15 +19,15 @@
 
 namespace module_program {
 
-// What the lines are about.
+// The tunnels, as Lines needs them.
 class Tunnels {
   public:
     virtual ~Tunnels() = default;
 
-    // ask does what a request wants and returns the result. Throws BadInput for a model that there is not.
+    // ask does what a request asks for, and returns the library's result. Throws BadInput for an unknown model.
     virtual ctm_result ask(Request &request) = 0;
 
-    // states returns a line for the state of each tunnel.
+    // states returns a line with the state for each tunnel.
     [[nodiscard]] virtual std::vector<std::string> states() const = 0;
 };
 
@@ -35,32 +35,34 @@ class Lines {
   public:
     Lines(const Options &options, const Timeline &timeline, Tunnels &tunnels);
 
-    // begin makes the socket and takes the standard input and output. Throws std::runtime_error.
+    // begin makes the socket and takes standard input and output, as the options say. Throws std::runtime_error if the
+    // socket cannot be made.
     void begin();
 
-    // wanted tells whether there is anybody to handle messages, now or later.
+    // wanted returns whether messages go out as lines; else the tunnels answer them.
     [[nodiscard]] bool wanted() const { return wanted_; }
 
-    // tell writes a line to all.
-    void tell(std::string_view line);
+    // broadcast puts a line for each program.
+    void broadcast(std::string_view line);
 
-    // step starts the handler when it is due, and drops who has gone or reads too slowly.
+    // step starts the handler when it is due, and drops programs that have gone or read too slowly.
     void step(Clock::time_point now);
-    [[nodiscard]] Clock::time_point due() const;
+    [[nodiscard]] Clock::time_point due() const;  // when step has something to do
 
-    // watch has a poller wait for all of them.
+    // watch adds the descriptors of all programs to a poller.
     void watch(Poller &poller);
 
     // reap notices that the handler has ended.
     void reap(Clock::time_point now);
 
-    // flush writes what is waiting and is taken at once.
+    // flush writes the lines that wait, as far as the programs take them now.
     void flush();
 
-    // finish writes what still waits, has the handler end, and returns when both are done or three seconds are over.
+    // finish writes the lines that wait and has the handler end. It returns when both are done, at the latest after
+    // three seconds.
     void finish();
 
-    // lost tells that nobody reads the standard output any more, or reads too slowly.
+    // lost returns whether the program at standard output has gone or reads too slowly.
     [[nodiscard]] bool lost() const { return standard_ && !standard_->writing(); }
 
     [[nodiscard]] long skipped() const { return skipped_; }  // broken lines

@@ -16,7 +16,7 @@ namespace module_program {
 namespace {
 
 constexpr int kBacklog = 16;
-constexpr mode_t kOthers = 0177;  // all but reading and writing by the owner
+constexpr mode_t kOwnerOnly = 0177;  // the umask that leaves reading and writing by the owner
 
 sockaddr_un address_of(const std::string &path) {
     sockaddr_un address = {};
@@ -27,7 +27,7 @@ sockaddr_un address_of(const std::string &path) {
 
 const sockaddr *general(const sockaddr_un &address) { return reinterpret_cast<const sockaddr *>(&address); }
 
-// left_behind tells whether a path is a socket on which nobody listens any more.
+// left_behind returns whether the path is that of a socket on which nobody listens any more.
 bool left_behind(const sockaddr_un &address) {
     struct stat found = {};
     if (lstat(address.sun_path, &found) != 0 || !S_ISSOCK(found.st_mode)) return false;
@@ -44,7 +44,7 @@ Listener::Listener(std::string path) : path_(std::move(path)) {
     const sockaddr_un address = address_of(path_);
     if (left_behind(address)) unlink(path_.c_str());
     fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    const mode_t before = umask(kOthers);
+    const mode_t before = umask(kOwnerOnly);
     const bool made = fd_ >= 0 && bind(fd_, general(address), sizeof address) == 0;
     const int error = errno;
     umask(before);

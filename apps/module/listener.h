@@ -1,4 +1,4 @@
-// The unix socket on which other programs connect for the lines. Only the user that runs this one may.
+// The unix socket to which other programs connect to exchange lines. Only the user that runs this program may connect.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@ namespace module_program {
 
 class Listener {
   public:
-    // Makes the socket; one that a process has left behind is replaced. Throws std::runtime_error.
+    // Makes the socket, in place of one on which nobody listens any more. Throws std::runtime_error.
     explicit Listener(std::string path);
     ~Listener();
     Listener(const Listener &) = delete;
@@ -15,7 +15,7 @@ class Listener {
 
     [[nodiscard]] int fd() const { return fd_; }
 
-    // accept_next returns the next connection, which does not wait; -1 when there is none.
+    // accept_next returns the next connection, a non-blocking descriptor of the caller's; -1 when there is none.
     [[nodiscard]] int accept_next() const;
 
   private:

@@ -1,4 +1,4 @@
-// cloudtunnel-module: a module process on libcloudtunnel's public header. See --help.
+// cloudtunnel-module: a module process, on the public headers of both libraries. See --help.
 #include "common/program.h"
 #include "module.h"
 #include "options.h"

@@ -1,5 +1,5 @@
-// The counters in a file, in the OpenMetrics text format, written anew every few seconds. A reader finds a whole file
-// at any time.
+// A file with the counters in the OpenMetrics text format, replaced every five seconds. A reader always finds a whole
+// one.
 #pragma once
 
 #include <string>
@@ -13,8 +13,8 @@ class MetricsFile {
   public:
     explicit MetricsFile(std::string path) : path_(std::move(path)) {}
 
-    // write writes the library's counters, and `own` behind them: families of the program, each line with its end.
-    // False when the file cannot be written.
+    // write writes the library's counters and behind them `own`, the program's families, each line with its end. The
+    // next write is due five seconds after `now`. False if the file cannot be written.
     bool write(Clock::time_point now, std::string_view own);
 
     [[nodiscard]] Clock::time_point due() const { return due_; }
@@ -24,7 +24,7 @@ class MetricsFile {
     Clock::time_point due_ = Clock::time_point::min();
 };
 
-// metrics_text is what is written.
+// metrics_text returns what is written.
 std::string metrics_text(std::string_view own);
 
 }  // namespace module_program

@@ -38,7 +38,7 @@ Module::Module(const Options &options)
     if (!options.metrics.empty()) metrics_.emplace(options.metrics);
 }
 
-// ---------------------------------------------------------------------------------------------------------- its life
+// ---------------------------------------------------------------------------------------------------------- the loop
 
 int Module::run() {
     if (!log_.open()) {
@@ -89,7 +89,7 @@ void Module::serve() {
     while (!ended()) run_once();
 }
 
-// What is due, a wait, the descriptors that are ready, the library.
+// One round: what is due, one wait, the descriptors that are ready, then the library.
 void Module::run_once() {
     const auto now = Clock::now();
     handle_signals();
@@ -105,7 +105,7 @@ void Module::run_once() {
     poller.add(ctm_fd(), POLLIN, [](short) {});
     poller.wait(wait_ms());
     {
-        const MayWait may_wait;  // a timer may connect to the daemon again
+        const MayWait may_wait;  // the library may register with the daemon again
         ctm_dispatch();
     }
     link_.watch();

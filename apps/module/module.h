@@ -18,10 +18,10 @@ namespace module_program {
 
 class Module : private Tunnels {
   public:
-    // There is one module at a time in a process. `options` outlives it.
+    // There is one Module at a time in a process. `options` must outlive it.
     explicit Module(const Options &options);
 
-    // run serves until the end and returns the exit status. A failure writes one line on standard error.
+    // run serves the tunnels until the end and returns the exit status. A failure writes a line to standard error.
     int run();
 
   private:

@@ -19,8 +19,8 @@ constexpr long kPingMax = 24L * 60 * 60;
 constexpr long kMessageMin = 125;
 constexpr long kMessageMax = 64L << 20;
 
-// set_models returns the setter of a name that may be given several times. Its first call has the initial value, which
-// the user's first replaces.
+// set_models returns the setter of --model, which may be given several times. The first call gets the default, and the
+// second one replaces it.
 common::Setter set_models(std::vector<std::string> &models) {
     return [&models, calls = 0](std::string_view text) mutable {
         std::string model;

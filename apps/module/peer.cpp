@@ -10,10 +10,10 @@
 namespace module_program {
 namespace {
 
-constexpr size_t kBacklogMax = 4U << 20;  // bytes that may wait before another line does
+constexpr size_t kBacklogMax = 4U << 20;  // bytes that may wait; when more do, a further line is lost
 constexpr size_t kReadAtOnce = 65536;
-constexpr int kReadsAtOnce = 16;           // before others get their turn
-constexpr size_t kWrittenKept = 1U << 20;  // bytes in front of what waits, before they are removed
+constexpr int kReadsAtOnce = 16;           // of one peer, before the others get their turn
+constexpr size_t kWrittenKept = 1U << 20;  // written bytes that stay in front of those that wait
 
 }  // namespace
 
@@ -54,7 +54,7 @@ void Peer::flush() {
     while (waits()) {
         size_t size = waiting_.size() - at_;
         if (descriptors_ == Descriptors::standard) {
-            // What a pipe takes without waiting when it is writable.
+            // A pipe that is writable takes so many bytes without blocking.
             pollfd look = {.fd = out_, .events = POLLOUT, .revents = 0};
             if (poll(&look, 1, 0) <= 0) return;
             size = std::min<size_t>(size, PIPE_BUF);

@@ -1,5 +1,5 @@
-// Another program that lines are exchanged with, over one descriptor or two. What it does not read yet waits, up to a
-// bound.
+// A program that exchanges lines with this one, over one descriptor or two. Lines that it has not read yet wait, up to
+// a bound.
 #pragma once
 
 #include <string>
@@ -12,11 +12,11 @@ namespace module_program {
 
 class Peer {
   public:
-    // The descriptors of a peer, which may be one: they are closed with it. Standard input and output are shared with
-    // other processes: they are not set to non-blocking, and stay open.
+    // own: the descriptors, which may be the same one, are non-blocking, and are closed with the peer. standard: they
+    // are standard input and output, shared with other processes, so they may block and stay open.
     enum class Descriptors { own, standard };
 
-    // `name` is how the peer is called towards a person.
+    // `name` is the peer's name in messages for a person.
     Peer(std::string name, int in, int out, Descriptors descriptors, size_t longest_line);
     ~Peer();
     Peer(const Peer &) = delete;
@@ -24,15 +24,15 @@ class Peer {
 
     [[nodiscard]] const std::string &name() const { return name_; }
 
-    // put has a line wait to be written; flush writes what the other end takes now.
+    // put appends a line to those that wait; flush writes what the other end takes now.
     void put(std::string_view line);
     void flush();
 
-    // receive reads what is there and hands on its lines; at the end of the input also the last one, without a line
+    // receive reads what is there and hands its lines to `take`; at the end of the input also a last one without a line
     // end.
     void receive(const LineReader::Take &take);
 
-    // watch has a poller wait for the peer. `take` gets its lines.
+    // watch adds the peer's descriptors to a poller. `take` gets the lines that come.
     void watch(Poller &poller, const LineReader::Take &take);
 
     // end_output writes no more, and closes the peer's input where it has a descriptor of its own.
@@ -42,7 +42,7 @@ class Peer {
     [[nodiscard]] bool writing() const { return writing_; }
     [[nodiscard]] bool waits() const { return writing_ && at_ < waiting_.size(); }
 
-    // slow tells that more waits than the bound allows: the peer is to be dropped.
+    // slow returns whether the peer has read too slowly: a line was lost, and the peer is to be dropped.
     [[nodiscard]] bool slow() const { return slow_; }
 
   private:
@@ -57,8 +57,8 @@ class Peer {
     bool reading_ = true;
     bool writing_ = true;
     bool slow_ = false;
-    std::string waiting_;  // lines to write,
-    size_t at_ = 0;        // up to here written
+    std::string waiting_;  // lines to write
+    size_t at_ = 0;        // bytes of waiting_ that are written
 };
 
 }  // namespace module_program

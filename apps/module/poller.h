@@ -1,4 +1,4 @@
-// The descriptors that a pass of the program's loop waits for, and what is to be done with each.
+// The descriptors that one round of the program's loop waits for, each with the function to call when it is ready.
 #pragma once
 
 #include <poll.h>
@@ -12,10 +12,11 @@ class Poller {
   public:
     using Ready = std::function<void(short events)>;
 
+    // add has the next wait call `ready` with the events of `fd`, if there are any of `events` or an error.
     void add(int fd, short events, Ready ready);
 
-    // wait waits for the descriptors for at most `timeout_ms`, calls `ready` of those that are, and forgets all. A
-    // signal ends the wait, too.
+    // wait waits until a descriptor is ready, a signal comes or `timeout_ms` are over. It calls `ready` for each ready
+    // descriptor, then removes all descriptors.
     void wait(int timeout_ms);
 
   private:

@@ -17,7 +17,7 @@ using common::cat;
 using common::printable;
 
 constexpr int kDepth = 2;      // an object, and the values in it
-constexpr size_t kShown = 60;  // bytes of what is wrong
+constexpr size_t kShown = 60;  // bytes of an unknown key in a message
 
 struct ObjectPut {
     void operator()(json_object *object) const { json_object_put(object); }
@@ -32,12 +32,12 @@ Object parse(std::string_view line) {
     if (line.size() >= INT_MAX) throw BadInput("too long");
     line.remove_suffix(line.size() - (line.find_last_not_of(" \t\r") + 1));
     if (line.empty()) throw BadInput("empty");
-    // json-c's own check takes surrogates for characters, and a platform closes a tunnel for a text that has one.
+    // json-c accepts surrogates, for which a platform would close the tunnel.
     if (!is_utf8(line)) throw BadInput("not JSON: not UTF-8");
     const std::unique_ptr<json_tokener, TokenerFree> tokener(json_tokener_new_ex(kDepth));
     if (!tokener) throw std::bad_alloc();
     json_tokener_set_flags(tokener.get(), JSON_TOKENER_STRICT);
-    // With the zero byte behind the line a number at its end is complete, too.
+    // The zero byte is parsed, too: it completes a number at the end of the line.
     const std::string text(line);
     Object object(json_tokener_parse_ex(tokener.get(), text.c_str(), static_cast<int>(text.size()) + 1));
     const json_tokener_error error = json_tokener_get_error(tokener.get());

@@ -1,5 +1,5 @@
-// What another program asks of a tunnel, read from a line: one JSON object with one of the keys send, send_base64,
-// close, open and ping.
+// What another program asks for, read from a line: a JSON object with one of the keys send, send_base64, close, open
+// and ping.
 #pragma once
 
 #include <cloudtunnel_module.h>
@@ -16,13 +16,13 @@ struct Request {
     ctm_type type = CTM_TEXT;  // of a message that is sent
     std::string data;          // the message, or the reason of a close
     uint16_t status = 0;       // of a close
-    std::string model;         // empty: none is named
+    std::string model;         // empty: the line names none
 };
 
-// read_request reads a line. Throws BadInput for one that is no request.
+// read_request returns the request in a line. Throws BadInput for a line that is no request.
 Request read_request(std::string_view line);
 
-// longest_request returns how long a line may be that sends a message of `bytes` bytes, each of them escaped.
+// longest_request returns the size of the longest line that sends a message of `bytes` bytes: each is escaped.
 constexpr size_t longest_request(size_t bytes) {
     constexpr size_t kEscaped = 6;   // "\u0000"
     constexpr size_t kAround = 512;  // keys, model, reason

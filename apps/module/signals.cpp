@@ -10,11 +10,11 @@
 namespace module_program {
 namespace {
 
-volatile sig_atomic_t g_asked = 0;
-volatile sig_atomic_t g_waits = 0;
-volatile sig_atomic_t g_reopen = 0;
-volatile sig_atomic_t g_child = 0;
-volatile sig_atomic_t g_fd = -1;
+volatile sig_atomic_t g_asked = 0;   // number of the first SIGINT or SIGTERM
+volatile sig_atomic_t g_waits = 0;   // a MayWait lives
+volatile sig_atomic_t g_reopen = 0;  // SIGHUP has come
+volatile sig_atomic_t g_child = 0;   // SIGCHLD has come
+volatile sig_atomic_t g_fd = -1;     // signals_fd
 
 void wake() {
     const int error = errno;

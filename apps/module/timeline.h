@@ -1,5 +1,5 @@
-// The timeline: each line has the state of a tunnel and what happened. Where the process has several tunnels, it names
-// theirs.
+// The timeline: each line has the state of a tunnel and what happened. If the process has several tunnels, the lines of
+// a tunnel name its model.
 #pragma once
 
 #include <chrono>
@@ -19,12 +19,12 @@ class Timeline {
     // `several` tells whether the process has more than one tunnel.
     Timeline(std::FILE *to, bool several) : lines_(false, to), several_(several) {}
 
-    // enter has a tunnel's state stand in the lines of the process from now on, if it has no other tunnel.
+    // enter sets the state in the lines of the process, if the process has one tunnel only.
     void enter(const char *state) {
         if (!several_) state_ = state;
     }
 
-    // log prints a line of the process, log_tunnel one of a tunnel.
+    // log writes a line of the process, log_tunnel one of a tunnel.
     void log(const char *format, ...) const __attribute__((format(printf, 2, 3)));
     void log_tunnel(std::string_view state, std::string_view model, std::string_view what) const;
 

@@ -19,15 +19,15 @@ namespace {
 using common::cat;
 using common::printable;
 
-constexpr uint32_t kDeadPings = 3;  // intervals without a sign of life, after which the peer is dead
+constexpr uint32_t kDeadPings = 3;  // intervals between pings without any frame, after which the platform is dead
 constexpr uint16_t kNoCloseFrame = 1006;
 
 Tunnel *of(void *user) { return static_cast<Tunnel *>(user); }
 
-// A caller's name for a state, as the timeline has always had it.
+// The timeline's name of a state: an attempt is called a set-up there, as in the rest of its lines.
 const char *timeline_name(ctm_state state) { return state == CTM_CONNECTING ? "set-up" : ctm_state_name(state); }
 
-// The address that the library connects to: the first one of the host.
+// address_of returns the address that the library connects to, the first one of the host; empty if it has none.
 std::string address_of(const char *model) {
     const addrinfo *const found = cloudtunnel_socket_getAddrinfoByModelname(model);
     std::array<char, NI_MAXHOST> text = {};
@@ -59,12 +59,14 @@ const char *Tunnel::state_name() const {
     return finishing_ && ended() ? "ended" : timeline_name(state_);
 }
 
-std::string Tunnel::state_line() const {
+ctm_cause_info Tunnel::cause() const {
     ctm_cause_info cause = {};
     cause.size = sizeof cause;
     ctm_tunnel_cause(tunnel_, &cause);
-    return module_program::state_line(model_, state_, cause);
+    return cause;
 }
+
+std::string Tunnel::state_line() const { return module_program::state_line(model_, state_, cause()); }
 
 void Tunnel::log(const char *format, ...) const {
     va_list args;
@@ -99,7 +101,9 @@ ctm_result Tunnel::begin() {
     wanted.closed = [](ctm_tunnel *, uint16_t status, const char *reason, size_t length, void *user) {
         of(user)->on_closed(status, {reason, length});
     };
-    wanted.writable = [](ctm_tunnel *, void *user) { of(user)->context_.lines.tell(writable_line(of(user)->model_)); };
+    wanted.writable = [](ctm_tunnel *, void *user) {
+        of(user)->context_.lines.broadcast(writable_line(of(user)->model_));
+    };
     wanted.notice = [](ctm_tunnel *, void *user) { of(user)->log("the daemon's third notice"); };
     const ctm_result made = ctm_tunnel_new(&wanted, &tunnel_);
     return made == CTM_OK ? ctm_tunnel_open(tunnel_) : made;
@@ -148,7 +152,7 @@ void Tunnel::on_state(ctm_state state, const ctm_cause_info &cause) {
         log("set-up failed: %s", cause_text(cause).c_str());
     state_ = state;
     context_.timeline.enter(state_name());
-    context_.lines.tell(module_program::state_line(model_, state, cause));
+    context_.lines.broadcast(module_program::state_line(model_, state, cause));
     switch (state) {
         case CTM_WAITING:
             if (finishing_) return finish();
@@ -187,7 +191,8 @@ void Tunnel::show_closing(const ctm_cause_info &cause) {
     if (cause.cause == CTM_CAUSE_CLOSED_BY_PEER) {
         log("close received: status %d%s%s", cause.close_status, comma, detail.c_str());
         log("close answered");
-        // The library has this message for a close that it is asked to answer; here that is done above it.
+        // libcloudtunnel logs this when CLOUDMGR_ws_CloseRcv answers a close. libcloudtunnel-module answers it without
+        // that call, so the message is added for whoever reads the log.
         context_.log.write(kConnectLevel, cat("[Model ", model_, "] rcv close msg, status ", cause.close_status,
                                               ", reason [", cause.detail, "].")
                                               .c_str());
@@ -200,22 +205,17 @@ void Tunnel::show_closing(const ctm_cause_info &cause) {
 }
 
 void Tunnel::on_closed(uint16_t status, std::string_view reason) {
-    tunnels_++;
+    tunnels_ended_++;
+    const ctm_cause_info why = cause();
     if (state_ == CTM_CLOSING) {
-        ctm_cause_info cause = {};
-        cause.size = sizeof cause;
-        ctm_tunnel_cause(tunnel_, &cause);
-        const bool ours = cause.cause != CTM_CAUSE_CLOSED_BY_PEER;
+        const bool ours = why.cause != CTM_CAUSE_CLOSED_BY_PEER;
         if (ours && status != kNoCloseFrame) log("close received: status %d, the answer to ours", status);
         if (ours && status == kNoCloseFrame) log("no answer to the close");
         log("tunnel closed");
     } else {
-        ctm_cause_info cause = {};
-        cause.size = sizeof cause;
-        ctm_tunnel_cause(tunnel_, &cause);
-        log("tunnel lost: %s", cause_text(cause).c_str());
+        log("tunnel lost: %s", cause_text(why).c_str());
     }
-    context_.lines.tell(closed_line(model_, status, reason));
+    context_.lines.broadcast(closed_line(model_, status, reason));
 }
 
 // ---------------------------------------------------------------------------------------------------------- steps
@@ -239,7 +239,7 @@ void Tunnel::show_data() {
 }
 
 void Tunnel::on_step(ctm_step step) {
-    context_.lines.tell(step_line(model_, step));
+    context_.lines.broadcast(step_line(model_, step));
     switch (step) {
         case CTM_STEP_DATA:
             return show_data();
@@ -268,7 +268,7 @@ void Tunnel::on_message(const ctm_message &message) {
     else
         log("request %ld received: %s", requests_, printable(data).c_str());
     if (context_.lines.wanted())
-        context_.lines.tell(message_line(model_, message));
+        context_.lines.broadcast(message_line(model_, message));
     else
         answer(message);
 }
@@ -290,7 +290,7 @@ void Tunnel::on_pinged(std::string_view body) {
 
 void Tunnel::on_pong(uint32_t round_trip_us) {
     log("pong received: round trip %.1f ms", round_trip_us / 1000.0);
-    context_.lines.tell(pong_line(model_, round_trip_us));
+    context_.lines.broadcast(pong_line(model_, round_trip_us));
 }
 
 }  // namespace module_program

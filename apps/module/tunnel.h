@@ -1,5 +1,5 @@
-// The tunnel of one model: what happens on it, in the timeline and in lines, and the answers of a process without a
-// handler.
+// The tunnel of one model. Shows what happens on it in the timeline and in lines, and answers its messages if the
+// process has no handler.
 #pragma once
 
 #include <cloudtunnel_module.h>
@@ -29,21 +29,21 @@ class Tunnel {
   public:
     Tunnel(const Context &context, std::string model);
 
-    // begin registers the model with the daemon, which can wait for it, and has the tunnel started.
+    // begin registers the model with the daemon, which blocks until the daemon answers, and has the tunnel started.
     ctm_result begin();
 
-    // finish closes an open tunnel; no other is started.
+    // finish closes the tunnel and has no other one started: `ended` follows.
     void finish();
 
-    // ask does what a request wants.
+    // ask does what a request asks for, and returns the library's result.
     ctm_result ask(const Request &request);
 
     [[nodiscard]] const std::string &model() const { return model_; }
     [[nodiscard]] const char *state_name() const;
     [[nodiscard]] std::string state_line() const;
     [[nodiscard]] bool ended() const { return state_ == CTM_CLOSED; }
-    [[nodiscard]] long answers() const { return answers_; }        // messages sent, over all tunnels of the model
-    [[nodiscard]] long tunnels_ended() const { return tunnels_; }  // that had been open
+    [[nodiscard]] long answers() const { return answers_; }              // messages sent, since the start
+    [[nodiscard]] long tunnels_ended() const { return tunnels_ended_; }  // ends of an open tunnel, since the start
 
   private:
     struct Target {  // the destination in the daemon's tunnel data
@@ -62,6 +62,7 @@ class Tunnel {
     void on_closed(uint16_t status, std::string_view reason);
 
     void log(const char *format, ...) const __attribute__((format(printf, 2, 3)));
+    [[nodiscard]] ctm_cause_info cause() const;  // of the present state
     [[nodiscard]] Target target() const;
     void show_data();
     void show_connecting();
@@ -74,15 +75,15 @@ class Tunnel {
     ctm_tunnel *tunnel_ = nullptr;
     ctm_state state_ = CTM_CLOSED;
     bool begun_ = false;
-    bool close_asked_ = false;  // by this program, for the tunnel that stands
+    bool close_asked_ = false;  // this program has closed the present tunnel
     bool finishing_ = false;
-    Target attempted_;  // by the last attempt
+    Target attempted_;  // of the last attempt
     long requests_ = 0;
     long answers_ = 0;
-    long tunnels_ = 0;
+    long tunnels_ended_ = 0;
 };
 
-// cause_text tells a cause and all that belongs to it in one line.
+// cause_text returns a cause and all that belongs to it in one line.
 std::string cause_text(const ctm_cause_info &cause);
 
 }  // namespace module_program
