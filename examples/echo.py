@@ -1,14 +1,16 @@
 #!/usr/bin/env python3
 """A handler for `cloudtunnel-module --exec`: it answers each message with the message, and writes each state of a tunnel
-to standard error."""
+and each answer that was refused to standard error."""
 import json
 import sys
 
 
 def answer(event):
-    """Returns what is to be done about an event; None for nothing."""
+    """Returns the request that answers an event, None if there is none."""
     if event["event"] == "state":
         print(f"{event['model']}: {event['state']} ({event['cause']}) {event['detail']}", file=sys.stderr, flush=True)
+    if event["event"] == "refused":
+        print(f"{event['model']}: not answered: {event['result']}", file=sys.stderr, flush=True)
     if event["event"] != "message":
         return None
     if "text" in event:
@@ -17,6 +19,6 @@ def answer(event):
 
 
 for line in sys.stdin:
-    action = answer(json.loads(line))
-    if action:
-        print(json.dumps(action), flush=True)
+    request = answer(json.loads(line))
+    if request:
+        print(json.dumps(request), flush=True)

@@ -24,7 +24,9 @@ answers '{"event":"message","model":"base","type":"binary","base64":"AAEC/w=="}'
 answers '{"event":"message","model":"base","type":"text","base64":"/w=="}' '{"send_base64":"/w==","model":"base"}'
 answers '{"event":"pong","model":"base","round_trip_us":500}'
 answers '{"event":"closed","model":"base","status":1000,"reason":"bye"}'
+answers '{"event":"refused","model":"base","line":8,"result":"the queue is full"}'
 
 "$1" <"$work/events" 2>"$work/errors" | sed 's/": "/":"/g; s/", "/","/g' >"$work/found"
 diff -u "$work/wanted" "$work/found"
 grep -q 'base.*open' "$work/errors"
+grep -q 'base.*not answered: .*the queue is full' "$work/errors"
