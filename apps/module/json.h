@@ -6,7 +6,7 @@
 
 namespace module_program {
 
-// is_utf8 tells whether a text is well-formed UTF-8, as JSON demands (RFC 3629).
+// is_utf8 returns whether a text is well-formed UTF-8, as JSON demands (RFC 3629).
 bool is_utf8(std::string_view text);
 
 // json_string returns a text as a JSON string, in quotes. A byte that belongs to no UTF-8 character becomes U+FFFD.

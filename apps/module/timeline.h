@@ -16,7 +16,7 @@ using Clock = std::chrono::steady_clock;
 
 class Timeline {
   public:
-    // `several` tells whether the process has more than one tunnel.
+    // `several`: the process has more than one tunnel.
     Timeline(std::FILE *to, bool several) : lines_(false, to), several_(several) {}
 
     // enter sets the state in the lines of the process, if the process has one tunnel only.
