@@ -1,7 +1,7 @@
-// Preloaded into the programs of a test, it delays their system calls at random, as a busy machine does: a test that passes
-// by luck fails. CLOUDTUNNEL_DELAYS is the seed. One process in three is slow, the others keep their speed: where all are
-// slow, the order in which they do things hardly changes. A process is delayed by 4 seconds in all at most, so that one
-// with many calls ends in time.
+// Preloaded into the programs of a test, it delays their system calls at random, as a busy machine does: a test that
+// passes by luck fails. CLOUDTUNNEL_DELAYS is the seed. One process in three is slow, the others keep their speed:
+// where all are slow, the order in which they do things hardly changes. A process is delayed by 4 seconds in all at
+// most, so that one with many calls ends in time.
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -78,7 +78,9 @@ ssize_t write(int fd, const void *bytes, size_t size) { return call<ssize_t>("wr
 ssize_t readv(int fd, const iovec *areas, int count) { return call<ssize_t>("readv", fd, areas, count); }
 ssize_t writev(int fd, const iovec *pieces, int count) { return call<ssize_t>("writev", fd, pieces, count); }
 ssize_t recv(int fd, void *area, size_t size, int flags) { return call<ssize_t>("recv", fd, area, size, flags); }
-ssize_t send(int fd, const void *bytes, size_t size, int flags) { return call<ssize_t>("send", fd, bytes, size, flags); }
+ssize_t send(int fd, const void *bytes, size_t size, int flags) {
+    return call<ssize_t>("send", fd, bytes, size, flags);
+}
 ssize_t recvmsg(int fd, msghdr *message, int flags) { return call<ssize_t>("recvmsg", fd, message, flags); }
 ssize_t sendmsg(int fd, const msghdr *message, int flags) { return call<ssize_t>("sendmsg", fd, message, flags); }
 int connect(int fd, const sockaddr *address, socklen_t size) { return call<int>("connect", fd, address, size); }
