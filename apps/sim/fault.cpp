@@ -88,23 +88,6 @@ const char *kind_of_value(Unit unit) {
     return "number";
 }
 
-// How such a value is written, as the end of a sentence about it.
-const char *way_to_write(Unit unit) {
-    switch (unit) {
-        case Unit::time:
-            return ", in ms, s or m";
-        case Unit::size:
-        case Unit::rate:
-            return ", in bytes, k or M";
-        case Unit::percent:
-        case Unit::number:
-        case Unit::word:
-        case Unit::text:
-            break;
-    }
-    return "";
-}
-
 // in_unit reads a number with one of the unit's suffixes; nothing when it is anything else. A fraction is for times.
 std::optional<double> in_unit(Unit unit, std::string_view text) {
     const std::string digits(text.substr(0, text.find_first_not_of("-.0123456789")));
@@ -419,6 +402,22 @@ std::string value_range(const Parameter &parameter) {
     if (parameter.unit == Unit::word) return choices_of(parameter);
     if (parameter.unit == Unit::text) return cat(parameter.min, " to ", parameter.max, " bytes");
     return cat(show_value(parameter, parameter.min), " to ", show_value(parameter, parameter.max));
+}
+
+const char *way_to_write(Unit unit) {
+    switch (unit) {
+        case Unit::time:
+            return ", in ms, s or m";
+        case Unit::size:
+        case Unit::rate:
+            return ", in bytes, k or M";
+        case Unit::percent:
+        case Unit::number:
+        case Unit::word:
+        case Unit::text:
+            break;
+    }
+    return "";
 }
 
 std::string bounds_of(const FaultRow &row) {

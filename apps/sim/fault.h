@@ -106,8 +106,10 @@ const char *stage_name(Stage stage);
 const char *family_name(Family family);
 
 // arguments_of shows what a fault takes: "TIME [jitter TIME]". value_range shows what a parameter may be: "1 to 64M".
+// way_to_write shows how a value with that unit is written, as the end of a sentence: ", in ms, s or m".
 std::string arguments_of(const FaultRow &row);
 std::string value_range(const Parameter &parameter);
+const char *way_to_write(Unit unit);
 
 // stages_of lists where it applies: "tls, upgrade, registration, open".
 std::string stages_of(const FaultRow &row);

@@ -131,7 +131,8 @@ void write_fault_row(JsonWriter &out, const FaultRow &row) {
     out.key("parameters").begin_array();
     for (const Parameter &parameter : row.used_parameters()) {
         out.begin_object().member("name", parameter.name).member("help", parameter.help);
-        out.member("range", value_range(parameter)).member("optional", parameter.initial.has_value());
+        out.member("range", cat(value_range(parameter), way_to_write(parameter.unit)));
+        out.member("optional", parameter.initial.has_value());
         out.key("choices").begin_array();
         for (const std::string_view choice : parameter.choices) out.value(choice);
         out.end_array().end_object();
