@@ -48,7 +48,7 @@ double WebState::now_ms() const { return ms(events_.now()); }
 void WebState::read(const Event &event) {
     if (event.kind == Kind::notice_sent && event.field("host")) {
         const double now = ms(event.time);
-        words_.insert_or_assign(std::string(event.model), WebStep{"daemon's word", now, now, event_text(event)});
+        words_.insert_or_assign(std::string(event.model), WebStep{"tunnel data", now, now, event_text(event)});
     }
     if (event.source != Source::tunnel) return;
     WebTunnel &tunnel = changed_by(event);

@@ -58,7 +58,7 @@ describe('with a module process', () => {
     await row.getByText('open', { exact: true }).waitFor();
     await row.getByRole('link').click();
     await page.getByRole('heading', { name: 'Set-up' }).waitFor();
-    for (const step of ['daemon\'s word', 'TCP', 'TLS', 'upgrade', 'registration', 'open']) {
+    for (const step of ['tunnel data', 'TCP', 'TLS', 'upgrade', 'registration', 'open']) {
       await page.locator('.step-name').getByText(step, { exact: true }).waitFor();
     }
     await page.locator('.waterfall li').filter({ hasText: 'upgrade' }).locator('summary').click();
