@@ -245,6 +245,17 @@ test('a lost simulator is shown, and the page goes on when it is back', async ()
   await page.getByText('Connected').waitFor();
 });
 
+test('a simulator with another token is told from one that does not answer', async () => {
+  const path = keepSocket();
+  const first = keep(await Simulator.start(['--socket', path, '--web-token', 'the-token-of-the-first']));
+  const page = await open(first.address);
+  await page.getByText('Connected').waitFor();
+  await first.end();
+  await page.getByText('The simulator does not answer. What is shown here is as it was').waitFor();
+  keep(await Simulator.start(['--socket', path, '--web-token', 'the-token-of-the-second', '--web', new URL(first.address).port]));
+  await page.getByText('A simulator answers, and this page\'s token is none of its').waitFor();
+});
+
 test('the daemon\'s tunnel data is edited, and a mistake in it is explained', async () => {
   const { sim } = await simulatorWith(['base']);
   const page = await open(`${sim.address}#daemon`);

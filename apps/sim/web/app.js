@@ -1,5 +1,5 @@
 // The page: a header, the connection's state, and the view that the address names behind '#'.
-import { html, render, useEffect, useState } from './vendor/preact.js';
+import { html, render, useEffect, useRef, useState } from './vendor/preact.js';
 import { Daemon } from './daemon.js';
 import { Empty, useStore } from './parts.js';
 import { Faults } from './faults.js';
@@ -18,7 +18,7 @@ const VIEWS = [
 ];
 
 function useAddress() {
-  const read = () => location.hash.slice(1).split('/').map(decodeURIComponent);
+  const read = () => location.hash.slice(1).split('/');
   const [parts, setParts] = useState(read);
   useEffect(() => {
     const listen = () => setParts(read());
@@ -41,15 +41,20 @@ function App() {
   const [path, argument] = useAddress();
   const current = VIEWS.find((view) => view.path === path) ?? VIEWS[0];
   const { hello, connection } = useStore(4);
+  const main = useRef(null);
+  const shown = useRef(`${path}/${argument}`);
   useEffect(() => {
     document.title = `${current.title} – cloudtunnel-sim`;
+    if (shown.current === `${path}/${argument}`) return;
+    shown.current = `${path}/${argument}`;
     scrollTo(0, 0);
-  }, [current, argument]);
+    if (document.activeElement === document.body) main.current.focus();  // the link that led here went with its view
+  }, [path, argument]);
   return html`
-    <a class="skip" href="#main" onClick=${(event) => { event.preventDefault(); document.getElementById('main').focus(); }}>
+    <a class="skip" href="#main" onClick=${(event) => { event.preventDefault(); main.current.focus(); }}>
       Skip to the content</a>
     <header>
-      <p class="name">cloudtunnel-sim <span class="faint">${hello?.version ?? ''}</span></p>
+      <p class="name">cloudtunnel-sim <span class="faint version">${hello?.version ?? ''}</span></p>
       <nav aria-label="Views">
         ${VIEWS.map(({ path, title }) => html`
           <a href=${`#${path}`} aria-current=${path === current.path ? 'page' : undefined}>${title}</a>`)}
@@ -57,8 +62,12 @@ function App() {
       <${Connection} />
       <${Theme} />
     </header>
-    <main id="main" tabindex="-1" class=${connection === 'lost' ? 'stale' : ''}>
+    <main id="main" tabindex="-1" ref=${main}>
       <h1>${current.title}</h1>
+      ${hello && connection === 'lost' && html`
+        <p class="notice">${store.refused
+          ? 'A simulator answers, and this page\'s token is none of its: open the address that it printed at its start.'
+          : 'The simulator does not answer.'} What is shown here is as it was when the connection was lost.</p>`}
       ${hello
         ? html`<${current.view} argument=${argument} />`
         : html`<${Empty}>${connection === 'lost'

@@ -8,6 +8,7 @@ const RETRY_MS = [250, 500, 1000, 2000, 5000];
 class Store {
   connection = 'connecting';  // 'connecting', 'open', 'lost'
   problem = '';               // why it was lost
+  refused = false;            // a simulator answers that has another token
   hello = null;               // what does not change: version, fault table
   tunnels = new Map();        // by number
   ended = 0;                  // tunnels that the simulator no longer keeps
@@ -29,9 +30,10 @@ class Store {
   #watching = 0;
   #timeline = false;
   #skew = 0;  // the simulator's clock less this page's
+  #lostAt = null;  // by this page's clock
 
-  // now is the simulator's time in milliseconds since its start.
-  now() { return performance.now() + this.#skew; }
+  // now is the simulator's time in milliseconds since its start; without a connection, that of its loss.
+  now() { return (this.#lostAt ?? performance.now()) + this.#skew; }
 
   subscribe(listener) {
     this.#listeners.add(listener);
@@ -45,12 +47,23 @@ class Store {
     socket.onclose = (event) => {
       this.connection = 'lost';
       this.problem = event.reason;
+      this.#lostAt ??= performance.now();
+      this.#askForToken();
       for (const { reject } of this.#waiting.values()) reject(new Error('The connection to the simulator was lost.'));
       this.#waiting.clear();
       const pause = RETRY_MS[Math.min(this.#retries++, RETRY_MS.length - 1)];
       setTimeout(() => this.connect(), pause);
       this.#changed();
     };
+  }
+
+  // A WebSocket that fails does not say why; a page that is asked for does.
+  async #askForToken() {
+    const FORBIDDEN = 403;
+    const refused = await fetch(`/${location.search}`, { method: 'HEAD' }).then(({ status }) => status === FORBIDDEN, () => false);
+    if (this.connection === 'open' || this.refused === refused) return;
+    this.refused = refused;
+    this.#changed();
   }
 
   // command asks the simulator for something. The promise fails with the simulator's reason.
@@ -95,6 +108,8 @@ class Store {
     this.hello = hello;
     this.connection = 'open';
     this.problem = '';
+    this.refused = false;
+    this.#lostAt = null;
     this.#retries = 0;
     this.tunnels = new Map();
     this.events = [];

@@ -34,7 +34,7 @@ export function Theme() {
     }
   };
   return html`
-    <label class="theme">Colours
+    <label class="theme"><span class="theme-word">Colours</span>
       <select value=${theme} onChange=${(event) => choose(event.target.value)}>
         ${THEMES.map((name) => html`<option value=${name}>${name}</option>`)}
       </select>
