@@ -147,6 +147,26 @@ test('everything is reached and done by the keyboard alone', async () => {
 });
 
 describe('for everyone', () => {
+  test('a page of 375 pixels shows long names, and ends where its content ends', async () => {
+    const name = 'W'.repeat(31);
+    const { sim, tunnels } = await simulatorWith([name]);
+    for (let i = 0; i < 100; i++) tunnels[0].send(`message ${i}`);
+    const page = await open(sim.address, { width: 375 });
+    await rowOf(page, name).getByText('#1').waitFor();
+    for (const [hash, shown] of [['overview', rowOf(page, name)], ['tunnel/1', framesOf(page).first()],
+      ['daemon', page.getByRole('button', { name: 'tunnel data to' })], ['timeline', page.getByRole('listbox', { name: 'Events' }).getByRole('option').first()]]) {
+      await view(page, hash);
+      await shown.waitFor();
+      const [wider, longer] = await page.evaluate(() => {
+        const { scrollWidth, scrollHeight, clientHeight } = document.documentElement;
+        return [scrollWidth - innerWidth, scrollHeight - Math.max(clientHeight, Math.ceil(document.getElementById('app').getBoundingClientRect().bottom + scrollY))];
+      });
+      assert.ok(wider <= 0, `${hash} is ${wider} pixels wider than the window`);
+      assert.ok(longer <= 0, `${hash} is ${longer} pixels longer than its content`);
+    }
+    assert.deepEqual(page.problems, []);
+  });
+
   for (const scheme of ['light', 'dark']) {
     for (const width of [375, 1600]) {
       test(`axe finds nothing, and nothing sticks out, in ${scheme} at ${width} pixels`, async () => {
@@ -254,6 +274,80 @@ test('a simulator with another token is told from one that does not answer', asy
   await page.getByText('The simulator does not answer. What is shown here is as it was').waitFor();
   keep(await Simulator.start(['--socket', path, '--web-token', 'the-token-of-the-second', '--web', new URL(first.address).port]));
   await page.getByText('A simulator answers, and this page\'s token is none of its').waitFor();
+});
+
+test('how long a tunnel is open goes on while nothing else happens', async () => {
+  const { sim } = await simulatorWith(['base']);
+  const page = await open(`${sim.address}#tunnel/1`);
+  const lasts = page.getByText(/^for \d/);
+  await lasts.waitFor();
+  sim.process.kill('SIGSTOP');  // no update comes any more
+  await page.waitForFunction((before) => parseFloat(document.querySelector('.tiles small').textContent.slice(4)) >= before + 2,
+    parseFloat((await lasts.textContent()).slice(4)));
+  assert.deepEqual(page.problems, []);
+});
+
+test('what is composed is kept for each opcode, and a tunnel that ended leads to the newest of its model', async () => {
+  const { sim, tunnels } = await simulatorWith(['base']);
+  const page = await open(`${sim.address}#tunnel/1`);
+  const opcode = page.getByRole('form', { name: 'Compose a frame' }).getByRole('combobox', { name: 'Opcode' });
+  await page.getByRole('textbox', { name: 'Text' }).fill('a text');
+  await opcode.selectOption('close');
+  assert.equal(await page.getByRole('textbox', { name: 'Reason' }).inputValue(), '');
+  await opcode.selectOption('text');
+  assert.equal(await page.getByRole('textbox', { name: 'Text' }).inputValue(), 'a text');
+
+  tunnels[0].close();
+  await page.getByText('Only an open tunnel takes frames.').waitFor();
+  keep(await RawModule.open(sim.port, 'base'));
+  await page.getByRole('link', { name: '#2' }).click();
+  await page.getByText('Ctrl+Enter sends too').waitFor();
+  assert.deepEqual(page.problems, []);
+});
+
+test('a frame of JSON that is shown in part is laid out, and one of bytes has one form only', async () => {
+  const { sim, tunnels } = await simulatorWith(['base']);
+  tunnels[0].send(JSON.stringify({ list: Array.from({ length: 2000 }, (_, i) => i), last: '{,}' }));
+  tunnels[0].send(Buffer.from([0xff, 0xfe]), 2);
+  const page = await open(`${sim.address}#tunnel/1`);
+  await framesOf(page).filter({ hasText: '{"list":' }).click();
+  const payload = page.getByRole('region', { name: /^Frame/ });
+  await payload.getByText('of which the first 4.0 KiB are shown, laid out as JSON').waitFor();
+  assert.match(await payload.locator('pre').textContent(), /^\{\n  "list": \[\n    0,\n    1,\n/);
+  await payload.getByRole('checkbox', { name: 'as hex' }).waitFor();
+  await framesOf(page).filter({ hasText: 'ff fe' }).click();
+  await payload.getByText('binary').waitFor();
+  assert.equal(await payload.getByRole('checkbox').count(), 0);
+  await page.getByRole('listbox', { name: 'Frames' }).press('Escape');
+  await payload.waitFor({ state: 'detached' });
+  assert.deepEqual(page.problems, []);
+});
+
+test('the timeline stays at its end in a smaller window, and shows an event in full that is selected', async () => {
+  const { sim, tunnels } = await simulatorWith(['base']);
+  for (let i = 0; i < 50; i++) tunnels[0].send(`message ${i}`);
+  const page = await open(`${sim.address}#timeline`, { height: 1000 });
+  const list = page.getByRole('listbox', { name: 'Events' });
+  const inView = (text) => page.waitForFunction((wanted) => {
+    const row = [...document.querySelectorAll('.event')].find(({ textContent }) => textContent.includes(wanted));
+    return row && row.getBoundingClientRect().bottom <= row.parentElement.getBoundingClientRect().bottom + 1;
+  }, text);
+  await inView('message 49');
+  await page.setViewportSize({ width: 375, height: 500 });
+  await inView('message 49');
+
+  tunnels[0].send(`long ${'x'.repeat(50)} end`);
+  await inView('long x');
+  await page.getByLabel('Filter').fill('received text');  // other events may come between
+  await page.getByText('51 events').waitFor();
+  await list.press('End');
+  const detail = page.getByRole('region', { name: 'Selected event' });
+  await detail.getByText(/long x{50} end/).waitFor();
+  await list.press('ArrowUp');
+  await detail.getByText('message 49').waitFor();
+  await list.press('Escape');
+  await detail.waitFor({ state: 'detached' });
+  assert.deepEqual(page.problems, []);
 });
 
 test('the daemon\'s tunnel data is edited, and a mistake in it is explained', async () => {

@@ -20,7 +20,7 @@ export function duration(time) {
   const seconds = time / 1000;
   if (seconds < 10) return `${seconds.toFixed(1)} s`;
   if (seconds < 60) return `${seconds.toFixed(0)} s`;
-  if (seconds < 3600) return `${Math.floor(seconds / 60)} min ${Math.floor(seconds % 60)} s`;
+  if (seconds < 3600) return `${Math.floor(seconds / 60)} min${seconds % 60 < 1 ? '' : ` ${Math.floor(seconds % 60)} s`}`;
   return `${Math.floor(seconds / 3600)} h ${Math.floor((seconds % 3600) / 60)} min`;
 }
 
@@ -33,9 +33,10 @@ export function count(number, one, many = `${one}s`) {
   return `${number.toLocaleString('en')} ${number === 1 ? one : many}`;
 }
 
-// text is the bytes as UTF-8, or null where they are none. A frame that is shown in part may end inside a character.
-export function text(data) {
-  for (let cut = 0; cut < 4 && cut <= data.length; cut++) {
+// text is the bytes as UTF-8, or null where they are none. Those of which more follows may end inside a character.
+export function text(data, moreFollows = false) {
+  const cutMost = moreFollows ? Math.min(3, data.length - 1) : 0;
+  for (let cut = 0; cut <= cutMost; cut++) {
     try {
       return decoder.decode(data.subarray(0, data.length - cut));
     } catch {
@@ -50,6 +51,11 @@ export function text(data) {
 export function visible(string) {
   return string.replace(/[\u0000-\u0008\u000b-\u001f\u007f-\u009f\u00ad\u200b-\u200f\u2028-\u202e\u2060-\u2069\ufeff]/g,
     (c) => `\\u${c.charCodeAt(0).toString(16).padStart(4, '0')}`);
+}
+
+// A tunnel has a model from its registration on.
+export function modelName({ model, state }) {
+  return visible(model) || (state === 'ended' ? '(no model named)' : '(no model yet)');
 }
 
 export function hexDump(data) {
@@ -70,4 +76,18 @@ export function prettyJson(string) {
   } catch {
     return null;
   }
+}
+
+// prettyCutJson lays out the beginning of a JSON text, or is null where the text begins as none. It adds blanks only.
+export function prettyCutJson(string) {
+  if (!/^\s*(\{\s*"|\[\s*["[{\d-])/.test(string)) return null;
+  let depth = 0;
+  const line = () => `\n${'  '.repeat(Math.max(0, depth))}`;
+  return string.trimStart().replace(/("(?:[^"\\]|\\[^])*(?:"|$))|\s+|[{[]|[}\]]|,|:/g, (token, quoted) => {
+    if (quoted) return quoted;
+    if (token === '{' || token === '[') return depth++, token + line();
+    if (token === '}' || token === ']') return depth--, line() + token;
+    if (token === ',') return token + line();
+    return token === ':' ? ': ' : '';
+  });
 }

@@ -17,6 +17,15 @@ export function useStore(perSecond = 10) {
   return store;
 }
 
+// useClock has a view that shows how long something has lasted drawn again each second.
+export function useClock() {
+  const [, redraw] = useReducer((n) => n + 1, 0);
+  useEffect(() => {
+    const timer = setInterval(redraw, 1000);
+    return () => clearInterval(timer);
+  }, []);
+}
+
 export function useNarrow(width) {
   const query = `(max-width: ${width}px)`;
   const [narrow, setNarrow] = useState(() => matchMedia(query).matches);
@@ -29,10 +38,28 @@ export function useNarrow(width) {
   return narrow;
 }
 
+// useSelection has one of the rows selected by a click or by keys; Escape selects none.
+export function useSelection(rows) {
+  const [selected, select] = useState(null);
+  const at = rows.indexOf(selected);
+  const onKeyDown = (event) => {
+    const last = rows.length - 1;
+    const steps = { ArrowDown: 1, ArrowUp: -1, PageDown: 10, PageUp: -10, Home: -last, End: last };
+    if (event.key === 'Escape') select(null);
+    if (!(event.key in steps) || last < 0) return;
+    event.preventDefault();
+    const next = at < 0 && event.key !== 'Home' ? last : at + steps[event.key];
+    select(rows[Math.max(0, Math.min(last, next))]);
+  };
+  return { at, select, onKeyDown };
+}
+
 // Rows of one height, of which only those in view exist. `follow` keeps the end in view while the user stays there.
 export function VirtualRows({ rows, height, render, follow = false, show, className = '', ...attributes }) {
   const box = useRef(null);
   const atEnd = useRef(true);
+  const following = useRef(follow);
+  following.current = follow;
   const [view, setView] = useState({ top: 0, height: 600 });
   const look = () => {
     const { scrollTop, clientHeight, scrollHeight } = box.current;
@@ -40,7 +67,10 @@ export function VirtualRows({ rows, height, render, follow = false, show, classN
     setView({ top: scrollTop, height: clientHeight });
   };
   useEffect(() => {
-    const observer = new ResizeObserver(look);
+    const observer = new ResizeObserver(() => {  // a list that was at its end stays there
+      if (following.current && atEnd.current) box.current.scrollTop = box.current.scrollHeight;
+      look();
+    });
     observer.observe(box.current);
     return () => observer.disconnect();
   }, []);
@@ -81,6 +111,15 @@ export function Spark({ values, label, width = 96, height = 24 }) {
     </svg>`;
 }
 
+// A button that keeps the focus when it has no effect any more, often because it was pressed.
+export function Button({ disabled = false, onClick, children, ...attributes }) {
+  const press = (event) => {
+    if (disabled) event.preventDefault();
+    else onClick?.(event);
+  };
+  return html`<button aria-disabled=${disabled ? 'true' : undefined} onClick=${press} ...${attributes}>${children}</button>`;
+}
+
 // A button or form that asks the simulator for something, and says what became of it.
 export function useCommand() {
   const [outcome, setOutcome] = useState(null);
@@ -99,8 +138,8 @@ export function useCommand() {
   return [run, said];
 }
 
-export function State({ name }) {
-  return html`<span class=${`state ${name.replace(' ', '-')}`}>${name}</span>`;
+export function State({ name, label = name }) {
+  return html`<span class=${`state ${name.replace(' ', '-')}`}>${label}</span>`;
 }
 
 export function Empty({ children }) {
