@@ -96,6 +96,7 @@ describe('with a module process', () => {
     await page.getByRole('button', { name: 'Switch on' }).click();
     await page.getByText('reset_peer is switched on.').waitFor();
     await page.getByRole('row').filter({ hasText: 'reset_peer' }).waitFor();
+    await page.evaluate(() => scrollTo(0, 0));
     await picture(page, 'page-faults');
 
     await view(page, 'overview');
@@ -143,6 +144,44 @@ test('everything is reached and done by the keyboard alone', async () => {
   await page.getByRole('region', { name: /^Frame \d+/ }).getByText('by keyboard').waitFor();
   await press('Home');
   await page.getByRole('region', { name: 'Frame 1' }).waitFor();
+  assert.deepEqual(page.problems, []);
+});
+
+test('the focus stays where an action leaves it: on a button without effect, above a list, in the view that was opened', async () => {
+  const { sim } = await simulatorWith(['base']);
+  const page = await open(sim.address);
+  const focused = (locator) => locator.evaluate((element) => element === document.activeElement);
+  const until = (locator) => page.waitForFunction((element) => element === document.activeElement, locator);
+  const enter = async (locator) => { await locator.focus(); await page.keyboard.press('Enter'); };
+
+  await enter(rowOf(page, /^base/).getByRole('link'));
+  await page.getByRole('heading', { name: 'Compose' }).waitFor();
+  await until(await page.locator('main').elementHandle());
+  const reset = page.getByRole('button', { name: 'Reset the connection' });
+  await enter(reset);
+  await page.getByRole('button', { name: 'Reset the connection', disabled: true }).waitFor();
+  assert.equal(await focused(reset), true);
+
+  await view(page, 'daemon');
+  const stop = page.getByRole('button', { name: 'Stop' });
+  await enter(stop);
+  await page.getByText('not listening on').waitFor();
+  await page.getByText('No module process can register while the daemon is stopped.').waitFor();
+  assert.equal(await focused(stop), true);
+  await page.keyboard.press('Enter');
+  await page.getByText('not listening on').waitFor();
+
+  await view(page, 'faults');
+  const late = page.getByRole('button', { name: 'late', exact: true });
+  await enter(late);
+  await until(await page.getByRole('heading', { name: 'late' }).elementHandle());
+  await enter(page.getByRole('button', { name: 'Choose another' }));
+  assert.equal(await focused(late), true);
+  await page.getByLabel('time: the delay').fill('1s');
+  await enter(page.getByRole('button', { name: 'Switch on' }));
+  await enter(page.getByRole('button', { name: 'Switch off late' }));
+  await until(await page.getByRole('heading', { name: 'Switched on' }).elementHandle());
+  await page.getByText('late is switched off.').waitFor();
   assert.deepEqual(page.problems, []);
 });
 

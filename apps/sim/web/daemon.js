@@ -1,6 +1,7 @@
 // The daemon: the module processes on its socket, and the tunnel data that it hands out.
 import { html, useState } from './vendor/preact.js';
-import { Empty, State, VirtualRows, useCommand, useNarrow, useStore } from './parts.js';
+import { Button, Empty, State, VirtualRows, useCommand, useNarrow, useStore } from './parts.js';
+import { visible } from './format.js';
 
 const NOTICES = [
   { notice: 'tunnel-data', label: 'tunnel data' },
@@ -11,19 +12,19 @@ const NOTICES = [
 function Modules({ models, running }) {
   const [run, outcome] = useCommand();
   const height = useNarrow(600) ? 118 : 46;
-  if (!models.length) return html`<${Empty}>No module process has registered.<//>`;
+  if (!models.length) return html`<${Empty}>${running ? 'No module process has registered.' : 'No module process can register while the daemon is stopped.'}<//>`;
   return html`
     <div role="table" aria-label="Modules" aria-rowcount=${models.length + 1}>
       <div role="rowgroup"><div class="row module head" role="row" aria-rowindex="1">
-        <span role="columnheader">Model</span><span role="columnheader">Link</span><span role="columnheader">Send it</span>
+        <span role="columnheader">Model</span><span role="columnheader">Link</span><span role="columnheader" class="m-send">Send</span>
       </div></div>
       <${VirtualRows} role="rowgroup" tabindex="0" aria-label="Modules" rows=${models} height=${height}
         render=${({ name, link }, index) => html`
           <div class="row module" role="row" key=${`${link} ${name}`} aria-rowindex=${index + 2} style=${{ height: `${height}px` }}>
-            <span role="cell">${name || '(empty)'}</span><span role="cell">${link}</span>
+            <span role="cell" title=${name}>${visible(name) || '(empty)'}</span><span role="cell">${link}</span>
             <span role="cell" class="buttons">${NOTICES.map(({ notice, label }) => html`
-              <button disabled=${!running} onClick=${() => run('notify', { model: name, notice }, `It is queued for ${name}.`)}>
-                ${label}<span class="unseen"> to ${name}</span></button>`)}
+              <${Button} disabled=${!running} onClick=${() => run('notify', { model: name, notice }, `“${label}” is on its way to ${visible(name)}.`)}>
+                ${label}<span class="unseen"> to ${visible(name)}</span><//>`)}
             </span>
           </div>`} />
     </div>${outcome}`;
@@ -50,8 +51,8 @@ function TunnelData({ data }) {
       ${FIELDS.map(({ name, label, type, ...limits }) => html`
         <label key=${name}>${label} <input type=${type ?? 'text'} ...${limits} value=${edited[name] ?? data[name]} spellcheck=${false}
           onInput=${(event) => setEdited({ ...edited, [name]: type === 'number' ? Number(event.target.value) : event.target.value })} /></label>`)}
-      <button class="primary" disabled=${Object.keys(edited).length === 0}>Change</button>
-      <button type="button" disabled=${Object.keys(edited).length === 0} onClick=${() => setEdited({})}>Discard</button>
+      <${Button} class="primary" disabled=${Object.keys(edited).length === 0}>Change<//>
+      <${Button} type="button" disabled=${Object.keys(edited).length === 0} onClick=${() => setEdited({})}>Discard<//>
       ${outcome}
     </form>`;
 }
@@ -64,11 +65,11 @@ export function Daemon() {
   return html`
     <section class="card">
       <h2>Socket</h2>
-      <p><${State} name=${running ? 'open' : 'ended'} /> ${running ? 'listening on' : 'not listening on'} <code>${path}</code></p>
+      <p><${State} name=${running ? 'open' : 'ended'} label=${running ? 'running' : 'stopped'} /> ${running ? 'listening on' : 'not listening on'} <code>${path}</code></p>
       <div class="bar">
-        <button onClick=${() => run('daemon', { action: 'restart' }, 'The daemon has restarted.')} disabled=${!running}>Restart</button>
-        <button onClick=${() => run('daemon', { action: 'stop' }, 'The daemon has stopped.')} disabled=${!running}>Stop</button>
-        <button onClick=${() => run('daemon', { action: 'start' }, 'The daemon has started.')} disabled=${running}>Start</button>
+        <${Button} onClick=${() => run('daemon', { action: 'restart' }, 'The daemon has restarted.')} disabled=${!running}>Restart<//>
+        <${Button} onClick=${() => run('daemon', { action: 'stop' }, 'The daemon has stopped.')} disabled=${!running}>Stop<//>
+        <${Button} onClick=${() => run('daemon', { action: 'start' }, 'The daemon has started.')} disabled=${running}>Start<//>
         ${outcome}
       </div>
     </section>
