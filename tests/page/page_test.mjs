@@ -51,7 +51,7 @@ describe('with a module process', () => {
   test('a tunnel comes up, a request is answered, and a lost tunnel is shown with its cause until it is back', async () => {
     const sim = keep(await Simulator.start());
     const page = await open(sim.address);
-    await page.getByText('No module has registered yet').waitFor();
+    await page.getByText('No module has registered yet. Start one, for example cloudtunnel-module --model base.').waitFor();
 
     keep(startModule('--model', 'base'));
     const row = rowOf(page, /^base/);
@@ -82,6 +82,18 @@ describe('with a module process', () => {
     await view(page, 'overview');
     await rowOf(page, /^base #2/).getByText('open', { exact: true }).waitFor();
     await rowOf(page, /^base #2/).getByText('connection reset by the platform').waitFor();
+    assert.deepEqual(page.problems, []);
+  });
+
+  test('a set-up that fails before the model is named has a row, which leads to its steps', async () => {
+    const sim = keep(await Simulator.start(['--fault', 'status 404']));
+    keep(startModule('--model', 'base'));
+    const page = await open(sim.address);
+    const row = rowOf(page, '(no model named)');
+    await row.getByText('connection closed by the module').waitFor();
+    await row.getByRole('link').click();
+    await page.locator('.waterfall li').filter({ hasText: 'upgrade' }).locator('summary').click();
+    await page.getByText('HTTP/1.1 404 Not Found').waitFor();
     assert.deepEqual(page.problems, []);
   });
 
@@ -269,12 +281,13 @@ test('a fault of TLS is refused with the reason where the platform is plain', as
 test('what a module sends is shown as text, whatever it is', async () => {
   const hostile = ['<img src=x onerror="document.title=1">', '</script><script>alert(1)</script>', '<svg/onload=alert(1)>',
     '"><iframe src=javascript:alert(1)>', '{"__proto__": {"polluted": 1}}', '\u202Egnp.exe', '&lt;b&gt;', '${alert(1)}', 'javascript:alert(1)'];
-  const { sim, tunnels } = await simulatorWith(['<b>base</b>', '__proto__']);
+  const { sim, tunnels } = await simulatorWith(['<b>base</b>', '__proto__', '\u202Eevil']);
   for (const text of hostile) tunnels[0].send(text);
   tunnels[0].send(Buffer.from([0xff, 0xfe, 0x00, 0x3c, 0x62, 0x3e]), 2);
   const page = await open(sim.address);
   await rowOf(page, '<b>base</b>').waitFor();
   await rowOf(page, '__proto__').waitFor();
+  await rowOf(page, '\\u202eevil').waitFor();
   await view(page, 'tunnel/1');
   for (const text of hostile) {
     await framesOf(page).filter({ hasText: text.replace('\u202E', '\\u202e') }).last().click();
