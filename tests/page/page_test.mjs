@@ -218,6 +218,19 @@ describe('for everyone', () => {
     assert.deepEqual(page.problems, []);
   });
 
+  test('the overview of 1280 pixels cuts neither a head nor a number nor a cause', async () => {
+    const { sim, tunnels } = await simulatorWith(['base', 'log']);
+    for (let i = 1; i <= 1300; i++) tunnels[0].send(`message ${i} of the load`);
+    sim.type('use log');
+    sim.type('drop');
+    const page = await open(sim.address);
+    await rowOf(page, /^log/).getByText('connection reset by the platform').waitFor();
+    await rowOf(page, /^base/).getByText('1,301 msg 30 KiB').waitFor();
+    assert.deepEqual(await page.evaluate(() => [...document.querySelectorAll('.tunnel-row > *')]
+      .filter(({ scrollWidth, clientWidth }) => scrollWidth > clientWidth).map(({ textContent }) => textContent)), []);
+    assert.deepEqual(page.problems, []);
+  });
+
   for (const scheme of ['light', 'dark']) {
     for (const width of [375, 1600]) {
       test(`axe finds nothing, and nothing sticks out, in ${scheme} at ${width} pixels`, async () => {
