@@ -48,7 +48,7 @@ double WebState::now_ms() const { return ms(events_.now()); }
 void WebState::read(const Event &event) {
     if (event.kind == Kind::notice_sent && event.field("host")) {
         const double now = ms(event.time);
-        words_.insert_or_assign(std::string(event.model), WebStep{"tunnel data", now, now, event_text(event)});
+        tunnel_data_.insert_or_assign(std::string(event.model), WebStep{"tunnel data", now, now, event_text(event)});
     }
     if (event.source != Source::tunnel) return;
     WebTunnel &tunnel = changed_by(event);
@@ -123,12 +123,12 @@ void WebState::set_up(const Event &event, WebTunnel &tunnel) {
             break;
         case Kind::registration_received: {
             say(begin("registration"), event.bytes_of("json"));
-            // Which word of the daemon led here is known only now that the tunnel has named its model.
-            const auto word = words_.find(event.model);
-            if (word == words_.end() || word->second.end_ms > steps.front().start_ms) break;
-            steps.front().start_ms = word->second.end_ms;
-            steps.insert(steps.begin(), std::move(word->second));
-            words_.erase(word);
+            // Which tunnel data led here is known only now that the tunnel has named its model.
+            const auto data = tunnel_data_.find(event.model);
+            if (data == tunnel_data_.end() || data->second.end_ms > steps.front().start_ms) break;
+            steps.front().start_ms = data->second.end_ms;
+            steps.insert(steps.begin(), std::move(data->second));
+            tunnel_data_.erase(data);
             break;
         }
         case Kind::registration_answered:

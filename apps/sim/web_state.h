@@ -112,8 +112,8 @@ class WebState {
 
     const EventStream &events_;
     std::map<int, WebTunnel> tunnels_;
-    std::deque<int> ended_;                              // the oldest first
-    std::map<std::string, WebStep, std::less<>> words_;  // of the daemon: the newest tunnel data sent, by model
+    std::deque<int> ended_;                                    // the oldest first
+    std::map<std::string, WebStep, std::less<>> tunnel_data_;  // the newest that the daemon sent, by model
     EventPacker &packer_;
     EventTail lines_{kLinesMax};                // a line is written when a page shows it: most are never shown
     std::map<std::uint64_t, WebLine> written_;  // by its number: in place of an event that takes much more room
