@@ -49,17 +49,17 @@ test: test-release test-sanitize ## Build and run all tests, then again under th
 test-release: packages packages-tests ## The tests of what is shipped
 	cmake --preset release $(ALL_EXAMPLES)
 	cmake --build --preset release
-	scripts/run-tests.sh release
+	ctest --preset release
 
 test-sanitize: packages packages-tests ## The tests under the address and undefined-behaviour sanitizers
 	cmake --preset sanitize $(ALL_EXAMPLES)
 	cmake --build --preset sanitize
-	scripts/run-tests.sh sanitize
+	ctest --preset sanitize
 
 test-clang: packages packages-tests packages-lint ## The tests, built with clang
 	cmake --preset clang $(ALL_EXAMPLES)
 	cmake --build --preset clang
-	scripts/run-tests.sh clang
+	ctest --preset clang
 
 test-page: packages packages-page ## The simulator's page in a browser (SCREENSHOTS=folder keeps its pictures)
 	cmake --preset release
@@ -85,7 +85,7 @@ valgrind: packages packages-tests packages-valgrind ## The whole-tunnel tests un
 delays: packages packages-tests ## The tests of whole programs, with their system calls delayed at random (SEED=n)
 	cmake --preset release $(ALL_EXAMPLES)
 	cmake --build --preset release
-	scripts/run-tests.sh release $(SEED)
+	scripts/delays.sh release $(SEED)
 
 # One run after the other, so that each has the machine to itself. SEED=n draws other random numbers.
 SEED := 1
@@ -113,7 +113,7 @@ device-tested: packages packages-tests packages-device
 	cmake --build --preset device
 	cmake --preset device-fast
 	cmake --build --preset device-fast
-	scripts/run-tests.sh device
+	ctest --preset device
 
 torture: packages packages-tests ## Every call that can fail, fails once: under the sanitizers, in less than an hour
 	cmake --preset sanitize
