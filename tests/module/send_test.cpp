@@ -28,6 +28,16 @@ class SendTest : public ModuleTest {
             platform.server.get()));
         return arrived;
     }
+    // Reads until the newest frame is a close with status 1000 and no reason.
+    bool a_normal_close_comes_last(Platform &platform) {
+        std::string last;
+        return run_until(
+            [&] {
+                while (const auto piece = frame_now(platform)) last = std::to_string(piece->opcode) + piece->body;
+                return last == "8\x03\xe8";
+            },
+            platform.server.get());
+    }
     static std::string pattern(size_t length) {
         std::string text(length, '\0');
         for (size_t i = 0; i < length; i++) text[i] = static_cast<char>(i * 31 + i / 251);
@@ -205,13 +215,7 @@ TEST_F(SendTest, a_close_of_the_peer_drops_the_queue_and_completes_the_frame) {
     ctm_tunnel_send(guest.tunnel, CTM_BINARY, message.data(), message.size());
     ctm_tunnel_send_text(guest.tunnel, "never");
     platform.server->send(frame(support::kClose, "\x03\xe8"));
-    std::string last;
-    EXPECT_TRUE(run_until(
-        [&] {
-            while (const auto piece = frame_now(platform)) last = std::to_string(piece->opcode) + piece->body;
-            return last == "8\x03\xe8";
-        },
-        platform.server.get()));
+    EXPECT_TRUE(a_normal_close_comes_last(platform));
     EXPECT_EQ(guest.counters().queue_bytes, 0U);
     EXPECT_EQ(guest.counters().messages_out, 0U);
 }
@@ -233,13 +237,7 @@ TEST_F(SendTest, the_answer_to_a_close_has_its_second_anew_as_long_as_the_line_m
     EXPECT_TRUE(run_until([&] { return guest.state() == "closing"; }));
     EXPECT_EQ(guest.counters().queue_messages, 1U);  // in the middle of a frame
     clock.set_monotonic_ms(600);
-    std::string last;
-    EXPECT_TRUE(run_until(
-        [&] {
-            while (const auto piece = frame_now(platform)) last = std::to_string(piece->opcode) + piece->body;
-            return last == "8\x03\xe8";
-        },
-        platform.server.get()));
+    EXPECT_TRUE(a_normal_close_comes_last(platform));
     clock.advance(1);
     clock.set_monotonic_ms(200);
     ctm_dispatch();
